@@ -1,0 +1,166 @@
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <quorval/config.h>
+
+#include "config/elements.h"
+
+namespace Quorval {
+
+struct BlockConfiguration::KeyValue::Impl {
+    using Members = std::vector<KeyValue>;
+
+    std::string key;
+    std::variant<Value, Members, std::vector<Members>> content;
+
+    template <class Content>
+    static std::shared_ptr<const Impl> make(StringWrapper key, Content content)
+    {
+        return std::make_shared<const Impl>(Impl{std::move(key.value_), std::move(content)});
+    }
+
+    static void set_all(BlockConfiguration& config, const std::string& prefix,
+                        const Members& members)
+    {
+        for (const KeyValue& member : members) {
+            set_recursively(config, prefix, member);
+        }
+    }
+};
+
+namespace {
+
+/// A null pointer makes the constructor of the string throw.
+Value make_strings(const char* const* first, const char* const* last)
+{
+    return make_value(std::vector<std::string>(first, last));
+}
+
+}  // namespace
+
+BlockConfiguration::KeyValue::StringWrapper::StringWrapper(const char* value) : value_(value) {}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, bool value)
+    : impl_(Impl::make(std::move(key), make_value(value)))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, int value)
+    : impl_(Impl::make(std::move(key), make_value(value)))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, double value)
+    : impl_(Impl::make(std::move(key), make_value(value)))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, StringWrapper value)
+    : impl_(Impl::make(std::move(key), make_value(std::move(value.value_))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, const char* value)
+    : impl_(Impl::make(std::move(key), make_value(std::string(value))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<int> values)
+    : impl_(Impl::make(std::move(key), make_value(std::vector<int>(values))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<double> values)
+    : impl_(Impl::make(std::move(key), make_value(std::vector<double>(values))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key,
+                                       std::initializer_list<StringWrapper> values)
+{
+    std::vector<std::string> strings;
+    strings.reserve(values.size());
+    for (const StringWrapper& value : values) {
+        strings.push_back(value.value_);
+    }
+    impl_ = Impl::make(std::move(key), make_value(std::move(strings)));
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<const char*> values)
+    : impl_(Impl::make(std::move(key), make_strings(values.begin(), values.end())))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<bool> values)
+    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<int> values)
+    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<double> values)
+    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<std::string> values)
+    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<const char*> values)
+    : impl_(Impl::make(std::move(key), make_strings(values.data(), values.data() + values.size())))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<KeyValue> members)
+    : impl_(Impl::make(std::move(key), Impl::Members(members)))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<std::initializer_list<KeyValue>> subtrees)
+    : impl_(Impl::make(std::move(key), std::vector<Impl::Members>(subtrees.begin(), subtrees.end())))
+{
+}
+
+BlockConfiguration::KeyValue::KeyValue(const KeyValue& other) = default;
+
+BlockConfiguration::KeyValue& BlockConfiguration::KeyValue::operator=(const KeyValue& other) =
+    default;
+
+BlockConfiguration::KeyValue::~KeyValue() = default;
+
+void BlockConfiguration::KeyValue::set_recursively(BlockConfiguration& config,
+                                                   const std::string& prefix, KeyValue value)
+{
+    const std::string path = prefix + value.impl_->key;
+    const auto& content = value.impl_->content;
+    if (const auto* leaf = std::get_if<Value>(&content)) {
+        BlockConfiguration::Impl::of(config).set(path, copy_value(*leaf));
+    } else if (const auto* members = std::get_if<Impl::Members>(&content)) {
+        Impl::set_all(config, path + ".", *members);
+    } else if (const auto* subtrees = std::get_if<std::vector<Impl::Members>>(&content)) {
+        for (std::size_t index = 0; index < subtrees->size(); ++index) {
+            Impl::set_all(config, path + "." + std::to_string(index) + ".", (*subtrees)[index]);
+        }
+    } else {
+        throw std::runtime_error("Internal error");
+    }
+}
+
+BlockConfiguration::BlockConfiguration(std::initializer_list<KeyValue> values)
+    : BlockConfiguration()
+{
+    for (const KeyValue& value : values) {
+        KeyValue::set_recursively(*this, "", value);
+    }
+}
+
+}  // namespace Quorval

@@ -1,0 +1,2 @@
+#include "support/support.h"
+TEST(Smoke, Links) { EXPECT_NE(Quorval::loginstance, nullptr); }
