@@ -230,22 +230,25 @@ public:
     KeyValue(StringWrapper key, const char* value);
 
     /// A vector, an empty one too. A list of one element is a vector all the same.
-    // A template, because a list that is not all bool cannot deduce it: otherwise {"a", 1} would be
-    // two bools.
-    template <class Bool, std::enable_if_t<std::is_same<Bool, bool>::value, int> = 0>
-    KeyValue(StringWrapper key, std::initializer_list<Bool> values)
-        : KeyValue(std::move(key), std::vector<bool>(values))
-    {
-    }
     KeyValue(StringWrapper key, std::initializer_list<int> values);
     KeyValue(StringWrapper key, std::initializer_list<double> values);
     KeyValue(StringWrapper key, std::initializer_list<StringWrapper> values);
     KeyValue(StringWrapper key, std::initializer_list<const char*> values);
-    KeyValue(StringWrapper key, std::vector<bool> values);
-    KeyValue(StringWrapper key, std::vector<int> values);
-    KeyValue(StringWrapper key, std::vector<double> values);
-    KeyValue(StringWrapper key, std::vector<std::string> values);
-    KeyValue(StringWrapper key, std::vector<const char*> values);
+    // A template, because a list that is not all bool cannot deduce it: otherwise {"a", 1} would be
+    // two bools.
+    template <class Bool, std::enable_if_t<std::is_same<Bool, bool>::value, int> = 0>
+    KeyValue(StringWrapper key, std::initializer_list<Bool> values);
+
+    /// A vector of bool, int, double, std::string or const char*.
+    // A template, because a list in braces cannot deduce it: otherwise {{"a", "b"}, {"c"}} would
+    // be a vector whose first string lies between two pointers.
+    template <
+        class T,
+        std::enable_if_t<
+            std::disjunction<std::is_same<T, bool>, std::is_same<T, int>, std::is_same<T, double>,
+                             std::is_same<T, std::string>, std::is_same<T, const char*>>::value,
+            int> = 0>
+    KeyValue(StringWrapper key, std::vector<T> values);
 
     /// A subtree: its members are stored under `<key>.`. An empty one leaves no trace.
     KeyValue(StringWrapper key, std::initializer_list<KeyValue> members);

@@ -29,7 +29,7 @@ public:
     const std::string& get_path();
 
 private:
-    void* handle_;
+    void* handle_ = nullptr;
     std::string path_;
 };
 

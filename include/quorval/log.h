@@ -6,6 +6,7 @@
 #include <ostream>
 #include <sstream>
 #include <type_traits>
+#include <utility>
 
 #include <quorval/export.h>
 
@@ -81,9 +82,9 @@ public:
 
     /// Takes everything else that can be written to a std::ostream, std::setw() and the like too.
     template <class T, std::enable_if_t<!std::is_scalar<std::decay_t<T>>::value, int> = 0>
-    ilog& operator<<(const T& value)
+    ilog& operator<<(T&& value)
     {
-        static_cast<std::ostream&>(*this) << value;
+        static_cast<std::ostream&>(*this) << std::forward<T>(value);
         return *this;
     }
 

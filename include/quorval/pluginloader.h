@@ -64,11 +64,10 @@ public:
     PluginLoader(const PluginLoader&) = delete;
     PluginLoader& operator=(const PluginLoader&) = delete;
 
-    void register_block_create_fn(
-        const std::string& type,
-        std::function<std::unique_ptr<Container>(std::string, const BlockConfiguration&,
-                                                 const InitTools&)>
-            fn) override;
+    void register_block_create_fn(const std::string& type,
+                                  std::function<std::unique_ptr<Container>(
+                                      std::string, const BlockConfiguration&, const InitTools&)>
+                                      fn) override;
     void register_type(const std::string& name) override;
 
     /// Drops the create functions, then the loader's share of the plug-in.

@@ -36,8 +36,8 @@ public:
     POFStream(const std::string& path, const std::string& filename);
 
     /// Takes the names of the target and the state of the stream alone: what was written into
-    /// `other` stays there, and the new stream has no buffer until open(). Make a stream that is
-    /// to carry data in place.
+    /// `other` stays there, and the new stream has no buffer: write nothing to it before open().
+    /// Make a stream that is to carry data in place.
     POFStream(POFStream&& other);
     POFStream(const POFStream&) = delete;
     POFStream& operator=(const POFStream&) = delete;
@@ -108,7 +108,7 @@ private:
 class QUORVAL_EXPORT PStore {
 public:
     /// A store without a path: every access to a file throws.
-    PStore() = default;
+    PStore();
     /// @param path  the directory, used as it is given; for writing it has to be absolute and to
     ///              end in "/"
     PStore(const std::string& path);

@@ -238,7 +238,8 @@ bool Block::run()
     return true;
 }
 
-void Block::reconfigure(const BlockConfiguration& /*merged*/, const BlockConfiguration& /*override*/)
+void Block::reconfigure(const BlockConfiguration& /*merged*/,
+                        const BlockConfiguration& /*override*/)
 {
 }
 

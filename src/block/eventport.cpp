@@ -45,7 +45,7 @@ void EventPort::reset(bool /*force*/)
         std::uint64_t count = 0;
         const ssize_t result = ::read(fd_, &count, sizeof count);
         if (result < 0) {
-            throw_reset_failed(result, name_);
+            throw_reset_failed(result, get_name());
         }
     }
     Port::reset(true);
@@ -55,7 +55,7 @@ void EventPort::fire()
 {
     const std::uint64_t one = 1;
     if (::write(fd_, &one, sizeof one) < 0) {
-        throw_fire_failed(errno, name_);
+        throw_fire_failed(errno, get_name());
     }
 }
 

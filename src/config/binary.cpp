@@ -4,10 +4,12 @@
 #include <cstdint>
 #include <exception>
 #include <istream>
-#include <limits>
+#include <numeric>
+#include <sstream>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -55,13 +57,64 @@ constexpr std::size_t kStep = std::size_t{64} * 1024;
 std::string decimal_product(Count count, std::size_t size)
 {
     constexpr Count kHalf = 1'000'000'000;
+    constexpr std::size_t kHalfDigits = 9;
     const Count low = count % kHalf * size;
     const Count high = count / kHalf * size + low / kHalf;
     if (high == 0) {
         return std::to_string(low);
     }
     const std::string digits = std::to_string(low % kHalf);
-    return std::to_string(high) + std::string(9 - digits.size(), '0') + digits;
+    return std::to_string(high) + std::string(kHalfDigits - digits.size(), '0') + digits;
+}
+
+/// The bytes that a content takes behind its type name.
+template <class Content>
+std::size_t size_of(const Content& /*scalar*/)
+{
+    return sizeof(Content);
+}
+
+std::size_t size_of(std::string_view text)
+{
+    return sizeof(Count) + text.size();
+}
+
+std::size_t size_of(const std::string& text)
+{
+    return size_of(std::string_view(text));
+}
+
+template <class Item>
+std::size_t size_of(const std::vector<Item>& items)
+{
+    return sizeof(Count) + items.size() * sizeof(Item);
+}
+
+std::size_t size_of(const std::vector<std::string>& texts)
+{
+    return std::accumulate(
+        texts.begin(), texts.end(), sizeof(Count),
+        [](std::size_t size, const std::string& text) { return size + size_of(text); });
+}
+
+std::size_t size_of(const Elements& elements)
+{
+    std::size_t size = 0;
+    for (const auto& [key, element] : elements) {
+        size += size_of(key) + size_of(kTypeNames[element.value.index()]) +
+                visit_content(element.value, [](const auto& content) { return size_of(content); });
+    }
+    return size;
+}
+
+/// Makes room in an empty buffer, which would otherwise grow by doubling and be copied each time.
+void reserve(std::stringbuf& buffer, std::size_t size)
+{
+    if (buffer.view().empty()) {
+        std::string room;
+        room.reserve(size);
+        buffer.str(std::move(room));
+    }
 }
 
 /// Writes the fields of a record, each with one raw write, bools in steps.
@@ -101,6 +154,7 @@ public:
     void write(const std::vector<bool>& bools)
     {
         write_count(bools.size());
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled before it is read
         std::array<unsigned char, kStep> bytes;
         for (auto from = bools.begin(); from != bools.end();) {
             const auto left = static_cast<std::size_t>(bools.end() - from);
@@ -178,10 +232,13 @@ public:
         if (is_there(count, 1)) {
             bools.reserve(count);
         }
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled before it is read
         std::array<unsigned char, kStep> bytes;
         read_in_steps(count, 1, kStep, [&](cereal::BinaryInputArchive& archive, std::size_t step) {
             archive.loadBinary(bytes.data(), static_cast<std::streamsize>(step));
-            std::transform(bytes.begin(), bytes.begin() + step, std::back_inserter(bools), is_true);
+            bools.resize(bools.size() + step);
+            std::transform(bytes.begin(), bytes.begin() + step,
+                           bools.end() - static_cast<std::ptrdiff_t>(step), is_true);
         });
     }
 
@@ -202,12 +259,13 @@ private:
         constexpr std::size_t kSize = sizeof(typename Items::value_type);
         const Count count = read_count();
         const Count step = is_there(count, kSize) ? count : kStep / kSize;
-        read_in_steps(count, kSize, step, [&](cereal::BinaryInputArchive& archive,
-                                              std::size_t more) {
-            const std::size_t before = items.size();
-            items.resize(before + more);
-            archive.loadBinary(items.data() + before, static_cast<std::streamsize>(more * kSize));
-        });
+        read_in_steps(count, kSize, step,
+                      [&](cereal::BinaryInputArchive& archive, std::size_t more) {
+                          const std::size_t before = items.size();
+                          items.resize(before + more);
+                          archive.loadBinary(items.data() + before,
+                                             static_cast<std::streamsize>(more * kSize));
+                      });
     }
 
     /// Calls `read_step(archive, items)` until `count` items are read, for at most `step` at a
@@ -308,6 +366,7 @@ POFStream& operator<<(POFStream& out, const BlockConfiguration& config)
     if (out.rdbuf() == nullptr && !elements.empty()) {
         throw_short_write(sizeof(Count), 0);
     }
+    reserve(out.buffer_, size_of(elements));
     Writer writer(out);
     for (const auto& [key, element] : elements) {
         writer.write(key);

@@ -160,8 +160,8 @@ BlockConfiguration::Impl& BlockConfiguration::Impl::of(BlockConfiguration& confi
 
 const Element* BlockConfiguration::Impl::get_element(const std::string& key) const
 {
-    const auto found = elements.find(key);
-    return found != elements.end() ? &found->second : nullptr;
+    const auto found = elements.lower_bound(SoughtKey(key));
+    return found != elements.end() && found->first == key ? &found->second : nullptr;
 }
 
 void BlockConfiguration::Impl::set(const std::string& key, Value value)
@@ -172,21 +172,16 @@ void BlockConfiguration::Impl::set(const std::string& key, Value value)
     put(key, Element(std::move(value)));
 }
 
-Elements::iterator BlockConfiguration::Impl::put(const std::string& key, Element element)
+void BlockConfiguration::Impl::put(const std::string& key, Element element)
 {
     // Keys that arrive sorted need no search.
     const bool is_last = !elements.empty() && elements.rbegin()->first < key;
-    return put(is_last ? elements.end() : elements.lower_bound(key), key, std::move(element));
-}
-
-Elements::iterator BlockConfiguration::Impl::put(Elements::iterator hint, const std::string& key,
-                                                 Element element)
-{
-    if (hint != elements.end() && hint->first == key) {
-        hint->second = std::move(element);
-        return hint;
+    const auto at = is_last ? elements.end() : elements.lower_bound(SoughtKey(key));
+    if (at != elements.end() && at->first == key) {
+        at->second = std::move(element);
+    } else {
+        elements.emplace_hint(at, key, std::move(element));
     }
-    return elements.emplace_hint(hint, key, std::move(element));
 }
 
 BlockConfiguration::BlockConfiguration() : impl_(std::make_unique<Impl>()) {}
@@ -325,34 +320,45 @@ float BlockConfiguration::getFloat(const std::string& key, float default_value) 
     return get_or<float>("getFloat", Impl::of(*this).get_element(key), key, default_value);
 }
 
-std::string BlockConfiguration::getString(const std::string& key, const std::string& default_value) const
+std::string BlockConfiguration::getString(const std::string& key,
+                                          const std::string& default_value) const
 {
     return get_or<std::string>("getString", Impl::of(*this).get_element(key), key, default_value);
 }
 
-std::vector<int> BlockConfiguration::getIntVector(const std::string& key, const std::vector<int>& default_value) const
+std::vector<int> BlockConfiguration::getIntVector(const std::string& key,
+                                                  const std::vector<int>& default_value) const
 {
-    return get_or<std::vector<int>>("getIntVector", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<std::vector<int>>("getIntVector", Impl::of(*this).get_element(key), key,
+                                    default_value);
 }
 
-std::vector<double> BlockConfiguration::getDoubleVector(const std::string& key, const std::vector<double>& default_value) const
+std::vector<double> BlockConfiguration::getDoubleVector(
+    const std::string& key, const std::vector<double>& default_value) const
 {
-    return get_or<std::vector<double>>("getDoubleVector", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<std::vector<double>>("getDoubleVector", Impl::of(*this).get_element(key), key,
+                                       default_value);
 }
 
-std::vector<float> BlockConfiguration::getFloatVector(const std::string& key, const std::vector<float>& default_value) const
+std::vector<float> BlockConfiguration::getFloatVector(const std::string& key,
+                                                      const std::vector<float>& default_value) const
 {
-    return get_or<std::vector<float>>("getFloatVector", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<std::vector<float>>("getFloatVector", Impl::of(*this).get_element(key), key,
+                                      default_value);
 }
 
-std::vector<std::string> BlockConfiguration::getStringVector(const std::string& key, const std::vector<std::string>& default_value) const
+std::vector<std::string> BlockConfiguration::getStringVector(
+    const std::string& key, const std::vector<std::string>& default_value) const
 {
-    return get_or<std::vector<std::string>>("getStringVector", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<std::vector<std::string>>("getStringVector", Impl::of(*this).get_element(key),
+                                            key, default_value);
 }
 
-std::vector<bool> BlockConfiguration::getBoolVector(const std::string& key, const std::vector<bool>& default_value) const
+std::vector<bool> BlockConfiguration::getBoolVector(const std::string& key,
+                                                    const std::vector<bool>& default_value) const
 {
-    return get_or<std::vector<bool>>("getBoolVector", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<std::vector<bool>>("getBoolVector", Impl::of(*this).get_element(key), key,
+                                     default_value);
 }
 
 BlockConfiguration::Type BlockConfiguration::getType(const std::string& key) const

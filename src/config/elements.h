@@ -1,6 +1,7 @@
 // How the elements of a configuration are kept, and what all operations on them share.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <map>
@@ -19,13 +20,12 @@ namespace Quorval {
 /// A value. The alternatives have the order of BlockConfiguration::Type. Strings and vectors lie
 /// behind a pointer, never null: elements stay small, and moving or replacing a value cannot fail.
 using Value =
-    std::variant<int, bool, double, std::unique_ptr<std::string>,
-                 std::unique_ptr<std::vector<int>>, std::unique_ptr<std::vector<double>>,
-                 std::unique_ptr<std::vector<std::string>>, std::unique_ptr<std::vector<bool>>>;
+    std::variant<int, bool, double, std::unique_ptr<std::string>, std::unique_ptr<std::vector<int>>,
+                 std::unique_ptr<std::vector<double>>, std::unique_ptr<std::vector<std::string>>,
+                 std::unique_ptr<std::vector<bool>>>;
 
 constexpr std::array<std::string_view, std::variant_size_v<Value>> kTypeNames = {
-    "int",       "bool",         "double",       "string",
-    "IntVector", "DoubleVector", "StringVector", "BoolVector"};
+    "int", "bool", "double", "string", "IntVector", "DoubleVector", "StringVector", "BoolVector"};
 
 template <class T>
 constexpr bool kIsScalar = std::is_arithmetic_v<T>;
@@ -108,21 +108,63 @@ struct Element {
     mutable bool consumed = false;
 };
 
-/// The elements by their full keys. References to elements stay valid while others come and go.
-using Elements = std::map<std::string, Element>;
+/// A key that is looked for. The keys of a configuration begin alike, so a search remembers how
+/// much of the key the nearest lower and the nearest greater one that it met have in common with
+/// it: all keys in between share the smaller part, and need not be compared there again.
+class SoughtKey {
+public:
+    explicit SoughtKey(const std::string& key) : key_(key) {}
 
-/// The first element from `at` on whose key is not less than `key`; all before `at` are less.
+    /// Whether `other`, a key between those met so far, is less than this one.
+    bool is_greater_than(const std::string& other) const
+    {
+        const std::size_t length = std::min(key_.size(), other.size());
+        std::size_t common = std::min(common_with_lower_, common_with_greater_);
+        while (common < length && key_[common] == other[common]) {
+            ++common;
+        }
+        const bool is_greater = common < length ? static_cast<unsigned char>(other[common]) <
+                                                      static_cast<unsigned char>(key_[common])
+                                                : other.size() < key_.size();
+        (is_greater ? common_with_lower_ : common_with_greater_) = common;
+        return is_greater;
+    }
+
+private:
+    const std::string& key_;
+    mutable std::size_t common_with_lower_ = 0;
+    mutable std::size_t common_with_greater_ = 0;
+};
+
+/// The order of keys: by bytes.
+struct KeyLess {
+    using is_transparent = void;
+
+    bool operator()(const std::string& a, const std::string& b) const { return a < b; }
+    bool operator()(const std::string& a, const SoughtKey& b) const { return b.is_greater_than(a); }
+};
+
+/// The elements by their full keys. References to elements stay valid while others come and go.
+using Elements = std::map<std::string, Element, KeyLess>;
+
+/// Moves `at` on to the first element whose key is not less than `key`; all before `at` are less.
+/// Tells whether it is that key.
 template <class Map, class Position>
-Position seek(Map& elements, Position at, const std::string& key)
+bool seek(Map& elements, Position& at, const std::string& key)
 {
     // What is asked for next tends to be near, but a long way is not to be walked.
-    constexpr int kSteps = 8;
-    for (int step = 0; step < kSteps; ++step, ++at) {
-        if (at == elements.end() || at->first >= key) {
-            return at;
+    constexpr int kSteps = 4;
+    for (int step = 0; step < kSteps && at != elements.end(); ++step, ++at) {
+        const int order = at->first.compare(key);
+        if (order >= 0) {
+            return order == 0;
         }
     }
-    return elements.lower_bound(key);
+    if (at == elements.end()) {
+        return false;
+    }
+    at = elements.lower_bound(SoughtKey(key));
+    return at != elements.end() && at->first == key;
 }
 
 struct BlockConfiguration::Impl {
@@ -139,10 +181,8 @@ struct BlockConfiguration::Impl {
     /// @throws std::runtime_error  the key is not valid
     void set(const std::string& key, Value value);
 
-    /// Stores an element under any key. `hint` is the position of the key, or of the first key
-    /// that is greater.
-    Elements::iterator put(const std::string& key, Element element);
-    Elements::iterator put(Elements::iterator hint, const std::string& key, Element element);
+    /// The same for any key, valid or not.
+    void put(const std::string& key, Element element);
 };
 
 }  // namespace Quorval

@@ -34,35 +34,23 @@ std::string with_full_stop(std::string prefix)
     return prefix;
 }
 
-/// The first element behind all those whose keys begin with `prefix`.
-Elements::const_iterator end_of_prefix(const Elements& elements, std::string prefix)
-{
-    // A last byte that cannot be increased is dropped: what follows is decided by the one before.
-    while (!prefix.empty() && prefix.back() == '\xff') {
-        prefix.pop_back();
-    }
-    if (prefix.empty()) {
-        return elements.end();
-    }
-    prefix.back() = static_cast<char>(static_cast<unsigned char>(prefix.back()) + 1);
-    return elements.lower_bound(prefix);
-}
-
 }  // namespace
 
 class BlockConfiguration::ConfigIteratorImpl final : public BlockConfiguration::Iterator {
 public:
     ConfigIteratorImpl(const Elements& elements, const std::string& prefix)
-        : position_(elements.lower_bound(prefix)), end_(end_of_prefix(elements, prefix))
+        : elements_(elements), prefix_(prefix), position_(elements.lower_bound(prefix))
     {
+        find_end();
     }
 
-    bool is_end() override { return position_ == end_; }
+    bool is_end() override { return is_end_; }
 
     void advance() override
     {
         current();
         ++position_;
+        find_end();
     }
 
     const std::string& key() override { return current().first; }
@@ -86,9 +74,17 @@ public:
     const std::vector<bool>& getBoolVector() override { return read<std::vector<bool>>(); }
 
 private:
+    // Asked of the element, not kept as a position: the one behind the prefix may come and go.
+    // Held by ConfigIterator.NeverLeavesThePrefixForAnElementThatIsAddedBehindIt.
+    void find_end()
+    {
+        is_end_ = position_ == elements_.end() ||
+                  position_->first.compare(0, prefix_.size(), prefix_) != 0;
+    }
+
     const Elements::value_type& current() const
     {
-        if (position_ == end_) {
+        if (is_end_) {
             throw_beyond_end();
         }
         return *position_;
@@ -109,8 +105,10 @@ private:
         }
     }
 
+    const Elements& elements_;
+    std::string prefix_;
     Elements::const_iterator position_;
-    Elements::const_iterator end_;
+    bool is_end_ = false;
 };
 
 BlockConfiguration::Iterator::Iterator() = default;
@@ -176,8 +174,9 @@ bool BlockConfiguration::SubtreeIterator::InternalIterator::Impl::find_child()
 void BlockConfiguration::SubtreeIterator::InternalIterator::Impl::skip_child()
 {
     std::string behind = position->first.substr(0, path_length);
-    behind += '.' + 1;  // the first key that does not begin with the path and a full stop
-    position = seek(elements, position, behind);
+    behind += static_cast<char>(
+        '.' + 1);  // the first key that does not begin with the path and a full stop
+    seek(elements, position, behind);
 }
 
 using InternalIterator = BlockConfiguration::SubtreeIterator::InternalIterator;
@@ -189,6 +188,7 @@ InternalIterator::InternalIterator(const BlockConfiguration& config, std::string
     const Elements& elements = BlockConfiguration::Impl::of(config).elements;
     prefix = with_full_stop(std::move(prefix));
     const auto position = elements.lower_bound(prefix);
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by impl_
     impl_.reset(new Impl{config, elements, std::move(prefix), position});
     if (!impl_->find_child()) {
         impl_.reset();
@@ -248,7 +248,8 @@ BlockConfiguration::SubtreeIterator::Iterator::~Iterator() = default;
 BlockConfiguration::SubtreeIterator::Accessor
 BlockConfiguration::SubtreeIterator::Iterator::operator*() const
 {
-    return Accessor(cursor_.config(), cursor_.current_path(), cursor_.impl_->prefix.size());
+    std::string path = cursor_.current_path();  // throws at the end, where there is no record
+    return Accessor(cursor_.config(), std::move(path), cursor_.impl_->prefix.size());
 }
 
 BlockConfiguration::SubtreeIterator::Iterator&
@@ -282,6 +283,7 @@ BlockConfiguration::SubtreeIterator::Iterator BlockConfiguration::SubtreeIterato
     return Iterator(InternalIterator(*config_, prefix_));
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): the other half of begin()
 BlockConfiguration::SubtreeIterator::Iterator BlockConfiguration::SubtreeIterator::end() const
 {
     return Iterator(InternalIterator());
@@ -398,27 +400,32 @@ std::string Accessor::getString(const std::string& key, const std::string& defau
     return config_->getString(path(key), default_value);
 }
 
-std::vector<int> Accessor::getIntVector(const std::string& key, const std::vector<int>& default_value) const
+std::vector<int> Accessor::getIntVector(const std::string& key,
+                                        const std::vector<int>& default_value) const
 {
     return config_->getIntVector(path(key), default_value);
 }
 
-std::vector<double> Accessor::getDoubleVector(const std::string& key, const std::vector<double>& default_value) const
+std::vector<double> Accessor::getDoubleVector(const std::string& key,
+                                              const std::vector<double>& default_value) const
 {
     return config_->getDoubleVector(path(key), default_value);
 }
 
-std::vector<float> Accessor::getFloatVector(const std::string& key, const std::vector<float>& default_value) const
+std::vector<float> Accessor::getFloatVector(const std::string& key,
+                                            const std::vector<float>& default_value) const
 {
     return config_->getFloatVector(path(key), default_value);
 }
 
-std::vector<std::string> Accessor::getStringVector(const std::string& key, const std::vector<std::string>& default_value) const
+std::vector<std::string> Accessor::getStringVector(
+    const std::string& key, const std::vector<std::string>& default_value) const
 {
     return config_->getStringVector(path(key), default_value);
 }
 
-std::vector<bool> Accessor::getBoolVector(const std::string& key, const std::vector<bool>& default_value) const
+std::vector<bool> Accessor::getBoolVector(const std::string& key,
+                                          const std::vector<bool>& default_value) const
 {
     return config_->getBoolVector(path(key), default_value);
 }

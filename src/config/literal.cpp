@@ -40,6 +40,17 @@ Value make_strings(const char* const* first, const char* const* last)
     return make_value(std::vector<std::string>(first, last));
 }
 
+template <class Item>
+Value make_leaf(std::vector<Item> items)
+{
+    return make_value(std::move(items));
+}
+
+Value make_leaf(const std::vector<const char*>& texts)
+{
+    return make_strings(texts.data(), texts.data() + texts.size());
+}
+
 }  // namespace
 
 BlockConfiguration::KeyValue::StringWrapper::StringWrapper(const char* value) : value_(value) {}
@@ -95,38 +106,39 @@ BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<
 {
 }
 
-BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<bool> values)
-    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
+template <class Bool, std::enable_if_t<std::is_same<Bool, bool>::value, int>>
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<Bool> values)
+    : impl_(Impl::make(std::move(key), make_value(std::vector<bool>(values))))
 {
 }
 
-BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<int> values)
-    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
+template BlockConfiguration::KeyValue::KeyValue(StringWrapper, std::initializer_list<bool>);
+
+template <class T,
+          std::enable_if_t<
+              std::disjunction<std::is_same<T, bool>, std::is_same<T, int>, std::is_same<T, double>,
+                               std::is_same<T, std::string>, std::is_same<T, const char*>>::value,
+              int>>
+BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<T> values)
+    : impl_(Impl::make(std::move(key), make_leaf(std::move(values))))
 {
 }
 
-BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<double> values)
-    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
-{
-}
-
-BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<std::string> values)
-    : impl_(Impl::make(std::move(key), make_value(std::move(values))))
-{
-}
-
-BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::vector<const char*> values)
-    : impl_(Impl::make(std::move(key), make_strings(values.data(), values.data() + values.size())))
-{
-}
+template BlockConfiguration::KeyValue::KeyValue(StringWrapper, std::vector<bool>);
+template BlockConfiguration::KeyValue::KeyValue(StringWrapper, std::vector<int>);
+template BlockConfiguration::KeyValue::KeyValue(StringWrapper, std::vector<double>);
+template BlockConfiguration::KeyValue::KeyValue(StringWrapper, std::vector<std::string>);
+template BlockConfiguration::KeyValue::KeyValue(StringWrapper, std::vector<const char*>);
 
 BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<KeyValue> members)
     : impl_(Impl::make(std::move(key), Impl::Members(members)))
 {
 }
 
-BlockConfiguration::KeyValue::KeyValue(StringWrapper key, std::initializer_list<std::initializer_list<KeyValue>> subtrees)
-    : impl_(Impl::make(std::move(key), std::vector<Impl::Members>(subtrees.begin(), subtrees.end())))
+BlockConfiguration::KeyValue::KeyValue(
+    StringWrapper key, std::initializer_list<std::initializer_list<KeyValue>> subtrees)
+    : impl_(
+          Impl::make(std::move(key), std::vector<Impl::Members>(subtrees.begin(), subtrees.end())))
 {
 }
 
@@ -137,8 +149,10 @@ BlockConfiguration::KeyValue& BlockConfiguration::KeyValue::operator=(const KeyV
 
 BlockConfiguration::KeyValue::~KeyValue() = default;
 
-void BlockConfiguration::KeyValue::set_recursively(BlockConfiguration& config,
-                                                   const std::string& prefix, KeyValue value)
+// The value is one by the signature that plug-ins know.
+void BlockConfiguration::KeyValue::set_recursively(
+    BlockConfiguration& config, const std::string& prefix,
+    KeyValue value)  // NOLINT(performance-unnecessary-value-param)
 {
     const std::string path = prefix + value.impl_->key;
     const auto& content = value.impl_->content;

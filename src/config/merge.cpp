@@ -37,10 +37,14 @@ BlockConfiguration& BlockConfiguration::operator+=(const BlockConfiguration& oth
     if (this == &other) {
         return *this;
     }
-    Impl& impl = Impl::of(*this);
-    auto at = impl.elements.begin();
+    Elements& mine = Impl::of(*this).elements;
+    auto at = mine.begin();
     for (const auto& [key, element] : Impl::of(other).elements) {
-        at = impl.put(seek(impl.elements, at, key), key, element);
+        if (seek(mine, at, key)) {
+            at->second = element;
+        } else {
+            at = mine.emplace_hint(at, key, element);
+        }
     }
     return *this;
 }
@@ -59,8 +63,7 @@ BlockConfiguration BlockConfiguration::diff(const BlockConfiguration& other) con
     BlockConfiguration result;
     Elements& differing = Impl::of(result).elements;
     for (const auto& [key, element] : Impl::of(*this).elements) {
-        at = seek(theirs, at, key);
-        if (at == theirs.end() || at->first != key || !equal(element.value, at->second.value)) {
+        if (!seek(theirs, at, key) || !equal(element.value, at->second.value)) {
             differing.emplace_hint(differing.end(), key, element);
         }
     }

@@ -8,12 +8,13 @@
 namespace {
 
 struct Free {
-    void operator()(char* text) const { std::free(text); }
+    void operator()(char* text) const { std::free(text); }  // NOLINT: what vasprintf() gives
 };
 
 /// What logger() does, but lets the exceptions of the sink pass.
 void pass_on(loglevel level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): as logger() is
 void pass_on(loglevel level, const char* format, ...)
 {
     va_list args;
@@ -38,6 +39,7 @@ void logger(loglevel level, const char* format, ...)
 
 namespace Quorval {
 
+// NOLINTNEXTLINE(cert-err58-cpp): without memory at load there is nobody to tell
 std::unique_ptr<LogInstance> loginstance = std::make_unique<LogInstance>(LOGLEVEL_INFO);
 
 LogInstance::LogInstance(loglevel threshold) : threshold_(threshold) {}

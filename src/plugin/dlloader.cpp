@@ -22,7 +22,7 @@ struct Close {
 
 }  // namespace
 
-DlLoader::DlLoader(const std::string& path) : handle_(nullptr), path_(path)
+DlLoader::DlLoader(const std::string& path) : path_(path)
 {
     std::unique_ptr<void, Close> handle(::dlopen(path_.c_str(), RTLD_NOW));
     // The text decides, not the handle: code that runs while the object is loaded can leave one.

@@ -76,7 +76,7 @@ std::string get_plugin_path(const std::string& filename)
 std::string to_text(const void* address)
 {
     constexpr int kBase = 16;
-    std::array<char, 2 * sizeof address> digits;
+    std::array<char, 2 * sizeof address> digits{};
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(),
                                    reinterpret_cast<std::uintptr_t>(address), kBase)
                          .ptr;
@@ -89,7 +89,7 @@ using CreateFn = std::function<std::unique_ptr<Container>(std::string, const Blo
                                                           const InitTools&)>;
 
 struct PluginLoader::Impl {
-    const InitTools& tools;        // the caller's, outlives the loader
+    const InitTools& tools;  // the caller's, outlives the loader
     std::shared_ptr<DlLoader> dl;
     // Behind `dl`, so that they are destroyed first: create functions are code of the plug-in.
     std::map<std::string, CreateFn> factories;
@@ -132,9 +132,11 @@ std::tuple<UniqueDlPtr<Container>, BlockConfiguration> PluginLoader::create(
     if (found == impl_->factories.end()) {
         throw_unknown_type(type);
     }
-    // A copy: the create function may register further types, or be replaced.
+    // Copies, in this order: what is called here may destroy the loader, and code of the plug-in
+    // must be gone before the plug-in is.
+    const std::shared_ptr<DlLoader> dl = impl_->dl;
     const CreateFn create_fn = found->second;
-    UniqueDlPtr<Container> block(impl_->dl, create_fn(name, config, impl_->tools));
+    UniqueDlPtr<Container> block(dl, create_fn(name, config, impl_->tools));
     if (!block) {
         throw_no_block(type);
     }

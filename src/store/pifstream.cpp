@@ -39,6 +39,7 @@ PIFStream::~PIFStream() = default;
 void PIFStream::open(const std::filesystem::path& file, std::ios::openmode mode)
 {
     const std::ios::iostate mask = exceptions();
+    const bool was_open = is_open();
     // The mask goes first: with it, clearing could throw.
     exceptions(std::ios::goodbit);
     clear();
@@ -48,6 +49,10 @@ void PIFStream::open(const std::filesystem::path& file, std::ios::openmode mode)
             setstate(std::ios::failbit);
         }
     } catch (...) {
+        // Without memory for its buffer, the standard library leaves the file open.
+        if (!was_open) {
+            rdbuf()->close();
+        }
         restore_exceptions(*this, mask);
         throw;
     }

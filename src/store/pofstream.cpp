@@ -39,7 +39,7 @@ bool get_status(const std::string& name, struct stat& status)
 void check_directory(const std::string& path)
 {
     constexpr mode_t kDirectoryMode = 0775;
-    struct stat status{};
+    struct stat status = {};
     if (!get_status(path, status)) {
         ::mkdir(path.c_str(), kDirectoryMode);
         if (!get_status(path, status)) {
@@ -54,7 +54,7 @@ void check_directory(const std::string& path)
 /// Whether the file exists.
 bool check_file(const std::string& file)
 {
-    struct stat status{};
+    struct stat status = {};
     if (!get_status(file, status)) {
         return false;
     }
@@ -125,10 +125,7 @@ void commit(const std::string& path, const std::string& filename, std::string_vi
 }  // namespace
 
 POFStream::POFStream(const std::string& path, const std::string& filename)
-    : std::ostream(nullptr),
-      path_(path),
-      filename_(filename),
-      buffer_(std::ios::in | std::ios::out)
+    : std::ostream(nullptr), path_(path), filename_(filename), buffer_(std::ios::in | std::ios::out)
 {
     open(filename, std::ios::out | std::ios::trunc | std::ios::binary);
 }

@@ -18,6 +18,8 @@ void check_configured(const std::string& path)
 
 }  // namespace
 
+PStore::PStore() = default;
+
 PStore::PStore(const std::string& path) : path_(path) {}
 
 void PStore::set_path(const std::string& path)

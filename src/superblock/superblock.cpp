@@ -27,8 +27,7 @@ using Output = std::pair<Block const&, OutPortInternal&>;
 
 [[noreturn]] void throw_empty_name(const char* kind)
 {
-    throw std::runtime_error(std::string("Failed to add ") + kind +
-                             " due to empty string input.");
+    throw std::runtime_error(std::string("Failed to add ") + kind + " due to empty string input.");
 }
 
 [[noreturn]] void throw_duplicate_outport(const std::string& name)
@@ -39,8 +38,8 @@ using Output = std::pair<Block const&, OutPortInternal&>;
 [[noreturn]] void throw_missing_port(const char* kind, const Container& container,
                                      const std::string& port)
 {
-    throw std::runtime_error(std::string("Failed to add connection due to missing ") + kind +
-                             ": " + container.get_name() + "::" + port);
+    throw std::runtime_error(std::string("Failed to add connection due to missing ") + kind + ": " +
+                             container.get_name() + "::" + port);
 }
 
 [[noreturn]] void throw_unknown_port(const char* kind, const std::string& port,
@@ -63,7 +62,7 @@ using Output = std::pair<Block const&, OutPortInternal&>;
     const std::runtime_error error(
         "Failed to add block: a block with the same name already exists: " + name);
     block = UniqueDlPtr<Container>();
-    throw error;
+    throw error;  // NOLINT(cert-err09-cpp,cert-err61-cpp,misc-throw-by-value-catch-by-reference)
 }
 
 /// Makes room for `more` items behind those of a list, so that adding them cannot fail.
@@ -78,15 +77,15 @@ void make_room(List& list, std::size_t more)
 
 /// Moves the items of a list behind those of another; an empty one is replaced as a whole. Items
 /// hold references, so they can be constructed but not assigned.
-template <class List>
-void append(List& list, List&& more)
+template <class Item>
+void append(std::vector<Item>& list, std::vector<Item>&& more)
 {
     if (list.empty()) {
         list = std::move(more);
         return;
     }
     make_room(list, more.size());
-    for (auto& item : more) {
+    for (Item& item : more) {
         list.push_back(std::move(item));
     }
 }
@@ -244,6 +243,7 @@ Container& Superblock::add_block(UniqueDlPtr<Container>&& block)
     const std::string key = block->get_name();
     const auto [at, is_new] = impl_->blocks.try_emplace(key, std::move(block));
     if (!is_new) {
+        // cppcheck-suppress accessMoved  // try_emplace() moves nothing when the name is taken
         reject(std::move(block), key);
     }
     return *at->second;
@@ -324,4 +324,3 @@ PStore& Superblock::pstore()
 }
 
 }  // namespace Quorval
-

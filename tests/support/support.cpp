@@ -44,8 +44,8 @@ void set_environment(const std::string& name, const std::optional<std::string>& 
 
 LogRecorder::LogRecorder(loglevel threshold)
     : lines_(std::make_shared<std::vector<LogLine>>()),
-      before_(std::exchange(Quorval::loginstance,
-                            std::make_unique<RecordingSink>(threshold, lines_)))
+      before_(
+          std::exchange(Quorval::loginstance, std::make_unique<RecordingSink>(threshold, lines_)))
 {
 }
 

@@ -1,0 +1,18 @@
+// What an application offers to its blocks. Its plug-ins are compiled with the same header.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+
+/// What a block may use while it is created.
+struct Quorval::InitTools {
+    double sample_rate = 48000;
+};
+
+/// What a block may use while it runs.
+struct Quorval::RuntimeTools {
+    std::function<void(const std::string& text)> report;
+};

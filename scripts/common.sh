@@ -1,0 +1,151 @@
+# What the scripts behind ./dev share; they read it with `source`.
+# shellcheck shell=bash
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# Which script speaks: "build" for scripts/dev-build.
+command_name=${0##*/}
+command_name=${command_name#dev-}
+
+say()
+{
+    printf '%s: %s\n' "${command_name}" "$*"
+}
+
+die()
+{
+    printf '%s: %s\n' "${command_name}" "$*" >&2
+    exit 1
+}
+
+usage_error()
+{
+    printf '%s: %s; ./dev %s --help tells more\n' "${command_name}" "$*" "${command_name}" >&2
+    exit 2
+}
+
+# The Debian packages that a part of the work needs, by group.
+declare -A package_groups=(
+    [build]="g++ cmake ninja-build libcereal-dev libsystemd-dev"
+    [examples]="libsndfile1-dev libcli11-dev"
+    [test]="libgtest-dev libgmock-dev clang make pkg-config python3"
+    [demo]="alsa-utils"
+    [bench]="libbenchmark-dev python3"
+    [lint]="clang-format clang-tidy cppcheck shellcheck"
+    [aarch64]="g++-aarch64-linux-gnu qemu-user googletest"
+    [abi]="abigail-tools"
+    [package]="debhelper dpkg-dev fakeroot lintian pkg-config"
+    [fuzz]="clang"
+    [coverage]="gcovr"
+    [docs]="doxygen mandoc groff-base perl"
+)
+
+# missing_packages GROUP...: the packages of the groups that are not installed.
+missing_packages()
+{
+    local group architecture
+    architecture=$(dpkg --print-architecture)
+    for group; do
+        # The list is words: package names, some with an architecture.
+        # shellcheck disable=SC2086
+        printf '%s\n' ${package_groups[${group}]}
+    done | sort -u | while read -r package; do
+        # One line for each architecture that the package is installed for.
+        dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "${package}" 2>/dev/null |
+            grep -qxE "installed (all|${architecture}|${package##*:})" || echo "${package}"
+    done
+}
+
+# need GROUP...: installs what is missing of the groups. Without anything to install it needs
+# neither the network nor a certain user.
+need()
+{
+    local group
+    for group; do
+        [[ -v package_groups[${group}] ]] || die "there is no group of packages '${group}'"
+    done
+    if ! command -v dpkg-query >/dev/null; then
+        say "this is no Debian: the packages of '$*' are taken to be installed"
+        return
+    fi
+    local -a missing as_root=()
+    mapfile -t missing < <(missing_packages "$@")
+    if ((${#missing[@]} == 0)); then
+        return
+    fi
+    if ((EUID != 0)); then
+        command -v sudo >/dev/null ||
+            die "neither root nor sudo; these packages are missing: ${missing[*]}"
+        as_root=(sudo)
+    fi
+    say "installing ${missing[*]}"
+    as_root+=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=600)
+    "${as_root[@]}" update
+    "${as_root[@]}" install --no-install-recommends "${missing[@]}"
+}
+
+# check_preset NAME
+check_preset()
+{
+    local known
+    known=$(sed -n '/"buildPresets"/,/\]/s/.*"name": *"\([^"]*\)".*/\1/p' "${root}/CMakePresets.json")
+    grep -qxF -e "$1" <<<"${known}" ||
+        usage_error "there is no preset '$1'; there are: ${known//$'\n'/, }"
+}
+
+# cached DIRECTORY NAME: the value of a variable in a build directory, empty when there is none.
+cached()
+{
+    sed -n "s/^$2:[^=]*=//p" "$1/CMakeCache.txt" 2>/dev/null || true
+}
+
+# configure PRESET PARTS OPTIONS...: configures build/PRESET with PARTS, a list of TESTS, EXAMPLES
+# and BENCHMARKS. Other parts stay as they are; in a new directory they are off.
+configure()
+{
+    local preset=$1 parts=$2 part setting
+    shift 2
+    local -a options=()
+    for part in TESTS EXAMPLES BENCHMARKS; do
+        if [[ " ${parts} " == *" ${part} "* ]]; then
+            setting=ON
+        else
+            setting=$(cached "${root}/build/${preset}" "QUORVAL_BUILD_${part}")
+        fi
+        options+=("-DQUORVAL_BUILD_${part}=${setting:-OFF}")
+    done
+    # Said in any case: a build directory may be older than an installation or removal of ccache.
+    options+=("-DCMAKE_CXX_COMPILER_LAUNCHER=$(command -v ccache || true)")
+    (cd "${root}" && cmake --preset "${preset}" "${options[@]}" "$@")
+}
+
+# build PRESET OPTIONS...
+build()
+{
+    (cd "${root}" && cmake --build --preset "$@")
+}
+
+# list_sources PATTERN...: the files of the project whose names match, without those that git
+# ignores, one per line, from the project's root.
+list_sources()
+{
+    (
+        cd "${root}" || exit
+        if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+            git ls-files --cached --others --exclude-standard -- "$@"
+        else
+            local -a tests=()
+            local pattern
+            for pattern; do
+                tests+=(-o -name "${pattern}")
+            done
+            find . \( -path ./build -o -name .git \) -prune -o -type f \( "${tests[@]:1}" \) -print |
+                sed 's|^\./||'
+        fi | while read -r file; do
+            # What is deleted and not yet committed is still listed.
+            if [[ -f ${file} ]]; then
+                echo "${file}"
+            fi
+        done | sort -u
+    )
+}

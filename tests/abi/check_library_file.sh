@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Usage: check_library_file.sh LIBRARY NM READELF OBJDUMP optimised|plain
+#
+# What the library file exports, what it needs and how it is protected. Fortified functions are
+# expected in an optimised build alone.
+set -euo pipefail
+
+library=$1
+nm=$2
+readelf=$3
+objdump=$4
+build=$5
+failures=0
+
+fail() {
+    echo "FAILED: $1" >&2
+    shift
+    printf '    %s\n' "$@" >&2
+    failures=$((failures + 1))
+}
+
+mapfile -t exported < <("$nm" -D --defined-only "$library" | awk '{ print $3 }' | sort)
+mapfile -t imported < <("$nm" -D --undefined-only "$library" | awk '{ print $2 }' | sort)
+mapfile -t needed < <("$readelf" -dW "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
+dynamic=$("$readelf" -dW "$library")
+segments=$("$readelf" -lW "$library")
+machine=$("$readelf" -h "$library" | sed -n 's/ *Machine: *//p')
+
+# Ours, or an instantiation of a template of the standard library.
+foreign=()
+for symbol in "${exported[@]}"; do
+    case $(c++filt "$symbol") in
+    logger) ;;
+    Quorval::*) ;;
+    'vtable for Quorval::'* | 'typeinfo for Quorval::'* | 'typeinfo name for Quorval::'*) ;;
+    'VTT for Quorval::'* | 'construction vtable for '*'-in-Quorval::'*) ;;
+    'virtual thunk to Quorval::'* | 'non-virtual thunk to Quorval::'*) ;;
+    'operator'*'(Quorval::'* | *' Quorval::operator'*) ;;
+    *) [[ $symbol =~ ^_Z(N|NK|Z|ZN|ZNK|TI|TS|TV|GVZ|GVZN|GVZNK)?(St|S[absiod]|9__gnu_cxx) ]] ||
+        foreign+=("$symbol") ;;
+    esac
+done
+[[ ${#exported[@]} -gt 300 ]] || fail "too few symbols to be true: ${#exported[@]}"
+[[ ${#foreign[@]} -eq 0 ]] || fail "exports what is not its own:" "${foreign[@]}"
+
+mapfile -t cereal < <(printf '%s\n' "${exported[@]}" | grep -i cereal || true)
+[[ ${#cereal[@]} -eq 0 ]] || fail "exports cereal:" "${cereal[@]}"
+
+mapfile -t records < <(printf '%s\n' "${exported[@]}" | c++filt | grep -E 'Impl(::|$)' || true)
+[[ ${#records[@]} -eq 0 ]] || fail "exports a private record:" "${records[@]}"
+
+for name in "${needed[@]}"; do
+    case $name in
+    libc.so.6 | libstdc++.so.6 | libgcc_s.so.1 | libm.so.6) ;;
+    ld-linux-aarch64.so.1 | ld-linux-x86-64.so.2) ;;
+    *) fail "needs $name" ;;
+    esac
+done
+[[ " ${needed[*]} " == *" libc.so.6 "* ]] || fail "does not need libc.so.6: ${needed[*]}"
+
+grep -q 'Library soname: \[libquorval-shared.so.0\]' <<<"$dynamic" || fail "has another SONAME"
+grep -qE 'RPATH|RUNPATH' <<<"$dynamic" && fail "has a run path"
+grep -q 'BIND_NOW' <<<"$dynamic" || fail "is not bound at once"
+grep -q 'GNU_RELRO' <<<"$segments" || fail "has no RELRO segment"
+grep -q 'GNU_STACK .* RW ' <<<"$segments" || fail "has an executable stack"
+grep -q 'TEXTREL' <<<"$dynamic" && fail "has text relocations"
+
+[[ " ${imported[*]} " == *" __stack_chk_fail"* ]] || fail "has no stack protector"
+if [[ $build == optimised ]]; then
+    [[ " ${imported[*]} " =~ \ __[a-z]+_chk[@\ ] ]] || fail "has no fortified function"
+fi
+if [[ $machine == AArch64 ]]; then
+    # Signed return addresses, and marks at the targets of indirect calls.
+    code=$("$objdump" -d --no-show-raw-insn "$library")
+    [[ $(grep -c 'paciasp' <<<"$code") -gt 100 ]] || fail "does not sign return addresses"
+    [[ $(grep -cE '\<bti\>' <<<"$code") -gt 100 ]] || fail "does not mark branch targets"
+fi
+
+if [[ $failures -ne 0 ]]; then
+    exit 1
+fi
+echo "${#exported[@]} symbols, needs ${needed[*]}"

@@ -1,0 +1,135 @@
+"""Tests of ./dev.
+
+usage: dev_test.py ROOT
+"""
+
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(sys.argv.pop(1))
+COMMANDS = sorted(path.name.removeprefix("dev-") for path in (ROOT / "scripts").glob("dev-*"))
+
+# Stands for all programs that would change the system: writes down how it was called.
+RECORDER = '#!/bin/sh\necho "${0##*/} $*" >>"$CALLS"\n'
+SUDO = RECORDER + 'exec "$@"\n'
+# Knows the packages that are not named in $MISSING.
+DPKG_QUERY = """#!/bin/sh
+for package; do :; done
+case " $MISSING " in
+*" $package "*) exit 1 ;;
+esac
+echo "installed all"
+"""
+
+
+class Dev(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.directory = pathlib.Path(directory.name)
+        self.calls = self.directory / "calls"
+        self.calls.touch()
+        for name, text in (("apt-get", RECORDER), ("sudo", SUDO), ("dpkg-query", DPKG_QUERY)):
+            program = self.directory / name
+            program.write_text(text)
+            program.chmod(0o755)
+
+    def dev(self, *arguments, missing=""):
+        environment = dict(os.environ, CALLS=str(self.calls), MISSING=missing,
+                           PATH=f"{self.directory}:{os.environ['PATH']}")
+        return subprocess.run([ROOT / "dev", *arguments], env=environment, text=True,
+                              cwd=self.directory, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def assert_usage_error(self, result, text):
+        self.assertEqual((result.returncode, result.stdout), (2, ""))
+        self.assertIn(text, result.stderr)
+        self.assertEqual(self.calls.read_text(), "")
+
+    def test_help_lists_every_command_with_a_sentence(self):
+        result = self.dev("--help")
+
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        listed = {line.split()[0]: line.split(maxsplit=1)[1]
+                  for line in result.stdout.splitlines() if line.startswith("  ")}
+        self.assertEqual(sorted(listed), COMMANDS)
+        for command, sentence in listed.items():
+            self.assertTrue(sentence.endswith("."), f"{command}: {sentence}")
+
+    def test_the_commands_of_every_day_are_there(self):
+        wanted = {"setup", "build", "test", "demo", "bench", "format", "lint", "clean"}
+
+        self.assertEqual(wanted - set(COMMANDS), set())
+
+    def test_every_command_has_help_and_does_nothing_then(self):
+        for command in COMMANDS:
+            for option in ("--help", "-h"):
+                with self.subTest(command=command, option=option):
+                    result = self.dev(command, option)
+
+                    self.assertEqual((result.returncode, result.stderr), (0, ""))
+                    self.assertIn(f"usage: ./dev {command}", result.stdout)
+        self.assertEqual(self.calls.read_text(), "")
+
+    def test_a_call_without_a_command_is_refused(self):
+        self.assert_usage_error(self.dev(), "usage: ./dev COMMAND")
+
+    def test_unknown_commands_are_refused(self):
+        for command in ("nonsense", "", "../dev-test", "--nonsense", "Test"):
+            with self.subTest(command=command):
+                self.assert_usage_error(self.dev(command), f"there is no command '{command}'")
+
+    def test_unknown_options_are_refused(self):
+        for command in ("setup", "build", "test", "demo", "format", "lint", "clean"):
+            with self.subTest(command=command):
+                self.assert_usage_error(self.dev(command, "--nonsense"), "--nonsense")
+
+    def test_unknown_presets_are_refused(self):
+        for command in ("build", "test", "clean"):
+            for arguments in (["--preset", "nonsense"], ["--preset=nonsense"]):
+                with self.subTest(command=command, arguments=arguments):
+                    self.assert_usage_error(self.dev(command, *arguments),
+                                            "there is no preset 'nonsense'")
+
+    def test_options_without_their_value_are_refused(self):
+        for command, option in (("build", "--preset"), ("build", "-D"), ("test", "--preset"),
+                                ("test", "-D"), ("clean", "--preset")):
+            with self.subTest(command=command, option=option):
+                self.assert_usage_error(self.dev(command, option), f"{option} takes")
+
+    def test_unknown_groups_and_steps_are_refused(self):
+        self.assert_usage_error(self.dev("setup", "nonsense"), "there is no group 'nonsense'")
+        self.assert_usage_error(self.dev("lint", "nonsense"), "there is no step 'nonsense'")
+
+    def test_setup_does_nothing_when_all_is_there(self):
+        result = self.dev("setup")
+
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(result.stdout, "setup: all packages are installed\n")
+        self.assertEqual(self.calls.read_text(), "")
+
+    def test_setup_installs_what_is_missing_and_says_so(self):
+        result = self.dev("setup", "build", missing="g++ libcereal-dev shellcheck")
+
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertIn("setup: installing g++ libcereal-dev\n", result.stdout)
+        calls = [call for call in self.calls.read_text().splitlines() if call.startswith("apt-get")]
+        self.assertEqual(len(calls), 2, calls)
+        self.assertTrue(calls[0].endswith(" update"), calls)
+        self.assertTrue(calls[1].endswith(" install --no-install-recommends g++ libcereal-dev"),
+                        calls)
+
+    def test_setup_fails_when_the_installation_fails(self):
+        (self.directory / "apt-get").write_text("#!/bin/sh\nexit 100\n")
+
+        result = self.dev("setup", "build", missing="cmake")
+
+        self.assertNotEqual(result.returncode, 0)
+        self.assertNotIn("all packages are installed", result.stdout)
+
+
+unittest.main()

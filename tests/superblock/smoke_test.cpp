@@ -1,2 +1,0 @@
-#include "support/support.h"
-TEST(Smoke, Links) { EXPECT_NE(Quorval::loginstance, nullptr); }
