@@ -1,0 +1,238 @@
+"""Makes small mistakes in the sources, one at a time, and runs the tests against each.
+
+See `./dev mutate --help`.
+"""
+
+import argparse
+import random
+import re
+import shutil
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+FOLDERS = ["block", "config", "log", "plugin", "store", "superblock"]
+# What looks at every folder runs second.
+COMMON = ["tests/faults", "tests/fuzz"]
+MOST_SURVIVORS = 0.05
+# Of a mutant that never ends: far more than any test program takes.
+SECONDS = 120
+
+# What to look for, and what to put in its place.
+TURNED = [
+    (r"(?<=[^<>=!]) == ", [" != "]),
+    (r" != ", [" == "]),
+    (r" <= ", [" < ", " > "]),
+    (r" >= ", [" > ", " < "]),
+    (r"(?<![<\w]) < (?!=)|(?<=\w) < (?=[\w(])", [" <= ", " >= "]),
+    (r"(?<=[\w)]) > (?=[\w(])", [" >= ", " <= "]),
+    (r" && ", [" || "]),
+    (r" \|\| ", [" && "]),
+    (r"(?<=\()!(?=\w)", [""]),
+    (r"\btrue\b", ["false"]),
+    (r"\bfalse\b", ["true"]),
+    (r"\+\+(?=\w)", ["--"]),
+    (r" \+ (?=\d)", [" - "]),
+]
+NUMBER = re.compile(r"(?<![\w.'\"])(\d+)(?![\w.'])")
+STATEMENT = re.compile(r"^(\s+)([\w:.>*()\[\]-]+.*;)$")
+# Nothing that can be dropped: it declares, or the text of it is all that there is.
+NO_STATEMENT = re.compile(
+    r"^(return|using|const|constexpr|static|auto|struct|class|template|friend|typedef|typename|"
+    r"std::\w+(<.*>)? \w+|[A-Z]\w*(::\w+)*[&*]? \w+|bool|int|char|Value|case|default|public|private)\b"
+    r"|= (default|delete);|^\}|^throw$"
+)
+
+
+class Mutant:
+    def __init__(self, file, line, before, after):
+        self.file, self.line, self.before, self.after = file, line, before, after
+
+    def __str__(self):
+        after = self.after.strip() or "(dropped)"
+        return f"{self.file}:{self.line}: {self.before.strip()}  ->  {after}"
+
+
+def strip_literals(line):
+    """The line with its strings, characters and comment blanked, as long as it was."""
+    line = re.sub(r'"(\\.|[^"\\])*"', lambda m: '"' + "_" * (len(m.group()) - 2) + '"', line)
+    line = re.sub(r"'(\\.|[^'\\])'", lambda m: "'" + "_" * (len(m.group()) - 2) + "'", line)
+    return re.sub(r"//.*", lambda m: " " * len(m.group()), line)
+
+
+def mutate_line(line):
+    """All changes of one line."""
+    code = strip_literals(line)
+    if not code.strip() or code.lstrip().startswith(("#", "template", "using ", "static_assert")):
+        return []
+    found = []
+    for pattern, replacements in TURNED:
+        for match in re.finditer(pattern, code):
+            for replacement in replacements:
+                found.append(line[: match.start()] + replacement + line[match.end() :])
+    for match in NUMBER.finditer(code):
+        found.append(line[: match.start()] + str(int(match.group()) + 1) + line[match.end() :])
+    statement = STATEMENT.match(code)
+    if statement and not NO_STATEMENT.search(statement.group(2)):
+        found.append(statement.group(1) + ";")
+    return [changed for changed in found if changed != line]
+
+
+def find_mutants(root, folders):
+    mutants = []
+    for folder in folders:
+        for file in sorted((root / "src" / folder).glob("*.*")):
+            if file.suffix not in (".cpp", ".h"):
+                continue
+            lines = file.read_text(encoding="utf-8").split("\n")
+            for number, line in enumerate(lines, 1):
+                # What is a continuation of a statement is part of one that cannot be dropped.
+                previous = lines[number - 2].rstrip() if number > 1 else ""
+                is_start = previous.endswith((";", "{", "}", ":")) or not previous.strip()
+                is_start = is_start or previous.strip().startswith("//")
+                for after in mutate_line(line):
+                    if after.strip() == ";" and not is_start:
+                        continue
+                    mutants.append(Mutant(file.relative_to(root), number, line, after))
+    return mutants
+
+
+def run(command, **options):
+    return subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **options
+    )
+
+
+class Copy:
+    """A copy of the tree, configured and built, in which mutants are made."""
+
+    def __init__(self, root, work, folders):
+        self.tree, self.build = work / "tree", work / "build"
+        work.mkdir(parents=True, exist_ok=True)
+        shutil.rmtree(self.tree, ignore_errors=True)
+        shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"))
+        # The tests that will run, and none else.
+        tests = self.tree / "tests" / "CMakeLists.txt"
+        kept = re.sub(
+            r"^\s*add_subdirectory\((\w+)\)$",
+            lambda match: match.group() if "tests/" + match.group(1) in folders else "",
+            tests.read_text(encoding="utf-8"),
+            flags=re.MULTILINE,
+        )
+        tests.write_text(kept, encoding="utf-8")
+        launcher = shutil.which("ccache") or ""
+        configured = run(
+            ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+             "-DCMAKE_CXX_FLAGS=-O0 -g0", "-DQUORVAL_BUILD_EXAMPLES=OFF", "-DQUORVAL_BUILD_TESTS=ON",
+             f"-DCMAKE_CXX_COMPILER_LAUNCHER={launcher}"]
+        )
+        if configured.returncode != 0:
+            sys.exit(f"mutate: the copy cannot be configured\n{configured.stdout}")
+
+    def make(self, targets):
+        return run(["nice", "cmake", "--build", self.build, "--target", *targets])
+
+    def programs(self, folder):
+        """The test programs of a folder of tests, by the targets that CMake has for it."""
+        help_text = run(["cmake", "--build", self.build, "--target", "help"]).stdout
+        text = (self.tree / folder / "CMakeLists.txt").read_text(encoding="utf-8")
+        names = re.findall(r"quorval_add_test\(\s*(\w+)", text)
+        return [name for name in names if re.search(rf"^{name}\b", help_text, re.MULTILINE)]
+
+    def run_program(self, folder, name):
+        """Whether all tests of a program pass."""
+        try:
+            done = run(
+                [self.build / folder / name, "--gtest_brief=1", "--gtest_fail_fast"],
+                timeout=SECONDS,
+                cwd=self.build / folder,
+            )
+        except subprocess.TimeoutExpired:
+            return False
+        return done.returncode == 0
+
+
+def check_mutant(copy, mutant, suites):
+    """What becomes of a mutant: "invalid", "survived", or the name of what caught it."""
+    file = copy.tree / mutant.file
+    text = file.read_text(encoding="utf-8")
+    lines = text.split("\n")
+    lines[mutant.line - 1] = mutant.after
+    file.write_text("\n".join(lines), encoding="utf-8")
+    try:
+        if copy.make(["quorval"]).returncode != 0:
+            return "invalid"
+        for folder, names in suites:
+            # What is built from the headers of src/ itself.
+            if mutant.file.suffix == ".h" and copy.make(names).returncode != 0:
+                return "invalid"
+            for name in names:
+                if not copy.run_program(folder, name):
+                    return name
+        return "survived"
+    finally:
+        file.write_text(text, encoding="utf-8")
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="./dev mutate")
+    parser.add_argument("--root", type=Path, required=True)
+    parser.add_argument("--work", type=Path, required=True)
+    parser.add_argument("--folder", action="append", choices=FOLDERS)
+    parser.add_argument("--max", type=int)
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--own", action="store_true")
+    parser.add_argument("--list", action="store_true")
+    arguments = parser.parse_args()
+
+    mutants = find_mutants(arguments.root, arguments.folder or FOLDERS)
+    total = len(mutants)
+    if arguments.max is not None and arguments.max < total:
+        chosen = random.Random(arguments.seed).sample(range(total), arguments.max)
+        mutants = [mutants[index] for index in sorted(chosen)]
+    if arguments.list:
+        print("\n".join(str(mutant) for mutant in mutants))
+        return 0
+
+    common = [] if arguments.own else COMMON
+    folders = sorted({f"tests/{mutant.file.parts[1]}" for mutant in mutants}) + common
+    copy = Copy(arguments.root, arguments.work, folders)
+    suites = {}
+    for folder in folders:
+        suites[folder] = copy.programs(folder)
+    built = copy.make([name for names in suites.values() for name in names])
+    if built.returncode != 0:
+        sys.exit(f"mutate: the tests cannot be built\n{built.stdout[-4000:]}")
+    for folder, names in suites.items():
+        for name in names:
+            if not copy.run_program(folder, name):
+                sys.exit(f"mutate: {name} fails without any mutant")
+
+    counts = {}
+    survivors = []
+    start = time.monotonic()
+    for number, mutant in enumerate(mutants, 1):
+        own = f"tests/{mutant.file.parts[1]}"
+        order = [(folder, suites[folder]) for folder in [own, *common]]
+        result = check_mutant(copy, mutant, order)
+        counts[result] = counts.get(result, 0) + 1
+        if result == "survived":
+            survivors.append(mutant)
+        took = int(time.monotonic() - start)
+        print(f"{number} of {len(mutants)}, {took} s: {result}: {mutant}", flush=True)
+
+    valid = len(mutants) - counts.get("invalid", 0)
+    print(f"\nmutate: {total} mutants there are, {len(mutants)} were made, {valid} compile")
+    for name in sorted(set(counts) - {"invalid", "survived"}):
+        print(f"mutate: {counts[name]} were caught by {name}")
+    for mutant in survivors:
+        print(f"mutate: survived: {mutant}")
+    if valid == 0:
+        return 1
+    caught = 100.0 * (valid - len(survivors)) / valid
+    print(f"mutate: {caught:.1f} % were caught")
+    return 0 if len(survivors) <= MOST_SURVIVORS * valid else 1
+
+
+sys.exit(main())

@@ -1,0 +1,37 @@
+// Counts what operator new gives out, and lets it fail where a test wants that. Part of each
+// program that has allocations.cpp among its sources: its operators replace those of the standard
+// library, for the library under test too.
+#pragma once
+
+#include <cstddef>
+
+namespace quorval_test {
+
+/// The blocks that operator new has given out and not got back, in the whole process.
+long live_allocations();
+
+/// The bytes of these blocks, and the most that there were since the last restart_peak().
+std::size_t live_bytes();
+std::size_t peak_bytes();
+void restart_peak();
+
+/// Lets an allocation fail, for as long as it lives and for the thread that made it. There is one
+/// at a time in a thread.
+class FailingAllocation {
+public:
+    enum class Mode {
+        Once,        ///< one allocation fails, the next one succeeds
+        FromThenOn,  ///< memory has run out: all that follow fail too
+    };
+
+    /// @param nth  which one fails, counted from 1
+    FailingAllocation(std::size_t nth, Mode mode);
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+    ~FailingAllocation();
+
+    /// Whether the allocation was asked for, and so has failed.
+    static bool has_failed();
+};
+
+}  // namespace quorval_test
