@@ -1,0 +1,145 @@
+"""What the table of results shows: the cases in their order, their peers and their goals."""
+
+from dataclasses import dataclass
+
+
+@dataclass(frozen=True)
+class Row:
+    """One line of the table: a case of the library against one peer.
+
+    case   the name that the benchmark program gives it
+    title  what is measured, for readers
+    peer   the side that the library is compared with
+    goal   the ratio to stay below, None for a line that is there for information
+    theirs the case that the peer is measured with, where it is another one
+    """
+
+    case: str
+    title: str
+    peer: str
+    goal: float | None = None
+    theirs: str | None = None
+
+
+# The Debian package of each peer, named where one is missing. The others need none.
+PACKAGES = {
+    "nlohmann": "nlohmann-json3-dev",
+    "property_tree": "libboost-dev",
+    "tomlplusplus": "libtomlplusplus-dev",
+    "cereal": "libcereal-dev",
+    "protobuf": "libprotobuf-dev",
+    "sqlite": "libsqlite3-dev",
+    "glib": "libglib2.0-dev",
+    "gstreamer": "libgstreamer1.0-dev",
+    "class_loader": "libclass-loader-dev",
+}
+
+
+def _others(case, title, *peers):
+    return [Row(case, title, peer) for peer in peers]
+
+
+_TREES = ("property_tree", "tomlplusplus", "protobuf")
+
+ROWS = [
+    Row("get_int/100", "`getInt`, 100 elements", "nlohmann", 0.6),
+    *_others("get_int/100", "`getInt`, 100 elements", *_TREES, "glib"),
+    Row("get_int/1000", "`getInt`, 1,000 elements", "nlohmann"),
+    Row("get_int/10000", "`getInt`, 10,000 elements", "nlohmann", 0.8),
+    *_others("get_int/10000", "`getInt`, 10,000 elements", *_TREES, "glib"),
+    Row("get_int/100000", "`getInt`, 100,000 elements", "nlohmann"),
+    Row("get_int_long_keys/100", "`getInt`, 100 elements, long keys", "nlohmann", 0.6),
+    Row("get_int_long_keys/10000", "`getInt`, 10,000 elements, long keys", "nlohmann", 0.8),
+    Row("build_shuffled", "build 10,000, shuffled", "nlohmann", 1.0),
+    *_others("build_shuffled", "build 10,000, shuffled", *_TREES, "glib"),
+    Row("build_sorted", "build 10,000, sorted", "nlohmann", 0.9),
+    Row("build_shuffled_long_keys", "build 10,000, shuffled, long keys", "nlohmann", 1.0),
+    Row("build_sorted_long_keys", "build 10,000, sorted, long keys", "nlohmann", 0.9),
+    Row("copy", "copy 10,000", "nlohmann", 0.5),
+    *_others("copy", "copy 10,000", *_TREES),
+    Row("equal", "`==`, 10,000", "nlohmann", 0.9),
+    *_others("equal", "`==`, 10,000", *_TREES),
+    Row("merge", "`+=`, 10,000", "nlohmann", 0.9),
+    Row("diff", "`diff`, 10,000", "nlohmann", 0.1),
+    Row("walk", "walk by `iterate`", "nlohmann", 1.5),
+    Row("children_read", "children by `iterate_subtree`, reading a field", "nlohmann", 4),
+    Row("children_names", "children by `iterate_subtree`, names alone", "nlohmann"),
+    Row("heap_per_element", "heap per element", "nlohmann", 1.1),
+    *_others("heap_per_element", "heap per element", *_TREES, "glib"),
+    Row("heap_per_element_long_keys", "heap per element, long keys", "nlohmann", 1.1),
+    Row("text", "text form, 10,000", "nlohmann", 0.8),
+    Row("binary_mixed_write", "binary form, 10,000 mixed: write", "cereal", 0.8),
+    *_others("binary_mixed_write", "binary form, 10,000 mixed: write", "protobuf"),
+    Row("binary_mixed_read", "binary form, 10,000 mixed: read", "cereal", 1.1),
+    *_others("binary_mixed_read", "binary form, 10,000 mixed: read", "protobuf"),
+    Row("binary_doubles_write", "binary form, 100 MB of doubles: write", "cereal", 0.7),
+    Row("binary_doubles_read", "binary form, 100 MB of doubles: read", "cereal", 1.1),
+    Row("binary_ints_write", "binary form, 100 MB of ints: write", "cereal", 0.7),
+    Row("binary_ints_read", "binary form, 100 MB of ints: read", "cereal", 1.1),
+    Row("binary_bools_write", "binary form, 100 million bools: write", "cereal", 0.2),
+    Row("binary_bools_read", "binary form, 100 million bools: read", "cereal", 0.15),
+    Row("peak_load", "peak memory of loading 100 MB, beyond the result", "file", 0.1),
+    *_others("peak_load", "peak memory of loading 100 MB, beyond the result", "cereal"),
+    Row("peak_store", "peak memory of storing 100 MB", "file", 1.15),
+    Row("store_1k", "`PStore::store`, 1 KB", "system", 1.2),
+    *_others("store_1k", "`PStore::store`, 1 KB", "sqlite"),
+    Row("store_1m", "`PStore::store`, 1 MB", "system", 2.0),
+    *_others("store_1m", "`PStore::store`, 1 MB", "sqlite"),
+    Row("create_members/1000", "create 1,000 members", "gstreamer", 0.08),
+    *_others("create_members/1000", "create 1,000 members", "class_loader"),
+    # Adding to its bin takes GStreamer time that grows with what is in it. That is not what is
+    # compared, so the library has to be as fast at any size as the peer is at the smallest.
+    Row("create_members/10000", "create 10,000 members, peer at 1,000", "gstreamer", 0.08,
+        "create_members/1000"),
+    Row("create_members/100000", "create 100,000 members, peer at 1,000", "gstreamer", 0.08,
+        "create_members/1000"),
+    Row("create_members/10000", "create 10,000 members, peer at 10,000", "gstreamer"),
+    *_others("create_members/100000", "create 100,000 members", "class_loader"),
+    Row("add_connection/1000", "`add_connection`, 1,000", "gstreamer", 0.3),
+    Row("add_connection/10000", "`add_connection`, 10,000", "gstreamer", 0.3),
+    Row("add_connection/100000", "`add_connection`, 100,000", "gstreamer", 0.3),
+    Row("nested_connections/1", "`get_connections` of 1,000, 1 level", "copy"),
+    Row("nested_connections/64", "`get_connections` of 1,000, 64 levels", "copy"),
+    Row("bytes_per_member", "heap per member and connection", "gstreamer", 0.3),
+    Row("update_reset", "`update` and `reset`", "by_hand", 3),
+    Row("has_triggered_port", "`has_triggered_port`, 8 ports", "by_hand", 2.5),
+    Row("event_port", "event port: fire and reset", "system", 1.08),
+    Row("dropped_line", "a dropped log line", "system", 1.08),
+    *_others("dropped_line", "a dropped log line", "glib"),
+    Row("plugin_load", "load a plug-in", "system", 1.1),
+    *_others("plugin_load", "load a plug-in", "class_loader"),
+]
+
+
+# The cases that a quick run leaves out.
+SLOW = r"/100000$|^create_members/10000$|^(nested|spread)_[a-z]+/(2|4|16|32)$|_ints_"
+
+
+@dataclass(frozen=True)
+class Growth:
+    """One line about how a case of the library grows with its size.
+
+    goal   the exponent to stay below, None for a line that is there for information
+    """
+
+    case: str
+    title: str
+    sizes: tuple[int, ...]
+    goal: float | None = None
+
+
+_DEPTHS = (1, 2, 4, 8, 16, 32, 64)
+_SIZES = (1_000, 10_000, 100_000)
+
+GROWTHS = [
+    Growth("create_members", "growth of creating a member, 1,000 to 100,000", _SIZES),
+    Growth("add_connection", "growth of a connection, 1,000 to 100,000", _SIZES),
+    Growth("nested_connections", "growth of `get_connections` per entry, 1 to 64 levels around",
+           _DEPTHS, 0.2),
+    Growth("nested_blocks", "growth of `get_blocks` per entry, 1 to 64 levels around",
+           _DEPTHS, 0.2),
+    Growth("spread_connections", "growth of `get_connections` per entry, spread over 1 to "
+           "64 levels", _DEPTHS, 0.2),
+    Growth("spread_blocks", "growth of `get_blocks` per entry, spread over 1 to 64 levels",
+           _DEPTHS, 0.2),
+]

@@ -1,0 +1,303 @@
+// What an application does with ports in each turn of its loop, and a message that nobody reads.
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+
+#ifdef QUORVAL_BENCH_HAS_GLIB
+#include <glib.h>
+#endif
+
+#include <quorval/block.h>
+#include <quorval/log.h>
+#include <quorval/port.h>
+
+#include "harness.h"
+
+namespace quorval_bench {
+
+namespace {
+
+using Quorval::Block;
+using Quorval::Datatype;
+using Quorval::InPort;
+using Quorval::InPortInternal;
+using Quorval::OutPort;
+using Quorval::OutPortInternal;
+
+constexpr std::size_t kPorts = 64;
+constexpr std::size_t kRounds = 200;
+
+/// A port as one would write it for one program.
+struct PlainPort {
+    void* data = nullptr;
+    bool is_triggered = false;
+    bool auto_reset = true;
+
+    void update(const PlainPort& source)
+    {
+        is_triggered = is_triggered || source.is_triggered;
+        data = source.data;
+    }
+    void reset(bool force)
+    {
+        if (force || auto_reset) {
+            is_triggered = false;
+        }
+    }
+};
+
+template <class Link>
+void transfer(std::vector<Link>& links)
+{
+    for (std::size_t round = 0; round < kRounds; ++round) {
+        for (Link& link : links) {
+            link.to->update(*link.from);
+            benchmark::ClobberMemory();
+            link.to->reset(false);
+            benchmark::ClobberMemory();
+        }
+    }
+}
+
+void add_update_reset()
+{
+    struct Ours {
+        std::unique_ptr<OutPortInternal> from;
+        std::unique_ptr<InPortInternal> to;
+    };
+    add_time("update_reset/quorval", kPorts * kRounds, [] {
+        auto links = std::make_shared<std::vector<Ours>>();
+        for (std::size_t port = 0; port < kPorts; ++port) {
+            auto from = std::make_unique<OutPort<double>>("out", Datatype("double"));
+            from->write(1);
+            links->push_back(
+                {std::move(from), std::make_unique<InPort<double>>("in", Datatype("double"))});
+        }
+        return Side{[links] { transfer(*links); },
+                    [links] {
+                        return std::all_of(links->begin(), links->end(), [](const Ours& link) {
+                            const bool is_reset = !link.to->is_triggered() &&
+                                                  link.to->get_data() == link.from->get_data();
+                            link.to->update(*link.from);
+                            return is_reset && link.to->is_triggered();
+                        });
+                    }};
+    });
+
+    struct Plain {
+        std::unique_ptr<PlainPort> from;
+        std::unique_ptr<PlainPort> to;
+    };
+    add_time("update_reset/by_hand", kPorts * kRounds, [] {
+        auto links = std::make_shared<std::vector<Plain>>();
+        for (std::size_t port = 0; port < kPorts; ++port) {
+            links->push_back({std::make_unique<PlainPort>(), std::make_unique<PlainPort>()});
+            links->back().from->is_triggered = true;
+            links->back().from->data = links->back().from.get();
+        }
+        return Side{[links] { transfer(*links); },
+                    [links] {
+                        return std::all_of(links->begin(), links->end(), [](const Plain& link) {
+                            return !link.to->is_triggered && link.to->data == link.from->data;
+                        });
+                    }};
+    });
+}
+
+/// Eight outputs of which none is triggered: all have to be looked at.
+void add_has_triggered_port()
+{
+    constexpr std::size_t kOutPorts = 8;
+    constexpr std::size_t kQuestions = 5'000;
+    struct Ours {
+        Block block{"block"};
+        std::vector<OutPort<double>*> ports;
+        std::size_t triggered = 0;
+    };
+    add_time("has_triggered_port/quorval", kQuestions, [] {
+        auto state = std::make_shared<Ours>();
+        for (std::size_t port = 0; port < kOutPorts; ++port) {
+            state->ports.push_back(static_cast<OutPort<double>*>(
+                state->block.add_outport(std::make_unique<OutPort<double>>(
+                    "out" + std::to_string(port), Datatype("double")))));
+        }
+        return Side{[state] {
+                        for (std::size_t question = 0; question < kQuestions; ++question) {
+                            state->triggered += state->block.has_triggered_port() ? 1 : 0;
+                        }
+                    },
+                    [state] {
+                        state->ports.back()->trigger();
+                        return state->triggered == 0 && state->block.has_triggered_port();
+                    }};
+    });
+
+    struct Plain {
+        std::vector<std::unique_ptr<PlainPort>> ports;
+        std::size_t triggered = 0;
+    };
+    add_time("has_triggered_port/by_hand", kQuestions, [] {
+        auto state = std::make_shared<Plain>();
+        for (std::size_t port = 0; port < kOutPorts; ++port) {
+            state->ports.push_back(std::make_unique<PlainPort>());
+        }
+        return Side{[state] {
+                        for (std::size_t question = 0; question < kQuestions; ++question) {
+                            const bool is_triggered =
+                                std::any_of(state->ports.begin(), state->ports.end(),
+                                            [](const auto& port) { return port->is_triggered; });
+                            state->triggered += is_triggered ? 1 : 0;
+                            benchmark::ClobberMemory();
+                        }
+                    },
+                    [state] { return state->triggered == 0; }};
+    });
+}
+
+/// A descriptor that is closed at the end.
+struct EventDescriptor {
+    EventDescriptor() : fd(::eventfd(0, 0)) {}
+    EventDescriptor(const EventDescriptor&) = delete;
+    EventDescriptor& operator=(const EventDescriptor&) = delete;
+    ~EventDescriptor() { ::close(fd); }
+
+    int fd;
+};
+
+/// Whether the descriptor was fired once since it was drained.
+bool is_fired_once(int fd)
+{
+    std::uint64_t count = 0;
+    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+    return ::read(fd, &count, sizeof count) == sizeof count && count == 1;
+}
+
+void add_event_port()
+{
+    constexpr std::size_t kEvents = 500;
+    add_time("event_port/quorval", kEvents, [] {
+        auto port = std::make_shared<Quorval::EventPort>("event", true, ::eventfd(0, 0));
+        return Side{[port] {
+                        for (std::size_t event = 0; event < kEvents; ++event) {
+                            port->fire();
+                            port->trigger(true, false);  // what the event loop does
+                            port->reset(false);
+                        }
+                    },
+                    [port] {
+                        port->fire();
+                        return !port->is_triggered() && is_fired_once(port->get_fd());
+                    }};
+    });
+    add_time("event_port/system", kEvents, [] {
+        auto descriptor = std::make_shared<EventDescriptor>();
+        auto sum = std::make_shared<std::uint64_t>(0);
+        return Side{[=] {
+                        *sum = 0;
+                        for (std::size_t event = 0; event < kEvents; ++event) {
+                            std::uint64_t count = 1;
+                            if (::write(descriptor->fd, &count, sizeof count) < 0 ||
+                                ::read(descriptor->fd, &count, sizeof count) < 0) {
+                                return;
+                            }
+                            *sum += count;
+                        }
+                    },
+                    [sum] { return *sum == kEvents; }};
+    });
+}
+
+class RecordingSink : public Quorval::LogInstance {
+public:
+    explicit RecordingSink(int& received) : received_(received) {}
+    void emit(loglevel /*level*/, const char* /*text*/, int /*length*/) override { ++received_; }
+
+private:
+    int& received_;
+};
+
+int format_and_free(const char* format, ...) __attribute__((format(printf, 1, 2), noinline));
+
+int format_and_free(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    char* text = nullptr;
+    const int length = ::vasprintf(&text, format, args);
+    va_end(args);
+    if (length >= 0) {
+        std::free(text);
+    }
+    return length;
+}
+
+constexpr const char* kFormat = "Block %s took %d of %d values";
+
+void add_dropped_line()
+{
+    constexpr int kLines = 1'000;
+    add_time("dropped_line/quorval", kLines, [] {
+        return Side{[] {
+                        for (int line = 0; line < kLines; ++line) {
+                            logger(LOGLEVEL_DEBUG, kFormat, "filter", line, kLines);
+                        }
+                    },
+                    [] {
+                        // That it was the level that made the line be dropped.
+                        int received = 0;
+                        auto before = std::move(Quorval::loginstance);
+                        Quorval::loginstance = std::make_unique<RecordingSink>(received);
+                        logger(LOGLEVEL_DEBUG, kFormat, "filter", 1, kLines);
+                        logger(LOGLEVEL_INFO, kFormat, "filter", 1, kLines);
+                        Quorval::loginstance = std::move(before);
+                        return received == 1;
+                    }};
+    });
+    // The message is formatted before it is known that nobody wants it.
+    add_time("dropped_line/system", kLines, [] {
+        auto characters = std::make_shared<long>(0);
+        return Side{[characters] {
+                        *characters = 0;
+                        for (int line = 0; line < kLines; ++line) {
+                            *characters += format_and_free(kFormat, "filter", line, kLines);
+                        }
+                    },
+                    [characters] { return *characters > 30 * kLines; }};
+    });
+#ifdef QUORVAL_BENCH_HAS_GLIB
+    add_time("dropped_line/glib", kLines, [] {
+        return Side{
+            [] {
+                for (int line = 0; line < kLines; ++line) {
+                    g_log("bench", G_LOG_LEVEL_DEBUG, kFormat, "filter", line, kLines);
+                }
+            },
+            [] { return g_log_writer_default_would_drop(G_LOG_LEVEL_DEBUG, "bench") != 0; }};
+    });
+#endif
+}
+
+const bool kAreAdded = [] {
+    add_update_reset();
+    add_has_triggered_port();
+    add_event_port();
+    add_dropped_line();
+    return true;
+}();
+
+}  // namespace
+
+}  // namespace quorval_bench
