@@ -7,7 +7,10 @@ set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-aarch64;-L;/usr/aarch64-linux-gnu")
+# The loader would also look into the cache of the building machine. Where that lists libraries for
+# AArch64 too, those of another build than the loader's own would come in, and threads hang.
+set(CMAKE_CROSSCOMPILING_EMULATOR
+    "qemu-aarch64;-L;/usr/aarch64-linux-gnu;-E;LD_LIBRARY_PATH=/usr/aarch64-linux-gnu/lib")
 
 # Programs are those of the building machine. Headers and packages without code lie where they lie
 # for every architecture, so "/" is searched too; CMAKE_LIBRARY_ARCHITECTURE keeps the libraries

@@ -25,6 +25,7 @@ void check(bool is_true, const char* what)
     }
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): the message holds the text of the condition
 #define CHECK(condition) check(condition, #condition)
 
 /// Whether an action throws this exception with this text.

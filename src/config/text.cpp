@@ -24,7 +24,7 @@ public:
     void write(const std::string& text) { add(text); }
 
     void write(int value) { write_number(value, value); }
-    void write(bool value) { write_number(value, int{value}); }
+    void write(bool value) { write_number(value, value ? 1 : 0); }
     void write(double value)
     {
         write_number(value, value, std::chars_format::general, static_cast<int>(os_.precision()));

@@ -138,7 +138,10 @@ void Superblock::Impl::collect_connections(std::vector<Connection>& collected)
             append(collected, member->get_connections());
         }
     }
-    append(collected, std::vector<Connection>(connections));
+    make_room(collected, connections.size());
+    for (const Connection& connection : connections) {
+        collected.push_back(connection);
+    }
 }
 
 Superblock::Superblock(std::string name) : impl_(std::make_unique<Impl>())

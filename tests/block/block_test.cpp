@@ -1,6 +1,7 @@
 #include <quorval/block.h>
 
 #include <algorithm>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -803,15 +804,23 @@ TEST(BlockMakeEventport, RefusesATakenNameAndLeavesNoDescriptorOpen)
 
 TEST(BlockMakeEventport, FailsWhenThereAreNoDescriptorsLeft)
 {
+    // One without a descriptor first, and what is thrown is looked at later: the sanitizer takes
+    // descriptors of its own to look at objects of a class that it has not met before.
+    EXPECT_THROW(EventPort("wake", true, -1), std::runtime_error);
     Block block("gain");
     const auto before = open_descriptors();
 
+    std::exception_ptr error;
     {
         const NoDescriptors none;
-        expect_throw<std::runtime_error>([&] { block.make_eventport("wake"); },
-                                         "Invalid fd supplied");
+        try {
+            block.make_eventport("wake");
+        } catch (...) {
+            error = std::current_exception();
+        }
     }
 
+    expect_throw<std::runtime_error>([&] { std::rethrow_exception(error); }, "Invalid fd supplied");
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_FALSE(block.has_external_port());
     EXPECT_NO_THROW(block.make_eventport("wake"));
