@@ -88,6 +88,13 @@ class Dev(unittest.TestCase):
             with self.subTest(command=command):
                 self.assert_usage_error(self.dev(command, "--nonsense"), "--nonsense")
 
+    def test_the_options_of_ctest_are_known(self):
+        options = ("-R", "Superblock", "-LE", "slow", "--rerun-failed", "-VV", "-j2")
+
+        result = self.dev("test", *options, "--no-such-option")
+
+        self.assert_usage_error(result, "unknown option '--no-such-option'")
+
     def test_unknown_presets_are_refused(self):
         for command in ("build", "test", "clean"):
             for arguments in (["--preset", "nonsense"], ["--preset=nonsense"]):
