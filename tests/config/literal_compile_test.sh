@@ -97,6 +97,10 @@ refused=(
     '{"x", {{1}}}'
     # Three strings are no member.
     '{"m", {{"a", "b", "c"}}}'
+    # A member that is none, next to one of two strings, makes no string between two pointers.
+    '{"sub", {{"y", "z"}, {"x"}}}'
+    '{"sub", {{"y", "z"}, {"x", 1, 2}}}'
+    '{"sub", {{&n, 1}}}'
     # What has no type.
     '{"m", {}}'
     # Numbers of other types, and mixtures.
