@@ -266,6 +266,26 @@ void add_build(const std::string& side)
     add("build_sorted_long_keys", true, Keys::Long);
 }
 
+/// Building, and the first walk over what came in any order.
+template <class Library>
+void add_build_and_walk(const std::string& side)
+{
+    struct State {
+        std::vector<Entry> entries = shuffled(make_entries(kLarge));
+        typename Library::Tree tree = Library::make();
+        long sum = 0;
+    };
+    add_time("build_shuffled_and_walk/" + side, kLarge, [] {
+        auto state = std::make_shared<State>();
+        return Side{[state] {
+                        state->tree = make_tree<Library>(state->entries);
+                        state->sum = Library::walk(state->tree);
+                    },
+                    [state] { return state->sum == sum_of(state->entries); },
+                    [state] { state->tree = Library::make(); }};
+    });
+}
+
 template <class Library>
 void add_copy(const std::string& side)
 {
@@ -382,6 +402,30 @@ void add_walk(const std::string& side)
         auto state = std::make_shared<State>();
         return Side{[state] { state->sum = Library::walk(state->tree); },
                     [state] { return state->sum == sum_of(make_entries(kLarge)); }};
+    });
+}
+
+/// What the interface of the walk takes by itself: three calls for an element.
+void add_walk_calls()
+{
+    struct State {
+        std::unique_ptr<Calls> calls = make_calls();
+        long sum = 0;
+    };
+    add_time("walk/calls", kLarge, [] {
+        auto state = std::make_shared<State>();
+        return Side{[state] {
+                        state->sum = 0;
+                        for (; !state->calls->is_over(); state->calls->step()) {
+                            state->sum += state->calls->get();
+                        }
+                    },
+                    [state] { return state->sum == static_cast<long>(kLarge * (kLarge + 1) / 2); },
+                    [state] {
+                        for (std::size_t left = 0; left < kLarge; ++left) {
+                            state->calls->count();
+                        }
+                    }};
     });
 }
 
@@ -536,11 +580,13 @@ const nlohmann::json& mixed_json()
 const bool kAreAdded = [] {
     add_get<QuorvalTree>("quorval");
     add_build<QuorvalTree>("quorval");
+    add_build_and_walk<QuorvalTree>("quorval");
     add_copy<QuorvalTree>("quorval");
     add_equal<QuorvalTree>("quorval");
     add_merge<QuorvalTree>("quorval");
     add_diff<QuorvalTree>("quorval");
     add_walk<QuorvalTree>("quorval");
+    add_walk_calls();
     add_heap<QuorvalTree>("quorval");
     add_children();
     add_text("quorval", mixed_config, [](const BlockConfiguration& config) {
@@ -551,6 +597,7 @@ const bool kAreAdded = [] {
 #ifdef QUORVAL_BENCH_HAS_NLOHMANN
     add_get<NlohmannTree>("nlohmann");
     add_build<NlohmannTree>("nlohmann");
+    add_build_and_walk<NlohmannTree>("nlohmann");
     add_copy<NlohmannTree>("nlohmann");
     add_equal<NlohmannTree>("nlohmann");
     add_merge<NlohmannTree>("nlohmann");

@@ -25,6 +25,7 @@
 #include <quorval/port.h>
 
 #include "harness.h"
+#include "workload.h"
 
 namespace quorval_bench {
 
@@ -113,6 +114,31 @@ void add_update_reset()
                         return std::all_of(links->begin(), links->end(), [](const Plain& link) {
                             return !link.to->is_triggered && link.to->data == link.from->data;
                         });
+                    }};
+    });
+}
+
+/// What the interface takes by itself: `update`, which asks the source whether it is triggered, and
+/// `reset`.
+void add_update_reset_calls()
+{
+    add_time("update_reset/calls", kPorts * kRounds, [] {
+        auto calls = std::make_shared<std::vector<std::unique_ptr<Calls>>>();
+        for (std::size_t port = 0; port < kPorts; ++port) {
+            calls->push_back(make_calls());
+        }
+        return Side{[calls] {
+                        for (std::size_t round = 0; round < kRounds; ++round) {
+                            for (const auto& port : *calls) {
+                                port->count();
+                                benchmark::DoNotOptimize(port->is_over());
+                                port->step();
+                            }
+                        }
+                    },
+                    [calls] {
+                        return std::all_of(calls->begin(), calls->end(),
+                                           [](const auto& port) { return port->get() == 0; });
                     }};
     });
 }
@@ -292,6 +318,7 @@ void add_dropped_line()
 
 const bool kAreAdded = [] {
     add_update_reset();
+    add_update_reset_calls();
     add_has_triggered_port();
     add_event_port();
     add_dropped_line();

@@ -107,4 +107,31 @@ Quorval::BlockConfiguration make_config(const PlainMap& elements)
     return config;
 }
 
+Calls::~Calls() = default;
+
+void Calls::count()
+{
+    ++left_;
+}
+
+void Calls::step()
+{
+    --left_;
+}
+
+bool Calls::is_over()
+{
+    return left_ <= 0;
+}
+
+int Calls::get()
+{
+    return left_;
+}
+
+std::unique_ptr<Calls> make_calls()
+{
+    return std::make_unique<Calls>();
+}
+
 }  // namespace quorval_bench

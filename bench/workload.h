@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <variant>
 #include <vector>
@@ -47,5 +48,24 @@ PlainMap make_mixed(std::size_t count);
 PlainMap make_mixed_scalars(std::size_t count);
 
 Quorval::BlockConfiguration make_config(const PlainMap& elements);
+
+/// Calls that cannot be inlined and do next to nothing: what calls alone take.
+class Calls {
+public:
+    Calls() = default;
+    Calls(const Calls&) = delete;
+    Calls& operator=(const Calls&) = delete;
+    virtual ~Calls();
+
+    void count();
+    virtual void step();
+    virtual bool is_over();
+    virtual int get();
+
+private:
+    int left_ = 0;
+};
+
+std::unique_ptr<Calls> make_calls();
 
 }  // namespace quorval_bench

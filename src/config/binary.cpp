@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <istream>
+#include <memory>
 #include <numeric>
 #include <sstream>
 #include <stdexcept>
@@ -100,9 +101,10 @@ std::size_t size_of(const std::vector<std::string>& texts)
 std::size_t size_of(const Elements& elements)
 {
     std::size_t size = 0;
-    for (const auto& [key, element] : elements) {
-        size += size_of(key) + size_of(kTypeNames[element.value.index()]) +
-                visit_content(element.value, [](const auto& content) { return size_of(content); });
+    for (const Entry& entry : elements) {
+        size += size_of(entry.key) + size_of(kTypeNames[entry.element.value.index()]) +
+                visit_content(entry.element.value,
+                              [](const auto& content) { return size_of(content); });
     }
     return size;
 }
@@ -176,38 +178,18 @@ private:
     cereal::BinaryOutputArchive archive_;
 };
 
-/// Passes raw reads on and counts the bytes that they gave.
-class CountingBuffer : public std::streambuf {
-public:
-    explicit CountingBuffer(std::streambuf& source) : source_(source) {}
-
-    Count count() const { return count_; }
-
-protected:
-    std::streamsize xsgetn(char* to, std::streamsize size) override
-    {
-        const std::streamsize read = source_.sgetn(to, size);
-        count_ += static_cast<Count>(read);
-        return read;
-    }
-
-private:
-    std::streambuf& source_;
-    Count count_ = 0;
-};
-
 /// Reads the fields of a record. Counts come from the input and are not to be trusted: memory is
 /// taken only for what is there.
 class Reader {
 public:
-    explicit Reader(std::istream& in) : in_(in), archive_(in) {}
+    explicit Reader(std::istream& in) : buffer_(*in.rdbuf()) {}
 
-    void read(int& value) { archive_.loadBinary(&value, sizeof value); }
-    void read(double& value) { archive_.loadBinary(&value, sizeof value); }
+    void read(int& value) { read_object(value); }
+    void read(double& value) { read_object(value); }
     void read(bool& value)
     {
         unsigned char byte = 0;
-        archive_.loadBinary(&byte, sizeof byte);
+        read_object(byte);
         value = is_true(byte);
     }
 
@@ -221,7 +203,10 @@ public:
 
     void read(std::vector<std::string>& texts)
     {
-        for (Count left = read_count(); left > 0; --left) {
+        constexpr Count kFew = 16;
+        Count left = read_count();
+        texts.reserve(std::min(left, kFew));
+        for (; left > 0; --left) {
             read(texts.emplace_back());
         }
     }
@@ -234,21 +219,29 @@ public:
         }
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled before it is read
         std::array<unsigned char, kStep> bytes;
-        read_in_steps(count, 1, kStep, [&](cereal::BinaryInputArchive& archive, std::size_t step) {
-            archive.loadBinary(bytes.data(), static_cast<std::streamsize>(step));
-            bools.resize(bools.size() + step);
+        for (Count done = 0; done < count;) {
+            const Count step = std::min<Count>(count - done, kStep);
+            read_items(bytes.data(), step, count, done);
+            bools.resize(done + step);
             std::transform(bytes.begin(), bytes.begin() + step,
                            bools.end() - static_cast<std::ptrdiff_t>(step), is_true);
-        });
+            done += step;
+        }
     }
 
 private:
     static bool is_true(unsigned char byte) { return (byte & 1U) != 0; }
 
+    template <class Object>
+    void read_object(Object& object)
+    {
+        read_items(&object, 1, 1, 0);
+    }
+
     Count read_count()
     {
         Count count = 0;
-        archive_.loadBinary(&count, sizeof count);
+        read_object(count);
         return count;
     }
 
@@ -258,36 +251,27 @@ private:
     {
         constexpr std::size_t kSize = sizeof(typename Items::value_type);
         const Count count = read_count();
-        const Count step = is_there(count, kSize) ? count : kStep / kSize;
-        read_in_steps(count, kSize, step,
-                      [&](cereal::BinaryInputArchive& archive, std::size_t more) {
-                          const std::size_t before = items.size();
-                          items.resize(before + more);
-                          archive.loadBinary(items.data() + before,
-                                             static_cast<std::streamsize>(more * kSize));
-                      });
+        const Count most = is_there(count, kSize) ? count : kStep / kSize;
+        items.clear();
+        for (Count done = 0; done < count;) {
+            const Count step = std::min(count - done, most);
+            items.resize(done + step);
+            read_items(items.data() + done, step, count, done);
+            done += step;
+        }
     }
 
-    /// Calls `read_step(archive, items)` until `count` items are read, for at most `step` at a
-    /// time. A short read is reported as that of the whole.
-    template <class ReadStep>
-    void read_in_steps(Count count, std::size_t size, Count step, ReadStep read_step)
+    /// Reads some of `count` items with one raw read, after those that are `done`. A short read is
+    /// reported as that of the whole.
+    template <class Item>
+    void read_items(Item* items, Count some, Count count, Count done)
     {
-        if (count <= step) {
-            read_step(archive_, static_cast<std::size_t>(count));
-            return;
-        }
-        CountingBuffer counting(*in_.rdbuf());
-        std::istream stream(&counting);
-        cereal::BinaryInputArchive archive(stream);
-        try {
-            for (Count left = count; left > 0;) {
-                const Count now = std::min(left, step);
-                read_step(archive, static_cast<std::size_t>(now));
-                left -= now;
-            }
-        } catch (const cereal::Exception&) {
-            throw_short_read(decimal_product(count, size), counting.count());
+        const Count asked = some * sizeof(Item);
+        auto* const bytes = reinterpret_cast<char*>(items);
+        const auto read =
+            static_cast<Count>(buffer_.sgetn(bytes, static_cast<std::streamsize>(asked)));
+        if (read != asked) {
+            throw_short_read(decimal_product(count, sizeof(Item)), done * sizeof(Item) + read);
         }
     }
 
@@ -299,26 +283,30 @@ private:
             return false;
         }
         constexpr std::streamoff kFailed = -1;
-        std::streambuf& buffer = *in_.rdbuf();
-        const std::streamoff here = buffer.pubseekoff(0, std::ios::cur, std::ios::in);
+        const std::streamoff here = buffer_.pubseekoff(0, std::ios::cur, std::ios::in);
         if (here == kFailed) {
             return false;
         }
-        const std::streamoff end = buffer.pubseekoff(0, std::ios::end, std::ios::in);
-        buffer.pubseekpos(here, std::ios::in);
+        const std::streamoff end = buffer_.pubseekoff(0, std::ios::end, std::ios::in);
+        buffer_.pubseekpos(here, std::ios::in);
         return end >= here && count <= static_cast<Count>(end - here) / size;
     }
 
-    std::istream& in_;
-    cereal::BinaryInputArchive archive_;
+    std::streambuf& buffer_;
 };
 
 template <class Content>
 Value read_value(Reader& reader)
 {
-    Content content{};
-    reader.read(content);
-    return make_value(std::move(content));
+    if constexpr (kIsScalar<Content>) {
+        Content content{};
+        reader.read(content);
+        return content;
+    } else {
+        auto content = std::make_unique<Content>();
+        reader.read(*content);
+        return content;
+    }
 }
 
 using ReadValue = Value (*)(Reader&);
@@ -363,15 +351,16 @@ bool read_header(Reader& reader, std::string& key, std::string& type_name)
 POFStream& operator<<(POFStream& out, const BlockConfiguration& config)
 {
     const Elements& elements = BlockConfiguration::Impl::of(config).elements;
-    if (out.rdbuf() == nullptr && !elements.empty()) {
+    if (out.rdbuf() == nullptr && elements.size() > 0) {
         throw_short_write(sizeof(Count), 0);
     }
     reserve(out.buffer_, size_of(elements));
     Writer writer(out);
-    for (const auto& [key, element] : elements) {
-        writer.write(key);
-        writer.write(kTypeNames[element.value.index()]);
-        visit_content(element.value, [&writer](const auto& content) { writer.write(content); });
+    for (const Entry& entry : elements) {
+        writer.write(entry.key);
+        writer.write(kTypeNames[entry.element.value.index()]);
+        visit_content(entry.element.value,
+                      [&writer](const auto& content) { writer.write(content); });
     }
     return out;
 }

@@ -139,7 +139,10 @@ Result get_or(const char* getter, const Element* element, const std::string& key
               const Result& default_value)
 {
     std::optional<Result> result = find<Result>(getter, element, key);
-    return result ? std::move(*result) : default_value;
+    if (!result) {
+        return default_value;
+    }
+    return std::move(*result);
 }
 
 }  // namespace
@@ -160,28 +163,18 @@ BlockConfiguration::Impl& BlockConfiguration::Impl::of(BlockConfiguration& confi
 
 const Element* BlockConfiguration::Impl::get_element(const std::string& key) const
 {
-    const auto found = elements.lower_bound(SoughtKey(key));
-    return found != elements.end() && found->first == key ? &found->second : nullptr;
+    const Entry* entry = elements.find(key);
+    return entry != nullptr ? &entry->element : nullptr;
 }
 
-void BlockConfiguration::Impl::set(const std::string& key, Value value)
+void BlockConfiguration::Impl::set(const std::string& key, Value&& value)
 {
     if (!is_valid_key(key)) {
         throw_invalid_key(key);
     }
-    put(key, Element(std::move(value)));
-}
-
-void BlockConfiguration::Impl::put(const std::string& key, Element element)
-{
-    // Keys that arrive sorted need no search.
-    const bool is_last = !elements.empty() && elements.rbegin()->first < key;
-    const auto at = is_last ? elements.end() : elements.lower_bound(SoughtKey(key));
-    if (at != elements.end() && at->first == key) {
-        at->second = std::move(element);
-    } else {
-        elements.emplace_hint(at, key, std::move(element));
-    }
+    Element& element = elements.get_or_add(key);
+    element.value = std::move(value);
+    element.consumed = false;
 }
 
 BlockConfiguration::BlockConfiguration() : impl_(std::make_unique<Impl>()) {}
@@ -379,7 +372,7 @@ bool BlockConfiguration::is_consumed() const
 {
     const Elements& elements = Impl::of(*this).elements;
     return std::all_of(elements.begin(), elements.end(),
-                       [](const auto& entry) { return entry.second.consumed; });
+                       [](const Entry& entry) { return entry.element.consumed; });
 }
 
 void BlockConfiguration::delete_element(const std::string& prefix)
@@ -391,15 +384,7 @@ void BlockConfiguration::delete_element(const std::string& prefix)
                (prefix.empty() || key.size() == prefix.size() || key[prefix.size()] == '.');
     };
 
-    Elements& elements = Impl::of(*this).elements;
-    Elements removed;  // lives until the end: the prefix may be one of the removed keys
-    for (auto at = elements.begin(); at != elements.end();) {
-        const auto next = std::next(at);
-        if (matches(at->first)) {
-            removed.insert(removed.end(), elements.extract(at));
-        }
-        at = next;
-    }
+    Impl::of(*this).elements.erase_if(matches);
 }
 
 void BlockConfiguration::load(std::ifstream& /*in*/) {}

@@ -1,171 +1,217 @@
-// How the elements of a configuration are kept, and what all operations on them share.
+// How the elements of a configuration are kept.
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
-#include <map>
-#include <memory>
+#include <cstdint>
+#include <iterator>
 #include <string>
-#include <string_view>
-#include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include <quorval/config.h>
 
+#include "config/value.h"
+
 namespace Quorval {
-
-/// A value. The alternatives have the order of BlockConfiguration::Type. Strings and vectors lie
-/// behind a pointer, never null: elements stay small, and moving or replacing a value cannot fail.
-using Value =
-    std::variant<int, bool, double, std::unique_ptr<std::string>, std::unique_ptr<std::vector<int>>,
-                 std::unique_ptr<std::vector<double>>, std::unique_ptr<std::vector<std::string>>,
-                 std::unique_ptr<std::vector<bool>>>;
-
-constexpr std::array<std::string_view, std::variant_size_v<Value>> kTypeNames = {
-    "int", "bool", "double", "string", "IntVector", "DoubleVector", "StringVector", "BoolVector"};
-
-template <class T>
-constexpr bool kIsScalar = std::is_arithmetic_v<T>;
-
-/// The value that holds `content`, which has one of the eight types.
-template <class T>
-Value make_value(T content)
-{
-    if constexpr (kIsScalar<T>) {
-        return content;
-    } else {
-        return std::make_unique<T>(std::move(content));
-    }
-}
-
-/// The content of a value if it has the type T, else null.
-template <class T>
-const T* content_if(const Value& value)
-{
-    if constexpr (kIsScalar<T>) {
-        return std::get_if<T>(&value);
-    } else {
-        const auto* held = std::get_if<std::unique_ptr<T>>(&value);
-        return held != nullptr ? held->get() : nullptr;
-    }
-}
-
-/// Calls `visitor` with the content of a value.
-template <class Visitor>
-decltype(auto) visit_content(const Value& value, Visitor&& visitor)
-{
-    return std::visit(
-        [&visitor](const auto& held) -> decltype(auto) {
-            if constexpr (kIsScalar<std::decay_t<decltype(held)>>) {
-                return visitor(held);
-            } else {
-                return visitor(*held);
-            }
-        },
-        value);
-}
-
-/// std::variant could copy itself, but leaves its target broken when the copy of a string or a
-/// vector throws.
-inline Value copy_value(const Value& value)
-{
-    return visit_content(value, [](const auto& content) { return make_value(content); });
-}
-
-bool equal(const Value& a, const Value& b);
-
-/// The items of a vector of numbers as numbers of another type.
-template <class To, class From>
-std::vector<To> convert_items(const std::vector<From>& items)
-{
-    std::vector<To> result;
-    result.reserve(items.size());
-    for (const From item : items) {
-        result.push_back(static_cast<To>(item));
-    }
-    return result;
-}
-
-inline BlockConfiguration::Type type_of(const Value& value)
-{
-    return static_cast<BlockConfiguration::Type>(value.index());
-}
 
 struct Element {
     Element() = default;
-    explicit Element(Value content) : value(std::move(content)) {}
     Element(const Element& other) : value(copy_value(other.value)), consumed(other.consumed) {}
     Element(Element&&) noexcept = default;
-    Element& operator=(const Element& other) { return *this = Element(other); }
+    Element& operator=(const Element& other) = delete;
     Element& operator=(Element&&) noexcept = default;
     ~Element() = default;
 
-    Value value;
+    // Its padding holds the mark.
+    [[no_unique_address]] Value value;
     // A typed getter has read the element since it was stored; getters are const.
     mutable bool consumed = false;
 };
 
-/// A key that is looked for. The keys of a configuration begin alike, so a search remembers how
-/// much of the key the nearest lower and the nearest greater one that it met have in common with
-/// it: all keys in between share the smaller part, and need not be compared there again.
-class SoughtKey {
-public:
-    explicit SoughtKey(const std::string& key) : key_(key) {}
+/// An element and its full key. The key of an entry in a configuration does not change.
+struct Entry {
+    std::string key;
+    [[no_unique_address]] Element element;
+    std::uint32_t hash = 0;  // of the key; in the padding of the element
+};
 
-    /// Whether `other`, a key between those met so far, is less than this one.
-    bool is_greater_than(const std::string& other) const
+/// The elements of a configuration. Entries are found by a table of hashes and walked in the order
+/// of their keys, by bytes. An entry stays where it is in memory until it is erased.
+///
+/// The order is made when it is asked for: entries that come sorted are in place at once, others
+/// wait at the end until the next walk. So a walk may write even in a const configuration.
+class Elements {
+public:
+    class Position;
+
+    Elements() = default;
+    Elements(const Elements& other);
+    Elements& operator=(const Elements& other) = delete;
+    Elements& operator=(Elements&& other) noexcept = default;
+    ~Elements() = default;
+
+    std::size_t size() const { return size_; }
+
+    /// The entry of exactly that key, null when there is none.
+    const Entry* find(const std::string& key) const;
+
+    /// The element of that key, a new one where there is none. Nothing is changed when that fails.
+    Element& get_or_add(const std::string& key);
+
+    /// Stores an element under a key, over whatever was there. Nothing is changed when that fails.
+    void put(const std::string& key, Element&& element) { get_or_add(key) = std::move(element); }
+
+    /// Puts `start` before all keys. Nothing is changed when that fails.
+    void prepend(const std::string& start);
+
+    /// Removes the entries whose key `is_erased` holds for. It is asked about all of them first,
+    /// so it may refer to one that goes.
+    template <class Predicate>
+    void erase_if(Predicate is_erased)
     {
-        const std::size_t length = std::min(key_.size(), other.size());
-        std::size_t common = std::min(common_with_lower_, common_with_greater_);
-        while (common < length && key_[common] == other[common]) {
-            ++common;
+        sort();
+        Index kept = 0;
+        for (Index rank = 0; rank < size_; ++rank) {
+            if (!is_erased(at(order_[rank]).key)) {
+                std::swap(order_[kept++], order_[rank]);
+            }
         }
-        const bool is_greater = common < length ? static_cast<unsigned char>(other[common]) <
-                                                      static_cast<unsigned char>(key_[common])
-                                                : other.size() < key_.size();
-        (is_greater ? common_with_lower_ : common_with_greater_) = common;
-        return is_greater;
+        erase_behind(kept);
     }
+
+    /// A walk sees what is added during it, if that lies ahead.
+    Position begin() const;
+    Position end() const;
+
+    /// The first entry whose key is not less than `key`.
+    Position lower_bound(const std::string& key) const;
 
 private:
-    const std::string& key_;
-    mutable std::size_t common_with_lower_ = 0;
-    mutable std::size_t common_with_greater_ = 0;
+    using Index = std::uint32_t;
+    using Slabs = std::vector<std::vector<Entry>>;
+
+    static constexpr Index kNone = UINT32_MAX;
+    static constexpr unsigned char kFree = 0;
+    // Entries lie in slabs, so that they stay and are allocated together: 2, 4, 8, 16, 32, and from
+    // there on 64 each. Places are counted from 2, which makes the place of an entry in binary the
+    // number of its slab and the place in there.
+    static constexpr Index kFirstPlace = 2;
+    static constexpr Index kFullSlab = 64;
+    static constexpr Index kSmallSlabs = 5;
+
+    const Entry& at(Index index) const
+    {
+        const Index place = index + kFirstPlace;
+        return place >= kFullSlab ? slabs_[kSmallSlabs - 1 + place / kFullSlab][place % kFullSlab]
+                                  : at_small(place);
+    }
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): this one is not const
+    Entry& at(Index index) { return const_cast<Entry&>(std::as_const(*this).at(index)); }
+
+    static std::size_t capacity(std::size_t slabs);
+
+    const Entry& at_small(Index place) const;
+    Index index_of(const std::string& key, std::uint32_t hash) const;
+    Index rank_of(const std::string& key) const;
+    void make_room();
+    void take_slot(Index index);
+    void fill_slots();
+    void erase_behind(Index kept);
+    void sort() const;
+
+    Slabs slabs_;
+    // Where the entries are found: each at the slot of its hash or in the next free one. As many
+    // as a power of two, of which at least a quarter is free. The mark of a slot says that it is
+    // free, or tells its entry from most others without looking at them.
+    std::vector<Index> slots_;
+    std::vector<unsigned char> marks_;
+    // All places in the slabs that have ever been in use: first those of the entries, then those
+    // that have become free. The first `sorted_` entries are in the order of their keys.
+    mutable std::vector<Index> order_;
+    mutable Index sorted_ = 0;
+    Index size_ = 0;
+    Index changes_ = 0;  // counts them, so that a position can tell whether its rank still holds
 };
 
-/// The order of keys: by bytes.
-struct KeyLess {
-    using is_transparent = void;
+/// A place in the order of the keys: on an entry, or at the end. It stays on its entry while
+/// others come and go; the entry itself must not go.
+class Elements::Position {
+public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Entry;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const Entry*;
+    using reference = const Entry&;
 
-    bool operator()(const std::string& a, const std::string& b) const { return a < b; }
-    bool operator()(const std::string& a, const SoughtKey& b) const { return b.is_greater_than(a); }
-};
+    bool is_end() const { return entry_ == nullptr; }
 
-/// The elements by their full keys. References to elements stay valid while others come and go.
-using Elements = std::map<std::string, Element, KeyLess>;
+    reference operator*() const { return *entry_; }
+    pointer operator->() const { return entry_; }
 
-/// Moves `at` on to the first element whose key is not less than `key`; all before `at` are less.
-/// Tells whether it is that key.
-template <class Map, class Position>
-bool seek(Map& elements, Position& at, const std::string& key)
-{
-    // What is asked for next tends to be near, but a long way is not to be walked.
-    constexpr int kSteps = 4;
-    for (int step = 0; step < kSteps && at != elements.end(); ++step, ++at) {
-        const int order = at->first.compare(key);
-        if (order >= 0) {
-            return order == 0;
+    Position& operator++()
+    {
+        find_rank();
+        move_to(rank_ + 1);
+        return *this;
+    }
+
+    /// Moves on to the first entry that `is_passed` does not hold for. It holds for this one, and
+    /// for no entry behind one that it does not hold for. A long way takes few questions.
+    template <class Predicate>
+    void pass(Predicate is_passed)
+    {
+        find_rank();
+        const auto passes = [&](Index index) { return is_passed(elements_->at(index)); };
+        const auto first = elements_->order_.begin();
+        const auto last = first + elements_->size_;
+        auto from = first + rank_;
+        // What is passed tends to be as much as the last time.
+        if (way_ < last - from && passes(from[way_ - 1]) && !passes(from[way_])) {
+            move_to(rank_ + static_cast<Index>(way_));
+            return;
+        }
+        std::ptrdiff_t step = 1;
+        while (step < last - from && passes(from[step])) {
+            from += step;
+            step *= 2;
+        }
+        const auto to = std::partition_point(from + 1, from + std::min(step, last - from), passes);
+        way_ = to - first - rank_;
+        move_to(static_cast<Index>(to - first));
+    }
+
+    friend bool operator==(const Position& a, const Position& b) { return a.entry_ == b.entry_; }
+
+private:
+    friend class Elements;
+
+    Position(const Elements& elements, Index rank)
+        : elements_(&elements), changes_(elements.changes_)
+    {
+        move_to(rank);
+    }
+
+    void move_to(Index rank)
+    {
+        rank_ = rank;
+        entry_ = rank < elements_->size_ ? &elements_->at(elements_->order_[rank]) : nullptr;
+    }
+
+    void find_rank()
+    {
+        if (changes_ != elements_->changes_) [[unlikely]] {
+            rank_ = elements_->rank_of(entry_->key);
+            changes_ = elements_->changes_;
         }
     }
-    if (at == elements.end()) {
-        return false;
-    }
-    at = elements.lower_bound(SoughtKey(key));
-    return at != elements.end() && at->first == key;
-}
+
+    const Elements* elements_;
+    const Entry* entry_ = nullptr;  // null at the end
+    Index rank_ = 0;
+    Index changes_;
+    std::ptrdiff_t way_ = 1;  // the last time
+};
 
 struct BlockConfiguration::Impl {
     Elements elements;
@@ -179,10 +225,7 @@ struct BlockConfiguration::Impl {
 
     /// Stores a value under `key`, unread, over whatever was there.
     /// @throws std::runtime_error  the key is not valid
-    void set(const std::string& key, Value value);
-
-    /// The same for any key, valid or not.
-    void put(const std::string& key, Element element);
+    void set(const std::string& key, Value&& value);
 };
 
 }  // namespace Quorval

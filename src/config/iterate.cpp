@@ -39,21 +39,21 @@ std::string with_full_stop(std::string prefix)
 class BlockConfiguration::ConfigIteratorImpl final : public BlockConfiguration::Iterator {
 public:
     ConfigIteratorImpl(const Elements& elements, const std::string& prefix)
-        : elements_(elements), prefix_(prefix), position_(elements.lower_bound(prefix))
+        : prefix_(prefix), position_(elements.lower_bound(prefix))
     {
-        find_end();
+        look();
     }
 
-    bool is_end() override { return is_end_; }
+    bool is_end() override { return entry_ == nullptr; }
 
     void advance() override
     {
         current();
         ++position_;
-        find_end();
+        look();
     }
 
-    const std::string& key() override { return current().first; }
+    const std::string& key() override { return current().key; }
 
     int getInt() override { return read<int>(); }
     bool getBool() override { return read<bool>(); }
@@ -74,20 +74,21 @@ public:
     const std::vector<bool>& getBoolVector() override { return read<std::vector<bool>>(); }
 
 private:
-    // Asked of the element, not kept as a position: the one behind the prefix may come and go.
+    // Whether it is the end is asked of the element, not kept as a position: the one behind the
+    // prefix may come and go.
     // Held by ConfigIterator.NeverLeavesThePrefixForAnElementThatIsAddedBehindIt.
-    void find_end()
+    void look()
     {
-        is_end_ = position_ == elements_.end() ||
-                  position_->first.compare(0, prefix_.size(), prefix_) != 0;
+        const bool is_within = !position_.is_end() && position_->key.starts_with(prefix_);
+        entry_ = is_within ? &*position_ : nullptr;
     }
 
-    const Elements::value_type& current() const
+    const Entry& current() const
     {
-        if (is_end_) {
+        if (entry_ == nullptr) {
             throw_beyond_end();
         }
-        return *position_;
+        return *entry_;
     }
 
     /// The content of the current element. It is consumed even if it turns out to have another
@@ -96,7 +97,7 @@ private:
     template <class T>
     const T& read()
     {
-        const Element& element = current().second;
+        const Element& element = current().element;
         element.consumed = true;
         if constexpr (kIsScalar<T>) {
             return std::get<T>(element.value);
@@ -105,10 +106,9 @@ private:
         }
     }
 
-    const Elements& elements_;
     std::string prefix_;
-    Elements::const_iterator position_;
-    bool is_end_ = false;
+    Elements::Position position_;
+    const Entry* entry_ = nullptr;  // null at the end
 };
 
 BlockConfiguration::Iterator::Iterator() = default;
@@ -125,11 +125,13 @@ BlockConfiguration BlockConfiguration::getSubtree(const std::string& prefix) con
 {
     const std::string path = with_full_stop(prefix);
     BlockConfiguration result;
-    for (const auto& [key, element] : Impl::of(*this).elements) {
-        // Not only at the start of the key. Applications rely on what this finds, so it stays.
-        // Held by ConfigSubtree.MatchesThePrefixAnywhereInTheKey.
-        if (key.find(path) != std::string::npos) {
-            Impl::of(result).put(key.substr(path.size()), Element(copy_value(element.value)));
+    Elements& found = Impl::of(result).elements;
+    for (const Entry& entry : Impl::of(*this).elements) {
+        // Not only at the start of the entry.key. Applications rely on what this finds, so it
+        // stays. Held by ConfigSubtree.MatchesThePrefixAnywhereInTheKey.
+        if (entry.key.find(path) != std::string::npos) {
+            Value value = copy_value(entry.element.value);
+            found.get_or_add(entry.key.substr(path.size())).value = std::move(value);
         }
     }
     return result;
@@ -142,10 +144,11 @@ BlockConfiguration::SubtreeIterator BlockConfiguration::iterate_subtree(std::str
 
 struct BlockConfiguration::SubtreeIterator::InternalIterator::Impl {
     const BlockConfiguration& config;
-    const Elements& elements;
     std::string prefix;  // ends with a full stop
-    Elements::const_iterator position;
+    Elements::Position position;
     std::size_t path_length = 0;  // the start of the current key that is the path of the child
+
+    std::string_view path() const { return std::string_view(position->key).substr(0, path_length); }
 
     /// Moves to the first child at the position or behind it. False when the walk has met a key
     /// that does not begin with the prefix.
@@ -157,9 +160,9 @@ struct BlockConfiguration::SubtreeIterator::InternalIterator::Impl {
 
 bool BlockConfiguration::SubtreeIterator::InternalIterator::Impl::find_child()
 {
-    for (; position != elements.end(); ++position) {
-        const std::string& key = position->first;
-        if (key.compare(0, prefix.size(), prefix) != 0) {
+    for (; !position.is_end(); ++position) {
+        const std::string& key = position->key;
+        if (!key.starts_with(prefix)) {
             return false;
         }
         // A leaf of the prefix has no further full stop, an empty component is no child.
@@ -173,10 +176,9 @@ bool BlockConfiguration::SubtreeIterator::InternalIterator::Impl::find_child()
 
 void BlockConfiguration::SubtreeIterator::InternalIterator::Impl::skip_child()
 {
-    std::string behind = position->first.substr(0, path_length);
-    behind += static_cast<char>(
-        '.' + 1);  // the first key that does not begin with the path and a full stop
-    seek(elements, position, behind);
+    // All keys from here on that begin alike lie together.
+    const std::string_view path_with_full_stop(position->key.data(), path_length + 1);
+    position.pass([&](const Entry& entry) { return entry.key.starts_with(path_with_full_stop); });
 }
 
 using InternalIterator = BlockConfiguration::SubtreeIterator::InternalIterator;
@@ -189,7 +191,7 @@ InternalIterator::InternalIterator(const BlockConfiguration& config, std::string
     prefix = with_full_stop(std::move(prefix));
     const auto position = elements.lower_bound(prefix);
     // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): owned by impl_
-    impl_.reset(new Impl{config, elements, std::move(prefix), position});
+    impl_.reset(new Impl{config, std::move(prefix), position});
     if (!impl_->find_child()) {
         impl_.reset();
     }
@@ -214,7 +216,7 @@ void InternalIterator::advance()
 
 bool InternalIterator::is_end() const
 {
-    return !impl_ || impl_->position == impl_->elements.end();
+    return !impl_ || impl_->position.is_end();
 }
 
 const BlockConfiguration& InternalIterator::config() const
@@ -230,7 +232,7 @@ std::string InternalIterator::current_path() const
     if (is_end()) {
         throw_internal_error();
     }
-    return impl_->position->first.substr(0, impl_->path_length);
+    return std::string(impl_->path());
 }
 
 BlockConfiguration::SubtreeIterator::Iterator::Iterator(InternalIterator cursor)
@@ -264,7 +266,7 @@ bool BlockConfiguration::SubtreeIterator::Iterator::operator==(const Iterator& o
     if (cursor_.is_end() || other.cursor_.is_end()) {
         return cursor_.is_end() == other.cursor_.is_end();
     }
-    return &*cursor_.impl_->position == &*other.cursor_.impl_->position;
+    return cursor_.impl_->position == other.cursor_.impl_->position;
 }
 
 bool BlockConfiguration::SubtreeIterator::Iterator::operator!=(const Iterator& other) const
@@ -322,7 +324,12 @@ int Accessor::index() const
 
 std::string Accessor::path(const std::string& key) const
 {
-    return path_ + "." + key;
+    std::string full;
+    full.reserve(path_.size() + 1 + key.size());
+    full += path_;
+    full += '.';
+    full += key;
+    return full;
 }
 
 int Accessor::getInt(const std::string& key) const

@@ -22,8 +22,8 @@ bool BlockConfiguration::operator==(const BlockConfiguration& other) const
     const Elements& mine = Impl::of(*this).elements;
     const Elements& theirs = Impl::of(other).elements;
     return mine.size() == theirs.size() &&
-           std::equal(mine.begin(), mine.end(), theirs.begin(), [](const auto& a, const auto& b) {
-               return a.first == b.first && equal(a.second.value, b.second.value);
+           std::equal(mine.begin(), mine.end(), theirs.begin(), [](const Entry& a, const Entry& b) {
+               return a.key == b.key && equal(a.element.value, b.element.value);
            });
 }
 
@@ -38,13 +38,8 @@ BlockConfiguration& BlockConfiguration::operator+=(const BlockConfiguration& oth
         return *this;
     }
     Elements& mine = Impl::of(*this).elements;
-    auto at = mine.begin();
-    for (const auto& [key, element] : Impl::of(other).elements) {
-        if (seek(mine, at, key)) {
-            at->second = element;
-        } else {
-            at = mine.emplace_hint(at, key, element);
-        }
+    for (const Entry& entry : Impl::of(other).elements) {
+        mine.put(entry.key, Element(entry.element));
     }
     return *this;
 }
@@ -62,9 +57,17 @@ BlockConfiguration BlockConfiguration::diff(const BlockConfiguration& other) con
     auto at = theirs.begin();
     BlockConfiguration result;
     Elements& differing = Impl::of(result).elements;
-    for (const auto& [key, element] : Impl::of(*this).elements) {
-        if (!seek(theirs, at, key) || !equal(element.value, at->second.value)) {
-            differing.emplace_hint(differing.end(), key, element);
+    for (const Entry& entry : Impl::of(*this).elements) {
+        // Most often the keys are the same, and both walks go in step.
+        const Entry* other_entry = nullptr;
+        if (!at.is_end() && at->key == entry.key) {
+            other_entry = &*at;
+            ++at;
+        } else {
+            other_entry = theirs.find(entry.key);
+        }
+        if (other_entry == nullptr || !equal(entry.element.value, other_entry->element.value)) {
+            differing.put(entry.key, Element(entry.element));
         }
     }
     return result;
@@ -72,17 +75,7 @@ BlockConfiguration BlockConfiguration::diff(const BlockConfiguration& other) con
 
 void BlockConfiguration::rebase(const std::string& prefix)
 {
-    // All that can fail comes first: the elements move over when their new keys are there.
-    Elements& elements = Impl::of(*this).elements;
-    Elements rebased;
-    for (const auto& entry : elements) {
-        rebased.emplace_hint(rebased.end(), prefix + "." + entry.first, Element());
-    }
-    auto from = elements.begin();
-    for (auto& entry : rebased) {
-        entry.second = std::move((from++)->second);
-    }
-    elements.swap(rebased);
+    Impl::of(*this).elements.prepend(prefix + ".");
 }
 
 }  // namespace Quorval

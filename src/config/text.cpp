@@ -1,5 +1,6 @@
 #include <array>
 #include <charconv>
+#include <cstddef>
 #include <iostream>
 #include <locale>
 #include <string>
@@ -13,6 +14,11 @@
 namespace Quorval {
 
 namespace {
+
+// In the order of BlockConfiguration::Type.
+constexpr std::array<std::string_view, kTypeNames.size()> kTypeLabels = {
+    " (int) = ",       " (bool) = ",         " (double) = ",       " (string) = ",
+    " (IntVector) = ", " (DoubleVector) = ", " (StringVector) = ", " (BoolVector) = "};
 
 /// Gathers the parts of a line, so that the stream is not asked for each of them.
 class LineWriter {
@@ -74,7 +80,7 @@ private:
         }
         std::array<char, kMaxPrecision + 8> digits{};  // sign, full stop, exponent
         const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), plain...).ptr;
-        line_.append(digits.data(), end);
+        add({digits.data(), static_cast<std::size_t>(end - digits.data())});
     }
 
     void write_line()
@@ -95,12 +101,10 @@ std::ostream& operator<<(std::ostream& os, const BlockConfiguration& config)
     // A field width that the caller has set is for this first text, and ends with it.
     os << "BlockConfiguration:" << std::endl;
     LineWriter line(os);
-    for (const auto& [key, element] : BlockConfiguration::Impl::of(config).elements) {
-        line.add(key);
-        line.add(" (");
-        line.add(kTypeNames[element.value.index()]);
-        line.add(") = ");
-        visit_content(element.value, [&line](const auto& content) { line.write(content); });
+    for (const Entry& entry : BlockConfiguration::Impl::of(config).elements) {
+        line.add(entry.key);
+        line.add(kTypeLabels[entry.element.value.index()]);
+        visit_content(entry.element.value, [&line](const auto& content) { line.write(content); });
         line.end_line();
     }
     return os;

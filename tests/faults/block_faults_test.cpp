@@ -2,8 +2,10 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <sys/eventfd.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -220,6 +222,12 @@ TEST(BlockOutOfMemory, NeverFailsInTheCycle)
     const std::vector<Operation> operations = {
         {"get_outport", [](Block& block) { block.get_outport(kOutput); }},
         {"get_connections", [](Block& block) { block.get_connections(); }},
+        {"get_fdport",
+         [](Block& block) {
+             static const std::string name = "first-fdport-with-a-long-name";
+             block.get_fdport(name)->reset(true);
+         }},
+        {"get_name", [](Block& block) { block.get_name(); }},
         {"has_triggered_port", [](Block& block) { block.has_triggered_port(); }},
         {"has_external_port", [](Block& block) { block.has_external_port(); }},
         {"has_external_trigger", [](Block& block) { block.has_external_trigger(); }},
@@ -294,6 +302,66 @@ TEST(PortsOutOfMemory, AreNotMadeWhenTheirConstructionFails)
         SCOPED_TRACE(construction.name);
         EXPECT_GT(fail_each_allocation([&] { construction.act(type); }), 0U);
     }
+}
+
+TEST(PortsOutOfMemory, NeverFailInTheCycle)
+{
+    struct Ports {
+        OutPort<std::string> source{kFreeName, Datatype(kType)};
+        InPort<std::string> target{kFreeName, Datatype(kType)};
+        EventPort event{kFreeName, true, ::eventfd(0, 0)};
+        std::string next = "a text that is too long to be kept in place";
+    };
+    const auto prepare = [] { return std::make_unique<Ports>(); };
+    const auto act = [](Ports& ports) {
+        ports.source.write(std::move(ports.next));
+        ports.target.update(ports.source);
+        ports.target.get_connectable()->reset(false);
+        ports.source.reset(true);
+        ports.event.fire();
+        ports.event.trigger(true, false);
+        ports.event.reset(false);
+        ports.event.set_eventmask({true, true});
+    };
+    const auto look = [](Ports& ports) {
+        return ports.target.get() == nullptr ? "nothing yet" : ports.target.value();
+    };
+
+    EXPECT_EQ(fail_each_allocation(prepare, act, look), 0U);
+}
+
+TEST(PortsOutOfMemory, PublishNothingWhenAValueCannotBeCopied)
+{
+    const auto prepare = [] {
+        auto port = std::make_unique<OutPort<std::string>>(kFreeName, Datatype(kType));
+        port->value() = "before";
+        return port;
+    };
+    const auto act = [](OutPort<std::string>& port) {
+        static const std::string text = "a text that is too long to be kept in place";
+        port.write(text);
+    };
+    const auto look = [](OutPort<std::string>& port) {
+        return port.value() + (port.is_triggered() ? "!" : "") +
+               (port.get_data() != nullptr ? "published" : "");
+    };
+
+    EXPECT_EQ(fail_each_allocation(prepare, act, look), 2U);
+}
+
+TEST(DatatypeOutOfMemory, AnswersWithoutAnAllocation)
+{
+    const Datatype type("/prefix/a-path-that-is-long/image");
+    const Datatype other("/prefix/a-path-that-is-long/sound");
+
+    EXPECT_EQ(fail_each_allocation([&] {
+                  type.get_name();
+                  type.is_generic();
+                  type.is_assignable_from(other);
+                  static_cast<void>(type == other);
+                  static_cast<void>(type != other);
+              }),
+              0U);
 }
 
 TEST(PortsOutOfMemory, StayUsableWhenAFailureCannotBeWorded)

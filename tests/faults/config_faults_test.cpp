@@ -1,3 +1,5 @@
+#include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -8,7 +10,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "config/elements.h"
+#include "config/value.h"
 #include "faults/faults.h"
 
 namespace {
@@ -118,6 +120,16 @@ TEST(ConfigurationOutOfMemory, LeavesTheConfigurationAsItWasWhenAGetterWithADefa
         {"getFloat", [](auto& config) { config.getFloat("inputs.0.amplification-factor", 1.0F); }},
         {"getString present",
          [](auto& config) { config.getString("inputs.0.human-readable-name", kText); }},
+        {"getIntVector present",
+         [](auto& config) { config.getIntVector("inputs.1.channel-numbers", {}); }},
+        {"getDoubleVector present",
+         [](auto& config) { config.getDoubleVector("inputs.1.channel-numbers", {}); }},
+        {"getFloatVector present",
+         [](auto& config) { config.getFloatVector("inputs.1.filter-coefficients", {}); }},
+        {"getStringVector present",
+         [](auto& config) { config.getStringVector("inputs.1.channel-names", {}); }},
+        {"getBoolVector present",
+         [](auto& config) { config.getBoolVector("inputs.1.channel-is-muted", {}); }},
         {"getString absent", [](auto& config) { config.getString(kKey, kText); }},
         {"getIntVector absent",
          [](auto& config) { config.getIntVector(kKey, std::vector<int>{1}); }},
@@ -178,11 +190,33 @@ TEST(ConfigurationOutOfMemory, LeavesTheConfigurationAsItWasWhenItIsTakenApart)
              BlockConfiguration::SubtreeIterator::InternalIterator it(config, "a.missing.prefix");
              refuse<std::runtime_error>([&] { it.current_path(); });
          }},
+        {"the configuration of an iterator without one",
+         [](auto&) {
+             const BlockConfiguration::SubtreeIterator::InternalIterator it;
+             refuse<std::runtime_error>([&] { it.config(); });
+         }},
+        {"the child behind the last one",
+         [](auto& config) {
+             const auto children = config.iterate_subtree("inputs");
+             refuse<std::runtime_error>([&] { *children.end(); });
+         }},
         {"an iterator beyond its end",
          [](auto& config) {
              const auto it = config.iterate("none");
              refuse<std::runtime_error>([&] { it->advance(); });
          }},
+        {"the key of an ended iterator",
+         [](auto& config) {
+             const auto it = config.iterate("none");
+             refuse<std::runtime_error>([&] { it->key(); });
+         }},
+        {"the element of an ended iterator",
+         [](auto& config) {
+             const auto it = config.iterate("none");
+             refuse<std::runtime_error>([&] { it->getString(); });
+         }},
+        {"references to elements",
+         [](auto& config) { config.iterate("inputs.1.channel-names")->getStringVector(); }},
     });
 }
 
@@ -264,7 +298,18 @@ TEST(ConfigurationOutOfMemory, LeavesTheConfigurationAsItWasWhenAnAccessorFails)
 TEST(ConfigurationOutOfMemory, LeavesTheConfigurationAsItWasWhenAWholeOneIsMade)
 {
     expect_clean_failures({
+        {"an empty one", [](auto&) { BlockConfiguration(); }},
         {"copy", [](auto& config) { BlockConfiguration copy(config); }},
+        {"an element in a moved-from one",
+         [](auto& config) {
+             BlockConfiguration moved(std::move(config));
+             try {
+                 config.set("k", 1);
+             } catch (const std::bad_alloc&) {
+                 config = std::move(moved);
+                 throw;
+             }
+         }},
         {"assignment", [](auto& config) { config = make_other(); }},
         {"copying assignment",
          [](auto& config) {
@@ -282,28 +327,20 @@ TEST(ConfigurationOutOfMemory, MergesAPartAtMost)
     const BlockConfiguration other = make_other();
     const BlockConfiguration sample = make_sample();
     const BlockConfiguration merged = sample + other;
-    std::size_t nth = 0;
-    bool has_failed = true;
 
-    while (has_failed) {
-        ++nth;
-        SCOPED_TRACE(nth);
-        const long live = live_allocations();
-        {
-            BlockConfiguration config = sample;
-            has_failed = runs_out_of_memory(nth, Mode::Once, [&] { config += other; });
+    const std::size_t failures = run_with_each_failure([&](std::size_t nth, Mode mode) {
+        BlockConfiguration config = sample;
+        const bool has_failed = runs_out_of_memory(nth, mode, [&] { config += other; });
 
-            // Each element is that of before or that of the sum, and none is missing.
-            EXPECT_EQ(sample.diff(config).diff(sample), BlockConfiguration());
-            EXPECT_EQ(config.diff(sample).diff(merged), BlockConfiguration());
-            config += other;
-            EXPECT_EQ(describe(config), describe(merged));
-        }
-        EXPECT_EQ(live_allocations(), live);
-        ASSERT_LT(nth, kMostAllocations);
-    }
+        // Each element is that of before or that of the sum, and none is missing.
+        EXPECT_EQ(sample.diff(config).diff(sample), BlockConfiguration());
+        EXPECT_EQ(config.diff(sample).diff(merged), BlockConfiguration());
+        config += other;
+        EXPECT_EQ(describe(config), describe(merged));
+        return has_failed;
+    });
 
-    EXPECT_GT(nth, 10U);
+    EXPECT_GT(failures, 20U);
 }
 
 TEST(ConfigurationOutOfMemory, NeverFailsWhereNothingHasToBeAllocated)
@@ -313,6 +350,19 @@ TEST(ConfigurationOutOfMemory, NeverFailsWhereNothingHasToBeAllocated)
         {"==", [](auto& config) { static_cast<void>(config == config); }},
         {"!=", [](auto& config) { static_cast<void>(config != config); }},
         {"delete_element", [](auto& config) { config.delete_element("0"); }},
+        {"getType",
+         [](auto& config) {
+             static const std::string key = "inputs.0.sampling-frequency";
+             config.getType(key);
+             config.getTypeName(key);
+         }},
+        {"load and save",
+         [](auto& config) {
+             std::ifstream in;
+             std::ofstream out;
+             config.load(in);
+             config.save(out);
+         }},
         {"move",
          [](auto& config) {
              BlockConfiguration other(std::move(config));
@@ -343,6 +393,9 @@ TEST(ConfigurationOutOfMemory, IsNotMadeWhenItsLiteralFails)
             {"strings-with-a-rather-long-key", {"a text that is too long to be kept", "b"}},
             {"more-strings-with-a-long-key", {kText, kText}},
             {"vector-of-ints-with-a-long-key", std::vector<int>{1}},
+            {"vector-of-bools-with-a-long-key", std::vector<bool>{true}},
+            {"vector-of-doubles-with-a-long-key", std::vector<double>{0.5}},
+            {"vector-of-strings-with-a-long-key", std::vector<std::string>{kText}},
             {"vector-of-pointers-with-a-long-key", std::vector<const char*>{kText.c_str()}},
             {"a-subtree-with-a-rather-long-key", {{"member-with-a-rather-long-key", kText}}},
             {"a-list-with-a-rather-long-key",
@@ -353,6 +406,75 @@ TEST(ConfigurationOutOfMemory, IsNotMadeWhenItsLiteralFails)
     });
 
     EXPECT_GT(failures, 100U);
+}
+
+TEST(ConfigurationOutOfMemory, LosesNothingWhenALiteralIsRefused)
+{
+    const char* const null = nullptr;
+    const std::string key = "a-key-of-more-than-a-few-characters";
+    const std::vector<std::function<void()>> literals = {
+        [&] { refuse<std::logic_error>([&] { KeyValue(key, null); }); },
+        [&] { refuse<std::logic_error>([&] {
+                  KeyValue(key, {kText.c_str(), null});
+              }); },
+        [&] { refuse<std::logic_error>([&] { KeyValue(null, 1); }); },
+        [&] {
+            refuse<std::runtime_error>([&] { BlockConfiguration{{key, kText}, {"in valid", 1}}; });
+        },
+    };
+
+    for (std::size_t at = 0; at < literals.size(); ++at) {
+        SCOPED_TRACE(at);
+        EXPECT_GT(fail_each_allocation(literals[at]), 0U);
+    }
+}
+
+TEST(ConfigurationOutOfMemory, StoresTheFirstMembersOfASubtreeWhole)
+{
+    const std::string first = "a-first-member-with-a-long-key";
+    const std::string second = "a-second-member-with-a-long-key";
+    const KeyValue literals[] = {
+        {"a-subtree-with-a-long-key", {{first, kText}, {second, kText}}},
+        {"a-list-with-a-rather-long-key", {{{first, kText}}, {{second, kText}}}},
+    };
+    for (const KeyValue& literal : literals) {
+        BlockConfiguration whole = make_sample();
+        KeyValue::set_recursively(whole, "", literal);
+        std::size_t parts = 0;
+
+        run_with_each_failure([&](std::size_t nth, Mode mode) {
+            BlockConfiguration config = make_sample();
+            const bool has_failed = runs_out_of_memory(
+                nth, mode, [&] { KeyValue::set_recursively(config, "", literal); });
+
+            EXPECT_EQ(make_sample().diff(config), BlockConfiguration());
+            EXPECT_EQ(config.diff(whole), BlockConfiguration());
+            parts += has_failed && config != make_sample() ? 1 : 0;
+            KeyValue::set_recursively(config, "", literal);
+            EXPECT_EQ(describe(config), describe(whole));
+            return has_failed;
+        });
+
+        EXPECT_GT(parts, 0U);
+    }
+}
+
+// The mark comes before the copy, as it comes before the check of the type.
+TEST(ConfigurationOutOfMemory, ConsumesAnElementOfWhichAWalkCannotCopyTheFloats)
+{
+    const std::string key = "inputs.1.filter-coefficients";
+
+    const std::size_t failures = run_with_each_failure([&](std::size_t nth, Mode mode) {
+        BlockConfiguration config{{key, {0.25, -1.5}}};
+        std::unique_ptr<BlockConfiguration::Iterator> it = config.iterate(key);
+        const bool has_failed = runs_out_of_memory(nth, mode, [&] { it->getFloatVector(); });
+
+        EXPECT_TRUE(config.is_consumed());
+        EXPECT_EQ(it->getFloatVector(), (std::vector<float>{0.25F, -1.5F}));
+        return has_failed;
+    });
+
+    EXPECT_EQ(failures, 2U);
 }
 
 TEST(ConfigurationOutOfMemory, StoresALeafWholeOrNotAtAll)
@@ -371,27 +493,18 @@ TEST(ConfigurationOutOfMemory, KeepsTheTextOfAStreamWholeOrMarksTheStreamBad)
     std::ostringstream whole;
     whole << config;
     const std::string before = describe(config);
-    bool has_failed = true;
 
-    for (std::size_t nth = 1; has_failed; ++nth) {
-        SCOPED_TRACE(nth);
+    const std::size_t failures = run_with_each_failure([&](std::size_t nth, Mode mode) {
         std::ostringstream text;
-        bool threw = false;
-        {
-            const FailingAllocation failing(nth, Mode::Once);
-            try {
-                text << config;
-            } catch (const std::bad_alloc&) {
-                threw = true;
-            }
-            has_failed = FailingAllocation::has_failed();
-        }
+        const Outcome outcome = try_without_memory(nth, mode, [&] { text << config; });
 
-        EXPECT_EQ(threw || !text, has_failed);
-        EXPECT_EQ(text.str() == whole.str(), !has_failed);
+        EXPECT_EQ(outcome.threw || !text, outcome.has_failed);
+        EXPECT_EQ(text.str() == whole.str(), !outcome.has_failed);
         EXPECT_EQ(describe(config), before);
-        ASSERT_LT(nth, kMostAllocations);
-    }
+        return outcome.has_failed;
+    });
+
+    EXPECT_GT(failures, 0U);
 }
 
 /// The bytes that a configuration is written as.
@@ -407,35 +520,25 @@ TEST(ConfigurationOutOfMemory, ReadsWholeElementsAndEndsQuietlyInAHeader)
 {
     const BlockConfiguration sample = make_sample();
     const std::string bytes = to_bytes(sample);
-    bool has_failed = true;
     std::size_t thrown = 0;
     std::size_t quiet = 0;
 
-    for (std::size_t nth = 1; has_failed; ++nth) {
-        SCOPED_TRACE(nth);
+    run_with_each_failure([&](std::size_t nth, Mode mode) {
         std::istringstream in(bytes);
-        const long live = live_allocations();
-        {
-            BlockConfiguration config;
-            {
-                const FailingAllocation failing(nth, Mode::Once);
-                bool threw = false;
-                try {
-                    in >> config;
-                } catch (const std::bad_alloc&) {
-                    threw = true;
-                }
-                has_failed = FailingAllocation::has_failed();
-                thrown += threw ? 1 : 0;
-                quiet += has_failed && !threw ? 1 : 0;
-            }
-            EXPECT_EQ(config.diff(sample), BlockConfiguration());
-            // The end of the data is found by an exception, whose text may fail without a loss.
-            EXPECT_TRUE(config == sample || has_failed);
-        }
-        EXPECT_EQ(live_allocations(), live);
-        ASSERT_LT(nth, kMostAllocations);
-    }
+        BlockConfiguration config;
+        const Outcome outcome = try_without_memory(nth, mode, [&] { in >> config; });
+
+        EXPECT_EQ(config.diff(sample), BlockConfiguration());
+        // The end of the data is found by an exception, whose text may fail without a loss.
+        EXPECT_TRUE(config == sample || outcome.has_failed);
+        // What is read once more is read whole.
+        std::istringstream again(bytes);
+        again >> config;
+        EXPECT_EQ(config, sample);
+        thrown += outcome.threw ? 1 : 0;
+        quiet += outcome.has_failed && !outcome.threw ? 1 : 0;
+        return outcome.has_failed;
+    });
 
     EXPECT_GT(thrown, 0U);
     EXPECT_GT(quiet, 0U);
@@ -466,27 +569,21 @@ TEST(ConfigurationOutOfMemory, PrintsToStandardOutputWithoutHarm)
         }
     };
     const std::string before = describe(make_sample());
-    bool has_failed = true;
+    std::ostringstream whole;
+    whole << make_sample() << std::endl;
 
-    for (std::size_t nth = 1; has_failed; ++nth) {
-        SCOPED_TRACE(nth);
-        const long live = live_allocations();
-        {
-            Printed printed;
-            {
-                const FailingAllocation failing(nth, Mode::Once);
-                try {
-                    printed.config->print();
-                } catch (const std::bad_alloc&) {
-                    // Or the message is cut.
-                }
-                has_failed = FailingAllocation::has_failed();
-            }
-            EXPECT_EQ(describe(*printed.config), before);
-        }
-        EXPECT_EQ(live_allocations(), live);
-        ASSERT_LT(nth, kMostAllocations);
-    }
+    const std::size_t failures = run_with_each_failure([&](std::size_t nth, Mode mode) {
+        Printed printed;
+        const Outcome outcome = try_without_memory(nth, mode, [&] { printed.config->print(); });
+
+        const std::string text = printed.text.str();
+        EXPECT_EQ(text == whole.str(), !outcome.has_failed);
+        EXPECT_EQ(text, whole.str().substr(0, text.size()));
+        EXPECT_EQ(describe(*printed.config), before);
+        return outcome.has_failed;
+    });
+
+    EXPECT_GT(failures, 0U);
 }
 
 // The standard library's copy of a variant leaves the target without a value, and so broken, when

@@ -115,6 +115,57 @@ std::size_t fail_each_allocation(Act act)
         nothing, [&act](int&) { act(); }, [](int&) { return std::string(); });
 }
 
+/// For operations that document something else than the above: calls `run(nth, mode)` for both
+/// modes and n = 1, 2, 3, … until it returns that no allocation failed any more. None of the runs
+/// may lose memory or a descriptor.
+/// @return the number of allocations that failed
+template <class Run>
+std::size_t run_with_each_failure(Run run)
+{
+    std::size_t failures = 0;
+    for (const Mode mode : kModes) {
+        for (std::size_t nth = 1;; ++nth) {
+            SCOPED_TRACE("allocation " + std::to_string(nth) + " fails, " + name_of(mode));
+            const std::vector<int> descriptors = open_descriptors();
+            const long live = live_allocations();
+            const bool has_failed = run(nth, mode);
+            EXPECT_EQ(live_allocations(), live);
+            EXPECT_EQ(open_descriptors(), descriptors);
+            if (!has_failed) {
+                break;
+            }
+            ++failures;
+            if (nth == kMostAllocations || ::testing::Test::HasFailure()) {
+                ADD_FAILURE() << "gave up";
+                return failures;
+            }
+        }
+    }
+    return failures;
+}
+
+/// How an act ended of which an allocation was to fail.
+struct Outcome {
+    bool has_failed = false;  ///< the allocation was asked for
+    bool threw = false;       ///< std::bad_alloc came out
+};
+
+/// Runs `act` with its `nth` allocation failing. Whether that comes out is for the caller to judge;
+/// any other exception passes.
+template <class Act>
+Outcome try_without_memory(std::size_t nth, Mode mode, Act&& act)
+{
+    Outcome outcome;
+    const FailingAllocation failing(nth, mode);
+    try {
+        std::forward<Act>(act)();
+    } catch (const std::bad_alloc&) {
+        outcome.threw = true;
+    }
+    outcome.has_failed = FailingAllocation::has_failed();
+    return outcome;
+}
+
 /// For operations that are refused: passes when `act` throws exactly an Exception. Memory that
 /// runs out for its text comes out as std::bad_alloc.
 template <class Exception, class Act>

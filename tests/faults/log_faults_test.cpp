@@ -33,6 +33,25 @@ TEST(LogOutOfMemory, TakesNothingFromOperatorNewForAFormattedMessage)
     EXPECT_EQ(fail_each_allocation([] { logger(LOGLEVEL_INFO, "%s and %d", "a text", 5); }), 0U);
 }
 
+TEST(LogOutOfMemory, LosesAMessageThatTheSinkHasNoMemoryFor)
+{
+    LogRecorder recorder;
+    logger(LOGLEVEL_INFO, "%s", "the first one, for which the recorder makes its list");
+    recorder.clear();
+
+    const std::size_t failures = run_with_each_failure([&](std::size_t nth, Mode mode) {
+        const Outcome outcome = try_without_memory(
+            nth, mode, [] { logger(LOGLEVEL_INFO, "%s", "a text that the sink has to keep"); });
+
+        EXPECT_FALSE(outcome.threw);
+        EXPECT_EQ(recorder.texts().empty(), outcome.has_failed);
+        recorder.clear();
+        return outcome.has_failed;
+    });
+
+    EXPECT_GT(failures, 0U);
+}
+
 TEST(LogOutOfMemory, CutsAMessageOrEndsTheProcess)
 {
     const auto act = [] {

@@ -18,7 +18,6 @@
 #include <quorval/config.h>
 #include <quorval/dlloader.h>
 #include <quorval/log.h>
-#include <quorval/pluginloader.h>
 #include <quorval/pstore.h>
 
 #include "support/support.h"
@@ -27,13 +26,6 @@
 extern "C" void* __libc_malloc(std::size_t size);                     // NOLINT
 extern "C" void* __libc_calloc(std::size_t count, std::size_t size);  // NOLINT
 extern "C" void* __libc_realloc(void* block, std::size_t size);       // NOLINT
-
-namespace Quorval {
-
-// The application's to define: here it holds nothing.
-struct InitTools {};
-
-}  // namespace Quorval
 
 namespace {
 
@@ -83,15 +75,12 @@ namespace {
 
 using Quorval::BlockConfiguration;
 using Quorval::DlLoader;
-using Quorval::PluginLoader;
 using Quorval::PStore;
 using quorval_test::LogRecorder;
 using quorval_test::open_descriptors;
-using quorval_test::ScopedEnvironment;
 using quorval_test::TemporaryDirectory;
 
 const char* const kPlugin = "quorval_test_faults_plugin.so";
-const Quorval::InitTools tools;
 
 /// What came out of a run: Swallowed when nothing did although a call failed.
 enum class Result { Success, Swallowed, BadAlloc, RuntimeError, StreamFailure, LogicError, Other };

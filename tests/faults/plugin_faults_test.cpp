@@ -4,8 +4,10 @@
 #include <string>
 #include <tuple>
 
+#include <quorval/block.h>
 #include <quorval/dlloader.h>
 #include <quorval/pluginloader.h>
+#include <quorval/superblock.h>
 
 #include "faults/faults.h"
 
@@ -19,10 +21,13 @@ struct InitTools {};
 namespace {
 
 using namespace quorval_test;
+using Quorval::Block;
 using Quorval::BlockConfiguration;
 using Quorval::Container;
 using Quorval::DlLoader;
 using Quorval::PluginLoader;
+using Quorval::Superblock;
+using Quorval::UniqueDlPtr;
 
 const char* const kPlugin = "quorval_test_faults_plugin.so";
 const char* const kType = "a-plain-block-with-a-long-type-name";
@@ -128,6 +133,42 @@ TEST_F(PluginOutOfMemory, ClosesAPluginThatCannotBeLoadedOrEndsTheProcessInAMess
         EXPECT_LE(endings.terminated, 2U) << name_of(mode);
         EXPECT_GT(endings.ran_out, 0U) << name_of(mode);
     }
+}
+
+TEST_F(PluginOutOfMemory, LetsGoOfAMemberThatASuperblockRefusesOrEndsTheProcessInAMessage)
+{
+    const auto act = [] {
+        Superblock graph("graph");
+        graph.add_block({nullptr, std::make_unique<Block>("a-block-with-a-long-name")});
+        auto created = PluginLoader(kPlugin, tools).create(kType, {}, "a-block-with-a-long-name");
+        // The member holds the last share of the plug-in, and is destroyed when it is refused.
+        refuse<std::runtime_error>([&] { graph.add_block(std::move(created)); });
+    };
+
+    for (const Mode mode : kModes) {
+        const Endings endings = fail_each_allocation_in_child(mode, act);
+
+        // A message about the loading, one about the unloading.
+        EXPECT_LE(endings.terminated, 2U) << name_of(mode);
+        EXPECT_GT(endings.ran_out, 0U) << name_of(mode);
+    }
+}
+
+TEST_F(PluginOutOfMemory, PassesAPluginOnWithoutAnAllocation)
+{
+    struct Held {
+        UniqueDlPtr<Container> first =
+            std::get<0>(PluginLoader(kPlugin, tools).create("t", {}, "a"));
+        UniqueDlPtr<Container> second;
+    };
+    const auto act = [](Held& held) {
+        UniqueDlPtr<Container> moved(std::move(held.first));
+        held.second = std::move(moved);
+        held.second->get_name();
+    };
+    const auto look = [](Held& held) { return std::string(held.second ? "second" : "first"); };
+
+    EXPECT_EQ(fail_each_allocation([] { return std::make_unique<Held>(); }, act, look), 0U);
 }
 
 TEST_F(PluginOutOfMemory, ClosesALibraryThatCannotBeOpenedOrEndsTheProcessInAMessage)

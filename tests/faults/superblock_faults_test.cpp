@@ -118,6 +118,11 @@ TEST(SuperblockOutOfMemory, IsNotMadeWhenItsConstructionFails)
     EXPECT_GT(fail_each_allocation([] { Superblock("a-superblock-with-a-long-name"); }), 0U);
     const BlockConfiguration config{{"pstore_path", "/a/store/path/that/is/long/"}};
     EXPECT_GT(fail_each_allocation([&config] { Superblock("a-superblock", config); }), 0U);
+    const BlockConfiguration wrong{{"pstore_path", 5}};
+    EXPECT_GT(fail_each_allocation([&wrong] {
+                  refuse<std::runtime_error>([&] { Superblock("a-superblock", wrong); });
+              }),
+              0U);
 }
 
 TEST(SuperblockOutOfMemory, KeepsTheMemberWithTheCallerWhenItCannotBeAdded)
@@ -185,6 +190,10 @@ TEST(SuperblockOutOfMemory, StaysAsItWasWhenPortsCannotBeConnectedOrExposed)
              refuse<std::runtime_error>([&] {
                  graph.outer.add_outport("an-outer-output-with-a-long-name", *graph.first, kOut);
              });
+         }},
+        {"a missing output",
+         [](Graph& graph) {
+             refuse<std::out_of_range>([&] { graph.outer.add_outport("a", *graph.first, "none"); });
          }},
         {"an output without a name",
          [](Graph& graph) {
