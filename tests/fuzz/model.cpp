@@ -143,7 +143,13 @@ bool is_equal(const ModelValue& a, const ModelValue& b)
 
 std::string print(const Model& model)
 {
+    return print(model, std::ostringstream());
+}
+
+std::string print(const Model& model, const std::ios& format)
+{
     std::ostringstream os;
+    os.copyfmt(format);
     os << "BlockConfiguration:\n";
     for (const auto& [key, element] : model) {
         os << key << " (" << type_name(element.value) << ") = ";

@@ -1,6 +1,7 @@
 // A configuration as one would write it down first: a map, and each operation a plain loop over it.
 #pragma once
 
+#include <ios>
 #include <map>
 #include <string>
 #include <variant>
@@ -31,8 +32,10 @@ std::string refusal_of_key(const std::string& key);
 
 bool is_equal(const ModelValue& a, const ModelValue& b);
 
-/// What the text form of the configuration has to be, on a stream as it is by default.
+/// What the text form of the configuration has to be, on a stream as it is by default or with the
+/// format of another.
 std::string print(const Model& model);
+std::string print(const Model& model, const std::ios& format);
 
 /// Whether all are consumed.
 bool is_consumed(const Model& model);

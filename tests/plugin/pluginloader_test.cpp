@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -86,6 +87,7 @@ using PluginLoaderConstruction = PluginTest;
 using PluginLoaderFailure = PluginTest;
 using PluginLoaderRegistry = PluginTest;
 using PluginLoaderCreate = PluginTest;
+using PluginLoaderDeathTest = PluginTest;
 using PluginLoaderLifetime = PluginTest;
 using PluginLoaderThreads = PluginTest;
 
@@ -249,11 +251,17 @@ TEST_F(PluginLoaderFailure, PassesTheTextOfThePlatformOn)
 {
     const TemporaryDirectory directory;
     const ScopedEnvironment elsewhere("QUORVAL_PLUGIN_DIR", directory.path().string());
+    const std::string content = read_file(fixture_path(kGood));
+    std::string foreign = content;
+    foreign.replace(18, 2, "\x08\0", 2);  // the field of the machine
     write_file(directory.path() / "text.so", "not a shared object, and not even a short text file");
-    write_file(directory.path() / "cut.so", read_file(fixture_path(kGood)).substr(0, 100));
+    write_file(directory.path() / "empty.so", "");
+    write_file(directory.path() / "cut.so", content.substr(0, 100));
+    write_file(directory.path() / "foreign.so", foreign);
     const LogRecorder log;
 
-    for (const std::string filename : {"text.so", "cut.so", "missing.so", ""}) {
+    for (const std::string filename :
+         {"text.so", "empty.so", "cut.so", "foreign.so", "missing.so", ""}) {
         const std::string text = platform_error(directory.store_path() + filename);
         ASSERT_EQ(text.rfind(directory.store_path() + filename, 0), 0U) << text;
 
@@ -261,6 +269,23 @@ TEST_F(PluginLoaderFailure, PassesTheTextOfThePlatformOn)
     }
 
     EXPECT_EQ(log.texts(), Texts{});
+}
+
+// Headers that promise more than the file holds are believed: what is missing is found when it is
+// touched. This is why a plug-in is replaced by a rename, and never written in place.
+TEST_F(PluginLoaderDeathTest, DiesInThePlatformOfAPluginThatIsCutBehindItsHeaders)
+{
+    constexpr std::size_t kKept = 4096;
+    const TemporaryDirectory directory;
+    const ScopedEnvironment elsewhere("QUORVAL_PLUGIN_DIR", directory.path().string());
+    write_file(directory.path() / "cut.so", read_file(fixture_path(kGood)).substr(0, kKept));
+
+    EXPECT_EXIT(
+        {
+            ::signal(SIGBUS, SIG_DFL);  // a sanitizer has a handler of its own
+            PluginLoader loader("cut.so", tools_);
+        },
+        ::testing::KilledBySignal(SIGBUS), "");
 }
 
 TEST_F(PluginLoaderFailure, NamesAMissingSymbol)
@@ -282,6 +307,23 @@ TEST_F(PluginLoaderFailure, ClosesAPluginThatLeavesAnErrorOfThePlatform)
                                      platform_error(path));
 
     EXPECT_EQ(log.texts(), Texts{});
+    EXPECT_FALSE(is_mapped(path));
+}
+
+TEST_F(PluginLoaderFailure, PassesOnWhatIsNoExceptionOfTheStandard)
+{
+    const std::string path = fixture_path("fixture_throws_a_number.so");
+    const LogRecorder log;
+    int caught = 0;
+
+    try {
+        load("fixture_throws_a_number.so");
+    } catch (const int number) {
+        caught = number;
+    }
+
+    EXPECT_EQ(caught, 42);
+    EXPECT_EQ(log.texts(), (Texts{loaded(path), "create functions gone", unloaded(path)}));
     EXPECT_FALSE(is_mapped(path));
 }
 
@@ -580,22 +622,45 @@ TEST_F(PluginLoaderCreate, PassesExceptionsOfTheCreateFunctionOn)
     EXPECT_FALSE(is_mapped(fixture_path(kGood)));
 }
 
-TEST_F(PluginLoaderCreate, DestroysABlockThatCannotBeSetUp)
+TEST_F(PluginLoaderCreate, DestroysABlockThatCannotBeFinished)
 {
-    auto loader = load(kGood);
-    const LogRecorder log;
+    struct {
+        const char* type;
+        std::string name;
+        std::string text;
+        Texts events;
+    } const cases[] = {
+        {"ThrowsInConstructor", "a", "cannot be constructed", {"create a", "destroy a"}},
+        {"ThrowsAfterMaking", "a", "cannot keep a", {"create a", "destroy a"}},
+        {"ThrowsInSetup", "a", "cannot be set up", {"create a", "setup a", "destroy a"}},
+        {"ThrowsInSetName", "", "cannot be named", {"create ", "setup ", "destroy "}},
+        // One exception is on its way while another is thrown and caught.
+        {"CatchesInDestructor",
+         "a",
+         "cannot be set up",
+         {"create a", "cannot be destroyed", "destroy a"}},
+    };
 
-    expect_throw<std::runtime_error>([&] { loader->create("ThrowsInSetup", {}, "a"); },
-                                     "cannot be set up");
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.type);
+        auto loader = load(kGood);
+        const LogRecorder log;
 
-    EXPECT_EQ(log.texts(), (Texts{"create a", "setup a", "destroy a"}));
-    loader.reset();
-    EXPECT_FALSE(is_mapped(fixture_path(kGood)));
+        expect_throw<std::runtime_error>(
+            [&] {
+                loader->create(test.type, {{"fails", true}}, test.name);
+            },
+            test.text);
+
+        EXPECT_EQ(log.texts(), test.events);
+        loader.reset();
+        EXPECT_FALSE(is_mapped(fixture_path(kGood)));
+    }
 }
 
 TEST_F(PluginLoaderCreate, LetsItsExceptionsOutliveThePlugin)
 {
-    for (const char* type : {"ThrowsInCreate", "ThrowsInSetup"}) {
+    for (const char* type : {"ThrowsInCreate", "ThrowsInConstructor", "ThrowsInSetup"}) {
         auto loader = load(kGood);
         std::exception_ptr error;
         try {
@@ -641,6 +706,24 @@ TEST_F(PluginLoaderLifetime, LetsBlocksOutliveTheLoader)
     EXPECT_FALSE(is_mapped(path));
     EXPECT_EQ(log.texts(), (Texts{"create functions gone", "destroy a", "setup b", "destroy b",
                                   unloaded(path)}));
+}
+
+TEST_F(PluginLoaderLifetime, LetsTheLastBlockThrowAndCatchInItsDestructor)
+{
+    const std::string path = fixture_path(kGood);
+    UniqueDlPtr<Container> block = std::get<0>(load(kGood)->create("CatchesInDestructor", {}, "a"));
+    const LogRecorder log;
+
+    block = {};
+
+    EXPECT_EQ(log.texts(), (Texts{"cannot be destroyed", "destroy a", unloaded(path)}));
+    EXPECT_FALSE(is_mapped(path));
+}
+
+TEST_F(PluginLoaderDeathTest, EndsTheProcessWhenADestructorThrows)
+{
+    EXPECT_EXIT(load(kGood)->create("ThrowsInDestructor", {}, "a"),
+                ::testing::KilledBySignal(SIGABRT), "cannot be destroyed");
 }
 
 TEST_F(PluginLoaderLifetime, LetsTheLoaderOutliveItsBlocks)
@@ -746,6 +829,29 @@ TEST_F(PluginLoaderLifetime, SharesOneFileBetweenLoaders)
 
     block = {};
     EXPECT_FALSE(is_mapped(path));
+}
+
+TEST_F(PluginLoaderLifetime, KeepsAPluginWhoseFileIsReplacedByARenameUntilItIsUnloaded)
+{
+    const TemporaryDirectory directory;
+    const ScopedEnvironment elsewhere("QUORVAL_PLUGIN_DIR", directory.path().string());
+    const std::filesystem::path file = directory.path() / "plugin.so";
+    const std::filesystem::path next = directory.path() / "plugin.so.next";
+    write_file(file, read_file(fixture_path(kGood)));
+    write_file(next, read_file(fixture_path("fixture_catches.so")));
+    auto loader = std::make_unique<PluginLoader>("plugin.so", tools_);
+    UniqueDlPtr<Container> block = std::get<0>(loader->create("Recorder", {}, "a"));
+
+    std::filesystem::rename(next, file);
+    EXPECT_EQ(block->setup({}), (BlockConfiguration{{"doubled", 42}}));
+    // The platform goes by the path of what is loaded.
+    loader = std::make_unique<PluginLoader>("plugin.so", tools_);
+    EXPECT_EQ(std::get<0>(loader->create("Renamed", {}, "b"))->get_name(), "b-made");
+    loader.reset();
+    block = {};
+    loader = std::make_unique<PluginLoader>("plugin.so", tools_);
+
+    EXPECT_EQ(std::get<0>(loader->create("Gain", {}, "c"))->get_name(), "first");
 }
 
 TEST_F(PluginLoaderLifetime, UnloadsAfterSharedPointersAndStaticsInInlineFunctionsWereUsed)

@@ -695,6 +695,81 @@ TEST_F(POFStreamCommit, ReplacesTheFileByWhatAShortWriteTook)
     }
 }
 
+// The system sees a name up to its first zero, so that file and temporary file are the same.
+TEST_F(POFStreamCommit, RemovesTheFileAndWritesItAnewUnderANameWithAZeroInside)
+{
+    write_file(file_, "old");
+    POFStream out(path_, std::string("state\0x", 7));
+    out << "new";
+    SystemCalls calls;
+
+    out.close();
+
+    const std::vector<std::string> expected = {
+        "stat(" + path_ + ")",
+        "stat(" + file_ + ")",
+        "stat(" + file_ + ")",
+        "unlink(" + file_ + ")",
+        "open(" + path_ + ", " + kOpenDirectory + ")",
+        "openat(directory, state, 0x242, 0600)",
+        "write(file, 3)",
+        "fsync(file)",
+        "close(file)",
+        "renameat(directory, state, directory, state)",
+        "fsync(directory)",
+        "close(directory)",
+    };
+    EXPECT_EQ(calls.made(), expected);
+    EXPECT_EQ(read_file(file_), "new");
+}
+
+// The second writer is let in before each call of the first one, and finishes there.
+TEST_F(POFStreamCommit, FailsOrLosesItsContentToASecondWriterOfTheFile)
+{
+    for (std::size_t here = 0; here < kCallCount; ++here) {
+        SCOPED_TRACE(here);
+        const DescriptorGuard descriptors;
+        write_file(file_, "old");
+        POFStream first(path_, "state");
+        first << "of the first";
+        SystemCalls calls;
+        calls.before_each([&](std::size_t number) {
+            if (number == here) {
+                POFStream second(path_, "state");
+                second << "of the second";
+                second.close();
+            }
+        });
+
+        // The check of the second one removes the temporary file of the first one.
+        const bool has_lost_its_file = here > kOpenAt && here <= kRename;
+        if (has_lost_its_file) {
+            expect_system_error([&] { first.close(); }, "Failed on call to linkat", ENOENT);
+        } else {
+            first.close();
+        }
+
+        EXPECT_EQ(read_file(file_), here <= kOpenAt ? "of the first" : "of the second");
+        EXPECT_FALSE(fs::exists(temporary_));
+    }
+}
+
+TEST_F(POFStreamCommit, MixesItsContentWithThatOfAWriterWhoOpenedTheSameTemporaryFile)
+{
+    POFStream out(path_, "state");
+    out << "new";
+    SystemCalls calls;
+    calls.before_each([&](std::size_t number) {
+        if (number == kWrite) {
+            write_file(temporary_, "of another writer");
+        }
+    });
+
+    out.close();
+
+    EXPECT_EQ(read_file(file_), "newanother writer");
+}
+
 TEST_F(POFStreamCommit, CountsOnlyANegativeResultAsAFailureUpToTheRename)
 {
     for (const Call call : {kSyncFile, kCloseFile, kRename}) {

@@ -65,6 +65,25 @@ private:
     rlimit before_ = {};
 };
 
+/// Lets no file of the process grow beyond so many bytes, as on a full disk, and puts the limit
+/// back.
+class ScopedFileSizeLimit {
+public:
+    explicit ScopedFileSizeLimit(rlim_t bytes)
+    {
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        rlimit limit = before_;
+        limit.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
+    ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
+    ~ScopedFileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+private:
+    rlimit before_ = {};
+};
+
 /// Makes the working directory another one, and puts it back.
 class ScopedWorkingDirectory {
 public:
@@ -401,6 +420,43 @@ TEST_F(POFStreamConstruction, TakesANameBelowTheDirectory)
     EXPECT_EQ(names_in(path_ + "sub"), std::vector<std::string>{"state"});
 }
 
+TEST_F(POFStreamConstruction, TakesANameThatLeadsOutOfTheDirectory)
+{
+    POFStream out(path_ + "store/", "../state");
+    out << "new";
+    out.close();
+
+    EXPECT_EQ(read_file(file_), "new");
+    EXPECT_TRUE(fs::is_empty(path_ + "store"));
+}
+
+TEST_F(POFStreamConstruction, TakesAnAbsoluteNameWithoutTheDirectory)
+{
+    const TemporaryDirectory other;
+    write_file(other.path() / "state", "old");
+    write_file(other.path() / "state.tmp", "left, and longer than the content");
+
+    POFStream out(path_, other.store_path() + "state");
+    EXPECT_EQ(names_in(other.path()).size(), 2U) << "the check looks below the directory";
+    out << "new";
+    out.close();
+
+    EXPECT_EQ(read_file(other.path() / "state"), "new");
+    EXPECT_EQ(names_in(other.path()).size(), 1U);
+    EXPECT_EQ(names(), "");
+}
+
+TEST_F(POFStreamConstruction, RefusesAPathWithAZeroInside)
+{
+    write_file(file_, "old");
+
+    // The text goes as far as what() shows it.
+    expect_throw<std::runtime_error>([&] { POFStream(path_ + std::string("\0/", 2), "state"); },
+                                     "Failed to verify file is a file: " + path_);
+
+    EXPECT_EQ(read_file(file_), "old");
+}
+
 TEST_F(POFStreamConstruction, DestructionLeavesAnExistingFileAndMakesNone)
 {
     write_file(file_, "old");
@@ -684,6 +740,21 @@ TEST_F(POFStreamClose, ReplacesALinkByAFile)
     EXPECT_FALSE(fs::is_symlink(file_));
     EXPECT_EQ(read_file(file_), "new");
     EXPECT_EQ(read_file(path_ + "real"), "old");
+}
+
+TEST_F(POFStreamClose, ReplacesTheFileByWhatThereWasRoomFor)
+{
+    write_file(file_, "the old content");
+    POFStream out(path_, "state");
+    out << "the new content";
+    {
+        const ScopedFileSizeLimit limit(7);
+
+        EXPECT_NO_THROW(out.close());
+    }
+
+    EXPECT_EQ(read_file(file_), "the new");
+    EXPECT_EQ(names(), "state ");
 }
 
 TEST_F(POFStreamClose, ReportsThatDescriptorsRanOut)

@@ -235,6 +235,37 @@ TEST_F(PStoreStore, RefusesNamesAndPathsThatAStreamRefuses)
     EXPECT_FALSE(fs::exists("relative"));
 }
 
+TEST_F(PStoreStore, LosesAFileThatIsNamedAsATemporaryOne)
+{
+    store_.store("state.tmp", config_);
+
+    store_.store("state", {});
+
+    EXPECT_THROW(store_.load("state.tmp"), std::ios_base::failure);
+}
+
+TEST_F(PStoreStore, TakesAnAbsoluteNameWithoutThePathAndSoDoesLoad)
+{
+    const TemporaryDirectory other;
+    const std::string name = other.store_path() + "state";
+
+    store_.store(name, config_);
+
+    EXPECT_EQ(store_.load(name), config_);
+    EXPECT_TRUE(fs::exists(name));
+    EXPECT_TRUE(fs::is_empty(directory_.path()));
+}
+
+TEST_F(PStoreStore, TakesANameUpToItsFirstZeroAndSoDoesLoad)
+{
+    const std::string name("state\0x", 7);
+
+    store_.store(name, config_);
+
+    EXPECT_EQ(store_.load("state"), config_);
+    EXPECT_EQ(store_.load(name), config_);
+}
+
 TEST_F(PStoreStore, LeavesAReaderThatIsAtWorkTheOldContent)
 {
     store_.store("state", config_);
@@ -287,6 +318,41 @@ TEST_F(PStoreLoad, PassesOnWhatTheReaderThrows)
                                      "The parameter k has an unknown type: float");
 
     EXPECT_EQ(open_descriptors(), before);
+}
+
+// The element that is last in the order of keys tells a whole file from a cut one.
+TEST_F(PStoreLoad, OfACutFileThrowsOrMissesTheLastElement)
+{
+    store_.store("state", config_);
+    const std::string content = read_file(path_ + "state");
+    std::size_t shorter = 0;
+    std::size_t refused = 0;
+
+    for (std::size_t size = 0; size < content.size(); ++size) {
+        SCOPED_TRACE(size);
+        write_file(path_ + "cut", content.substr(0, size));
+        try {
+            const BlockConfiguration found = store_.load("cut");
+            EXPECT_EQ(found.diff(config_), BlockConfiguration());
+            EXPECT_THROW(found.getType("strings"), std::invalid_argument);
+            ++shorter;
+        } catch (const cereal::Exception&) {
+            ++refused;
+        }
+    }
+
+    EXPECT_GT(shorter, 8U * 16) << "at least both lengths of each record";
+    EXPECT_GT(refused, 0U);
+}
+
+TEST_F(PStoreLoad, TakesBytesThatWereChangedForTheirValues)
+{
+    store_.store("state", {{"k", 1}});
+    std::string content = read_file(path_ + "state");
+    content.at(content.size() - sizeof(int)) = 3;
+    write_file(path_ + "state", content);
+
+    EXPECT_EQ(store_.load("state").getInt("k"), 3);
 }
 
 // A header that cannot be read is the end of the data, whatever the reason.
