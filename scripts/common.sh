@@ -37,6 +37,7 @@ declare -A package_groups=(
     [aarch64]="g++-aarch64-linux-gnu qemu-user googletest"
     [abi]="abigail-tools"
     [package]="debhelper dpkg-dev fakeroot lintian pkg-config"
+    [valgrind]="valgrind"
     [fuzz]="clang"
     [coverage]="gcovr"
     [docs]="doxygen mandoc groff-base perl"

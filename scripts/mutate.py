@@ -100,7 +100,8 @@ def find_mutants(root, folders):
 
 def run(command, **options):
     return subprocess.run(
-        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, **options
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
+        errors="replace", **options
     )
 
 
