@@ -245,14 +245,14 @@ private:
         return count;
     }
 
-    /// Reads a count, then as many items that lie one behind the other.
+    /// Reads a count, then as many items that lie one behind the other, into an empty vector or
+    /// string.
     template <class Items>
     void read_block(Items& items)
     {
         constexpr std::size_t kSize = sizeof(typename Items::value_type);
         const Count count = read_count();
         const Count most = is_there(count, kSize) ? count : kStep / kSize;
-        items.clear();
         for (Count done = 0; done < count;) {
             const Count step = std::min(count - done, most);
             items.resize(done + step);

@@ -16,8 +16,7 @@ namespace Quorval {
 
 namespace {
 
-/// Keys come out of files. Who makes a file must not be able to choose keys that share a slot,
-/// which would make each of them as slow to find as all of them are to walk.
+/// What makes the hashes of a process its own.
 struct Secret {
     std::uint64_t seed = 0;
     std::uint64_t factor = 0;
@@ -46,6 +45,16 @@ std::uint64_t mix(std::uint64_t state)
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
 }
 
+/// Of the bits that least decide about the slot, and never that of a free one.
+unsigned char mark_of(std::uint32_t hash)
+{
+    constexpr unsigned kTaken = 0x80;
+    constexpr unsigned kShift = 25;
+    return static_cast<unsigned char>(kTaken | hash >> kShift);
+}
+
+}  // namespace
+
 std::uint32_t hash_of(const std::string& key)
 {
     std::uint64_t state = secret.seed ^ key.size();
@@ -59,18 +68,10 @@ std::uint32_t hash_of(const std::string& key)
     for (word = 0; left > 0; --left) {
         word = word << 8U | static_cast<unsigned char>(*from++);
     }
-    return static_cast<std::uint32_t>(mix(state ^ word));
+    state = mix(state ^ word);
+    // Once is not enough for keys of a few characters.
+    return static_cast<std::uint32_t>(mix(state ^ secret.seed));
 }
-
-/// Of the bits that least decide about the slot, and never that of a free one.
-unsigned char mark_of(std::uint32_t hash)
-{
-    constexpr unsigned kTaken = 0x80;
-    constexpr unsigned kShift = 25;
-    return static_cast<unsigned char>(kTaken | hash >> kShift);
-}
-
-}  // namespace
 
 /// The number of entries that so many slabs hold.
 std::size_t Elements::capacity(std::size_t slabs)

@@ -36,6 +36,11 @@ struct Entry {
     std::uint32_t hash = 0;  // of the key; in the padding of the element
 };
 
+/// The hash of a key, another one in every process. Keys come out of files, and who makes a file
+/// must not be able to choose keys of one hash: each of them would be as slow to find as all of
+/// them are to walk.
+std::uint32_t hash_of(const std::string& key);
+
 /// The elements of a configuration. Entries are found by a table of hashes and walked in the order
 /// of their keys, by bytes. An entry stays where it is in memory until it is erased.
 ///
@@ -100,7 +105,8 @@ private:
     static constexpr Index kFullSlab = 64;
     static constexpr Index kSmallSlabs = 5;
 
-    const Entry& at(Index index) const
+    // A few instructions of every step of every walk.
+    [[gnu::always_inline]] const Entry& at(Index index) const
     {
         const Index place = index + kFirstPlace;
         return place >= kFullSlab ? slabs_[kSmallSlabs - 1 + place / kFullSlab][place % kFullSlab]

@@ -85,7 +85,7 @@ private:
 
     void write_line()
     {
-        os_ << line_;
+        os_.write(line_.data(), static_cast<std::streamsize>(line_.size()));
         line_.clear();
     }
 

@@ -40,8 +40,6 @@ void PIFStream::open(const std::filesystem::path& file, std::ios::openmode mode)
 {
     const std::ios::iostate mask = exceptions();
     const bool was_open = is_open();
-    // The mask goes first: with it, clearing could throw.
-    exceptions(std::ios::goodbit);
     clear();
     try {
         exceptions(std::ios::badbit | std::ios::failbit);

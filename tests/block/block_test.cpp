@@ -831,6 +831,7 @@ TEST(BlockMakeEventport, IsDrainedByAResetOfTheBlock)
     Block block("gain");
     auto& port = dynamic_cast<EventPort&>(*block.make_eventport("wake"));
     port.fire();
+    port.fire();
     port.trigger(true, false);
 
     block.reset_fdports(false);

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -166,6 +167,23 @@ TEST(BlockOutOfMemory, StaysAsItWasWhenAPortCannotBeAdded)
              refuse<std::runtime_error>([&] { block.make_fdport(kFreeName, -1, kReadable); });
          }},
     });
+}
+
+// Where standard input is closed, the system gives its number to the next descriptor.
+TEST(BlockOutOfMemory, ClosesTheDescriptorOfAnEventPortEvenIfItIsZero)
+{
+    const int input = ::dup(STDIN_FILENO);
+    Block block("block");
+    ::close(STDIN_FILENO);
+
+    const Outcome outcome =
+        try_without_memory(1, Mode::Once, [&] { block.make_eventport(kFreeName); });
+    const bool is_open = ::fcntl(STDIN_FILENO, F_GETFD) != -1;
+    ::dup2(input, STDIN_FILENO);
+    ::close(input);
+
+    EXPECT_TRUE(outcome.threw);
+    EXPECT_FALSE(is_open);
 }
 
 TEST(BlockOutOfMemory, StaysAsItWasWhenALookUpFails)
