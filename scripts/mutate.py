@@ -6,6 +6,7 @@ See `./dev mutate --help`.
 import argparse
 import random
 import re
+import resource
 import shutil
 import subprocess
 import sys
@@ -16,8 +17,9 @@ FOLDERS = ["block", "config", "log", "plugin", "store", "superblock"]
 # What looks at every folder runs second.
 COMMON = ["tests/faults", "tests/fuzz"]
 MOST_SURVIVORS = 0.05
-# Of a mutant that never ends: far more than any test program takes.
-SECONDS = 120
+# Of a mutant that never ends, or takes all memory: far more than any test program needs.
+SECONDS = 30
+BYTES = 4 << 30
 
 # What to look for, and what to put in its place.
 TURNED = [
@@ -37,11 +39,12 @@ TURNED = [
 ]
 NUMBER = re.compile(r"(?<![\w.'\"])(\d+)(?![\w.'])")
 STATEMENT = re.compile(r"^(\s+)([\w:.>*()\[\]-]+.*;)$")
-# Nothing that can be dropped: it declares, or the text of it is all that there is.
+# Nothing that can be dropped: it declares, the text of it is all that there is, or it makes room
+# ahead, which changes nothing but the time.
 NO_STATEMENT = re.compile(
     r"^(return|using|const|constexpr|static|auto|struct|class|template|friend|typedef|typename|"
     r"std::\w+(<.*>)? \w+|[A-Z]\w*(::\w+)*[&*]? \w+|bool|int|char|Value|case|default|public|private)\b"
-    r"|= (default|delete);|^\}|^throw$"
+    r"|= (default|delete);|\.reserve\(|^\}|^throw$"
 )
 
 
@@ -112,7 +115,9 @@ class Copy:
         self.tree, self.build = work / "tree", work / "build"
         work.mkdir(parents=True, exist_ok=True)
         shutil.rmtree(self.tree, ignore_errors=True)
-        shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"))
+        # Every file is newer than what was built from the last mutant of a run before.
+        shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"),
+                        copy_function=shutil.copy)
         # The tests that will run, and none else.
         tests = self.tree / "tests" / "CMakeLists.txt"
         kept = re.sub(
@@ -147,6 +152,7 @@ class Copy:
             done = run(
                 [self.build / folder / name, "--gtest_brief=1", "--gtest_fail_fast"],
                 timeout=SECONDS,
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES)),
                 cwd=self.build / folder,
             )
         except subprocess.TimeoutExpired:
