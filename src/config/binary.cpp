@@ -182,7 +182,7 @@ private:
 /// taken only for what is there.
 class Reader {
 public:
-    explicit Reader(std::istream& in) : buffer_(*in.rdbuf()) {}
+    explicit Reader(std::istream& in) : buffer_(*in.rdbuf()), archive_(in) {}
 
     void read(int& value) { read_object(value); }
     void read(double& value) { read_object(value); }
@@ -235,7 +235,7 @@ private:
     template <class Object>
     void read_object(Object& object)
     {
-        read_items(&object, 1, 1, 0);
+        archive_.loadBinary(&object, sizeof object);
     }
 
     Count read_count()
@@ -262,14 +262,16 @@ private:
     }
 
     /// Reads some of `count` items with one raw read, after those that are `done`. A short read is
-    /// reported as that of the whole.
+    /// reported as that of the whole, which the archive can do only where it is the whole.
     template <class Item>
     void read_items(Item* items, Count some, Count count, Count done)
     {
-        const Count asked = some * sizeof(Item);
-        auto* const bytes = reinterpret_cast<char*>(items);
-        const auto read =
-            static_cast<Count>(buffer_.sgetn(bytes, static_cast<std::streamsize>(asked)));
+        const auto asked = static_cast<std::streamsize>(some * sizeof(Item));
+        if (some == count) {
+            archive_.loadBinary(items, asked);
+            return;
+        }
+        const std::streamsize read = buffer_.sgetn(reinterpret_cast<char*>(items), asked);
         if (read != asked) {
             throw_short_read(decimal_product(count, sizeof(Item)), done * sizeof(Item) + read);
         }
@@ -293,6 +295,7 @@ private:
     }
 
     std::streambuf& buffer_;
+    cereal::BinaryInputArchive archive_;
 };
 
 template <class Content>

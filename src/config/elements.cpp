@@ -1,6 +1,7 @@
 #include "config/elements.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -22,27 +23,34 @@ struct Secret {
     std::uint64_t factor = 0;
 };
 
-/// The 16 bytes by chance that the system gives to every program.
+__extension__ using Wide = unsigned __int128;
+
+std::uint64_t fold(std::uint64_t a, std::uint64_t b)
+{
+    const Wide product = static_cast<Wide>(a) * b;
+    return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
+}
+
+/// From the 16 bytes by chance that the system gives to every program. They do not go in as they
+/// are: the C library guards the stack with them.
 Secret make_secret() noexcept
 {
-    Secret made;
+    constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
+    std::array<std::uint64_t, 2> words{};
     // NOLINTNEXTLINE(performance-no-int-to-ptr): this is how the system hands it out
     const auto* bytes = reinterpret_cast<const void*>(::getauxval(AT_RANDOM));
     if (bytes != nullptr) {
-        std::memcpy(&made, bytes, sizeof made);
+        std::memcpy(words.data(), bytes, sizeof words);
     }
-    made.factor |= 1U;
-    return made;
+    return {fold(words[0] ^ kOdd, words[1]), fold(words[0] ^ words[1], kOdd) | 1U};
 }
 
-const Secret secret = make_secret();
-
-__extension__ using Wide = unsigned __int128;
+// Before everything else: other objects of this kind may hold configurations.
+[[gnu::init_priority(101)]] const Secret secret = make_secret();
 
 std::uint64_t mix(std::uint64_t state)
 {
-    const Wide product = static_cast<Wide>(state) * secret.factor;
-    return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
+    return fold(state, secret.factor);
 }
 
 /// Of the bits that least decide about the slot, and never that of a free one.
@@ -69,7 +77,7 @@ std::uint32_t hash_of(const std::string& key)
         word = word << 8U | static_cast<unsigned char>(*from++);
     }
     state = mix(state ^ word);
-    // Once is not enough for keys of a few characters.
+    // Once is not enough for keys of a few characters: with some factors they cluster.
     return static_cast<std::uint32_t>(mix(state ^ secret.seed));
 }
 
@@ -216,14 +224,22 @@ void Elements::erase_behind(Index kept)
         return;
     }
     if (kept == 0) {
+        const Index changes = changes_;
         *this = Elements();
+        changes_ = changes + 1;
         return;
     }
     for (Index rank = kept; rank < size_; ++rank) {
-        at(order_[rank]) = Entry();
+        // Moved out of its place, and not only replaced, it takes the memory of its key along.
+        const Entry erased = std::exchange(at(order_[rank]), Entry());
     }
     size_ = sorted_ = kept;
     ++changes_;
+    // To clear a table for far more would take the next ones too long.
+    while (slots_.size() / 8 > kept) {
+        slots_.resize(slots_.size() / 2);
+        marks_.resize(marks_.size() / 2);
+    }
     fill_slots();
 }
 
@@ -234,7 +250,7 @@ void Elements::sort() const
         return;
     }
     // So few are each put into place; more are sorted and merged.
-    constexpr std::ptrdiff_t kFew = 8;
+    constexpr std::ptrdiff_t kFew = 32;
     const auto is_less = [this](Index a, Index b) { return at(a).key < at(b).key; };
     const auto first = order_.begin();
     const auto middle = first + sorted_;
@@ -245,7 +261,8 @@ void Elements::sort() const
         }
     } else {
         std::sort(middle, last, is_less);
-        std::inplace_merge(first, middle, last, is_less);
+        std::inplace_merge(std::upper_bound(first, middle, *middle, is_less), middle, last,
+                           is_less);
     }
     sorted_ = size_;
 }

@@ -29,7 +29,7 @@ struct Element {
     mutable bool consumed = false;
 };
 
-/// An element and its full key. The key of an entry in a configuration does not change.
+/// An element and its full key.
 struct Entry {
     std::string key;
     [[no_unique_address]] Element element;
@@ -41,8 +41,11 @@ struct Entry {
 /// them are to walk.
 std::uint32_t hash_of(const std::string& key);
 
+static_assert(sizeof(Entry) == sizeof(std::string) + sizeof(Value));
+
 /// The elements of a configuration. Entries are found by a table of hashes and walked in the order
-/// of their keys, by bytes. An entry stays where it is in memory until it is erased.
+/// of their keys, by bytes. An entry stays where it is in memory until it is erased; its place is
+/// there for another one then, until none is left at all.
 ///
 /// The order is made when it is asked for: entries that come sorted are in place at once, others
 /// wait at the end until the next walk. So a walk may write even in a const configuration.
@@ -53,6 +56,7 @@ public:
     Elements() = default;
     Elements(const Elements& other);
     Elements& operator=(const Elements& other) = delete;
+    // What is moved from is only fit to be destroyed.
     Elements& operator=(Elements&& other) noexcept = default;
     ~Elements() = default;
 
@@ -132,8 +136,8 @@ private:
     // free, or tells its entry from most others without looking at them.
     std::vector<Index> slots_;
     std::vector<unsigned char> marks_;
-    // All places in the slabs that have ever been in use: first those of the entries, then those
-    // that have become free. The first `sorted_` entries are in the order of their keys.
+    // Places in the slabs: first those of the entries, then free ones. The first `sorted_` entries
+    // are in the order of their keys.
     mutable std::vector<Index> order_;
     mutable Index sorted_ = 0;
     Index size_ = 0;

@@ -127,7 +127,7 @@ BlockConfiguration BlockConfiguration::getSubtree(const std::string& prefix) con
     BlockConfiguration result;
     Elements& found = Impl::of(result).elements;
     for (const Entry& entry : Impl::of(*this).elements) {
-        // Not only at the start of the entry.key. Applications rely on what this finds, so it
+        // Not only at the start of the key. Applications rely on what this finds, so it
         // stays. Held by ConfigSubtree.MatchesThePrefixAnywhereInTheKey.
         if (entry.key.find(path) != std::string::npos) {
             Value value = copy_value(entry.element.value);

@@ -1,4 +1,5 @@
-// How well the storage finds elements, which changes nothing but the time that it takes.
+// What no user sees of the storage: how well it finds elements, and the memory that it takes.
+// Replaces the allocation functions, so it is a program of its own.
 
 #include <array>
 #include <cstddef>
@@ -11,10 +12,17 @@
 #include <gtest/gtest.h>
 
 #include "config/elements.h"
+#include "faults/allocations.h"
 
 namespace {
 
+using Quorval::content_if;
+using Quorval::Element;
+using Quorval::Elements;
+using Quorval::Entry;
 using Quorval::hash_of;
+using Quorval::make_value;
+using quorval_test::live_bytes;
 
 using MakeKey = std::string (*)(int);
 
@@ -103,5 +111,87 @@ TEST(HashOf, DiffersFromProcessToProcess)
     EXPECT_EQ(hashes.size(), 3U);
 }
 #endif
+
+/// `count` ints under short keys, in the order of their keys.
+Elements make_elements(int count)
+{
+    Elements elements;
+    for (int number = 0; number < count; ++number) {
+        elements.put(std::to_string(1'000'000 + number), Element());
+    }
+    return elements;
+}
+
+/// The memory that `make` leaves in use, what it returns being alive.
+template <class Make>
+std::size_t bytes_of(Make make)
+{
+    const std::size_t before = live_bytes();
+    const auto made = make();
+    return live_bytes() - before;
+}
+
+constexpr int kMany = 10'000;
+
+TEST(ElementsMemory, IsLittleMoreThanThatOfTheEntries)
+{
+    const std::size_t bytes = bytes_of([] { return make_elements(kMany); });
+    EXPECT_GE(bytes, kMany * sizeof(Entry));
+    EXPECT_LE(bytes, kMany * (sizeof(Entry) + 18));
+    EXPECT_EQ(sizeof(Entry), sizeof(std::string) + 16);
+}
+
+TEST(ElementsMemory, OfACopyHasNoRoomForMore)
+{
+    const std::size_t grown = bytes_of([] { return make_elements(kMany); });
+    const Elements elements = make_elements(kMany);
+    const std::size_t copied = bytes_of([&] { return Elements(elements); });
+    EXPECT_LT(copied, grown);
+}
+
+TEST(ElementsMemory, OfErasedOnesIsGivenBackButForTheirPlaces)
+{
+    constexpr std::size_t kSize = 1'000;
+    const std::size_t before = live_bytes();
+    Elements elements = make_elements(1);
+    for (int number = 0; number < 100; ++number) {
+        elements.get_or_add("text" + std::to_string(number)).value =
+            make_value(std::string(kSize, 'x'));
+    }
+    ASSERT_GT(live_bytes() - before, 100 * kSize);
+    elements.erase_if([](const std::string& key) { return key.rfind("text", 0) == 0; });
+    EXPECT_LT(live_bytes() - before, 20 * kSize);
+    elements.erase_if([](const std::string& /*key*/) { return true; });
+    EXPECT_EQ(live_bytes(), before);
+}
+
+TEST(ElementsMemory, OfErasedKeysIsGivenBack)
+{
+    const std::size_t before = live_bytes();
+    Elements elements = make_elements(1);
+    elements.put(std::string(100'000, 'x'), Element());
+    elements.erase_if([](const std::string& key) { return key.front() == 'x'; });
+    EXPECT_LT(live_bytes() - before, 1'000U);
+}
+
+TEST(ElementsMemory, OfACopyHasNothingOfTheErased)
+{
+    Elements elements = make_elements(kMany);
+    elements.erase_if([](const std::string& key) { return key != "1000007"; });
+    ASSERT_EQ(elements.size(), 1U);
+    EXPECT_LT(bytes_of([&] { return Elements(elements); }), 1'000U);
+}
+
+TEST(ElementsErased, LeaveNothingToTheNextAtTheirPlace)
+{
+    Elements elements = make_elements(2);
+    Element& first = elements.get_or_add("1000000");
+    first.value = make_value(7);
+    first.consumed = true;
+    elements.erase_if([](const std::string& key) { return key == "1000000"; });
+    const Element& next = elements.get_or_add("next");
+    EXPECT_EQ(*content_if<int>(next.value), 0);
+    EXPECT_FALSE(next.consumed);
+}
 
 }  // namespace
