@@ -39,12 +39,13 @@ TURNED = [
 ]
 NUMBER = re.compile(r"(?<![\w.'\"])(\d+)(?![\w.'])")
 STATEMENT = re.compile(r"^(\s+)([\w:.>*()\[\]-]+.*;)$")
-# Nothing that can be dropped: it declares, the text of it is all that there is, or it makes room
-# ahead, which changes nothing but the time.
+# Lines that make room ahead, which changes nothing but the time.
+ROOM = re.compile(r"\.reserve\(")
+# Nothing that can be dropped: it declares, or the text of it is all that there is.
 NO_STATEMENT = re.compile(
     r"^(return|using|const|constexpr|static|auto|struct|class|template|friend|typedef|typename|"
     r"std::\w+(<.*>)? \w+|[A-Z]\w*(::\w+)*[&*]? \w+|bool|int|char|Value|case|default|public|private)\b"
-    r"|= (default|delete);|\.reserve\(|^\}|^throw$"
+    r"|= (default|delete);|^\}|^throw$"
 )
 
 
@@ -67,7 +68,7 @@ def strip_literals(line):
 def mutate_line(line):
     """All changes of one line."""
     code = strip_literals(line)
-    if not code.strip() or code.lstrip().startswith(("#", "template", "using ", "static_assert")):
+    if not code.strip() or ROOM.search(code) or code.lstrip().startswith(("#", "template", "using ", "static_assert")):
         return []
     found = []
     for pattern, replacements in TURNED:

@@ -1,5 +1,5 @@
-// The memory that the reader of the binary form takes. Replaces the allocation functions, so it is
-// a program of its own.
+// The memory that reading and writing the binary form take. Replaces the allocation functions, so
+// it is a program of its own.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -15,15 +15,18 @@
 #include <cereal/cereal.hpp>
 
 #include <quorval/config.h>
+#include <quorval/pstore.h>
 
 #include "config/binary_form.h"
 #include "support/support.h"
 
 using Quorval::BlockConfiguration;
+using Quorval::POFStream;
 using quorval_test::bytes_of;
 using quorval_test::count_of;
 using quorval_test::expect_throw;
 using quorval_test::header_of;
+using quorval_test::TemporaryDirectory;
 using quorval_test::text_of;
 using quorval_test::Unseekable;
 
@@ -205,6 +208,22 @@ TEST(BinaryMemory, OfAValueThatIsKnownToBeThereIsTakenOnce)
         EXPECT_GE(taken, kSize) << type_name;
         EXPECT_LE(taken, kSize + 10'000) << type_name;
     }
+}
+
+TEST(BinaryMemory, OfWritingIsThatOfTheContent)
+{
+    constexpr std::size_t kCount = 100'000;
+    const TemporaryDirectory directory;
+    BlockConfiguration config;
+    config.set("numbers", std::vector<double>(kCount));
+    config.set("flags", std::vector<bool>(kCount));
+    config.set("name", std::string(kCount, 'x'));
+    config.set("names", std::vector<std::string>(kCount / 100, std::string(100, 'x')));
+    POFStream stream(directory.store_path(), "state");
+
+    const std::size_t most = peak_of([&] { stream << config; });
+
+    EXPECT_LT(most, kCount * (sizeof(double) + 3) * 105 / 100);
 }
 
 TEST(BinaryMemory, ThatRunsOutInAHeaderEndsTheReadingQuietly)
