@@ -59,14 +59,15 @@ INSTANTIATE_TEST_SUITE_P(
         Family{"Short", [](int number) { return std::to_string(number); }},
         Family{"OfThreeLevels",
                [](int number) {
-                   return "n" + std::to_string(number % 16) + ".p" +
+                   return std::string("n") + std::to_string(number % 16) + ".p" +
                           std::to_string(number / 16 % 16) + ".v" + std::to_string(number / 256);
                }},
         Family{"ThatDifferAtTheStart",
                [](int number) { return std::to_string(number) + ".filter.channel.threshold"; }},
         Family{"ThatDifferInTheMiddle",
                [](int number) {
-                   return "filter.channel." + std::to_string(10000 + number) + ".threshold.low";
+                   return std::string("filter.channel.") + std::to_string(10000 + number) +
+                          ".threshold.low";
                }},
         Family{"ThatDifferInTheLastCharacters",
                [](int number) {
@@ -155,7 +156,7 @@ TEST(ElementsMemory, OfErasedOnesIsGivenBackButForTheirPlaces)
     const std::size_t before = live_bytes();
     Elements elements = make_elements(1);
     for (int number = 0; number < 100; ++number) {
-        elements.get_or_add("text" + std::to_string(number)).value =
+        elements.get_or_add(std::string("text") + std::to_string(number)).value =
             make_value(std::string(kSize, 'x'));
     }
     ASSERT_GT(live_bytes() - before, 100 * kSize);
