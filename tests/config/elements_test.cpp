@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -112,6 +113,33 @@ TEST(HashOf, DiffersFromProcessToProcess)
     EXPECT_EQ(hashes.size(), 3U);
 }
 #endif
+
+// Among so many keys there are two of one hash: were there none among 77,000 of them, as on
+// average, there would be at twenty times that.
+TEST(ElementsFind, TellsKeysOfOneHashApart)
+{
+    constexpr int kEnough = 1'500'000;
+    std::unordered_map<std::uint32_t, std::string> met;
+    std::string first;
+    std::string second;
+    for (int number = 0; number < kEnough && first.empty(); ++number) {
+        const std::string key = std::to_string(number);
+        const auto [other, is_new] = met.emplace(hash_of(key), key);
+        if (!is_new) {
+            first = other->second;
+            second = key;
+        }
+    }
+    ASSERT_FALSE(first.empty());
+    Elements elements;
+    elements.put(first, Element());
+    EXPECT_EQ(elements.find(second), nullptr);
+    elements.put(second, Element());
+    ASSERT_NE(elements.find(first), nullptr);
+    ASSERT_NE(elements.find(second), nullptr);
+    EXPECT_EQ(elements.find(first)->key, first);
+    EXPECT_EQ(elements.find(second)->key, second);
+}
 
 /// `count` ints under short keys, in the order of their keys.
 Elements make_elements(int count)

@@ -174,10 +174,10 @@ TEST(BlockOutOfMemory, ClosesTheDescriptorOfAnEventPortEvenIfItIsZero)
 {
     const int input = ::dup(STDIN_FILENO);
     Block block("block");
+    const std::string name = kFreeName;
     ::close(STDIN_FILENO);
 
-    const Outcome outcome =
-        try_without_memory(1, Mode::Once, [&] { block.make_eventport(kFreeName); });
+    const Outcome outcome = try_without_memory(1, Mode::Once, [&] { block.make_eventport(name); });
     const bool is_open = ::fcntl(STDIN_FILENO, F_GETFD) != -1;
     ::dup2(input, STDIN_FILENO);
     ::close(input);
