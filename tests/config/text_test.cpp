@@ -365,4 +365,35 @@ TEST(ConfigPrint, FollowsTheFlagsOfStandardOutput)
     EXPECT_EQ(output.buffer().str(), "BlockConfiguration:\nx (bool) = true\n\n");
 }
 
+/// Numbers in groups of three, with a decimal comma.
+class Grouping : public std::numpunct<char> {
+protected:
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(ConfigText, FollowsTheLocaleAndAnyPrecisionOfTheStream)
+{
+    const double third = 1234567.0 / 3;
+    const BlockConfiguration config{{"i", 1234567}, {"d", third}};
+    for (const int precision : {6, 17, 18, 40}) {
+        for (const bool is_grouping : {false, true}) {
+            std::ostringstream expected;
+            std::ostringstream text;
+            for (std::ostringstream* os : {&expected, &text}) {
+                os->precision(precision);
+                if (is_grouping) {
+                    // The locale owns the facet.
+                    os->imbue(std::locale(os->getloc(), new Grouping));
+                }
+            }
+            expected << "BlockConfiguration:\nd (double) = " << third << "\ni (int) = " << 1234567
+                     << '\n';
+            text << config;
+            EXPECT_EQ(text.str(), expected.str()) << precision;
+        }
+    }
+}
+
 }  // namespace
