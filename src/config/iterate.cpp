@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <variant>
@@ -127,8 +128,8 @@ BlockConfiguration BlockConfiguration::getSubtree(const std::string& prefix) con
     BlockConfiguration result;
     Elements& found = Impl::of(result).elements;
     for (const Entry& entry : Impl::of(*this).elements) {
-        // Not only at the start of the key. Applications rely on what this finds, so it
-        // stays. Held by ConfigSubtree.MatchesThePrefixAnywhereInTheKey.
+        // Not only at the start of the key. Applications rely on what this finds, so it stays.
+        // Held by ConfigSubtree.MatchesThePrefixAnywhereInTheKey.
         if (entry.key.find(path) != std::string::npos) {
             Value value = copy_value(entry.element.value);
             found.get_or_add(entry.key.substr(path.size())).value = std::move(value);
@@ -147,8 +148,6 @@ struct BlockConfiguration::SubtreeIterator::InternalIterator::Impl {
     std::string prefix;  // ends with a full stop
     Elements::Position position;
     std::size_t path_length = 0;  // the start of the current key that is the path of the child
-
-    std::string_view path() const { return std::string_view(position->key).substr(0, path_length); }
 
     /// Moves to the first child at the position or behind it. False when the walk has met a key
     /// that does not begin with the prefix.
@@ -232,7 +231,7 @@ std::string InternalIterator::current_path() const
     if (is_end()) {
         throw_internal_error();
     }
-    return std::string(impl_->path());
+    return impl_->position->key.substr(0, impl_->path_length);
 }
 
 BlockConfiguration::SubtreeIterator::Iterator::Iterator(InternalIterator cursor)

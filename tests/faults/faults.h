@@ -57,67 +57,9 @@ bool runs_out_of_memory(std::size_t nth, Mode mode, Act&& act)
     return has_failed;
 }
 
-/// Runs `act` on the object that `prepare` makes, a new one each time, and lets its first, its
-/// second, its third allocation fail, until it succeeds. After each failure std::bad_alloc must
-/// have come out, `look` must see what it saw before, and the operation must succeed when it is
-/// tried again; neither memory nor a descriptor may be lost.
-///
-/// @param look  describes the object as a text
-/// @return the number of allocations that failed
-template <class Prepare, class Act, class Look>
-std::size_t fail_each_allocation(Prepare prepare, Act act, Look look)
-{
-    std::string done;
-    {
-        // Also makes what is made once in a process.
-        auto object = prepare();
-        act(*object);
-        done = look(*object);
-    }
-    std::size_t failures = 0;
-    for (const Mode mode : kModes) {
-        for (std::size_t nth = 1;; ++nth) {
-            SCOPED_TRACE("allocation " + std::to_string(nth) + " fails, " + name_of(mode));
-            const std::vector<int> descriptors = open_descriptors();
-            const long live = live_allocations();
-            bool has_failed = false;
-            {
-                auto object = prepare();
-                const std::string before = look(*object);
-                has_failed = runs_out_of_memory(nth, mode, [&] { act(*object); });
-                if (has_failed) {
-                    EXPECT_EQ(look(*object), before);
-                    act(*object);
-                }
-                EXPECT_EQ(look(*object), done);
-            }
-            EXPECT_EQ(live_allocations(), live);
-            EXPECT_EQ(open_descriptors(), descriptors);
-            if (!has_failed) {
-                break;
-            }
-            ++failures;
-            if (nth == kMostAllocations || ::testing::Test::HasFailure()) {
-                ADD_FAILURE() << "gave up";
-                return failures;
-            }
-        }
-    }
-    return failures;
-}
-
-/// The same for an operation that changes no object, a constructor for instance.
-template <class Act>
-std::size_t fail_each_allocation(Act act)
-{
-    const auto nothing = [] { return std::make_unique<int>(); };
-    return fail_each_allocation(
-        nothing, [&act](int&) { act(); }, [](int&) { return std::string(); });
-}
-
-/// For operations that document something else than the above: calls `run(nth, mode)` for both
-/// modes and n = 1, 2, 3, … until it returns that no allocation failed any more. None of the runs
-/// may lose memory or a descriptor.
+/// Calls `run(nth, mode)` for both modes and n = 1, 2, 3, … until it returns that no allocation
+/// failed any more. For operations that document something else than those of the next one. None of
+/// the runs may lose memory or a descriptor.
 /// @return the number of allocations that failed
 template <class Run>
 std::size_t run_with_each_failure(Run run)
@@ -142,6 +84,45 @@ std::size_t run_with_each_failure(Run run)
         }
     }
     return failures;
+}
+
+/// Runs `act` on the object that `prepare` makes, a new one each time, and lets its first, its
+/// second, its third allocation fail, until it succeeds. After each failure std::bad_alloc must
+/// have come out, `look` must see what it saw before, and the operation must succeed when it is
+/// tried again; neither memory nor a descriptor may be lost.
+///
+/// @param look  describes the object as a text
+/// @return the number of allocations that failed
+template <class Prepare, class Act, class Look>
+std::size_t fail_each_allocation(Prepare prepare, Act act, Look look)
+{
+    std::string done;
+    {
+        // Also makes what is made once in a process.
+        auto object = prepare();
+        act(*object);
+        done = look(*object);
+    }
+    return run_with_each_failure([&](std::size_t nth, Mode mode) {
+        auto object = prepare();
+        const std::string before = look(*object);
+        const bool has_failed = runs_out_of_memory(nth, mode, [&] { act(*object); });
+        if (has_failed) {
+            EXPECT_EQ(look(*object), before);
+            act(*object);
+        }
+        EXPECT_EQ(look(*object), done);
+        return has_failed;
+    });
+}
+
+/// The same for an operation that changes no object, a constructor for instance.
+template <class Act>
+std::size_t fail_each_allocation(Act act)
+{
+    const auto nothing = [] { return std::make_unique<int>(); };
+    return fail_each_allocation(
+        nothing, [&act](int&) { act(); }, [](int&) { return std::string(); });
 }
 
 /// How an act ended of which an allocation was to fail.

@@ -45,44 +45,34 @@ private:
     mode_t before_;
 };
 
-/// Lets the process open so many descriptors more, and puts the limit back.
-class ScopedDescriptorLimit {
+/// Limits a resource of the process, and puts the limit back.
+class ScopedLimit {
 public:
-    explicit ScopedDescriptorLimit(rlim_t more)
+    using Resource = decltype(RLIMIT_NOFILE);
+
+    ScopedLimit(Resource resource, rlim_t most) : resource_(resource)
     {
-        ::getrlimit(RLIMIT_NOFILE, &before_);
-        const int next = ::dup(STDERR_FILENO);
-        ::close(next);
+        ::getrlimit(resource_, &before_);
         rlimit limit = before_;
-        limit.rlim_cur = static_cast<rlim_t>(next) + more;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = most;
+        ::setrlimit(resource_, &limit);
     }
-    ScopedDescriptorLimit(const ScopedDescriptorLimit&) = delete;
-    ScopedDescriptorLimit& operator=(const ScopedDescriptorLimit&) = delete;
-    ~ScopedDescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+    ScopedLimit(const ScopedLimit&) = delete;
+    ScopedLimit& operator=(const ScopedLimit&) = delete;
+    ~ScopedLimit() { ::setrlimit(resource_, &before_); }
 
 private:
+    Resource resource_;
     rlimit before_ = {};
 };
 
-/// Lets no file of the process grow beyond so many bytes, as on a full disk, and puts the limit
-/// back.
-class ScopedFileSizeLimit {
-public:
-    explicit ScopedFileSizeLimit(rlim_t bytes)
-    {
-        ::getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit limit = before_;
-        limit.rlim_cur = bytes;
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
-    ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
-    ~ScopedFileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
-private:
-    rlimit before_ = {};
-};
+/// The descriptor that the next open() gives.
+rlim_t next_descriptor()
+{
+    const int next = ::dup(STDERR_FILENO);
+    ::close(next);
+    return static_cast<rlim_t>(next);
+}
 
 /// Makes the working directory another one, and puts it back.
 class ScopedWorkingDirectory {
@@ -748,7 +738,7 @@ TEST_F(POFStreamClose, ReplacesTheFileByWhatThereWasRoomFor)
     POFStream out(path_, "state");
     out << "the new content";
     {
-        const ScopedFileSizeLimit limit(7);
+        const ScopedLimit limit(RLIMIT_FSIZE, 7);
 
         EXPECT_NO_THROW(out.close());
     }
@@ -773,7 +763,7 @@ TEST_F(POFStreamClose, ReportsThatDescriptorsRanOut)
         out << "new";
         std::exception_ptr error;
         {
-            const ScopedDescriptorLimit limit(more);
+            const ScopedLimit limit(RLIMIT_NOFILE, next_descriptor() + more);
             try {
                 out.close();
             } catch (...) {
