@@ -13,7 +13,7 @@ import sys
 import time
 from pathlib import Path
 
-FOLDERS = ["block", "config", "log", "plugin", "store", "superblock"]
+FOLDERS = [f"core/{name}" for name in ("block", "config", "log", "plugin", "store", "superblock")]
 # What looks at every folder runs second.
 COMMON = ["tests/faults", "tests/fuzz"]
 MOST_SURVIVORS = 0.05
@@ -52,6 +52,10 @@ NO_STATEMENT = re.compile(
 class Mutant:
     def __init__(self, file, line, before, after):
         self.file, self.line, self.before, self.after = file, line, before, after
+
+    def tests(self):
+        """The folder of the tests that mirror its file: src/core/block/ has tests/core/block/."""
+        return "tests/" + "/".join(self.file.parts[1:-1])
 
     def change(self):
         """The same wherever the line moves to."""
@@ -124,14 +128,17 @@ class Copy:
         shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"),
                         copy_function=shutil.copy)
         # The tests that will run, and none else.
-        tests = self.tree / "tests" / "CMakeLists.txt"
-        kept = re.sub(
-            r"^\s*add_subdirectory\((\w+)\)$",
-            lambda match: match.group() if "tests/" + match.group(1) in folders else "",
-            tests.read_text(encoding="utf-8"),
-            flags=re.MULTILINE,
-        )
-        tests.write_text(kept, encoding="utf-8")
+        for layer in ("tests", "tests/core"):
+            tests = self.tree / layer / "CMakeLists.txt"
+            kept = re.sub(
+                r"^\s*add_subdirectory\((\w+)\)$",
+                lambda match, layer=layer: match.group()
+                if any((folder + "/").startswith(f"{layer}/{match.group(1)}/") for folder in folders)
+                else "",
+                tests.read_text(encoding="utf-8"),
+                flags=re.MULTILINE,
+            )
+            tests.write_text(kept, encoding="utf-8")
         launcher = shutil.which("ccache") or ""
         configured = run(
             ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
@@ -208,7 +215,7 @@ def main():
         return 0
 
     common = [] if arguments.own else COMMON
-    folders = sorted({f"tests/{mutant.file.parts[1]}" for mutant in mutants}) + common
+    folders = sorted({mutant.tests() for mutant in mutants}) + common
     copy = Copy(arguments.root, arguments.work, folders)
     suites = {}
     for folder in folders:
@@ -225,7 +232,7 @@ def main():
     survivors = []
     start = time.monotonic()
     for number, mutant in enumerate(mutants, 1):
-        own = f"tests/{mutant.file.parts[1]}"
+        own = mutant.tests()
         order = [(folder, suites[folder]) for folder in [own, *common]]
         result = check_mutant(copy, mutant, order)
         counts[result] = counts.get(result, 0) + 1

@@ -16,7 +16,7 @@
 
 #include <quorval/config.h>
 
-#include "faults/allocations.h"
+#include "support/allocations.h"
 #include "support/support.h"
 
 namespace quorval_test {

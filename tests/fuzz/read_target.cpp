@@ -7,10 +7,10 @@
 
 #include <quorval/config.h>
 
-#include "faults/allocations.h"
 #include "fuzz/input.h"
 #include "fuzz/model.h"
 #include "fuzz/targets.h"
+#include "support/allocations.h"
 
 namespace quorval_fuzz {
 

@@ -23,7 +23,7 @@
 #include <quorval/pluginloader.h>
 #include <quorval/pstore.h>
 
-#include "faults/allocations.h"
+#include "support/allocations.h"
 #include "support/support.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

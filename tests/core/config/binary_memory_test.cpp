@@ -17,7 +17,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "config/binary_form.h"
+#include "core/config/binary_form.h"
 #include "support/support.h"
 
 using Quorval::BlockConfiguration;

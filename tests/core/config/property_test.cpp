@@ -22,7 +22,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "config/contents.h"
+#include "core/config/contents.h"
 #include "support/support.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "config/elements.h"
-#include "faults/allocations.h"
+#include "support/allocations.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // With it, headers of the system would define some of the functions below.
 #undef _FORTIFY_SOURCE
 
-#include "store/system_calls.h"
+#include "core/store/system_calls.h"
 
 #include <cerrno>
 #include <cstdarg>

@@ -13,7 +13,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "store/system_calls.h"
+#include "core/store/system_calls.h"
 #include "support/support.h"
 
 using Quorval::BlockConfiguration;

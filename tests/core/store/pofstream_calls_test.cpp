@@ -16,7 +16,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "store/system_calls.h"
+#include "core/store/system_calls.h"
 #include "support/support.h"
 
 using Quorval::POFStream;

@@ -12,7 +12,7 @@
 
 #include <quorval/config.h>
 
-#include "config/contents.h"
+#include "core/config/contents.h"
 #include "support/support.h"
 
 namespace {

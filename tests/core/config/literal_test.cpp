@@ -9,7 +9,7 @@
 
 #include <quorval/config.h>
 
-#include "config/contents.h"
+#include "core/config/contents.h"
 #include "support/support.h"
 
 namespace {

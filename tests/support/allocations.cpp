@@ -1,4 +1,4 @@
-#include "faults/allocations.h"
+#include "support/allocations.h"
 
 #include <atomic>
 #include <cstdlib>
