@@ -27,6 +27,7 @@ usage_error()
 # The Debian packages that a part of the work needs, by group.
 declare -A package_groups=(
     [build]="g++ cmake ninja-build libcereal-dev libsystemd-dev"
+    [runtime]="libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [examples]="libsndfile1-dev libcli11-dev"
     [test]="libgtest-dev libgmock-dev clang make pkg-config python3"
     [demo]="alsa-utils"

@@ -1,0 +1,95 @@
+// A graph as the files and assignments describe it, checked for its form alone. Plain records: no
+// plug-in has been looked for, no name has been looked up.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "description/problem.h"
+
+namespace Quorval::runtime {
+
+/// A value that a configuration can hold.
+using Value = std::variant<int, bool, double, std::string, std::vector<int>, std::vector<double>,
+                           std::vector<std::string>, std::vector<bool>>;
+
+/// One element of a block's configuration.
+struct Setting {
+    std::string key;  ///< the full dotted key
+    Value value;
+    Place key_place;    ///< of the last component of the key
+    Place value_place;  ///< of the value
+};
+
+/// What becomes of the graph when a block fails.
+enum class OnError { Stop, Skip };
+
+/// How a value travels to another machine.
+enum class Delivery { Latest, All };
+
+/// A member of a graph or of a kind of superblock.
+struct MemberDescription {
+    std::string name;
+    Place name_place;
+    std::string type;  ///< "PLUGIN:TYPE" or the name of a kind of superblock
+    Place type_place;
+    std::vector<Setting> config;  ///< unique keys
+    std::optional<OnError> on_error;
+};
+
+/// One end of a connection, or the inner end of an exposed port.
+struct EndDescription {
+    std::string block;
+    std::string port;
+    Place place;
+};
+
+struct ConnectionDescription {
+    EndDescription from;
+    EndDescription to;
+    Place place;  ///< of the entry in the list
+    bool is_delayed = false;
+    Delivery delivery = Delivery::Latest;
+};
+
+/// A port of a superblock, and the ports of members behind it; an output has one.
+struct ExposedDescription {
+    std::string name;
+    Place name_place;
+    std::vector<EndDescription> ends;
+};
+
+/// The inside of the graph, or of a kind of superblock.
+struct CompositeDescription {
+    std::vector<MemberDescription> members;          ///< by name, in the order of bytes
+    std::vector<ConnectionDescription> connections;  ///< in the order in which they are written
+    std::vector<ExposedDescription> inports;
+    std::vector<ExposedDescription> outports;
+};
+
+/// `PATH.KEY=VALUE`, taken apart.
+struct Assignment {
+    std::string path;
+    Setting setting;
+};
+
+struct GraphDescription {
+    std::string name;
+    OnError on_error = OnError::Stop;
+    CompositeDescription graph;
+    std::map<std::string, CompositeDescription> kinds;  ///< of superblocks, by name
+    std::vector<Assignment> assignments;
+};
+
+/// What the places of a description refer to.
+struct Source {
+    std::string name;  ///< a file as it was given, or `--set PATH.KEY`
+    std::string text;  ///< of a file, to show the line of a problem
+    bool is_assignment = false;
+};
+
+}  // namespace Quorval::runtime

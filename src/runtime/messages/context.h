@@ -1,0 +1,32 @@
+// Which block's operation the present thread is in: messages carry the path of it, and so does
+// the last line of a process that crashes.
+#pragma once
+
+namespace Quorval::runtime {
+
+/// Plain pointers, so that a signal handler can read them at any time.
+struct Context {
+    const char* path = nullptr;       // of a block; null outside of every block
+    const char* operation = nullptr;  // "run", "start"; a literal
+};
+
+/// The context of the present thread.
+Context& context();
+
+/// Sets the context for its lifetime and puts back the one before.
+class ContextScope {
+public:
+    /// Both must outlive the scope.
+    ContextScope(const char* path, const char* operation) : before_(context())
+    {
+        context() = {path, operation};
+    }
+    ContextScope(const ContextScope&) = delete;
+    ContextScope& operator=(const ContextScope&) = delete;
+    ~ContextScope() { context() = before_; }
+
+private:
+    Context before_;
+};
+
+}  // namespace Quorval::runtime
