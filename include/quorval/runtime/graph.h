@@ -1,0 +1,99 @@
+// A graph made from files, and run.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quorval/config.h>
+#include <quorval/export.h>
+#include <quorval/runtime/diagnostic.h>
+
+namespace Quorval {
+
+class Superblock;
+
+/// What a graph is made of.
+struct GraphOptions {
+    std::vector<std::string> files;        ///< graph files, merged one after the other
+    std::vector<std::string> assignments;  ///< `PATH.KEY=VALUE`, applied behind the files
+    /// Directories that are searched for plug-ins before QUORVAL_PLUGIN_PATH and the rest.
+    std::vector<std::string> plugin_path;
+    /// Below it each block gets a directory for its state; empty: the first of $STATE_DIRECTORY,
+    /// else none.
+    std::string state_directory;
+    /// The graph is made to be checked or shown and will not run: nothing is made on disk, and
+    /// what blocks print goes to standard error.
+    bool is_dry = false;
+};
+
+/// A plain block of a graph.
+struct BlockInfo {
+    std::string path;  ///< the names from the graph down to it with "/" between
+    std::string type;  ///< as the file has it, `PLUGIN:TYPE`
+    std::map<std::string, std::string> inports;  ///< data types by name; likewise below
+    std::map<std::string, std::string> outports;
+    std::map<std::string, std::string> fdports;
+    BlockConfiguration config;  ///< what the block was made with
+};
+
+/// A connection between two plain blocks.
+struct ConnectionInfo {
+    std::string from_path;
+    std::string output;
+    std::string to_path;
+    std::string input;
+    std::string type;         ///< of the output
+    bool is_delayed = false;  ///< the reader runs before its source
+};
+
+/// How a run ended.
+enum class RunResult {
+    Done,      ///< the graph came to its end, or was stopped
+    Failed,    ///< a block failed and the graph stopped for it, or a stop() failed; reported
+    NoSource,  ///< nothing would ever run; reported
+};
+
+/// A graph: made from files, run once. Belongs to one thread, but for stop().
+class QUORVAL_EXPORT Graph {
+public:
+    /// Reads the files, makes the blocks and checks all of it.
+    /// @throws GraphError             something is wrong with the files, with all errors found
+    /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE:
+    ///     "'<text>' is not of the form PATH.KEY=VALUE"
+    explicit Graph(GraphOptions options);
+    Graph(const Graph&) = delete;
+    Graph& operator=(const Graph&) = delete;
+    /// Destroys the blocks, then closes the plug-ins.
+    ~Graph();
+
+    const std::string& name() const;
+
+    /// What is doubtful about the graph, in the order in which it is shown.
+    const std::vector<Diagnostic>& warnings() const;
+
+    /// The plain blocks, in the order in which they run.
+    std::vector<BlockInfo> blocks() const;
+
+    /// The connections between plain blocks, in the order in which they are taken over.
+    std::vector<ConnectionInfo> connections() const;
+
+    /// The graph as the library holds it. Owned by this object.
+    Superblock& superblock();
+
+    /// Starts the blocks, runs them until the graph has come to its end, stops them. What goes
+    /// wrong is logged. Once only.
+    RunResult run();
+
+    /// Makes run() stop in order, or return at once when it has not begun. From any thread, and
+    /// from a signal handler.
+    void stop() noexcept;
+
+private:
+    struct QUORVAL_HIDDEN Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace Quorval
