@@ -13,7 +13,7 @@ import sys
 import time
 from pathlib import Path
 
-FOLDERS = [f"core/{name}" for name in ("block", "config", "log", "plugin", "store", "superblock")]
+HARMLESS = "tests/harmless_mutants.txt"
 # What looks at every folder runs second.
 COMMON = ["tests/faults", "tests/fuzz"]
 MOST_SURVIVORS = 0.05
@@ -91,6 +91,18 @@ def mutate_line(line):
     return [changed for changed in found if changed != line]
 
 
+def find_folders(root):
+    """The folders of sources that a folder of tests mirrors: core/block, core/config and so on."""
+    folders = {file.parent.relative_to(root / "src") for file in root.glob("src/*/*/*.cpp")}
+    return sorted(str(folder) for folder in folders if (root / "tests" / folder).is_dir())
+
+
+def read_harmless(root):
+    """What is known to change nothing anybody can see."""
+    lines = (root / HARMLESS).read_text(encoding="utf-8").splitlines()
+    return {line for line in lines if line and not line.startswith("#")}
+
+
 def find_mutants(root, folders):
     mutants = []
     for folder in folders:
@@ -128,7 +140,7 @@ class Copy:
         shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"),
                         copy_function=shutil.copy)
         # The tests that will run, and none else.
-        for layer in ("tests", "tests/core"):
+        for layer in sorted({str(Path(folder).parent) for folder in folders} | {"tests"}):
             tests = self.tree / layer / "CMakeLists.txt"
             kept = re.sub(
                 r"^\s*add_subdirectory\((\w+)\)$",
@@ -195,24 +207,37 @@ def check_mutant(copy, mutant, suites):
 
 
 def main():
-    parser = argparse.ArgumentParser(prog="./dev mutate")
+    parser = argparse.ArgumentParser(
+        prog="./dev mutate", add_help=False, allow_abbrev=False,
+        usage="./dev mutate [--folder NAME]... [--max N] [--seed N] [--own] [--list]")
     parser.add_argument("--root", type=Path, required=True)
     parser.add_argument("--work", type=Path, required=True)
-    parser.add_argument("--folder", action="append", choices=FOLDERS)
+    parser.add_argument("--folder", action="append")
     parser.add_argument("--max", type=int)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--own", action="store_true")
     parser.add_argument("--list", action="store_true")
     arguments = parser.parse_args()
+    if arguments.max is not None and arguments.max < 1:
+        parser.error("--max takes a number from 1")
+    known = find_folders(arguments.root)
+    for folder in arguments.folder or []:
+        if folder not in known:
+            parser.error(f"there is no folder '{folder}'; there are: {', '.join(known)}")
 
-    mutants = find_mutants(arguments.root, arguments.folder or FOLDERS)
+    mutants = find_mutants(arguments.root, arguments.folder or known)
     total = len(mutants)
+    harmless = read_harmless(arguments.root)
+    every = mutants if not arguments.folder else find_mutants(arguments.root, known)
+    gone = harmless - {mutant.change() for mutant in every}
+    for change in sorted(gone):
+        print(f"mutate: {HARMLESS} names what is no mutant: {change}", file=sys.stderr)
     if arguments.max is not None and arguments.max < total:
         chosen = random.Random(arguments.seed).sample(range(total), arguments.max)
         mutants = [mutants[index] for index in sorted(chosen)]
     if arguments.list:
         print("\n".join(str(mutant) for mutant in mutants))
-        return 0
+        return 1 if gone else 0
 
     common = [] if arguments.own else COMMON
     folders = sorted({mutant.tests() for mutant in mutants}) + common
@@ -241,13 +266,11 @@ def main():
         took = int(time.monotonic() - start)
         print(f"{number} of {len(mutants)}, {took} s: {result}: {mutant}", flush=True)
 
-    # Of those that are known to change nothing anybody can see.
-    named = (arguments.root / "docs" / "testing.md").read_text(encoding="utf-8").split("\n")
-    harmless = [mutant for mutant in survivors if mutant.change() in named]
-    survivors = [mutant for mutant in survivors if mutant not in harmless]
-    valid = len(mutants) - counts.get("invalid", 0) - len(harmless)
+    left_out = [mutant for mutant in survivors if mutant.change() in harmless]
+    survivors = [mutant for mutant in survivors if mutant not in left_out]
+    valid = len(mutants) - counts.get("invalid", 0) - len(left_out)
     print(f"\nmutate: {total} mutants there are, {len(mutants)} were made, {valid} compile and are "
-          f"not among the harmless ones of docs/testing.md, of which there were {len(harmless)}")
+          f"not among those of {HARMLESS}, of which there were {len(left_out)}")
     for name in sorted(set(counts) - {"invalid", "survived"}):
         print(f"mutate: {counts[name]} were caught by {name}")
     for mutant in survivors:
@@ -256,7 +279,7 @@ def main():
         return 1
     caught = 100.0 * (valid - len(survivors)) / valid
     print(f"mutate: {caught:.1f} % were caught")
-    return 0 if len(survivors) <= MOST_SURVIVORS * valid else 1
+    return 0 if len(survivors) <= MOST_SURVIVORS * valid and not gone else 1
 
 
 sys.exit(main())
