@@ -26,10 +26,10 @@ usage_error()
 
 # The Debian packages that a part of the work needs, by group.
 declare -A package_groups=(
-    [build]="g++ cmake ninja-build libcereal-dev libsystemd-dev"
+    [build]="g++ cmake make ninja-build libcereal-dev libsystemd-dev"
     [runtime]="libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [examples]="libsndfile1-dev libcli11-dev"
-    [test]="libgtest-dev libgmock-dev clang make pkg-config python3"
+    [test]="libgtest-dev libgmock-dev clang pkg-config python3"
     [demo]="alsa-utils"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev
@@ -37,11 +37,12 @@ declare -A package_groups=(
     [lint]="clang-format clang-tidy cppcheck shellcheck"
     [aarch64]="g++-aarch64-linux-gnu qemu-user googletest"
     [abi]="abigail-tools"
-    [package]="debhelper dpkg-dev fakeroot lintian pkg-config"
+    [package]="build-essential debhelper dpkg-dev fakeroot lintian pkg-config"
     [valgrind]="valgrind"
-    [fuzz]="clang"
+    [fuzz]="clang libclang-rt-14-dev"
     [coverage]="gcovr"
     [docs]="doxygen mandoc groff-base perl"
+    [bare]="mmdebstrap"
 )
 
 # missing_packages GROUP...: the packages of the groups that are not installed.
@@ -129,19 +130,20 @@ build()
     (cd "${root}" && cmake --build --preset "$@")
 }
 
-# list_sources PATTERN...: the files of the project whose names match, without those that git
-# ignores, one per line, from the project's root.
+# list_sources PATTERN...: the files of the project whose paths match, without those that git
+# ignores, one per line, from the project's root. A "*" stands for any text, with "/" in it, too.
 list_sources()
 {
     (
         cd "${root}" || exit
+        (($# > 0)) || set -- '*'
         if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
             git ls-files --cached --others --exclude-standard -- "$@"
         else
             local -a tests=()
             local pattern
             for pattern; do
-                tests+=(-o -name "${pattern}")
+                tests+=(-o -path "./${pattern}")
             done
             find . \( -path ./build -o -name .git \) -prune -o -type f \( "${tests[@]:1}" \) -print |
                 sed 's|^\./||'

@@ -5,6 +5,7 @@ usage: dev_test.py ROOT
 
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -111,6 +112,29 @@ class Dev(unittest.TestCase):
     def test_unknown_groups_and_steps_are_refused(self):
         self.assert_usage_error(self.dev("setup", "nonsense"), "there is no group 'nonsense'")
         self.assert_usage_error(self.dev("lint", "nonsense"), "there is no step 'nonsense'")
+
+    def test_bare_refuses_what_it_cannot_run(self):
+        self.assert_usage_error(self.dev("bare", "nonsense"), "there is no command 'nonsense'")
+        self.assert_usage_error(self.dev("bare", "../dev-test"), "there is no command '../dev-test'")
+        self.assert_usage_error(self.dev("bare", "--nonsense"), "unknown option '--nonsense'")
+        self.assert_usage_error(self.dev("bare", "--run"), "--run takes a program")
+
+    def test_the_sources_are_found_without_git(self):
+        for file in ("src/core/a.cpp", "src/a.h", "tests/a.cpp", "build/b.cpp", "src/b.h.in"):
+            (self.directory / file).parent.mkdir(parents=True, exist_ok=True)
+            (self.directory / file).touch()
+        (self.directory / "scripts").mkdir()
+        shutil.copy(ROOT / "scripts/common.sh", self.directory / "scripts")
+
+        for patterns, wanted in ((["src/*.cpp", "*.h"], ["src/a.h", "src/core/a.cpp"]),
+                                 (["src/*"], ["src/a.h", "src/b.h.in", "src/core/a.cpp"]),
+                                 (["*.cpp"], ["src/core/a.cpp", "tests/a.cpp"])):
+            with self.subTest(patterns=patterns):
+                found = subprocess.run(
+                    ["bash", "-c", 'source scripts/common.sh && list_sources "$@"', "x", *patterns],
+                    cwd=self.directory, text=True, check=True, stdout=subprocess.PIPE,
+                    env=dict(os.environ, GIT_CEILING_DIRECTORIES="/")).stdout
+                self.assertEqual(found.split(), wanted)
 
     def test_setup_does_nothing_when_all_is_there(self):
         result = self.dev("setup")
