@@ -110,6 +110,84 @@ installs_what_is_needed_and_no_more()
         fail "a file names the build directory"
 }
 
+names_its_plugin_directory()
+{
+    install_to "${work}/prefix"
+    local wanted named
+    PKG_CONFIG_PATH=$(dirname "$(find "${work}/prefix" -name quorval.pc)")
+    export PKG_CONFIG_PATH
+    wanted=$(realpath -m "$(pkg-config --variable=libdir quorval)/quorval/plugins")
+    named=$(pkg-config --variable=plugindir quorval)
+    [[ $(realpath -m "${named}") == "${wanted}" ]] || fail "pkg-config names '${named}'"
+    mkdir "${work}/project"
+    cat >"${work}/project/CMakeLists.txt" <<'END'
+cmake_minimum_required(VERSION 3.25)
+project(user LANGUAGES CXX)
+find_package(quorval REQUIRED)
+message("plug-ins: ${quorval_PLUGIN_DIR}")
+END
+    named=$("${CMAKE}" -S "${work}/project" -B "${work}/project/build" \
+        -DCMAKE_PREFIX_PATH="${work}/prefix" 2>&1 | sed -n 's/^plug-ins: //p')
+    [[ ${named} == "${wanted}" ]] || fail "the CMake package names '${named}'"
+}
+
+# Below DESTDIR, so that nothing gets into the system that runs the test.
+names_clean_paths_in_a_system_prefix()
+{
+    local prefix expected
+    for prefix in /usr /usr/local /usr/local/; do
+        rm -rf "${work}/system"
+        DESTDIR=${work}/system "${CMAKE}" --install "${BUILD}" --prefix "${prefix}" >"${work}/log"
+        PKG_CONFIG_PATH=$(dirname "$(find "${work}/system" -name quorval.pc)")
+        export PKG_CONFIG_PATH PKG_CONFIG_ALLOW_SYSTEM_CFLAGS=1 PKG_CONFIG_ALLOW_SYSTEM_LIBS=1
+        prefix=${prefix%/}
+        expected=${PKG_CONFIG_PATH#"${work}/system"}
+        expected=${expected%/pkgconfig}
+        diff <(echo "${prefix} ${expected} ${expected}/quorval/plugins -I${prefix}/include") \
+            <(echo "$(pkg-config --variable=prefix quorval) $(pkg-config --variable=libdir quorval)" \
+                "$(pkg-config --variable=plugindir quorval) $(pkg-config --cflags quorval | xargs)") ||
+            fail "not the paths of ${prefix}"
+    done
+}
+
+is_refused_as_a_static_library()
+{
+    ! "${CMAKE}" -S "${SOURCE}" -B "${work}/build" -DBUILD_SHARED_LIBS=OFF >"${work}/log" 2>&1 ||
+        fail "it was configured"
+    grep -qF 'BUILD_SHARED_LIBS is OFF, but Quorval is a shared library' "${work}/log" ||
+        fail "$(cat "${work}/log")"
+}
+
+# Another project's BUILD_SHARED_LIBS is about its own libraries.
+is_part_of_another_project()
+{
+    local project=${work}/project
+    mkdir "${project}"
+    cp "${SOURCE}"/docs/examples/scale/*.cpp "${project}"
+    cat >"${project}/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(user LANGUAGES CXX)
+set(BUILD_SHARED_LIBS OFF)
+set(QUORVAL_BUILD_RUNTIME OFF)
+add_subdirectory("${SOURCE}" quorval)
+quorval_add_plugin(scale scale.cpp)
+add_executable(scale_main main.cpp)
+target_link_libraries(scale_main PRIVATE quorval::quorval)
+install(FILES main.cpp DESTINATION share/user)
+END
+    "${CMAKE}" -S "${project}" -B "${project}/build"
+    "${CMAKE}" --build "${project}/build" --parallel 2
+    run_scale "${project}/build/scale_main" "${project}/build"
+
+    "${CMAKE}" --install "${project}/build" --prefix "${work}/asked-for-nothing"
+    [[ $(cd "${work}/asked-for-nothing" && find . -type f) == ./share/user/main.cpp ]] ||
+        fail "too much is installed"
+    "${CMAKE}" -S "${project}" -B "${project}/build" -DQUORVAL_INSTALL=ON
+    "${CMAKE}" --build "${project}/build" --parallel 2
+    "${CMAKE}" --install "${project}/build" --prefix "${work}/prefix"
+    use_with_cmake "${work}/prefix"
+}
+
 # The library alone is built here: the tests, which take longer, are built by whoever runs this one.
 builds_without_arguments()
 {
@@ -120,9 +198,6 @@ builds_without_arguments()
     use_with_cmake "${work}/prefix"
 }
 
+declare -F "$1" >/dev/null || fail "there is no test $1"
 cd "${work}"
-case "$1" in
-is_found_by_cmake | is_found_by_pkg_config | is_found_after_a_move | \
-    installs_what_is_needed_and_no_more | builds_without_arguments) "$1" ;;
-*) fail "there is no test $1" ;;
-esac
+"$1"
