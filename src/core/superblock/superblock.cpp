@@ -1,12 +1,10 @@
 #include <quorval/superblock.h>
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <typeinfo>
 #include <utility>
 
 #include <quorval/pstore.h>
@@ -104,45 +102,7 @@ struct Superblock::Impl {
     std::map<std::string, UniqueDlPtr<Container>> blocks;
     std::vector<Connection> connections;
     PStore pstore;
-
-    void collect_blocks(std::vector<Block*>& collected);
-    void collect_connections(std::vector<Connection>& collected);
-
-    /// The record of a member that is a plain superblock, null for any other: one of a derived
-    /// class may answer for itself. Lists grow in place with it, where lists handed up from level
-    /// to level would move every entry at each level.
-    static Impl* of_plain_superblock(Container& member)
-    {
-        return typeid(member) == typeid(Superblock) ? static_cast<Superblock&>(member).impl_.get()
-                                                    : nullptr;
-    }
 };
-
-void Superblock::Impl::collect_blocks(std::vector<Block*>& collected)
-{
-    for (auto& [key, member] : blocks) {
-        if (Impl* nested = of_plain_superblock(*member)) {
-            nested->collect_blocks(collected);
-        } else {
-            append(collected, member->get_blocks());
-        }
-    }
-}
-
-void Superblock::Impl::collect_connections(std::vector<Connection>& collected)
-{
-    for (auto& [key, member] : blocks) {
-        if (Impl* nested = of_plain_superblock(*member)) {
-            nested->collect_connections(collected);
-        } else {
-            append(collected, member->get_connections());
-        }
-    }
-    make_room(collected, connections.size());
-    for (const Connection& connection : connections) {
-        collected.push_back(connection);
-    }
-}
 
 Superblock::Superblock(std::string name) : impl_(std::make_unique<Impl>())
 {
@@ -192,17 +152,33 @@ std::pair<Block const&, OutPortInternal&> Superblock::get_outport(const std::str
     return found->second;
 }
 
+// A class derived from Superblock may answer for itself, so members are asked and nothing is taken
+// from their records.
 std::vector<Block*> Superblock::get_blocks()
 {
     std::vector<Block*> collected;
-    impl_->collect_blocks(collected);
+    for (const auto& [key, member] : impl_->blocks) {
+        append(collected, member->get_blocks());
+    }
     return collected;
 }
 
 std::vector<Connection> Superblock::get_connections()
 {
     std::vector<Connection> collected;
-    impl_->collect_connections(collected);
+    for (const auto& [key, member] : impl_->blocks) {
+        auto more = member->get_connections();
+        if (!more.empty()) {  // a plain block has none, and most members are that
+            append(collected, std::move(more));
+        }
+    }
+    if (collected.empty()) {
+        return impl_->connections;
+    }
+    make_room(collected, impl_->connections.size());
+    for (const Connection& connection : impl_->connections) {
+        collected.push_back(connection);
+    }
     return collected;
 }
 

@@ -366,6 +366,34 @@ TEST(SuperblockGetBlock, FindsMembersAndNoNestedOnes)
                                         "Superblock outer does not contain block of name a");
 }
 
+TEST(SuperblockGetBlock, NamesTheSuperblockAsItIsCalledNow)
+{
+    Superblock superblock("old");
+    superblock.set_name("new");
+
+    expect_throw<std::invalid_argument>([&] { superblock.get_block("a"); },
+                                        "Superblock new does not contain block of name a");
+}
+
+/// A superblock that gives itself a name.
+class Named : public Superblock {
+public:
+    using Superblock::Superblock;
+
+    const std::string& get_name() const override { return shown_; }
+
+private:
+    std::string shown_ = "shown";
+};
+
+TEST(SuperblockGetBlock, NamesADerivedSuperblockAsItCallsItself)
+{
+    const Named superblock("kept");
+
+    expect_throw<std::invalid_argument>([&] { superblock.get_block("a"); },
+                                        "Superblock shown does not contain block of name a");
+}
+
 TEST(SuperblockDestruction, DestroysMembersFromTheLastNameToTheFirst)
 {
     Texts events;
