@@ -47,15 +47,14 @@ public:
     }
 
     UniqueDlPtr(UniqueDlPtr&& other) noexcept = default;
-    /// Destroys the object that is replaced, then lets go of its code; `other` is left empty.
+    /// Destroys the object that is replaced, then lets go of its code; `other` is left empty. It
+    /// may lie in the object that is replaced: `first = std::move(first->next)`.
     UniqueDlPtr& operator=(UniqueDlPtr&& other) noexcept
     {
-        if (this != &other) {
-            // In this order: a defaulted assignment would begin with lib_ and so might unload the
-            // code that the destructor of the old object needs.
-            obj_ = std::move(other.obj_);
-            lib_ = std::move(other.lib_);
-        }
+        // Goes at the end, with what is replaced.
+        UniqueDlPtr taken(std::move(other));
+        lib_.swap(taken.lib_);
+        obj_.swap(taken.obj_);
         return *this;
     }
     UniqueDlPtr(const UniqueDlPtr&) = delete;

@@ -212,6 +212,27 @@ TEST(UniqueDlPtrMove, LeavesAPointerThatIsAssignedToItself)
     EXPECT_EQ(log.texts(), Texts{});
 }
 
+/// One of a chain, each of which owns the next.
+struct Link : Told {
+    using Told::Told;
+
+    UniqueDlPtr<Link> next;
+};
+
+TEST(UniqueDlPtrMove, TakesASourceThatLiesInTheReplacedObject)
+{
+    const auto lib = open(kSecond);
+    UniqueDlPtr<Link> first(open(kFirst), std::make_unique<Link>("first"));
+    first->next = UniqueDlPtr<Link>(lib, std::make_unique<Link>("second"));
+    const LogRecorder log;
+
+    first = std::move(first->next);
+
+    EXPECT_EQ(log.texts(), (Texts{"destroy first", unloaded(kFirst)}));
+    EXPECT_EQ(first->name, "second");
+    EXPECT_EQ(lib.use_count(), 2);
+}
+
 TEST(UniqueDlPtrMove, ReusesAMovedFromPointer)
 {
     Pointer pointer(nullptr, std::make_unique<Told>("first"));
