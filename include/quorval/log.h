@@ -23,7 +23,7 @@ enum loglevel : int {
 
 /// Formats a message as printf does and hands it to the sink in Quorval::loginstance, which must
 /// not be null. Never throws: a message that cannot be formatted is lost, and so is an exception
-/// that the sink throws.
+/// that the sink throws. A thread that is cancelled while it logs ends as any cancelled thread.
 extern "C" QUORVAL_EXPORT void logger(loglevel level, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
@@ -63,7 +63,8 @@ extern QUORVAL_EXPORT std::unique_ptr<LogInstance> loginstance;
 
 /// Builds one message by stream insertions and logs it when it is destroyed:
 /// `ilog(LOGLEVEL_INFO) << "rate " << rate;`. The text is never taken for a format.
-/// An exception while the finished text is copied or logged ends the process.
+/// An exception while the finished text is copied or logged ends the process, as does a
+/// pthread_exit(3) in the sink. A cancellation of the thread waits until the message is logged.
 class QUORVAL_EXPORT ilog : private std::ostringstream {
 public:
     explicit ilog(loglevel level);

@@ -5,6 +5,9 @@
 #include <cstdlib>
 #include <memory>
 
+#include <cxxabi.h>
+#include <pthread.h>
+
 namespace {
 
 struct Free {
@@ -23,6 +26,19 @@ void pass_on(loglevel level, const char* format, ...)
     va_end(args);
 }
 
+/// Holds a cancellation of the thread back. It would unwind a destructor that lets nothing out,
+/// and so end the process.
+class CancellationHeldBack {
+public:
+    CancellationHeldBack() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    CancellationHeldBack(const CancellationHeldBack&) = delete;
+    CancellationHeldBack& operator=(const CancellationHeldBack&) = delete;
+    ~CancellationHeldBack() { ::pthread_setcancelstate(before_, nullptr); }
+
+private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
 }  // namespace
 
 void logger(loglevel level, const char* format, ...)
@@ -31,6 +47,8 @@ void logger(loglevel level, const char* format, ...)
     va_start(args, format);
     try {
         Quorval::loginstance->vlog(level, format, args);
+    } catch (abi::__forced_unwind&) {
+        throw;  // the thread ends; the C library lets nobody stop that
     } catch (...) {
         // Callers in C cannot catch, and a message is not worth failing for.
     }
@@ -70,6 +88,7 @@ ilog::ilog(loglevel level) : level_(level) {}
 
 ilog::~ilog()
 {
+    const CancellationHeldBack held_back;
     pass_on(level_, "%s", str().c_str());
 }
 

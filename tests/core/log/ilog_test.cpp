@@ -16,7 +16,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include "cancelling_sink.h"
 #include "support/support.h"
 
 namespace user {
@@ -78,6 +80,7 @@ namespace {
 using Quorval::ilog;
 using quorval_test::LogLine;
 using quorval_test::LogRecorder;
+using quorval_test::run_cancelled;
 using Lines = std::vector<LogLine>;
 
 static_assert(std::is_base_of_v<std::ostringstream, ilog>);
@@ -314,6 +317,40 @@ public:
         throw std::runtime_error("the sink is full");
     }
 };
+
+TEST(Ilog, LogsToTheEndWhenItsThreadIsCancelled)
+{
+    bool went_on = false;
+    bool is_late = false;
+
+    const auto [is_cancelled, counts] = run_cancelled([&] {
+        ilog(LOGLEVEL_ERROR) << "x";
+        went_on = true;
+        ::pthread_testcancel();
+        is_late = true;
+    });
+
+    EXPECT_TRUE(is_cancelled);
+    EXPECT_EQ(counts.begun, 1);
+    EXPECT_EQ(counts.ended, 1);
+    EXPECT_TRUE(went_on);
+    EXPECT_FALSE(is_late);
+}
+
+TEST(Ilog, LeavesAThreadThatHoldsItsCancellationBackAsItIs)
+{
+    int state = PTHREAD_CANCEL_ENABLE;
+
+    const auto [is_cancelled, counts] = run_cancelled([&state] {
+        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        ilog(LOGLEVEL_ERROR) << "x";
+        ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    });
+
+    EXPECT_FALSE(is_cancelled);
+    EXPECT_EQ(counts.ended, 1);
+    EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
+}
 
 TEST(IlogDeathTest, EndsTheProcessWhenTheSinkThrows)
 {

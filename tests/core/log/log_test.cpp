@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cancelling_sink.h"
 #include "support/support.h"
 
 namespace {
@@ -24,6 +25,7 @@ using Quorval::LogInstance;
 using quorval_test::expect_throw;
 using quorval_test::LogLine;
 using quorval_test::LogRecorder;
+using quorval_test::run_cancelled;
 using Lines = std::vector<LogLine>;
 
 static_assert(std::is_same_v<std::underlying_type_t<loglevel>, int>);
@@ -173,6 +175,36 @@ TEST(Logger, SwallowsWhatTheSinkThrows)
     const ScopedSink sink(std::make_unique<Throwing>());
 
     EXPECT_NO_THROW(logger(LOGLEVEL_FATAL, "%s", std::string(1000, 'x').c_str()));
+}
+
+class ThrowingANumber : public LogInstance {
+public:
+    void emit(loglevel level, const char* /*text*/, int /*length*/) override
+    {
+        throw static_cast<int>(level);
+    }
+};
+
+TEST(Logger, SwallowsWhatIsNoExceptionOfTheStandard)
+{
+    const ScopedSink restore(std::make_unique<ThrowingANumber>());
+
+    EXPECT_NO_THROW(logger(LOGLEVEL_ERROR, "x"));
+}
+
+TEST(Logger, LetsTheCancellationOfItsThreadPass)
+{
+    bool went_on = false;
+
+    const auto [is_cancelled, counts] = run_cancelled([&went_on] {
+        logger(LOGLEVEL_ERROR, "x");
+        went_on = true;
+    });
+
+    EXPECT_TRUE(is_cancelled);
+    EXPECT_EQ(counts.begun, 1);
+    EXPECT_EQ(counts.ended, 0);
+    EXPECT_FALSE(went_on);
 }
 
 TEST(Logger, HasCLinkage)
