@@ -144,7 +144,8 @@ public:
     void override_config(const BlockConfiguration& override);
 
     /// Add a port under its own name and own it from then on; an input and an output may share a
-    /// name. A port that is refused is destroyed.
+    /// name. The port stays known under the name that it has now. A port that is refused is
+    /// destroyed.
     /// @return the port, owned by the block
     /// @throws std::runtime_error  the name is taken: "Failed to add inport '<name>', probably
     ///     duplicate.", with "outport" and "fdport" likewise
@@ -178,7 +179,8 @@ public:
     /// Whether an output of the block is triggered. Allocates nothing.
     bool has_triggered_port() const;
 
-    /// Reset every input, every descriptor port, see Port::reset().
+    /// Reset every input, every descriptor port, see Port::reset(). A port may add others to the
+    /// block in its reset(); those are not reset by the same call.
     void reset_inports(bool force);
     void reset_fdports(bool force);
 
@@ -199,7 +201,8 @@ public:
     /// @throws std::runtime_error  none are attached: "<block> has no RuntimeTools set"
     RuntimeTools& get_tools() const;
 
-    /// Records a D-Bus object. An object recorded for the same table is replaced.
+    /// Records a D-Bus object. An object that was recorded for the same table is replaced, whatever
+    /// its record says by now.
     /// @param vtable    not owned; must outlive the block
     /// @param userdata  not owned; passed to the handlers of the table
     /// @throws std::runtime_error  `vtable` is null: "Block failed to add dbus due to nullptr

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include <sys/eventfd.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <quorval/log.h>
@@ -59,21 +58,28 @@ constexpr const char* kFdType = "extfd";
     throw std::runtime_error("Block failed to add dbus. Must be done in detached state");
 }
 
-/// The ports of one kind, sorted by name. A block has few: this takes less memory and time than a
+/// The ports of one kind, by the names that they had when they were added: a derived class can
+/// change the name of its port. A block has few: a sorted list takes less memory and time than a
 /// hash table.
 template <class Kind>
 class Ports {
 public:
-    auto begin() const { return ports_.begin(); }
-    auto end() const { return ports_.end(); }
-    bool empty() const { return ports_.empty(); }
-    std::size_t size() const { return ports_.size(); }
+    struct Entry {
+        std::string name;
+        std::unique_ptr<Kind> port;
+    };
+
+    /// The entries, sorted by name.
+    auto begin() const { return entries_.begin(); }
+    auto end() const { return entries_.end(); }
+    bool empty() const { return entries_.empty(); }
+    std::size_t size() const { return entries_.size(); }
 
     /// The port of that name, null when there is none.
     Kind* find(const std::string& name) const
     {
         const auto at = lower_bound(name);
-        return at != end() && (*at)->get_name() == name ? at->get() : nullptr;
+        return at != end() && at->name == name ? at->port.get() : nullptr;
     }
 
     Kind* add(std::unique_ptr<Kind> port, const char* kind)
@@ -83,25 +89,39 @@ public:
         }
         const std::string& name = port->get_name();
         const auto at = lower_bound(name);
-        if (at != end() && (*at)->get_name() == name) {
+        if (at != end() && at->name == name) {
             throw_duplicate_port(kind, name);
         }
-        return ports_.insert(at, std::move(port))->get();
+        in_order_.push_back(port.get());
+        try {
+            entries_.insert(at, Entry{name, std::move(port)});
+        } catch (...) {
+            in_order_.pop_back();
+            throw;
+        }
+        return in_order_.back();
     }
 
+    bool has_triggered() const
+    {
+        return std::any_of(in_order_.begin(), in_order_.end(),
+                           [](const Kind* port) { return port->is_triggered(); });
+    }
+
+    /// Resets each port that is there now; a port may add others meanwhile.
     void reset(bool force) const
     {
-        for (const auto& port : ports_) {
-            port->reset(force);
+        for (std::size_t left = in_order_.size(); left > 0; --left) {
+            in_order_[left - 1]->reset(force);
         }
     }
 
     std::unordered_map<std::string, Datatype> info() const
     {
         std::unordered_map<std::string, Datatype> types;
-        types.reserve(ports_.size());
-        for (const auto& port : ports_) {
-            types.emplace(port->get_name(), port->get_datatype());
+        types.reserve(entries_.size());
+        for (const auto& [name, port] : entries_) {
+            types.emplace(name, port->get_datatype());
         }
         return types;
     }
@@ -110,11 +130,12 @@ private:
     auto lower_bound(const std::string& name) const
     {
         return std::lower_bound(
-            ports_.begin(), ports_.end(), name,
-            [](const auto& port, const std::string& wanted) { return port->get_name() < wanted; });
+            entries_.begin(), entries_.end(), name,
+            [](const Entry& entry, const std::string& wanted) { return entry.name < wanted; });
     }
 
-    std::vector<std::unique_ptr<Kind>> ports_;
+    std::vector<Entry> entries_;
+    std::vector<Kind*> in_order_;  // of adding, so that adding moves no place before the end
 };
 
 /// A descriptor until somebody else owns it.
@@ -147,7 +168,8 @@ struct Block::Impl {
     BlockConfiguration config;
     PStore store;
     std::shared_ptr<RuntimeTools> tools;
-    std::vector<std::unique_ptr<DBusMeta>> dbus;  // one for each table
+    // One for each table, which the application can change in the record.
+    std::vector<std::pair<const sd_bus_vtable*, std::unique_ptr<DBusMeta>>> dbus;
 };
 
 Container::Container() = default;
@@ -295,7 +317,7 @@ std::vector<FdPort*> Block::get_fdports()
 {
     std::vector<FdPort*> ports;
     ports.reserve(impl_->fdports.size());
-    for (const auto& port : impl_->fdports) {
+    for (const auto& [name, port] : impl_->fdports) {
         ports.push_back(port.get());
     }
     return ports;
@@ -305,8 +327,8 @@ std::vector<std::string> Block::get_fdport_names()
 {
     std::vector<std::string> names;
     names.reserve(impl_->fdports.size());
-    for (const auto& port : impl_->fdports) {
-        names.push_back(port->get_name());
+    for (const auto& [name, port] : impl_->fdports) {
+        names.push_back(name);
     }
     return names;
 }
@@ -315,7 +337,7 @@ std::vector<DBusMeta*> Block::get_dbus_meta()
 {
     std::vector<DBusMeta*> records;
     records.reserve(impl_->dbus.size());
-    for (const auto& record : impl_->dbus) {
+    for (const auto& [vtable, record] : impl_->dbus) {
         records.push_back(record.get());
     }
     return records;
@@ -323,8 +345,7 @@ std::vector<DBusMeta*> Block::get_dbus_meta()
 
 bool Block::has_triggered_port() const
 {
-    return std::any_of(impl_->outports.begin(), impl_->outports.end(),
-                       [](const auto& port) { return port->is_triggered(); });
+    return impl_->outports.has_triggered();
 }
 
 void Block::reset_inports(bool force)
@@ -376,13 +397,12 @@ void Block::add_dbus(const std::string& path, const std::string& interface,
     }
     auto record = std::make_unique<DBusMeta>(DBusMeta{path, interface, userdata, vtable});
     auto& records = impl_->dbus;
-    const auto at = std::find_if(records.begin(), records.end(), [vtable](const auto& present) {
-        return present->vtable == vtable;
-    });
+    const auto at = std::find_if(records.begin(), records.end(),
+                                 [vtable](const auto& present) { return present.first == vtable; });
     if (at != records.end()) {
-        *at = std::move(record);
+        at->second = std::move(record);
     } else {
-        records.push_back(std::move(record));
+        records.emplace_back(vtable, std::move(record));
     }
 }
 

@@ -4,6 +4,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -418,6 +419,61 @@ TEST(BlockPorts, StayWhereTheyAreWhenOthersAreAdded)
     }
 }
 
+/// A port of the kind Base that can change its name.
+template <class Base>
+class Renamed : public Base {
+public:
+    using Base::Base;
+
+    void rename(const std::string& name) { this->name_ = name; }
+};
+
+TEST(BlockPorts, StayUnderTheNameThatTheyHadWhenTheyWereAdded)
+{
+    Block block("gain");
+    auto& input = static_cast<Renamed<InPortInternal>&>(
+        *block.add_inport(std::make_unique<Renamed<InPortInternal>>("m", Datatype("int"), true)));
+    auto& output = static_cast<Renamed<OutPort<int>>&>(
+        *block.add_outport(std::make_unique<Renamed<OutPort<int>>>("m", Datatype("int"))));
+    for (const char* name : {"a", "c"}) {
+        block.add_inport(make_inport(name));
+        block.add_outport(make_outport(name));
+    }
+
+    input.rename("0");
+    output.rename("0");
+
+    EXPECT_EQ(&block.get_inport("m")[0].second, &input);
+    EXPECT_EQ(&block.get_outport("m").second, &output);
+    for (const std::string name : {"a", "c"}) {
+        EXPECT_EQ(block.get_inport(name)[0].second.get_name(), name);
+        EXPECT_EQ(block.get_outport(name).second.get_name(), name);
+        expect_throw<std::runtime_error>(
+            [&] { block.add_inport(make_inport(name)); },
+            "Failed to add inport '" + name + "', probably duplicate.");
+    }
+    expect_throw<std::out_of_range>([&] { block.get_inport("0"); },
+                                    "The InPort 0 does not exist in block gain");
+    const Info info{{"a", Datatype("int")}, {"c", Datatype("int")}, {"m", Datatype("int")}};
+    EXPECT_EQ(block.get_inports_info(), info);
+    EXPECT_EQ(block.get_outports_info(), info);
+}
+
+TEST(BlockPorts, GiveTheNameOfARenamedOneToNoOther)
+{
+    Block block("gain");
+    auto& port = static_cast<Renamed<InPortInternal>&>(
+        *block.add_inport(std::make_unique<Renamed<InPortInternal>>("a", Datatype("int"), true)));
+
+    port.rename("b");
+
+    expect_throw<std::runtime_error>([&] { block.add_inport(make_inport("a")); },
+                                     "Failed to add inport 'a', probably duplicate.");
+    block.add_inport(make_inport("b"));
+    EXPECT_EQ(&block.get_inport("a")[0].second, &port);
+    EXPECT_NE(&block.get_inport("b")[0].second, &port);
+}
+
 TEST(BlockPorts, AreDestroyedWithTheBlock)
 {
     int destroyed = 0;
@@ -562,6 +618,58 @@ TEST(BlockReset, ReachesEveryDescriptorPortAndNothingElse)
     EXPECT_EQ(others, std::vector<bool>{});
 }
 
+/// A port of the kind Base that calls a function of the test when it is reset.
+template <class Base>
+class CallingPort : public Base {
+public:
+    template <class... Arguments>
+    explicit CallingPort(std::function<void()> call, Arguments&&... arguments)
+        : Base(std::forward<Arguments>(arguments)...), call_(std::move(call))
+    {
+    }
+
+    void reset(bool /*force*/) override { call_(); }
+
+private:
+    std::function<void()> call_;
+};
+
+TEST(BlockReset, ReachesEachPresentPortOnceWhenOneAddsOthers)
+{
+    Block block("gain");
+    std::vector<bool> present;
+    std::vector<bool> added;
+    const auto add_recorded = [&block](const std::string& name, std::vector<bool>& resets) {
+        block.add_inport(
+            std::make_unique<ResetPort<InPortInternal>>(resets, name, Datatype("int"), true));
+        block.add_fdport(
+            std::make_unique<ResetPort<FdPort>>(resets, name, Datatype("int"), 0, kReadable, true));
+    };
+    int calls = 0;
+    const auto add_many = [&] {
+        ++calls;
+        for (int i = 0; i < 100; ++i) {
+            add_recorded(std::to_string(calls) + "." + std::to_string(i), added);
+            add_recorded("z" + std::to_string(calls) + "." + std::to_string(i), added);
+        }
+    };
+    add_recorded("a", present);
+    block.add_inport(
+        std::make_unique<CallingPort<InPortInternal>>(add_many, "m", Datatype("int"), true));
+    block.add_fdport(
+        std::make_unique<CallingPort<FdPort>>(add_many, "m", Datatype("int"), 0, kReadable, true));
+    add_recorded("n", present);
+
+    block.reset_inports(false);
+    EXPECT_EQ(present, (std::vector<bool>{false, false}));
+    EXPECT_EQ(added, std::vector<bool>{});
+
+    block.reset_fdports(true);
+    EXPECT_EQ(present, (std::vector<bool>{false, false, true, true}));
+    EXPECT_EQ(added, std::vector<bool>(200, true));  // those that reset_inports() added
+    EXPECT_EQ(calls, 2);
+}
+
 TEST(BlockReset, LeavesLastingInputsTriggeredWithoutForce)
 {
     Block block("gain");
@@ -653,6 +761,23 @@ TEST(BlockFdPorts, ListPortsAndNamesInTheSameOrder)
     }
     EXPECT_TRUE(std::is_permutation(names.begin(), names.end(),
                                     std::vector<std::string>{"a", "b", "m", "z"}.begin()));
+}
+
+TEST(BlockFdPorts, StayUnderTheNameThatTheyHadWhenTheyWereAdded)
+{
+    Block block("gain");
+    auto& port = static_cast<Renamed<FdPort>&>(*block.add_fdport(
+        std::make_unique<Renamed<FdPort>>("m", Datatype("socket"), 0, kReadable, true)));
+    FdPort* const other = block.add_fdport(make_fdport("c"));
+
+    port.rename("a");
+
+    EXPECT_EQ(block.get_fdport("m"), &port);
+    EXPECT_EQ(block.get_fdport("c"), other);
+    EXPECT_EQ(block.get_fdport_names(), (std::vector<std::string>{"c", "m"}));
+    EXPECT_EQ(block.get_fdports(), (std::vector<FdPort*>{other, &port}));
+    EXPECT_EQ(block.get_fdports_info(),
+              (Info{{"c", Datatype("socket")}, {"m", Datatype("socket")}}));
 }
 
 TEST(BlockFdPorts, AreListedInSnapshots)
@@ -957,6 +1082,21 @@ TEST(BlockDbus, ReplacesARecordByItsOwnTexts)
     EXPECT_EQ(block.get_dbus_meta()[0]->path, "/a/path/that/is/longer/than/a/short/string");
 }
 
+TEST(BlockDbus, FindsARecordByTheTableThatItWasAddedFor)
+{
+    Block block("gain");
+    block.add_dbus("/gain", "gain.Control", kTable, nullptr);
+    block.get_dbus_meta()[0]->vtable = kOtherTable;
+
+    block.add_dbus("/other", "gain.Other", kOtherTable, nullptr);
+    block.add_dbus("/new", "gain.New", kTable, nullptr);
+
+    const std::vector<DBusMeta*> records = block.get_dbus_meta();
+    ASSERT_EQ(records.size(), 2U);
+    const std::set<std::string> paths{records[0]->path, records[1]->path};
+    EXPECT_EQ(paths, (std::set<std::string>{"/new", "/other"}));
+}
+
 TEST(BlockDbus, TakesEmptyNames)
 {
     Block block("gain");
@@ -1206,6 +1346,20 @@ TEST(BlockOverride, WarnsEachTimeWithTheNameThatTheBlockHasThen)
               (std::vector<std::string>{
                   "Block gain possibly did not consume all of (Re-)Configuration\n",
                   "Block 100%s possibly did not consume all of (Re-)Configuration\n"}));
+}
+
+TEST(BlockOverride, WarnsWithTheNameThatReconfigureGives)
+{
+    const LogRecorder log;
+    Block* renamed = nullptr;
+    Reconfigured block([&renamed](const auto&, const auto&) { renamed->set_name("louder"); });
+    renamed = &block;
+
+    block.override_config({{"a", 1}});
+
+    EXPECT_EQ(log.texts(),
+              std::vector<std::string>{
+                  "Block louder possibly did not consume all of (Re-)Configuration\n"});
 }
 
 TEST(BlockOverride, PassesTheExceptionOfReconfigureOn)
