@@ -193,6 +193,102 @@ void add_has_triggered_port()
     });
 }
 
+/// Adds one to what it gets.
+class Counter : public Block {
+public:
+    explicit Counter(const std::string& name) : Block(name)
+    {
+        add_inport(std::make_unique<InPort<double>>("in", Datatype("double")));
+        add_outport(std::make_unique<OutPort<double>>("out", Datatype("double")));
+        in = static_cast<InPort<double>*>(&get_inport("in")[0].second);
+        out = static_cast<OutPort<double>*>(&get_outport("out").second);
+    }
+
+    bool run() override
+    {
+        out->write(in->value() + 1);
+        return true;
+    }
+
+    InPort<double>* in;
+    OutPort<double>* out;
+};
+
+/// The same as one would write it for one program.
+struct PlainCounter {
+    PlainPort in;
+    PlainPort out;
+    double value = 0;
+
+    void run()
+    {
+        value = *static_cast<const double*>(in.data) + 1;
+        out.data = &value;
+        out.is_triggered = true;
+    }
+};
+
+/// A chain whose last block feeds the first: each step goes through all of it once.
+void add_step_of_a_run()
+{
+    constexpr std::size_t kBlocks = 64;
+    constexpr std::size_t kSteps = 100;
+    add_time("step_of_a_run/quorval", kBlocks * kSteps, [] {
+        auto blocks = std::make_shared<std::vector<std::unique_ptr<Counter>>>();
+        for (std::size_t block = 0; block < kBlocks; ++block) {
+            blocks->push_back(std::make_unique<Counter>("counter" + std::to_string(block)));
+        }
+        return Side{[blocks] {
+                        const Counter* before = blocks->back().get();
+                        for (std::size_t step = 0; step < kSteps; ++step) {
+                            for (const auto& block : *blocks) {
+                                block->in->update(*before->out);
+                                block->run();
+                                block->reset_inports(false);
+                                before->out->reset(false);
+                                before = block.get();
+                            }
+                        }
+                    },
+                    [blocks] {
+                        return blocks->back()->out->value() == double{kBlocks * kSteps} &&
+                               blocks->back()->has_triggered_port() &&
+                               !blocks->front()->has_triggered_port();
+                    },
+                    [blocks] { blocks->back()->out->write(0); }};
+    });
+    add_time("step_of_a_run/by_hand", kBlocks * kSteps, [] {
+        auto blocks = std::make_shared<std::vector<std::unique_ptr<PlainCounter>>>();
+        for (std::size_t block = 0; block < kBlocks; ++block) {
+            blocks->push_back(std::make_unique<PlainCounter>());
+        }
+        return Side{[blocks] {
+                        PlainCounter* before = blocks->back().get();
+                        for (std::size_t step = 0; step < kSteps; ++step) {
+                            for (const auto& block : *blocks) {
+                                block->in.update(before->out);
+                                block->run();
+                                block->in.reset(false);
+                                before->out.reset(false);
+                                before = block.get();
+                                benchmark::ClobberMemory();
+                            }
+                        }
+                    },
+                    [blocks] {
+                        return blocks->back()->value == double{kBlocks * kSteps} &&
+                               blocks->back()->out.is_triggered &&
+                               !blocks->front()->out.is_triggered;
+                    },
+                    [blocks] {
+                        PlainCounter& last = *blocks->back();
+                        last.value = 0;
+                        last.out.data = &last.value;
+                        last.out.is_triggered = true;
+                    }};
+    });
+}
+
 /// A descriptor that is closed at the end.
 struct EventDescriptor {
     EventDescriptor() : fd(::eventfd(0, 0)) {}
@@ -320,6 +416,7 @@ const bool kAreAdded = [] {
     add_update_reset();
     add_update_reset_calls();
     add_has_triggered_port();
+    add_step_of_a_run();
     add_event_port();
     add_dropped_line();
     return true;
