@@ -26,10 +26,10 @@ usage_error()
 
 # The Debian packages that a part of the work needs, by group.
 declare -A package_groups=(
-    [build]="g++ cmake make ninja-build libcereal-dev libsystemd-dev"
-    [runtime]="libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
-    [examples]="libsndfile1-dev libcli11-dev"
-    [test]="libgtest-dev libgmock-dev clang pkg-config python3"
+    [build]="g++ cmake make ninja-build libcereal-dev"
+    [runtime]="libsystemd-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
+    [examples]="libsndfile1-dev libcli11-dev libsystemd-dev"
+    [test]="libgtest-dev libgmock-dev libsystemd-dev clang pkg-config python3"
     [demo]="alsa-utils"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev
