@@ -1,0 +1,340 @@
+#include "schedule/wave.h"
+
+#include <algorithm>
+#include <exception>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace Quorval::runtime {
+
+namespace {
+
+/// Shows the value of an output without its trigger.
+class Untriggered : public OutPortInternal {
+public:
+    explicit Untriggered(const OutPortInternal& output)
+        : OutPortInternal(std::string(), Datatype(std::string()))
+    {
+        data_ = output.get_data();
+    }
+};
+
+std::vector<std::string> sorted_names(const std::unordered_map<std::string, Datatype>& ports)
+{
+    std::vector<std::string> names;
+    names.reserve(ports.size());
+    for (const auto& port : ports) {
+        names.push_back(port.first);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace
+
+std::string text_of_present_exception()
+{
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (...) {
+        return "an unknown exception";
+    }
+}
+
+/// Lays a network out.
+class Wave::Builder {
+public:
+    Builder(const Network& network, Wave& wave) : network_(network), wave_(wave) {}
+
+    void build()
+    {
+        wave_.slots_.reserve(network_.nodes.size() + 1);
+        wave_.takes_.reserve(network_.wires.size());
+        for (const Node& node : network_.nodes) {
+            add_slot(node.block, node.path.c_str(), node.skips_failures);
+            add_inputs(*node.block);
+            add_outputs(*node.block);
+        }
+        add_slot(nullptr, nullptr, false);
+        wave_.outputs_.push_back({nullptr, 0, false});
+        add_readers();
+    }
+
+private:
+    void add_slot(Block* block, const char* path, bool skips_failures)
+    {
+        wave_.slots_.push_back({block, path, size_of(wave_.takes_), size_of(wave_.delayed_),
+                                size_of(wave_.loose_), size_of(wave_.outputs_), false, false, false,
+                                skips_failures, 0});
+    }
+
+    void add_inputs(Block& block)
+    {
+        const auto reader = size_of(wave_.slots_) - 1;
+        std::unordered_set<const InPortInternal*> fed;
+        for (; wire_ < network_.wires.size() && network_.wires[wire_].to == reader; ++wire_) {
+            const Wire& wire = network_.wires[wire_];
+            (wire.is_delayed ? wave_.delayed_ : wave_.takes_).push_back({wire.input, wire.output});
+            fed.insert(wire.input);
+        }
+        for (const std::string& name : sorted_names(block.get_inports_info())) {
+            for (const auto& [owner, port] : block.get_inport(name)) {
+                InPortInternal* input = port.get_connectable();
+                if (fed.insert(input).second) {
+                    wave_.loose_.push_back(input);
+                }
+            }
+        }
+    }
+
+    void add_outputs(const Block& block)
+    {
+        for (const std::string& name : sorted_names(block.get_outports_info())) {
+            OutPortInternal& output = block.get_outport(name).second;
+            number_[&output] = size_of(wave_.outputs_);
+            wave_.outputs_.push_back({&output, 0, false});
+        }
+    }
+
+    /// Counts the readers of each output, then puts them where the counts say.
+    void add_readers()
+    {
+        std::vector<Output>& outputs = wave_.outputs_;
+        std::uint32_t count = 0;
+        for (const Wire& wire : network_.wires) {
+            if (!wire.is_delayed) {
+                ++outputs[number_.at(wire.output)].first_reader;
+                ++count;
+            }
+        }
+        wave_.readers_.resize(count);
+        for (auto output = outputs.rbegin(); output != outputs.rend(); ++output) {
+            output->first_reader = count -= output->first_reader;
+        }
+        std::vector<std::uint32_t> next;
+        next.reserve(outputs.size());
+        for (const Output& output : outputs) {
+            next.push_back(output.first_reader);
+        }
+        for (const Wire& wire : network_.wires) {
+            if (!wire.is_delayed) {
+                wave_.readers_[next[number_.at(wire.output)]++] = wire.to;
+            }
+        }
+    }
+
+    template <class Records>
+    static std::uint32_t size_of(const Records& records)
+    {
+        return static_cast<std::uint32_t>(records.size());
+    }
+
+    const Network& network_;
+    Wave& wave_;
+    std::size_t wire_ = 0;
+    std::unordered_map<const OutPortInternal*, std::uint32_t> number_;
+};
+
+Wave::Wave(const Network& network, IDescriptorPorts& descriptors, IWaveEvents& events)
+    : descriptors_(descriptors), events_(events), visits_(network.nodes.size())
+{
+    Builder(network, *this).build();
+    failures_.resize(network.nodes.size());
+    visited_.reserve(network.nodes.size());
+    triggered_.reserve(outputs_.size());
+}
+
+void Wave::has_descriptors(std::uint32_t block)
+{
+    slots_[block].has_descriptors = true;
+}
+
+void Wave::ask(std::uint32_t block)
+{
+    slots_[block].is_asked = true;
+    visits_.insert(block);
+}
+
+void Wave::visit(std::uint32_t block)
+{
+    visits_.insert(block);
+}
+
+void Wave::look_at_outputs(std::uint32_t block)
+{
+    note_outputs(block);
+}
+
+bool Wave::run()
+{
+    ++waves_;
+    const ContextScope scope(nullptr, nullptr);
+    Context& present = context();
+    while (!visits_.is_empty()) {
+        if (!visit_next(present)) {
+            drop_visits();
+            return false;
+        }
+    }
+    return true;
+}
+
+void Wave::drop_visits()
+{
+    while (!visits_.is_empty()) {
+        slots_[visits_.take_lowest()].is_asked = false;
+    }
+}
+
+bool Wave::visit_next(Context& present)
+{
+    const std::uint32_t block = visits_.take_lowest();
+    Slot& slot = slots_[block];
+    if (slot.is_done) {
+        return true;
+    }
+    visited_.push_back(block);
+    present = {slot.path, "run"};
+    try {
+        take_over(slot, slots_[block + 1]);
+        if (is_due(slot, slots_[block + 1], block)) {
+            run_block(slot, block);
+        }
+    } catch (...) {
+        return contain_failure(block, text_of_present_exception());
+    }
+    return true;
+}
+
+void Wave::take_over(const Slot& slot, const Slot& end)
+{
+    for (std::uint32_t at = slot.first_take; at < end.first_take; ++at) {
+        takes_[at].input->update(*takes_[at].output);
+    }
+    for (std::uint32_t at = slot.first_delayed; at < end.first_delayed; ++at) {
+        OutPortInternal& output = *delayed_[at].output;
+        if (output.is_triggered()) {
+            // Triggered outside of a wave.
+            Untriggered value(output);
+            delayed_[at].input->update(value);
+        } else {
+            delayed_[at].input->update(output);
+        }
+    }
+}
+
+bool Wave::is_due(const Slot& slot, const Slot& end, std::uint32_t block) const
+{
+    if (slot.is_asked) {
+        return true;
+    }
+    const auto is_triggered = [](const auto& take) { return take.input->is_triggered(); };
+    const auto takes = takes_.begin();
+    const auto delayed = delayed_.begin();
+    const auto loose = loose_.begin();
+    return std::any_of(takes + slot.first_take, takes + end.first_take, is_triggered) ||
+           (slot.has_descriptors && descriptors_.is_triggered(block)) ||
+           std::any_of(delayed + slot.first_delayed, delayed + end.first_delayed, is_triggered) ||
+           std::any_of(loose + slot.first_loose, loose + end.first_loose,
+                       [](const InPortInternal* input) { return input->is_triggered(); });
+}
+
+void Wave::run_block(Slot& slot, std::uint32_t block)
+{
+    slot.is_asked = false;
+    ++slot.runs;
+    if (slot.has_descriptors) {
+        descriptors_.before_run(block);
+    }
+    const bool is_done = !(probe_ == nullptr ? slot.block->run() : run_probed(slot, block));
+    note_outputs(block);
+    if (slot.has_descriptors) {
+        descriptors_.after_run(block);
+    }
+    if (is_done) {
+        slot.is_done = true;
+        events_.block_is_done(block);
+    }
+}
+
+bool Wave::run_probed(const Slot& slot, std::uint32_t block)
+{
+    probe_->run_begins(block);
+    try {
+        const bool goes_on = slot.block->run();
+        probe_->run_ends(block, false);
+        return goes_on;
+    } catch (...) {
+        probe_->run_ends(block, true);
+        throw;
+    }
+}
+
+bool Wave::contain_failure(std::uint32_t block, const std::string& text)
+{
+    Slot& slot = slots_[block];
+    slot.is_asked = false;
+    ++failures_[block];
+    for (std::uint32_t at = slot.first_output; at < slots_[block + 1].first_output; ++at) {
+        outputs_[at].port->reset(true);
+    }
+    const ContextScope scope(nullptr, nullptr);
+    events_.block_failed(block, text);
+    return slot.skips_failures;
+}
+
+void Wave::note_outputs(std::uint32_t block)
+{
+    for (std::uint32_t at = slots_[block].first_output; at < slots_[block + 1].first_output; ++at) {
+        Output& output = outputs_[at];
+        if (output.is_noted || !output.port->is_triggered()) {
+            continue;
+        }
+        output.is_noted = true;
+        triggered_.push_back(at);
+        const std::uint32_t end = outputs_[at + 1].first_reader;
+        for (std::uint32_t reader = output.first_reader; reader < end; ++reader) {
+            visits_.insert(readers_[reader]);
+        }
+    }
+}
+
+bool Wave::reset()
+{
+    bool is_well = true;
+    const ContextScope scope(nullptr, nullptr);
+    Context& present = context();
+    for (const std::uint32_t block : visited_) {
+        present = {slots_[block].path, "run"};
+        try {
+            reset_inputs(block);
+        } catch (...) {
+            is_well = contain_failure(block, text_of_present_exception()) && is_well;
+        }
+    }
+    visited_.clear();
+    reset_outputs();
+    return is_well;
+}
+
+void Wave::reset_inputs(std::uint32_t block)
+{
+    const Slot& slot = slots_[block];
+    slot.block->reset_inports(false);
+    if (slot.has_descriptors) {
+        descriptors_.reset(block);
+    }
+}
+
+void Wave::reset_outputs()
+{
+    for (const std::uint32_t output : triggered_) {
+        outputs_[output].port->reset(false);
+        outputs_[output].is_noted = false;
+    }
+    triggered_.clear();
+}
+
+}  // namespace Quorval::runtime

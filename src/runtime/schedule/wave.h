@@ -1,0 +1,150 @@
+// One pass through the blocks that have something to do.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "messages/context.h"
+#include "schedule/bitset.h"
+#include "schedule/network.h"
+
+namespace Quorval::runtime {
+
+/// What the descriptor ports of blocks have to do with a wave. Blocks are numbered as in the
+/// network; only those are asked about for which Wave::has_descriptors() was called.
+struct IDescriptorPorts {
+    /// Whether a descriptor port of the block is triggered.
+    virtual bool is_triggered(std::uint32_t block) = 0;
+    virtual void before_run(std::uint32_t block) = 0;
+    virtual void after_run(std::uint32_t block) = 0;
+    /// At the end of the wave.
+    virtual void reset(std::uint32_t block) = 0;
+
+protected:
+    ~IDescriptorPorts() = default;
+};
+
+/// Learns what becomes of blocks in a wave. What it throws passes through the wave, which is then
+/// not to be run again.
+struct IWaveEvents {
+    /// The block's run() threw; `text` is that of the exception.
+    virtual void block_failed(std::uint32_t block, const std::string& text) = 0;
+    /// The block's run() returned false; it will not be run again.
+    virtual void block_is_done(std::uint32_t block) = 0;
+
+protected:
+    ~IWaveEvents() = default;
+};
+
+/// Watches each run, to measure it.
+struct IRunProbe {
+    virtual void run_begins(std::uint32_t block) = 0;
+    virtual void run_ends(std::uint32_t block, bool has_failed) = 0;
+
+protected:
+    ~IRunProbe() = default;
+};
+
+/// Visits, in the order of the network, the blocks that something leads to, and runs those that
+/// are due. Knows no loop, no file and no clock. Between two waves it is told what the next one
+/// begins with. Costs what it visits, and allocates nothing.
+class Wave {
+public:
+    /// @param network  arranged, with all inputs and outputs of its blocks in place; it and the
+    ///                 others must outlive the wave
+    Wave(const Network& network, IDescriptorPorts& descriptors, IWaveEvents& events);
+    Wave(const Wave&) = delete;
+    Wave& operator=(const Wave&) = delete;
+
+    /// The block has descriptor ports, which take part from here on.
+    void has_descriptors(std::uint32_t block);
+
+    /// Makes the block due in the next wave: it asked for a run.
+    void ask(std::uint32_t block);
+
+    /// Has the block visited in the next wave: one of its descriptors is ready.
+    void visit(std::uint32_t block);
+
+    /// Has what the block left triggered outside of a wave taken over in the next one.
+    void look_at_outputs(std::uint32_t block);
+
+    /// Whether a wave would have nothing to do.
+    bool is_idle() const { return visits_.is_empty() && triggered_.empty(); }
+
+    /// Visits and runs blocks. Afterwards ports are still as their blocks left them.
+    /// @return false when a block failed that does not skip failures: the wave has ended there
+    bool run();
+
+    /// Resets the ports of what the wave visited and triggered. Ends each wave.
+    /// @return false when a port of a block threw that does not skip failures
+    bool reset();
+
+    void set_probe(IRunProbe* probe) { probe_ = probe; }
+
+    std::uint64_t waves() const { return waves_; }
+    /// How often the block was run; runs that failed count.
+    std::uint64_t runs(std::uint32_t block) const { return slots_[block].runs; }
+    std::uint64_t failures(std::uint32_t block) const { return failures_[block]; }
+    bool is_done(std::uint32_t block) const { return slots_[block].is_done; }
+
+private:
+    /// A connection of which the reader takes trigger and value over.
+    struct Take {
+        InPortInternal* input;
+        OutPortInternal* output;
+    };
+    struct Output {
+        OutPortInternal* port;
+        std::uint32_t first_reader;
+        bool is_noted;  // among those that are triggered
+    };
+    /// A block, and where what belongs to it begins; it ends where that of the next one begins.
+    struct Slot {
+        Block* block;
+        const char* path;
+        std::uint32_t first_take;
+        std::uint32_t first_delayed;
+        std::uint32_t first_loose;
+        std::uint32_t first_output;
+        bool is_asked;
+        bool is_done;
+        bool has_descriptors;
+        bool skips_failures;
+        std::uint64_t runs;
+    };
+    class Builder;
+
+    bool visit_next(Context& present);
+    void drop_visits();
+    void take_over(const Slot& slot, const Slot& end);
+    bool is_due(const Slot& slot, const Slot& end, std::uint32_t block) const;
+    void run_block(Slot& slot, std::uint32_t block);
+    bool run_probed(const Slot& slot, std::uint32_t block);
+    bool contain_failure(std::uint32_t block, const std::string& text);
+    void note_outputs(std::uint32_t block);
+    void reset_inputs(std::uint32_t block);
+    void reset_outputs();
+
+    IDescriptorPorts& descriptors_;
+    IWaveEvents& events_;
+    IRunProbe* probe_ = nullptr;
+    std::uint64_t waves_ = 0;
+    Bitset visits_;
+    // All in the order of the run, side by side in memory.
+    std::vector<Slot> slots_;  // and one that ends the last
+    std::vector<Take> takes_;
+    std::vector<Take> delayed_;
+    std::vector<InPortInternal*> loose_;  // inputs that nothing feeds
+    std::vector<Output> outputs_;         // and one that ends the last
+    std::vector<std::uint32_t> readers_;
+    std::vector<std::uint64_t> failures_;
+    // Of the present wave, with room for all.
+    std::vector<std::uint32_t> visited_;
+    std::vector<std::uint32_t> triggered_;  // outputs
+};
+
+/// The text of the exception in hand: what() of a std::exception, else "an unknown exception".
+std::string text_of_present_exception();
+
+}  // namespace Quorval::runtime
