@@ -2,6 +2,7 @@
 include_guard(GLOBAL)
 include(GNUInstallDirs)
 
+set(QUORVAL_INSTALL_PACKAGEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/quorval")
 set(QUORVAL_INSTALL_PLUGINDIR "${CMAKE_INSTALL_LIBDIR}/quorval/plugins")
 
 # quorval_install_pkg_config(NAME)

@@ -3,11 +3,11 @@
 #
 # usage: package_test.sh TEST
 #
-# Environment: CMAKE, the program; SOURCE and BUILD, the directories of the project; CXX, CXXFLAGS
-# and CMAKE_CXX_COMPILER_LAUNCHER as the project was configured.
+# Environment: CMAKE, the program; SOURCE and BUILD, the directories of the project; CXX, CXXFLAGS,
+# RUNTIME (ON or OFF) and CMAKE_CXX_COMPILER_LAUNCHER as the project was configured.
 set -euo pipefail
 
-: "${CMAKE:?}" "${SOURCE:?}" "${BUILD:?}" "${CXX:?}" "${CXXFLAGS=}"
+: "${CMAKE:?}" "${SOURCE:?}" "${BUILD:?}" "${CXX:?}" "${CXXFLAGS=}" "${RUNTIME:?}"
 
 work=$(mktemp -d)
 trap 'rm -rf "${work}"' EXIT
@@ -83,12 +83,17 @@ is_found_after_a_move()
     use_with_pkg_config "${work}/moved"
 }
 
+public_headers()
+{
+    cd "${SOURCE}/include"
+    find . -type f | sort | if [[ ${RUNTIME} == ON ]]; then cat; else grep -v /runtime/; fi
+}
+
 installs_what_is_needed_and_no_more()
 {
     install_to "${work}/prefix"
     # Every public header, and no other.
-    diff <(cd "${SOURCE}/include" && find . -type f | sort) \
-        <(cd "${work}/prefix/include" && find . -type f | sort)
+    diff <(public_headers) <(cd "${work}/prefix/include" && find . -type f | sort)
     # The names of the rest, wherever the libraries of this system lie.
     local -a expected=(
         libquorval-shared.so
@@ -99,6 +104,14 @@ installs_what_is_needed_and_no_more()
         quorvalTargets.cmake
         QuorvalPlugin.cmake
     )
+    if [[ ${RUNTIME} == ON ]]; then
+        expected+=(
+            libquorval-runtime.so
+            libquorval-runtime.so.0
+            quorval-runtime.pc
+            quorvalRuntimeTargets.cmake
+        )
+    fi
     local name
     for name in "${expected[@]}"; do
         [[ -n $(find "${work}/prefix" -name "${name}") ]] || fail "${name} is not installed"
@@ -188,14 +201,67 @@ END
     use_with_cmake "${work}/prefix"
 }
 
-# The library alone is built here: the tests, which take longer, are built by whoever runs this one.
+# What is installed is built here: the tests, which take longer, are built by whoever runs this one.
 builds_without_arguments()
 {
     unset CXXFLAGS
+    local -a targets=(quorval)
+    if [[ ${RUNTIME} == ON ]]; then
+        targets+=(quorval_runtime)
+    fi
     "${CMAKE}" -S "${SOURCE}" -B "${work}/build" 2>&1
-    "${CMAKE}" --build "${work}/build" --target quorval --parallel 2
+    "${CMAKE}" --build "${work}/build" --target "${targets[@]}" --parallel 2
     "${CMAKE}" --install "${work}/build" --prefix "${work}/prefix"
     use_with_cmake "${work}/prefix"
+}
+
+# Without the runtime, and without anything that the runtime alone needs.
+builds_the_core_alone()
+{
+    local package
+    local -a options=(-DQUORVAL_BUILD_RUNTIME=OFF -DQUORVAL_BUILD_TESTS=OFF
+        -DQUORVAL_BUILD_EXAMPLES=OFF)
+    for package in tomlplusplus CLI11 nlohmann_json LibSystemd; do
+        options+=("-DCMAKE_DISABLE_FIND_PACKAGE_${package}=ON")
+    done
+    "${CMAKE}" -S "${SOURCE}" -B "${work}/build" "${options[@]}"
+    "${CMAKE}" --build "${work}/build" --parallel 2
+    "${CMAKE}" --install "${work}/build" --prefix "${work}/prefix"
+    use_with_cmake "${work}/prefix"
+    [[ -z $(find "${work}/prefix" -name '*runtime*' -o -path '*/bin/*') ]] ||
+        fail "more than the core is installed"
+    finds "${work}/prefix" "" || fail "the core is not found"
+    ! finds "${work}/prefix" runtime || fail "a component is found that is not installed"
+    grep -qF "The component 'runtime' of quorval is not installed." "${work}/log" ||
+        fail "another message: $(cat "${work}/log")"
+}
+
+# finds PREFIX COMPONENT: whether a project that asks for it can be configured.
+finds()
+{
+    rm -rf "${work}/finds"
+    mkdir "${work}/finds"
+    cat >"${work}/finds/CMakeLists.txt" <<EOF
+cmake_minimum_required(VERSION 3.25)
+project(finds LANGUAGES CXX)
+find_package(quorval REQUIRED COMPONENTS $2)
+if(NOT TARGET quorval::${2:-quorval})
+    message(FATAL_ERROR "there is no target quorval::${2:-quorval}")
+endif()
+EOF
+    # On one line: CMake breaks long ones.
+    "${CMAKE}" -S "${work}/finds" -B "${work}/finds/build" -DCMAKE_PREFIX_PATH="$1" 2>&1 |
+        tr -s ' \n' ' ' >"${work}/log"
+}
+
+knows_its_components()
+{
+    install_to "${work}/prefix"
+    finds "${work}/prefix" "" || fail "$(cat "${work}/log")"
+    finds "${work}/prefix" runtime || fail "$(cat "${work}/log")"
+    ! finds "${work}/prefix" nonsense || fail "a component is found that there is not"
+    grep -qF "The component 'nonsense' of quorval is not installed." "${work}/log" ||
+        fail "another message: $(cat "${work}/log")"
 }
 
 declare -F "$1" >/dev/null || fail "there is no test $1"
