@@ -2,6 +2,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -27,6 +29,15 @@ struct GraphOptions {
     /// The graph is made to be checked or shown and will not run: nothing is made on disk, and
     /// what blocks print goes to standard error.
     bool is_dry = false;
+    /// From the constructor on SIGINT and SIGTERM stop the graph in order; one that has not begun
+    /// to run is not started then. While it runs, SIGHUP makes it read its files again.
+    bool takes_signals = false;
+    /// run() stops the graph in order so long after its blocks were started; zero: it does not.
+    std::chrono::nanoseconds run_for{0};
+    /// Called by run(), between two waves, with the latest report of a block about its work, at
+    /// most ten times a second; see RuntimeTools::progress(). May be empty.
+    std::function<void(const std::string& path, std::uint64_t done, std::uint64_t total)>
+        on_progress;
 };
 
 /// A plain block of a graph.

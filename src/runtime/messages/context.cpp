@@ -4,7 +4,8 @@ namespace Quorval::runtime {
 
 Context& context()
 {
-    thread_local Context current;
+    // At a fixed place of the thread: a signal handler must not be the first to ask for memory.
+    [[gnu::tls_model("initial-exec")]] static thread_local Context current;
     return current;
 }
 

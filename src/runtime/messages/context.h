@@ -8,6 +8,7 @@ namespace Quorval::runtime {
 struct Context {
     const char* path = nullptr;       // of a block; null outside of every block
     const char* operation = nullptr;  // "run", "start"; a literal
+    const char* plugin = nullptr;     // the name of one that is being loaded; null otherwise
 };
 
 /// The context of the present thread.
@@ -19,11 +20,27 @@ public:
     /// Both must outlive the scope.
     ContextScope(const char* path, const char* operation) : before_(context())
     {
-        context() = {path, operation};
+        context() = {path, operation, nullptr};
     }
     ContextScope(const ContextScope&) = delete;
     ContextScope& operator=(const ContextScope&) = delete;
     ~ContextScope() { context() = before_; }
+
+private:
+    Context before_;
+};
+
+/// The same for the time in which a plug-in is loaded.
+class LoadScope {
+public:
+    /// @param plugin  must outlive the scope
+    explicit LoadScope(const char* plugin) : before_(context())
+    {
+        context() = {nullptr, nullptr, plugin};
+    }
+    LoadScope(const LoadScope&) = delete;
+    LoadScope& operator=(const LoadScope&) = delete;
+    ~LoadScope() { context() = before_; }
 
 private:
     Context before_;

@@ -1,0 +1,21 @@
+// What is said when the code of a plug-in ends the process.
+#pragma once
+
+#include <quorval/export.h>
+
+namespace Quorval {
+
+/// From now on the last line on standard error names what crashed:
+/// `quorval: fatal: block '<path>' crashed in <operation>: signal <n> (<name>)`, or
+/// `quorval: fatal: plug-in '<plugin>' crashed while it was loaded: signal <n> (<name>)`; outside
+/// of both `quorval: fatal: signal <n> (<name>)`. The process then dies of that signal.
+///
+/// A plug-in that calls exit() is named likewise, `block '<path>' called exit in <operation>` and
+/// `plug-in '<plugin>' called exit while it was loaded`. The process then ends with the status 1
+/// when the graph was started, 3 before.
+///
+/// For programs alone: takes over the signals of crashes, and the alternative signal stack of the
+/// calling thread.
+QUORVAL_EXPORT void report_crashes();
+
+}  // namespace Quorval

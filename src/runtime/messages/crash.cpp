@@ -1,0 +1,141 @@
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <unistd.h>
+
+#include <quorval/runtime/crash.h>
+
+#include "messages/context.h"
+
+namespace Quorval {
+
+namespace {
+
+using runtime::Context;
+using runtime::context;
+
+constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+constexpr std::size_t kStackSize = 65536;
+constexpr int kFailedRun = 1;
+constexpr int kWrongGraph = 3;
+
+/// A line made without memory from the heap, which a crash may have left broken. What does not
+/// fit is cut.
+class Line {
+public:
+    Line& operator<<(const char* text)
+    {
+        const std::size_t length = std::min(std::strlen(text), text_.size() - 1 - length_);
+        std::memcpy(text_.data() + length_, text, length);
+        length_ += length;
+        return *this;
+    }
+
+    Line& operator<<(int number)
+    {
+        char digits[12];
+        char* first = digits + sizeof digits - 1;
+        *first = '\0';
+        do {
+            *--first = static_cast<char>('0' + number % 10);
+            number /= 10;
+        } while (number != 0);
+        return *this << first;
+    }
+
+    void write()
+    {
+        text_[length_] = '\n';
+        // Nothing can be done about a message that is not written.
+        [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text_.data(), length_ + 1);
+    }
+
+private:
+    std::array<char, 8192> text_;
+    std::size_t length_ = 0;
+};
+
+/// "block 'a/b' crashed in run"; nothing outside of plug-in code.
+void append_culprit(Line& line, const Context& where, const char* deed)
+{
+    if (where.plugin != nullptr) {
+        line << "plug-in '" << where.plugin << "' " << deed << " while it was loaded";
+    } else if (where.operation != nullptr) {
+        line << "block '" << where.path << "' " << deed << " in " << where.operation;
+    }
+}
+
+bool is_in_plugin(const Context& where)
+{
+    return where.plugin != nullptr || (where.path != nullptr && where.operation != nullptr);
+}
+
+void report_signal(int signal)
+{
+    const Context where = context();
+    Line line;
+    line << "quorval: fatal: ";
+    if (is_in_plugin(where)) {
+        append_culprit(line, where, "crashed");
+        line << ": ";
+    }
+    const char* name = ::sigabbrev_np(signal);
+    line << "signal " << signal << " (SIG" << (name != nullptr ? name : "?") << ")";
+    line.write();
+    // The handler is gone, and the signal is not blocked.
+    ::raise(signal);
+}
+
+bool is_running(const Context& where)
+{
+    if (where.plugin != nullptr) {
+        return false;
+    }
+    for (const char* operation : {"start", "run", "stop", "reconfigure"}) {
+        if (std::strcmp(where.operation, operation) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void report_exit()
+{
+    const Context where = context();
+    if (!is_in_plugin(where)) {
+        return;
+    }
+    Line line;
+    line << "quorval: fatal: ";
+    append_culprit(line, where, "called exit");
+    std::fflush(nullptr);
+    line.write();
+    ::_exit(is_running(where) ? kFailedRun : kWrongGraph);
+}
+
+}  // namespace
+
+void report_crashes()
+{
+    // A stack of its own: the other one may have run over.
+    alignas(16) static std::array<char, kStackSize> stack;
+    stack_t alternative{};
+    alternative.ss_sp = stack.data();
+    alternative.ss_size = stack.size();
+    ::sigaltstack(&alternative, nullptr);
+
+    struct sigaction action {};
+    action.sa_handler = report_signal;
+    action.sa_flags = SA_ONSTACK | SA_RESETHAND | SA_NODEFER;
+    for (const int signal : kSignals) {
+        ::sigaction(signal, &action, nullptr);
+    }
+    std::atexit(report_exit);
+}
+
+}  // namespace Quorval
