@@ -24,6 +24,17 @@ usage_error()
     exit 2
 }
 
+# is_one_of WORD WORDS...
+is_one_of()
+{
+    local word=$1 other
+    shift
+    for other; do
+        [[ ${other} != "${word}" ]] || return 0
+    done
+    return 1
+}
+
 # The Debian packages that a part of the work needs, by group.
 declare -A package_groups=(
     [build]="g++ cmake make ninja-build libcereal-dev"
@@ -96,6 +107,22 @@ check_preset()
     known=$(sed -n '/"buildPresets"/,/\]/s/.*"name": *"\([^"]*\)".*/\1/p' "${root}/CMakePresets.json")
     grep -qxF -e "$1" <<<"${known}" ||
         usage_error "there is no preset '$1'; there are: ${known//$'\n'/, }"
+}
+
+# check_ctest_arguments ARGUMENT...: ctest takes no notice of an option that it does not know.
+check_ctest_arguments()
+{
+    local known argument name
+    known=$(ctest --help | grep -E '^  -' | sed 's/=.*//' | grep -oE -e '-[-A-Za-z]+')
+    for argument; do
+        if [[ ${argument} == -* ]]; then
+            name=${argument%%=*}
+            if [[ ${name} =~ ^-[A-Za-z][0-9]+$ ]]; then
+                name=${name:0:2}
+            fi
+            grep -qxF -e "${name}" <<<"${known}" || usage_error "unknown option '${argument}'"
+        fi
+    done
 }
 
 # cached DIRECTORY NAME: the value of a variable in a build directory, empty when there is none.

@@ -3,6 +3,7 @@
 usage: dev_test.py ROOT
 """
 
+import json
 import os
 import pathlib
 import shutil
@@ -85,9 +86,27 @@ class Dev(unittest.TestCase):
                 self.assert_usage_error(self.dev(command), f"there is no command '{command}'")
 
     def test_unknown_options_are_refused(self):
-        for command in ("setup", "build", "test", "demo", "format", "lint", "clean"):
+        # The benchmarks look at theirs when they are built.
+        for command in set(COMMANDS) - {"bench"}:
             with self.subTest(command=command):
                 self.assert_usage_error(self.dev(command, "--nonsense"), "--nonsense")
+
+    def test_what_is_no_argument_is_refused(self):
+        for command, argument in (
+                ("abi", "riscv64"), ("bare", "nonsense"), ("build", "release"), ("clean", "release"),
+                ("demo", ""), ("docs", "html"), ("format", "src"), ("fuzz", "nonsense"), ("fuzz", ""),
+                ("fuzz", "0"), ("fuzz", "10s"), ("lint", "tidy cppcheck"), ("mutate", "--max=0"),
+                ("mutate", "--folder=store"), ("package", "riscv64"), ("soak", "0"), ("soak", "x"),
+                ("valgrind", "config")):
+            with self.subTest(command=command, argument=argument):
+                result = self.dev(command, argument)
+
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertNotEqual(result.stderr, "")
+                self.assertEqual(self.calls.read_text(), "")
+
+    def test_fuzz_takes_one_number_of_seconds(self):
+        self.assert_usage_error(self.dev("fuzz", "10", "20"), "'20' is no number of seconds")
 
     def test_the_options_of_ctest_are_known(self):
         options = ("-R", "Superblock", "-LE", "slow", "--rerun-failed", "-VV", "-j2")
@@ -102,6 +121,14 @@ class Dev(unittest.TestCase):
                 with self.subTest(command=command, arguments=arguments):
                     self.assert_usage_error(self.dev(command, *arguments),
                                             "there is no preset 'nonsense'")
+
+    def test_the_presets_of_the_sanitizers_are_checked_for_them(self):
+        presets = {preset["name"]: preset.get("cacheVariables", {}) for preset in
+                   json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]}
+
+        self.assertEqual({name: variables["QUORVAL_SANITIZERS"] for name, variables
+                          in presets.items() if "-fsanitize" in variables.get("CMAKE_CXX_FLAGS", "")},
+                         {"asan": "address,undefined", "tsan": "thread"})
 
     def test_options_without_their_value_are_refused(self):
         for command, option in (("build", "--preset"), ("build", "-D"), ("test", "--preset"),
