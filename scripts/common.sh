@@ -49,6 +49,7 @@ declare -A package_groups=(
     [aarch64]="g++-aarch64-linux-gnu qemu-user googletest"
     [abi]="abigail-tools"
     [package]="build-essential debhelper dpkg-dev fakeroot lintian pkg-config"
+    [autopkgtest]="autopkgtest"
     [valgrind]="valgrind"
     [fuzz]="clang libclang-rt-14-dev"
     [coverage]="gcovr"

@@ -7,9 +7,10 @@ usage()
     cat <<'END'
 Usage: demo.sh BUILD_DIR
 
-Runs quorval-sound from BUILD_DIR on a recording that a Debian package brings, and prints the
-configuration, the blocks and connections read back, the levels before and after, and where the
-output lies: in BUILD_DIR/demo. Run it twice to see that the meters remember the highest peak.
+Runs quorval-sound from BUILD_DIR, of the whole project or of the example alone, on a recording that
+a Debian package brings, and prints the configuration, the blocks and connections read back, the
+levels before and after, and where the output lies: in BUILD_DIR/demo. Run it twice to see that the
+meters remember the highest peak.
 END
 }
 
@@ -42,7 +43,10 @@ if [[ $# -ne 1 ]]; then
     exit 2
 fi
 
-host="$1/examples/sound/quorval-sound"
+host="$1/quorval-sound"
+if [[ ! -x "$host" ]]; then
+    host="$1/examples/sound/quorval-sound"
+fi
 [[ -x "$host" ]] || fail "$host is missing: build it first"
 recording="$(find_recording)"
 mkdir -p "$1/demo"
