@@ -1,0 +1,126 @@
+// What sd_journal_sendv() adds would be the place of its call here, and not that of the message.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+
+#include <quorval/runtime/messages.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include "messages/context.h"
+#include "messages/lines.h"
+
+namespace Quorval {
+
+namespace {
+
+using runtime::context;
+using runtime::to_entry;
+using runtime::to_lines;
+
+/// Whether standard error leads to the journal: the service manager says which file that is.
+bool is_journal()
+{
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat status = {};
+    return stream != nullptr && ::fstat(STDERR_FILENO, &status) == 0 &&
+           stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+/// In one piece, where the system lets it; what cannot be written is lost.
+void write_all(const std::string& text)
+{
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+        if (count < 0 && errno != EINTR) {
+            return;
+        }
+        done += count < 0 ? 0 : static_cast<std::size_t>(count);
+    }
+}
+
+/// As syslog(3) counts.
+int priority_of(loglevel level)
+{
+    return level <= LOGLEVEL_WARNING ? level + 1 : level + 2;
+}
+
+class Sink : public LogInstance {
+public:
+    explicit Sink(loglevel threshold) : LogInstance(threshold), is_journal_(is_journal()) {}
+
+    void emit(loglevel level, const char* text, int length) override
+    {
+        const std::string_view message(text, static_cast<std::size_t>(length));
+        if (is_journal_) {
+            send(level, context().path, message);
+        } else {
+            write_all(to_lines(level, context().path, message));
+        }
+    }
+
+    void set_graph(const std::string& name)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        graph_ = name;
+    }
+
+private:
+    void send(loglevel level, const char* path, std::string_view text)
+    {
+        std::vector<std::string> fields = {"MESSAGE=" + to_entry(path, text),
+                                           "PRIORITY=" + std::to_string(priority_of(level))};
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (!graph_.empty()) {
+                fields.push_back("QUORVAL_GRAPH=" + graph_);
+            }
+        }
+        if (path != nullptr) {
+            fields.push_back(std::string("QUORVAL_BLOCK=") + path);
+        }
+        std::vector<iovec> vectors;
+        vectors.reserve(fields.size());
+        for (std::string& field : fields) {
+            vectors.push_back({field.data(), field.size()});
+        }
+        sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size()));
+    }
+
+    bool is_journal_;
+    std::mutex mutex_;
+    std::string graph_;
+};
+
+}  // namespace
+
+struct Messages::Impl {
+    Sink* sink;  // owned by loginstance
+    std::unique_ptr<LogInstance> before;
+};
+
+Messages::Messages(loglevel threshold)
+{
+    auto sink = std::make_unique<Sink>(threshold);
+    impl_ = std::unique_ptr<Impl>(new Impl{sink.get(), nullptr});
+    impl_->before = std::exchange(loginstance, std::move(sink));
+}
+
+Messages::~Messages()
+{
+    loginstance = std::move(impl_->before);
+}
+
+void Messages::set_graph(const std::string& name)
+{
+    impl_->sink->set_graph(name);
+}
+
+}  // namespace Quorval

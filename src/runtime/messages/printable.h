@@ -1,0 +1,11 @@
+// Texts of others in messages.
+#pragma once
+
+#include <string>
+
+namespace Quorval::runtime {
+
+/// A text on one line, with each byte of a control character as "\xHH".
+std::string printable(const std::string& text);
+
+}  // namespace Quorval::runtime
