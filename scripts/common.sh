@@ -40,7 +40,7 @@ declare -A package_groups=(
     [build]="g++ cmake make ninja-build libcereal-dev"
     [runtime]="libsystemd-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [examples]="libsndfile1-dev libcli11-dev libsystemd-dev"
-    [test]="libgtest-dev libgmock-dev libsystemd-dev clang pkg-config python3"
+    [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3"
     [demo]="alsa-utils"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev

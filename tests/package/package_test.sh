@@ -4,10 +4,10 @@
 # usage: package_test.sh TEST
 #
 # Environment: CMAKE, the program; SOURCE and BUILD, the directories of the project; CXX, CXXFLAGS,
-# RUNTIME (ON or OFF) and CMAKE_CXX_COMPILER_LAUNCHER as the project was configured.
+# RUNTIME (ON or OFF) and CMAKE_CXX_COMPILER_LAUNCHER as the project was configured; CLANGXX, clang++.
 set -euo pipefail
 
-: "${CMAKE:?}" "${SOURCE:?}" "${BUILD:?}" "${CXX:?}" "${CXXFLAGS=}" "${RUNTIME:?}"
+: "${CMAKE:?}" "${SOURCE:?}" "${BUILD:?}" "${CXX:?}" "${CXXFLAGS=}" "${RUNTIME:?}" "${CLANGXX:?}"
 
 work=$(mktemp -d)
 trap 'rm -rf "${work}"' EXIT
@@ -199,6 +199,50 @@ END
     "${CMAKE}" --build "${project}/build" --parallel 2
     "${CMAKE}" --install "${project}/build" --prefix "${work}/prefix"
     use_with_cmake "${work}/prefix"
+}
+
+# Not by CMAKE_CXX_FLAGS: by options of a folder, which reach the library too, of a target, and of
+# what a target links. With clang++, which puts the runtime of a sanitizer into programs alone.
+links_with_a_sanitizer_of_any_option()
+{
+    local project=${work}/project
+    mkdir -p "${project}/sanitized"
+    cp "${SOURCE}"/docs/examples/scale/*.cpp "${project}"
+    cat >"${project}/sanitized/CMakeLists.txt" <<END
+add_compile_options(-fsanitize=address)
+add_link_options(-fsanitize=address)
+add_subdirectory("${SOURCE}" quorval)
+quorval_add_plugin(scale ../scale.cpp)
+add_executable(scale_main ../main.cpp)
+target_link_libraries(scale_main PRIVATE quorval::quorval)
+END
+    cat >"${project}/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(user LANGUAGES CXX)
+set(QUORVAL_BUILD_RUNTIME OFF)
+add_subdirectory(sanitized)
+quorval_add_plugin(by_target scale.cpp)
+target_compile_options(by_target PRIVATE -fsanitize=address)
+add_library(sanitizer INTERFACE)
+target_compile_options(sanitizer INTERFACE \$<\$<COMPILE_LANGUAGE:CXX>:-fsanitize=address>)
+add_library(options INTERFACE)
+target_link_libraries(options INTERFACE sanitizer)
+quorval_add_plugin(by_library scale.cpp)
+target_link_libraries(by_library PRIVATE options)
+quorval_add_plugin(incomplete EXCLUDE_FROM_ALL incomplete.cpp)
+END
+    echo 'extern int missing; int lib_register_cpp() { return missing; }' \
+        >"${project}/incomplete.cpp"
+    "${CMAKE}" -S "${project}" -B "${project}/build" -DCMAKE_CXX_COMPILER="${CLANGXX}" \
+        -DCMAKE_CXX_FLAGS=
+    "${CMAKE}" --build "${project}/build" --parallel 2
+    run_scale "${project}/build/sanitized/scale_main" "${project}/build/sanitized"
+
+    if "${CMAKE}" --build "${project}/build" --target incomplete >"${work}/incomplete.log" 2>&1; then
+        fail "a plug-in with a missing symbol was linked"
+    fi
+    grep -qF "undefined reference to \`missing'" "${work}/incomplete.log" ||
+        fail "$(cat "${work}/incomplete.log")"
 }
 
 # What is installed is built here: the tests, which take longer, are built by whoever runs this one.
