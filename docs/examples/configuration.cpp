@@ -100,6 +100,25 @@ void show_coercions()
     CHECK(config.getFloatVector("taps") == (std::vector<float>{1.0F, 2.0F}));
 }
 
+/// The keys that nothing has read, the last one first.
+std::vector<std::string> unread_keys(BlockConfiguration config)
+{
+    std::vector<std::string> keys;
+    while (!config.is_consumed()) {
+        BlockConfiguration tried = config;
+        std::string key;
+        for (auto at = config.iterate(""); !tried.is_consumed(); at->advance()) {
+            key = at->key();
+            tried.set(key, true);
+            tried.getBool(key);
+        }
+        config.set(key, true);
+        config.getBool(key);
+        keys.push_back(key);
+    }
+    return keys;
+}
+
 void show_marks()
 {
     BlockConfiguration config = {{"gain", 0.5}, {"chanels", 2}};  // a misspelt key
@@ -109,6 +128,7 @@ void show_marks()
 
     CHECK(channels == 1);
     CHECK(!config.is_consumed());  // nothing has read "chanels"
+    CHECK(unread_keys(config) == std::vector<std::string>{"chanels"});
 
     config.delete_element("chanels");
     CHECK(config.is_consumed());

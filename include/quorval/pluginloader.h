@@ -95,7 +95,13 @@ private:
 /// The entry point that every plug-in defines. It registers the plug-in's block types and returns
 /// 0, or another value when it cannot.
 ///
-/// Throw only classes of the standard library out of it and out of a create function: when the
-/// loading fails the plug-in is closed while the exception is still on its way, and an exception
-/// whose class is part of the plug-in is then gone before anybody can look at it.
+/// When the loading fails the plug-in is closed while the exception is still on its way, and an
+/// exception whose class is part of the plug-in is gone before anybody can look at it: the process
+/// ends. So throw only exceptions whose code lies in the shared standard library, out of this
+/// function and out of a create function: std::bad_alloc, std::bad_cast, std::bad_function_call and
+/// std::bad_weak_ptr, the classes of <stdexcept>, std::system_error with std::ios_base::failure and
+/// std::filesystem::filesystem_error, std::regex_error and std::future_error. Never let these four
+/// out, which are made in the plug-in like its own: std::bad_optional_access, as value() of an
+/// empty std::optional throws it, std::bad_variant_access, std::bad_any_cast, and what
+/// std::throw_with_nested() throws.
 extern "C" QUORVAL_EXPORT int lib_register_cpp(Quorval::IRegistry& registry);

@@ -66,7 +66,7 @@ bool Datatype::is_assignable_from(const Datatype& other) const
 {
     if (is_generic() && other.is_generic()) {
         // No slash is asked for behind the common part: /prefix/image/ takes /prefix/imagex/ too.
-        // Graphs in use depend on it, so it stays.
+        // Applications may depend on it, so it stays.
         // Held by DatatypeAssignable.AcceptsALongerComponentWithTheSameBeginning.
         return other.name_.compare(0, split_, name_, 0, split_) == 0;
     }
