@@ -3,18 +3,24 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <ios>
 #include <memory>
+#include <new>
 #include <optional>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <tuple>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -348,6 +354,58 @@ TEST_F(PluginLoaderFailure, LetsTheExceptionOutliveThePlugin)
     expect_throw<std::runtime_error>(
         [&] { std::rethrow_exception(error); },
         "no licence for the plug-in today, and this text is a long one");
+}
+
+TEST_F(PluginLoaderFailure, LetsExceptionsWithSharedCodeOutliveThePlugin)
+{
+    const std::pair<const char*, const std::type_info&> cases[] = {
+        {"bad_alloc", typeid(std::bad_alloc)},
+        {"bad_cast", typeid(std::bad_cast)},
+        {"bad_function_call", typeid(std::bad_function_call)},
+        {"bad_weak_ptr", typeid(std::bad_weak_ptr)},
+        {"logic_error", typeid(std::logic_error)},
+        {"out_of_range", typeid(std::out_of_range)},
+        {"runtime_error", typeid(std::runtime_error)},
+        {"system_error", typeid(std::system_error)},
+        {"failure", typeid(std::ios_base::failure)},
+        {"filesystem_error", typeid(std::filesystem::filesystem_error)},
+        {"regex_error", typeid(std::regex_error)},
+        {"future_error", typeid(std::future_error)},
+    };
+
+    for (const auto& [name, type] : cases) {
+        SCOPED_TRACE(name);
+        const ScopedEnvironment exception("QUORVAL_TEST_EXCEPTION", name);
+        try {
+            load("fixture_throws_by_name.so");
+            ADD_FAILURE() << "threw nothing";
+        } catch (const std::exception& error) {
+            EXPECT_FALSE(is_mapped(fixture_path("fixture_throws_by_name.so")));
+            EXPECT_EQ(typeid(error), type);
+            EXPECT_NE(error.what(), std::string());
+        }
+    }
+}
+
+// Four exceptions of the standard library exist in headers alone: their code goes with the plug-in.
+TEST_F(PluginLoaderDeathTest, EndsTheProcessWhenAnExceptionGoesWithThePlugin)
+{
+    for (const char* name :
+         {"bad_optional_access", "bad_variant_access", "bad_any_cast", "nested"}) {
+        SCOPED_TRACE(name);
+        const ScopedEnvironment exception("QUORVAL_TEST_EXCEPTION", name);
+
+        EXPECT_DEATH(
+            {
+                try {
+                    load("fixture_throws_by_name.so");
+                } catch (const std::exception& error) {
+                    std::_Exit(error.what() == std::string() ? 1 : 0);
+                }
+                std::_Exit(0);
+            },
+            "");
+    }
 }
 
 // --- Registry -------------------------------------------------------------------------------
