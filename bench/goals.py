@@ -112,6 +112,7 @@ ROWS = [
     *_others("dropped_line", "a dropped log line", "glib"),
     Row("plugin_load", "load a plug-in", "system", 1.1),
     *_others("plugin_load", "load a plug-in", "class_loader"),
+    Row("plugin_load_many", "load a hundred plug-ins", "system", 1.3),
 ]
 
 

@@ -2,9 +2,15 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include <dlfcn.h>
 
@@ -81,7 +87,114 @@ bool is_loaded(const std::string& path)
     return handle != nullptr;
 }
 
+constexpr std::size_t kMany = 100;
+
+/// Copies of the plug-in, each of which is loaded as one of its own. Without a "/" at its end.
+const std::string& many_directory()
+{
+    static const std::string directory = [] {
+        std::string path = scratch_directory() + "many";
+        std::filesystem::create_directory(path);
+        for (std::size_t index = 0; index < kMany; ++index) {
+            std::filesystem::copy_file(plugin_directory() + "/" + kPlugin,
+                                       path + "/" + std::to_string(index) + ".so");
+        }
+        return path;
+    }();
+    return directory;
+}
+
+std::vector<std::string> many_names()
+{
+    std::vector<std::string> names;
+    for (std::size_t index = 0; index < kMany; ++index) {
+        names.push_back(std::to_string(index) + ".so");
+    }
+    return names;
+}
+
+/// Keeps what a plug-in registers, and the plug-in open.
+class KeepingRegistry : public Quorval::IRegistry {
+public:
+    explicit KeepingRegistry(const std::string& path) : handle_(::dlopen(path.c_str(), RTLD_NOW))
+    {
+        if (handle_ == nullptr) {
+            throw std::runtime_error(::dlerror());
+        }
+        using EntryPoint = int (*)(Quorval::IRegistry&);
+        const auto entry_point = reinterpret_cast<EntryPoint>(::dlsym(handle_, "lib_register_cpp"));
+        if (entry_point == nullptr || entry_point(*this) != 0) {
+            throw std::runtime_error(path + " does not register");
+        }
+    }
+    ~KeepingRegistry() override
+    {
+        functions_.clear();
+        ::dlclose(handle_);
+    }
+
+    void register_block_create_fn(
+        const std::string& type,
+        std::function<std::unique_ptr<Quorval::Container>(
+            std::string, const Quorval::BlockConfiguration&, const Quorval::InitTools&)>
+            fn) override
+    {
+        functions_.emplace(type, std::move(fn));
+    }
+    void register_type(const std::string& /*name*/) override {}
+
+    std::size_t size() const { return functions_.size(); }
+
+private:
+    void* handle_;
+    std::map<std::string,
+             std::function<std::unique_ptr<Quorval::Container>(
+                 std::string, const Quorval::BlockConfiguration&, const Quorval::InitTools&)>>
+        functions_;
+};
+
+/// A hundred plug-ins that stay loaded.
+void add_many()
+{
+    add_time("plugin_load_many/quorval", kMany, [] {
+        auto loaders = std::make_shared<std::vector<std::unique_ptr<Quorval::PluginLoader>>>();
+        return Side{
+            [loaders, names = many_names()] {
+                static const Quorval::InitTools tools{};
+                for (const std::string& name : names) {
+                    loaders->push_back(std::make_unique<Quorval::PluginLoader>(name, tools));
+                }
+            },
+            [loaders] {
+                return loaders->size() == kMany && is_loaded(many_directory() + "/99.so") &&
+                       std::get<0>(loaders->back()->create(kMemberType, {}, "a"))->get_name() ==
+                           "a";
+            },
+            [loaders] {
+                loaders->clear();
+                ::setenv("QUORVAL_PLUGIN_DIR", many_directory().c_str(), 1);
+            }};
+    });
+    add_time("plugin_load_many/system", kMany, [] {
+        auto loaded = std::make_shared<std::vector<std::unique_ptr<KeepingRegistry>>>();
+        return Side{[loaded, names = many_names(), directory = many_directory()] {
+                        for (const std::string& name : names) {
+                            std::string path = directory;
+                            path += '/';
+                            path += name;
+                            loaded->push_back(std::make_unique<KeepingRegistry>(path));
+                        }
+                    },
+                    [loaded] {
+                        return loaded->size() == kMany && loaded->back()->size() == 1 &&
+                               is_loaded(many_directory() + "/99.so");
+                    },
+                    [loaded] { loaded->clear(); }};
+    });
+}
+
 const bool kAreAdded = [] {
+    add_many();
     add_time("plugin_load/quorval", kLoads, [] {
         auto loads = std::make_shared<std::size_t>(0);
         return Side{[loads] {
