@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 #include <malloc.h>
@@ -21,9 +22,15 @@ struct Plan {
 };
 
 thread_local Plan plan;
+thread_local std::size_t calls = 0;
+thread_local std::size_t limit = std::numeric_limits<std::size_t>::max();
 
-bool is_to_fail()
+bool is_to_fail(std::size_t size)
 {
+    ++calls;
+    if (size > limit || live_bytes() > limit - size) {
+        return true;
+    }
     if (plan.has_failed) {
         return plan.goes_on;
     }
@@ -31,9 +38,15 @@ bool is_to_fail()
     return plan.has_failed;
 }
 
-void* allocate(std::size_t size)
+/// @param alignment  0 for that of malloc()
+void* allocate(std::size_t size, std::size_t alignment = 0)
 {
-    void* block = is_to_fail() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (is_to_fail(size)) {
+        return nullptr;
+    }
+    void* block = alignment == 0
+                      ? std::malloc(size == 0 ? 1 : size)
+                      : std::aligned_alloc(alignment, (size / alignment + 1) * alignment);
     if (block != nullptr) {
         const std::size_t usable = ::malloc_usable_size(block);
         live_blocks.fetch_add(1, std::memory_order_relaxed);
@@ -45,9 +58,9 @@ void* allocate(std::size_t size)
     return block;
 }
 
-void* allocate_or_throw(std::size_t size)
+void* allocate_or_throw(std::size_t size, std::size_t alignment = 0)
 {
-    void* block = allocate(size);
+    void* block = allocate(size, alignment);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
@@ -85,6 +98,21 @@ void restart_peak()
     bytes_peak.store(live_bytes(), std::memory_order_relaxed);
 }
 
+std::size_t count_of_allocations()
+{
+    return calls;
+}
+
+AllocationLimit::AllocationLimit(std::size_t more)
+{
+    limit = live_bytes() + more;
+}
+
+AllocationLimit::~AllocationLimit()
+{
+    limit = std::numeric_limits<std::size_t>::max();
+}
+
 FailingAllocation::FailingAllocation(std::size_t nth, Mode mode)
 {
     plan = {nth, mode == Mode::FromThenOn, false};
@@ -102,6 +130,8 @@ bool FailingAllocation::has_failed()
 
 }  // namespace quorval_test
 
+// All forms, so that memory never comes from one implementation and goes to another.
+
 void* operator new(std::size_t size)
 {
     return quorval_test::allocate_or_throw(size);
@@ -112,22 +142,39 @@ void* operator new[](std::size_t size)
     return quorval_test::allocate_or_throw(size);
 }
 
-void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept
 {
     return quorval_test::allocate(size);
 }
 
-void* operator new[](std::size_t size, const std::nothrow_t& /*unused*/) noexcept
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept
 {
     return quorval_test::allocate(size);
+}
+
+void* operator new(std::size_t size, std::align_val_t alignment)
+{
+    return quorval_test::allocate_or_throw(size, static_cast<std::size_t>(alignment));
+}
+
+void* operator new[](std::size_t size, std::align_val_t alignment)
+{
+    return quorval_test::allocate_or_throw(size, static_cast<std::size_t>(alignment));
+}
+
+void* operator new(std::size_t size, std::align_val_t alignment,
+                   const std::nothrow_t& /*tag*/) noexcept
+{
+    return quorval_test::allocate(size, static_cast<std::size_t>(alignment));
+}
+
+void* operator new[](std::size_t size, std::align_val_t alignment,
+                     const std::nothrow_t& /*tag*/) noexcept
+{
+    return quorval_test::allocate(size, static_cast<std::size_t>(alignment));
 }
 
 void operator delete(void* block) noexcept
-{
-    quorval_test::release(block);
-}
-
-void operator delete[](void* block) noexcept
 {
     quorval_test::release(block);
 }
@@ -137,17 +184,54 @@ void operator delete(void* block, std::size_t /*size*/) noexcept
     quorval_test::release(block);
 }
 
+void operator delete(void* block, const std::nothrow_t& /*tag*/) noexcept
+{
+    quorval_test::release(block);
+}
+
+void operator delete(void* block, std::align_val_t /*alignment*/) noexcept
+{
+    quorval_test::release(block);
+}
+
+void operator delete(void* block, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept
+{
+    quorval_test::release(block);
+}
+
+void operator delete(void* block, std::align_val_t /*alignment*/,
+                     const std::nothrow_t& /*tag*/) noexcept
+{
+    quorval_test::release(block);
+}
+
+void operator delete[](void* block) noexcept
+{
+    quorval_test::release(block);
+}
+
 void operator delete[](void* block, std::size_t /*size*/) noexcept
 {
     quorval_test::release(block);
 }
 
-void operator delete(void* block, const std::nothrow_t& /*unused*/) noexcept
+void operator delete[](void* block, const std::nothrow_t& /*tag*/) noexcept
 {
     quorval_test::release(block);
 }
 
-void operator delete[](void* block, const std::nothrow_t& /*unused*/) noexcept
+void operator delete[](void* block, std::align_val_t /*alignment*/) noexcept
+{
+    quorval_test::release(block);
+}
+
+void operator delete[](void* block, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept
+{
+    quorval_test::release(block);
+}
+
+void operator delete[](void* block, std::align_val_t /*alignment*/,
+                       const std::nothrow_t& /*tag*/) noexcept
 {
     quorval_test::release(block);
 }

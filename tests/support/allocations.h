@@ -15,6 +15,38 @@ std::size_t live_bytes();
 std::size_t peak_bytes();
 void restart_peak();
 
+/// The calls of operator new, of whatever form, on this thread so far.
+std::size_t count_of_allocations();
+
+/// The calls of operator new that `action` makes.
+template <class Action>
+std::size_t allocations_of(Action&& action)
+{
+    const std::size_t before = count_of_allocations();
+    action();
+    return count_of_allocations() - before;
+}
+
+/// The most bytes that `action` held at once, beyond what was held before.
+template <class Action>
+std::size_t peak_of(Action&& action)
+{
+    const std::size_t before = live_bytes();
+    restart_peak();
+    action();
+    return peak_bytes() - before;
+}
+
+/// Lets the allocations of this thread fail that would take more than so many bytes beyond what
+/// the process holds now, for as long as it lives.
+class AllocationLimit {
+public:
+    explicit AllocationLimit(std::size_t more);
+    AllocationLimit(const AllocationLimit&) = delete;
+    AllocationLimit& operator=(const AllocationLimit&) = delete;
+    ~AllocationLimit();
+};
+
 /// Lets an allocation fail, for as long as it lives and for the thread that made it. There is one
 /// at a time in a thread.
 class FailingAllocation {

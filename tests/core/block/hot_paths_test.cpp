@@ -9,7 +9,7 @@
 #include <quorval/block.h>
 #include <quorval/port.h>
 
-#include "allocation_counter.h"
+#include "support/allocations.h"
 
 namespace {
 

@@ -1,9 +1,6 @@
-// The memory that reading and writing the binary form take. Replaces the allocation functions, so
-// it is a program of its own.
-#include <algorithm>
+// The memory that reading and writing the binary form take.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <istream>
 #include <limits>
 #include <memory>
@@ -18,71 +15,22 @@
 #include <quorval/pstore.h>
 
 #include "core/config/binary_form.h"
+#include "support/allocations.h"
 #include "support/support.h"
 
 using Quorval::BlockConfiguration;
 using Quorval::POFStream;
+using quorval_test::AllocationLimit;
 using quorval_test::bytes_of;
 using quorval_test::count_of;
 using quorval_test::expect_throw;
 using quorval_test::header_of;
+using quorval_test::peak_of;
 using quorval_test::TemporaryDirectory;
 using quorval_test::text_of;
 using quorval_test::Unseekable;
 
 namespace {
-
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
-
-// In front of each block, as large as the strictest alignment asks for.
-constexpr std::size_t kHeaderSize = alignof(std::max_align_t);
-
-std::size_t held = 0;
-std::size_t peak = 0;
-std::size_t limit = kNoLimit;
-
-void* allocate(std::size_t size)
-{
-    if (size > limit || held + size > limit) {
-        throw std::bad_alloc();
-    }
-    void* const block = std::malloc(kHeaderSize + size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    *static_cast<std::size_t*>(block) = size;
-    held += size;
-    peak = std::max(peak, held);
-    return static_cast<char*>(block) + kHeaderSize;
-}
-
-void release(void* memory) noexcept
-{
-    if (memory != nullptr) {
-        void* const block = static_cast<char*>(memory) - kHeaderSize;
-        held -= *static_cast<std::size_t*>(block);
-        std::free(block);
-    }
-}
-
-/// The most memory that `action` held at once, beyond what was held before.
-template <class Action>
-std::size_t peak_of(Action action)
-{
-    const std::size_t before = held;
-    peak = held;
-    action();
-    return peak - before;
-}
-
-/// Lets allocations fail that would take more than so many bytes beyond what is held now.
-class ScopedLimit {
-public:
-    explicit ScopedLimit(std::size_t more) { limit = held + more; }
-    ScopedLimit(const ScopedLimit&) = delete;
-    ScopedLimit& operator=(const ScopedLimit&) = delete;
-    ~ScopedLimit() { limit = kNoLimit; }
-};
 
 std::unique_ptr<std::streambuf> open(const std::string& content, bool can_seek)
 {
@@ -126,21 +74,6 @@ std::vector<Claim> claims(std::uint64_t count, std::size_t there)
 }
 
 }  // namespace
-
-void* operator new(std::size_t size)
-{
-    return allocate(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    release(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    release(memory);
-}
 
 TEST(BinaryMemory, IsCounted)
 {
@@ -237,7 +170,7 @@ TEST(BinaryMemory, ThatRunsOutInAHeaderEndsTheReadingQuietly)
         std::istringstream in(content);
         BlockConfiguration config;
         {
-            const ScopedLimit limited(100'000);
+            const AllocationLimit limited(100'000);
             EXPECT_NO_THROW(in >> config);
         }
 
@@ -263,7 +196,7 @@ TEST(BinaryMemory, ThatRunsOutInAValueThrowsAndKeepsWhatWasStored)
             config.set("k", 2);
             bool is_thrown = false;
             {
-                const ScopedLimit limited(100'000);
+                const AllocationLimit limited(100'000);
                 try {
                     in >> config;
                 } catch (const std::bad_alloc&) {

@@ -1,5 +1,6 @@
 #include <quorval/superblock.h>
 
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,7 @@
 #include <quorval/pstore.h>
 
 #include "fake_container.h"
+#include "support/allocations.h"
 #include "support/support.h"
 
 namespace {
@@ -32,6 +34,7 @@ using Quorval::Superblock;
 using Quorval::UniqueDlPtr;
 using quorval_test::expect_throw;
 using quorval_test::FakeContainer;
+using quorval_test::live_bytes;
 using quorval_test::ToldBlock;
 using Info = std::unordered_map<std::string, Datatype>;
 using Inputs = FakeContainer::Inputs;
@@ -431,6 +434,33 @@ TEST(SuperblockDestruction, DestroysNestedMembersInTheirPlace)
         add<ToldBlock>(outer, "z", events);
     }
     EXPECT_EQ(events, (Texts{"destroy z", "destroy y", "destroy x", "destroy a"}));
+}
+
+/// A block that tells how much the process holds when it is destroyed.
+class WeighingBlock : public Filter {
+public:
+    WeighingBlock(const std::string& name, std::size_t& bytes) : Filter(name), bytes_(bytes) {}
+    ~WeighingBlock() override { bytes_ = live_bytes(); }
+
+private:
+    std::size_t& bytes_;
+};
+
+TEST(SuperblockDestruction, LetsGoOfTheConnectionsBeforeTheMembers)
+{
+    constexpr std::size_t kConnections = 1000;
+    std::size_t bytes = 0;
+    auto superblock = std::make_unique<Superblock>("graph");
+    auto& member = add<WeighingBlock>(*superblock, "a", bytes);
+    const std::size_t without = live_bytes();
+    for (std::size_t i = 0; i < kConnections; ++i) {
+        superblock->add_connection(member, "out", member, "in");
+    }
+    ASSERT_GE(live_bytes(), without + kConnections * sizeof(Connection));
+
+    superblock.reset();
+
+    EXPECT_LE(bytes, without);
 }
 
 // --- Blocks ---------------------------------------------------------------------------------
