@@ -1,0 +1,345 @@
+#include "loop/descriptor_ports.h"
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "runtime/support/fakes.h"
+#include "support/support.h"
+
+using namespace Quorval;
+using namespace Quorval::runtime;
+using quorval_test::FakeBlock;
+using quorval_test::FakeGraph;
+using quorval_test::LogRecorder;
+
+namespace {
+
+class NoEvents final : public IWaveEvents {
+public:
+    void block_failed(std::uint32_t /*block*/, const std::string& text) override
+    {
+        ADD_FAILURE() << text;
+    }
+    void block_is_done(std::uint32_t /*block*/) override {}
+};
+
+/// One block, "a", and all that it needs to be run for its descriptors.
+class Setting {
+public:
+    Setting() : block(graph.add("a")), ports_(graph.network()) {}
+    Setting(const Setting&) = delete;
+    Setting& operator=(const Setting&) = delete;
+    ~Setting() { ports_.unwatch(0); }
+
+    void begin()
+    {
+        wave_ = std::make_unique<Wave>(graph.network(), ports_, events_);
+        EXPECT_TRUE(ports_.collect(0));
+        wave_->has_descriptors(0);
+        ports_.watch(0, poller_);
+    }
+
+    /// Waves for what is ready, until nothing is.
+    void settle()
+    {
+        while (play()) {}
+    }
+
+    /// One wave for what is ready.
+    bool play()
+    {
+        for (const Ready& ready : poller_.wait(false)) {
+            wave_->visit(ports_.make_ready(ready));
+        }
+        return play_on();
+    }
+
+    /// One wave for what the caller made ready.
+    bool play_on()
+    {
+        if (wave_->is_idle()) {
+            return false;
+        }
+        ports_.begin_wave();
+        wave_->run();
+        wave_->reset();
+        return true;
+    }
+
+    EventPort& event_port() { return dynamic_cast<EventPort&>(*block.make_eventport("next")); }
+
+    const std::vector<Ready>& ready() { return poller_.wait(false); }
+    void take(const std::vector<Ready>& all)
+    {
+        for (const Ready& ready : all) {
+            wave_->visit(ports_.make_ready(ready));
+        }
+    }
+
+    FakeGraph graph;
+    FakeBlock& block;
+
+private:
+    Poller poller_;
+    NoEvents events_;
+    DescriptorPorts ports_;
+    std::unique_ptr<Wave> wave_;
+};
+
+TEST(EventPorts, RunTheirBlockOnceForOneFire)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+    EXPECT_FALSE(port.is_triggered());
+}
+
+TEST(EventPorts, MeetSeveralFiresByOneRun)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.begin();
+
+    port.fire();
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+}
+
+TEST(EventPorts, MeetAFireBetweenTriggerAndRunByThatRun)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.begin();
+    port.fire();
+    setting.take(setting.ready());
+
+    port.fire();
+    setting.play_on();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+}
+
+TEST(EventPorts, RunTheirBlockAgainForAFireInTheRun)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        if (setting.block.runs == 1) {
+            port.fire();
+            port.fire();
+        }
+        return true;
+    };
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 2);
+}
+
+TEST(EventPorts, MayBeResetByTheirBlock)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        EXPECT_TRUE(port.is_triggered());
+        port.reset(false);
+        return true;
+    };
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+    port.fire();
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 2);
+}
+
+TEST(EventPorts, RunTheirBlockAgainForAFireBehindItsOwnReset)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        port.reset(false);
+        if (setting.block.runs == 1) {
+            port.fire();
+        }
+        return true;
+    };
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 2);
+}
+
+TEST(EventPorts, HaveMetWhatTheirBlockDrainedItself)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        port.fire();
+        port.reset(false);
+        return true;
+    };
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+}
+
+TEST(EventPorts, BearABlockThatReadsTheDescriptorItself)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        std::uint64_t count = 0;
+        EXPECT_EQ(::read(port.get_fd(), &count, sizeof count), 8);
+        return true;
+    };
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+    EXPECT_FALSE(port.is_triggered());
+}
+
+TEST(EventPorts, BearATriggerWithoutAFire)
+{
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.begin();
+    setting.take({{0, true, false}});
+
+    setting.play_on();
+
+    EXPECT_EQ(setting.block.runs, 1);
+    EXPECT_FALSE(port.is_triggered());
+}
+
+TEST(EventPorts, MayBeMadeOnATimer)
+{
+    Setting setting;
+    const int timer = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    const itimerspec soon = {{0, 0}, {0, 1}};
+    ::timerfd_settime(timer, 0, &soon, nullptr);
+    auto owned = std::make_unique<EventPort>("timer", true, timer);
+    setting.block.add_fdport(std::move(owned));
+    setting.begin();
+
+    while (!setting.play()) {}
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+}
+
+/// A pipe whose read end a block watches.
+class Pipe {
+public:
+    explicit Pipe(FakeBlock& block)
+    {
+        EXPECT_EQ(::pipe2(ends_.data(), O_CLOEXEC | O_NONBLOCK), 0);
+        block.make_fdport("pipe", ends_[0], {true, false});
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    ~Pipe()
+    {
+        ::close(ends_[0]);
+        ::close(ends_[1]);
+    }
+
+    void fill() const { EXPECT_EQ(::write(ends_[1], "x", 1), 1); }
+    void drain() const
+    {
+        char byte = 0;
+        EXPECT_EQ(::read(ends_[0], &byte, 1), 1);
+    }
+
+private:
+    std::array<int, 2> ends_ = {};
+};
+
+TEST(PlainPorts, RunTheirBlockForAsLongAsTheyAreReady)
+{
+    Setting setting;
+    const Pipe pipe(setting.block);
+    setting.block.on_run = [&] {
+        pipe.drain();
+        return true;
+    };
+    setting.begin();
+
+    pipe.fill();
+    pipe.fill();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 2);
+}
+
+TEST(PlainPorts, AreReportedOnceWhenNobodyDrainsThem)
+{
+    const LogRecorder recorder;
+    Setting setting;
+    const Pipe pipe(setting.block);
+    setting.begin();
+    pipe.fill();
+
+    for (int wave = 0; wave < 999; ++wave) {
+        setting.play();
+    }
+    EXPECT_TRUE(recorder.lines().empty());
+    for (int wave = 0; wave < 3000; ++wave) {
+        setting.play();
+    }
+
+    EXPECT_EQ(recorder.texts(),
+              std::vector<std::string>{"descriptor port 'pipe' was still readable after its "
+                                       "block's run in 1000 waves in a row: the block may not "
+                                       "drain it"});
+}
+
+TEST(PlainPorts, AreNotReportedWhenTheirBlockDrainsThem)
+{
+    const LogRecorder recorder;
+    Setting setting;
+    const Pipe pipe(setting.block);
+    setting.block.on_run = [&] {
+        pipe.drain();
+        return true;
+    };
+    setting.begin();
+
+    for (int wave = 0; wave < 3000; ++wave) {
+        pipe.fill();
+        setting.play();
+    }
+
+    EXPECT_EQ(setting.block.runs, 3000);
+    EXPECT_TRUE(recorder.lines().empty());
+}
+
+}  // namespace
