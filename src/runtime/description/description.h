@@ -2,10 +2,12 @@
 // plug-in has been looked for, no name has been looked up.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -35,9 +37,12 @@ enum class Delivery { Latest, All };
 struct MemberDescription {
     std::string name;
     Place name_place;
-    std::string type;  ///< "PLUGIN:TYPE" or the name of a kind of superblock
+    /// "PLUGIN:TYPE" or the name of a kind of superblock. Empty: there is none that could be used,
+    /// which is reported.
+    std::string type;
     Place type_place;
-    std::vector<Setting> config;  ///< unique keys
+    bool misses_type = false;     ///< nothing was written that could be meant as its type
+    std::vector<Setting> config;  ///< by key, each once
     std::optional<OnError> on_error;
 };
 
@@ -56,7 +61,8 @@ struct ConnectionDescription {
     Delivery delivery = Delivery::Latest;
 };
 
-/// A port of a superblock, and the ports of members behind it; an output has one.
+/// A port of a superblock, and the ports of members behind it; an output has one. None: they are
+/// wrong, which is reported.
 struct ExposedDescription {
     std::string name;
     Place name_place;
@@ -67,8 +73,12 @@ struct ExposedDescription {
 struct CompositeDescription {
     std::vector<MemberDescription> members;          ///< by name, in the order of bytes
     std::vector<ConnectionDescription> connections;  ///< in the order in which they are written
-    std::vector<ExposedDescription> inports;
+    std::vector<ExposedDescription> inports;         ///< by name, likewise
     std::vector<ExposedDescription> outports;
+    bool is_broken = false;  ///< parts of it are missing because they are wrong, which is reported
+
+    /// Where a member stands in the list, or the length of the list when there is none of the name.
+    std::size_t find_member(std::string_view name) const;
 };
 
 /// `PATH.KEY=VALUE`, taken apart.
@@ -82,6 +92,7 @@ struct GraphDescription {
     OnError on_error = OnError::Stop;
     CompositeDescription graph;
     std::map<std::string, CompositeDescription> kinds;  ///< of superblocks, by name
+    bool has_broken_kinds = false;  ///< they are missing because they are wrong, which is reported
     std::vector<Assignment> assignments;
 };
 

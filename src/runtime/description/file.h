@@ -1,0 +1,50 @@
+// Graph files as texts.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace Quorval::runtime {
+
+/// Whether somebody else than root may write to a file or directory, and this process is root's.
+bool is_refused_for_root(const struct stat& status);
+
+/// "'<path>' is writable by others: refused for root"
+std::string text_of_refusal(const std::string& path);
+
+/// An open graph file. Opening never waits.
+class GraphFile {
+public:
+    /// What tells files apart, whatever they are called.
+    using Identity = std::pair<dev_t, ino_t>;
+
+    /// Opens a regular file or a pipe. What goes wrong is told by error().
+    explicit GraphFile(const std::string& path);
+    GraphFile(const GraphFile&) = delete;
+    GraphFile& operator=(const GraphFile&) = delete;
+    ~GraphFile();
+
+    /// Why the file cannot be read: the text of errno, or "not a regular file". Empty: it can.
+    const std::string& error() const { return error_; }
+
+    /// Of a file that was opened.
+    Identity identity() const { return identity_; }
+    bool is_refused() const { return is_refused_; }
+
+    /// All that it holds, from the beginning. What goes wrong is told by error().
+    std::string read();
+
+private:
+    int open(const std::string& path);
+    bool accept(const struct stat& status);
+
+    int fd_ = -1;
+    std::string error_;
+    Identity identity_{};
+    bool is_refused_ = false;
+};
+
+}  // namespace Quorval::runtime

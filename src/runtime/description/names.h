@@ -1,0 +1,19 @@
+// Names of graphs, blocks, superblocks and plug-ins.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Quorval::runtime {
+
+/// Whether a character may stand in a name: a letter, a digit, "_" or "-".
+bool is_name_character(char c);
+
+/// Whether a text is a name: one or more of those characters.
+bool is_name(std::string_view text);
+
+/// The name that a file gives to its graph: its own without folder and ending, with "_" in place
+/// of what may not stand in a name.
+std::string name_of_file(const std::string& file);
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,30 @@
+// From files and assignments to a description.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "description/description.h"
+#include "description/problem.h"
+
+namespace Quorval::runtime {
+
+/// What files and assignments say, before anything is made of it.
+struct Reading {
+    GraphDescription description;
+    std::vector<Source> sources;
+    Problems problems;
+    /// False: a file could not be read or understood, so what the description lacks may stand
+    /// there.
+    bool is_whole = true;
+};
+
+/// Reads files, the ones that they include before themselves, and merges them one after the other.
+/// @param files        as they were given, one at least
+/// @param assignments  `PATH.KEY=VALUE`
+/// @throws std::invalid_argument  an assignment has another form: "'<text>' is not of the form
+///     PATH.KEY=VALUE"
+Reading read_graph(const std::vector<std::string>& files,
+                   const std::vector<std::string>& assignments);
+
+}  // namespace Quorval::runtime

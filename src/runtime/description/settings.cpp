@@ -1,0 +1,320 @@
+#include "description/settings.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include <quorval/config.h>
+
+#include "description/names.h"
+#include "description/toml.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+[[noreturn]] void throw_no_assignment(const std::string& text)
+{
+    throw std::invalid_argument("'" + text + "' is not of the form PATH.KEY=VALUE");
+}
+
+/// Why a key is not valid, in the words of the configuration; empty for one that is.
+std::string complaint_about(const std::string& key)
+{
+    const auto is_valid = [](char c) { return is_name_character(c) || c == '.'; };
+    if (std::all_of(key.begin(), key.end(), is_valid)) {
+        return {};
+    }
+    try {
+        BlockConfiguration().set(key, 0);
+        return {};
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+}
+
+/// What a TOML value is that no configuration holds, null for any other.
+const char* name_of_date(const toml::node& node)
+{
+    return node.is_date()        ? "a date"
+           : node.is_time()      ? "a time"
+           : node.is_date_time() ? "a date and time"
+                                 : nullptr;
+}
+
+template <class T>
+bool is_all(const toml::array& list)
+{
+    return std::all_of(list.begin(), list.end(),
+                       [](const toml::node& item) { return item.is<T>(); });
+}
+
+bool is_all_dates(const toml::array& list)
+{
+    return std::all_of(list.begin(), list.end(),
+                       [](const toml::node& item) { return name_of_date(item) != nullptr; });
+}
+
+bool is_all_numbers(const toml::array& list)
+{
+    return std::all_of(list.begin(), list.end(),
+                       [](const toml::node& item) { return item.is_number(); });
+}
+
+template <class T>
+std::vector<T> items_of(const toml::array& list)
+{
+    std::vector<T> items;
+    items.reserve(list.size());
+    for (const toml::node& item : list) {
+        items.push_back(**item.as<T>());
+    }
+    return items;
+}
+
+/// Flattens a tree of TOML into settings.
+class Flattener {
+public:
+    Flattener(Problems& problems, std::vector<Setting>& settings)
+        : problems_(problems), settings_(settings)
+    {
+    }
+
+    void add_table(const std::string& prefix, const toml::table& table)
+    {
+        for (auto&& [key, node] : table) {
+            std::string full;
+            full.reserve(prefix.size() + key.length());
+            full.append(prefix).append(key.str());
+            add(std::move(full), place_of(key), node);
+        }
+    }
+
+    void add(std::string key, const Place& key_place, const toml::node& node)
+    {
+        if (const toml::table* table = node.as_table()) {
+            add_table(key + ".", *table);
+        } else if (is_list_of_tables(node)) {
+            add_list_of_tables(key, *node.as_array());
+        } else if (std::string complaint = complaint_about(key); !complaint.empty()) {
+            problems_.add_error(key_place, std::move(complaint));
+        } else if (std::optional<Value> value = to_value(key, node)) {
+            settings_.push_back({std::move(key), std::move(*value), key_place, place_of(node)});
+        }
+    }
+
+private:
+    static bool is_list_of_tables(const toml::node& node)
+    {
+        const toml::array* list = node.as_array();
+        return list != nullptr && !list->empty() && is_all<toml::table>(*list);
+    }
+
+    void add_list_of_tables(const std::string& key, const toml::array& list)
+    {
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            add_table(key + "." + std::to_string(i) + ".", *list.get_as<toml::table>(i));
+        }
+    }
+
+    std::optional<Value> to_value(const std::string& key, const toml::node& node)
+    {
+        switch (node.type()) {
+            case toml::node_type::integer:
+                return to_int(key, node);
+            case toml::node_type::floating_point:
+                return **node.as_floating_point();
+            case toml::node_type::boolean:
+                return **node.as_boolean();
+            case toml::node_type::string:
+                return **node.as_string();
+            case toml::node_type::array:
+                return to_list(key, *node.as_array());
+            default:
+                return refuse(key, node, name_of_date(node));
+        }
+    }
+
+    std::optional<Value> to_int(const std::string& key, const toml::node& node)
+    {
+        const std::int64_t number = **node.as_integer();
+        if (number < std::numeric_limits<int>::min() || number > std::numeric_limits<int>::max()) {
+            return refuse(key, node, "out of the range of an int");
+        }
+        return static_cast<int>(number);
+    }
+
+    std::optional<Value> to_list(const std::string& key, const toml::array& list)
+    {
+        if (list.empty()) {
+            return refuse(key, list, "an empty list");
+        }
+        if (is_all<std::int64_t>(list)) {
+            return to_ints(key, list);
+        }
+        if (is_all_numbers(list)) {
+            return to_doubles(list);
+        }
+        if (is_all<std::string>(list)) {
+            return items_of<std::string>(list);
+        }
+        if (is_all<bool>(list)) {
+            return items_of<bool>(list);
+        }
+        if (is_all_dates(list)) {
+            return refuse_items(key, list);
+        }
+        return refuse(key, list,
+                      is_all<toml::array>(list) ? "a list of lists" : "a list of mixed kinds");
+    }
+
+    std::optional<Value> to_ints(const std::string& key, const toml::array& list)
+    {
+        std::vector<int> items;
+        items.reserve(list.size());
+        for (const toml::node& item : list) {
+            if (const std::optional<Value> value = to_int(key, item)) {
+                items.push_back(std::get<int>(*value));
+            }
+        }
+        return items.size() == list.size() ? std::optional<Value>(std::move(items)) : std::nullopt;
+    }
+
+    static Value to_doubles(const toml::array& list)
+    {
+        std::vector<double> items;
+        items.reserve(list.size());
+        for (const toml::node& item : list) {
+            items.push_back(item.is_integer() ? static_cast<double>(**item.as_integer())
+                                              : **item.as_floating_point());
+        }
+        return items;
+    }
+
+    std::optional<Value> refuse_items(const std::string& key, const toml::array& list)
+    {
+        for (const toml::node& item : list) {
+            refuse(key, item, name_of_date(item));
+        }
+        return std::nullopt;
+    }
+
+    std::optional<Value> refuse(const std::string& key, const toml::node& node, const char* what)
+    {
+        problems_.add_error(place_of(node), "'" + key + "' is " + what);
+        return std::nullopt;
+    }
+
+    Problems& problems_;
+    std::vector<Setting>& settings_;
+};
+
+/// Sorts by key and leaves of each key the one that was written last.
+void keep_the_last(std::vector<Setting>& settings, const std::vector<std::uint32_t>& ranks)
+{
+    const auto position = [&ranks](const Setting& setting) {
+        const Place& place = setting.key_place;
+        return std::make_tuple(ranks[place.source], place.line, place.column);
+    };
+    std::sort(settings.begin(), settings.end(), [&position](const Setting& a, const Setting& b) {
+        const int order = a.key.compare(b.key);
+        return order != 0 ? order < 0 : position(a) > position(b);
+    });
+    const auto is_same = [](const Setting& a, const Setting& b) { return a.key == b.key; };
+    settings.erase(std::unique(settings.begin(), settings.end(), is_same), settings.end());
+}
+
+struct AssignmentParts {
+    std::string path;
+    std::string key;
+    std::string value;
+};
+
+AssignmentParts take_apart(const std::string& text)
+{
+    const std::size_t equals = text.find('=');
+    const std::size_t stop = text.find('.');
+    if (equals == std::string::npos || stop == 0 || stop >= equals || stop + 1 == equals) {
+        throw_no_assignment(text);
+    }
+    return {text.substr(0, stop), text.substr(stop + 1, equals - stop - 1),
+            text.substr(equals + 1)};
+}
+
+/// Whether nothing but blanks stands in a text behind a position.
+bool is_blank_behind(std::string_view text, const toml::source_position& end)
+{
+    std::size_t line_begin = 0;
+    for (toml::source_index line = 1; line < end.line; ++line) {
+        line_begin = text.find('\n', line_begin) + 1;
+    }
+    std::size_t at = line_begin;
+    for (toml::source_index column = 1; at < text.size() && column < end.column; ++at) {
+        const bool is_last_byte =
+            at + 1 >= text.size() || (static_cast<unsigned char>(text[at + 1]) & 0xC0U) != 0x80U;
+        column += is_last_byte ? 1 : 0;
+    }
+    return text.find_first_not_of(" \t\r\n", at) == std::string_view::npos;
+}
+
+/// The TOML value that a text is, in a table of its own under the key "v". Nothing where it is
+/// none.
+std::optional<toml::table> parse_value(const std::string& text)
+{
+    const std::string document = "v = " + text;
+    Problems ignored;
+    std::optional<toml::table> table = parse_toml(document, 0, ignored);
+    if (!table || table->size() != 1 || !table->contains("v") ||
+        !is_blank_behind(document, table->get("v")->source().end)) {
+        return std::nullopt;
+    }
+    return table;
+}
+
+}  // namespace
+
+std::vector<Setting> read_settings(const toml::table& config,
+                                   const std::vector<std::uint32_t>& ranks, Problems& problems)
+{
+    std::vector<Setting> settings;
+    Flattener(problems, settings).add_table("", config);
+    keep_the_last(settings, ranks);
+    return settings;
+}
+
+std::vector<Assignment> read_assignment(const std::string& text, std::uint32_t source,
+                                        Problems& problems)
+{
+    const AssignmentParts parts = take_apart(text);
+    const std::optional<toml::table> table = parse_value(parts.value);
+    const toml::value<std::string> bare(parts.value);
+    const toml::node& node = table ? *table->get("v") : static_cast<const toml::node&>(bare);
+
+    const Place place{source, 0, 0};
+    std::vector<Setting> settings;
+    Problems found;
+    Flattener(found, settings).add(parts.key, place, node);
+    for (const Problem& problem : found.sorted()) {
+        problems.add_error(place, problem.text);
+    }
+    std::vector<Assignment> assignments;
+    for (Setting& setting : settings) {
+        setting.key_place = place;
+        setting.value_place = place;
+        assignments.push_back({parts.path, std::move(setting)});
+    }
+    return assignments;
+}
+
+std::string target_of(const std::string& assignment)
+{
+    const AssignmentParts parts = take_apart(assignment);
+    return parts.path + "." + parts.key;
+}
+
+}  // namespace Quorval::runtime

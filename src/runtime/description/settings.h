@@ -1,0 +1,32 @@
+// Configurations as they are written in TOML.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <toml++/toml.h>
+
+#include "description/description.h"
+#include "description/problem.h"
+
+namespace Quorval::runtime {
+
+/// The elements of a configuration.
+/// @param ranks  for each source the place of its file in the order of merging: of two spellings
+///               of one key the later one counts
+/// @return by key, in the order of bytes, each key once
+std::vector<Setting> read_settings(const toml::table& config,
+                                   const std::vector<std::uint32_t>& ranks, Problems& problems);
+
+/// Takes `PATH.KEY=VALUE` apart. A value that is a table gives several.
+/// @param source  where the assignment stands in the list of sources
+/// @throws std::invalid_argument  "'<text>' is not of the form PATH.KEY=VALUE"
+std::vector<Assignment> read_assignment(const std::string& text, std::uint32_t source,
+                                        Problems& problems);
+
+/// `PATH.KEY` of an assignment.
+/// @throws std::invalid_argument  "'<text>' is not of the form PATH.KEY=VALUE"
+std::string target_of(const std::string& assignment);
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,91 @@
+#include "description/suggest.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdlib>
+
+#include <quorval/runtime/suggest.h>
+
+namespace Quorval {
+
+namespace {
+
+constexpr int kMostEdits = 2;
+constexpr int kFar = kMostEdits + 1;
+
+/// The row of an edit distance, of which only what lies near the diagonal matters: entry i stands
+/// for the column row + i - kMostEdits.
+using Band = std::array<int, 2 * kMostEdits + 1>;
+
+int entry(const Band& band, int at)
+{
+    return at >= 0 && at < static_cast<int>(band.size()) ? band[static_cast<std::size_t>(at)]
+                                                         : kFar;
+}
+
+/// How many insertions, deletions and replacements part two names; kFar where they are more than
+/// kMostEdits.
+int count_edits(const std::string& a, const std::string& b)
+{
+    const int rows = static_cast<int>(a.size());
+    const int columns = static_cast<int>(b.size());
+    if (std::abs(rows - columns) > kMostEdits) {
+        return kFar;
+    }
+    Band band{};
+    for (int i = 0; i < static_cast<int>(band.size()); ++i) {
+        band[static_cast<std::size_t>(i)] = i < kMostEdits ? kFar : i - kMostEdits;
+    }
+    for (int row = 1; row <= rows; ++row) {
+        Band next{};
+        for (int i = 0; i < static_cast<int>(band.size()); ++i) {
+            const int column = row + i - kMostEdits;
+            int& edits = next[static_cast<std::size_t>(i)];
+            if (column < 0 || column > columns) {
+                edits = kFar;
+                continue;
+            }
+            edits = std::min(entry(band, i + 1), entry(next, i - 1)) + 1;
+            if (column > 0) {
+                const bool is_same =
+                    a[static_cast<std::size_t>(row - 1)] == b[static_cast<std::size_t>(column - 1)];
+                edits = std::min(edits, entry(band, i) + (is_same ? 0 : 1));
+            }
+        }
+        band = next;
+        if (*std::min_element(band.begin(), band.end()) > kMostEdits) {
+            return kFar;
+        }
+    }
+    return std::min(entry(band, columns - rows + kMostEdits), kFar);
+}
+
+}  // namespace
+
+std::string find_near(const std::string& name, const std::vector<std::string>& known)
+{
+    const std::string* nearest = nullptr;
+    // Twice the edits have to be fewer than the letters.
+    int fewest = std::min(kFar, static_cast<int>((name.size() + 1) / 2));
+    for (const std::string& candidate : known) {
+        const int edits = count_edits(name, candidate);
+        if (edits < fewest || (nearest != nullptr && edits == fewest && candidate < *nearest)) {
+            nearest = &candidate;
+            fewest = edits;
+        }
+    }
+    return nearest != nullptr ? *nearest : std::string();
+}
+
+namespace runtime {
+
+std::string suggestion(const std::string& name, const std::vector<std::string>& known)
+{
+    const std::string near = find_near(name, known);
+    return near.empty() ? near : "; did you mean '" + near + "'?";
+}
+
+}  // namespace runtime
+
+}  // namespace Quorval

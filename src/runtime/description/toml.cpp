@@ -1,0 +1,209 @@
+#include "description/toml.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Quorval::runtime {
+
+namespace {
+
+/// Trees are taken apart and destroyed level by level, so their depth has to stay far from what a
+/// stack bears.
+constexpr std::size_t kMostParts = 256;
+
+/// Finds keys of too many parts in a text, without understanding more of it than strings, comments
+/// and brackets. Whatever it makes of a text that is no TOML, the parser stops there.
+class KeyScanner {
+public:
+    explicit KeyScanner(std::string_view text) : text_(text) {}
+
+    /// The position of the part that is too much, or npos.
+    std::size_t find_long_key()
+    {
+        while (at_ < text_.size()) {
+            if (depth_ > kMostParts) {
+                return at_;
+            }
+            step();
+        }
+        return std::string_view::npos;
+    }
+
+private:
+    void step()
+    {
+        switch (text_[at_]) {
+            case '"':
+            case '\'':
+                return skip_string(text_[at_]);
+            case '#':
+                at_ = std::min(text_.find('\n', at_), text_.size());
+                return;
+            case '.':
+                ++depth_;
+                break;
+            case '{':
+            case '[':
+                outer_.push_back(base_);
+                base_ = ++depth_;
+                break;
+            case '}':
+            case ']':
+                close();
+                break;
+            case ',':
+            case '\n':
+                depth_ = base_;
+                break;
+            default:
+                break;
+        }
+        ++at_;
+    }
+
+    void close()
+    {
+        if (!outer_.empty()) {
+            base_ = outer_.back();
+            outer_.pop_back();
+        }
+    }
+
+    void skip_string(char quote)
+    {
+        const std::string three(3, quote);
+        const bool is_long = text_.compare(at_, three.size(), three) == 0;
+        at_ += is_long ? three.size() : 1;
+        while (at_ < text_.size()) {
+            const char c = text_[at_];
+            if (c == '\\' && quote == '"') {
+                at_ += 2;
+            } else if (c != quote) {
+                if (c == '\n' && !is_long) {
+                    return;
+                }
+                ++at_;
+            } else if (!is_long) {
+                ++at_;
+                return;
+            } else if (text_.compare(at_, three.size(), three) == 0) {
+                // A long string may end with one or two quotes of its own.
+                at_ = std::min(text_.find_first_not_of(quote, at_), at_ + three.size() + 2);
+                return;
+            } else {
+                ++at_;
+            }
+        }
+    }
+
+    std::string_view text_;
+    std::size_t at_ = 0;
+    std::size_t depth_ = 0;           // parts and brackets around the present position
+    std::size_t base_ = 0;            // the depth at which the present bracket began
+    std::vector<std::size_t> outer_;  // the same of the brackets around it
+};
+
+/// The place of a byte.
+Place place_of(std::string_view text, std::size_t position, std::uint32_t source)
+{
+    Place place{source, 1, 1};
+    for (const char c : text.substr(0, position)) {
+        if (c == '\n') {
+            ++place.line;
+            place.column = 1;
+        } else if ((static_cast<unsigned char>(c) & 0xC0U) != 0x80U) {
+            ++place.column;
+        }
+    }
+    return place;
+}
+
+void append(toml::array& former, toml::array&& later)
+{
+    for (toml::node& item : later) {
+        former.push_back(std::move(item));
+    }
+}
+
+}  // namespace
+
+std::optional<toml::table> parse_toml(const std::string& text, std::uint32_t source,
+                                      Problems& problems)
+{
+    const std::size_t long_key = KeyScanner(text).find_long_key();
+    if (long_key != std::string_view::npos) {
+        problems.add_error(place_of(text, long_key, source),
+                           "a key has more than " + std::to_string(kMostParts) + " parts");
+        return std::nullopt;
+    }
+    try {
+        return toml::parse(text, std::to_string(source));
+    } catch (const toml::parse_error& error) {
+        problems.add_error(place_of(error.source()), std::string(error.description()));
+        return std::nullopt;
+    }
+}
+
+Place place_of(const toml::source_region& region)
+{
+    Place place{0, region.begin.line, region.begin.column};
+    if (region.path != nullptr) {
+        std::from_chars(region.path->data(), region.path->data() + region.path->size(),
+                        place.source);
+    }
+    return place;
+}
+
+Place place_of(const toml::key& key)
+{
+    return place_of(key.source());
+}
+
+Place place_of(const toml::node& node)
+{
+    return place_of(node.source());
+}
+
+namespace {
+
+enum class Level { Graph, Superblocks, Superblock, Other };
+
+/// What a table below a key is.
+Level level_below(Level level, std::string_view key)
+{
+    if (level == Level::Graph && key == "superblocks") {
+        return Level::Superblocks;
+    }
+    return level == Level::Superblocks ? Level::Superblock : Level::Other;
+}
+
+void merge_table(toml::table& former, toml::table&& later, Level level)
+{
+    const bool has_connections = level == Level::Graph || level == Level::Superblock;
+    for (auto&& [key, node] : later) {
+        toml::node* const present = former.get(key);
+        if (present != nullptr && present->is_table() && node.is_table()) {
+            merge_table(*present->as_table(), std::move(*node.as_table()), level_below(level, key));
+        } else if (present != nullptr && has_connections && key == "connections" &&
+                   present->is_array() && node.is_array()) {
+            append(*present->as_array(), std::move(*node.as_array()));
+        } else {
+            // As a whole, so that the key has the place of the later one, too.
+            former.erase(key.str());
+            former.insert(key, std::move(node));
+        }
+    }
+}
+
+}  // namespace
+
+void merge_toml(toml::table& former, toml::table&& later)
+{
+    merge_table(former, std::move(later), Level::Graph);
+}
+
+}  // namespace Quorval::runtime

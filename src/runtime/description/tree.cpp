@@ -1,0 +1,466 @@
+#include "description/tree.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <initializer_list>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <quorval/runtime/suggest.h>
+
+#include "description/names.h"
+#include "description/settings.h"
+#include "description/suggest.h"
+#include "description/toml.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+constexpr const char* kArrow = " -> ";
+constexpr std::int64_t kFormat = 1;
+
+using Keys = std::vector<std::string>;
+
+const Keys& keys_of_a_graph()
+{
+    static const Keys keys = {"blocks", "connections", "format",     "include",
+                              "name",   "on_error",    "superblocks"};
+    return keys;
+}
+
+const Keys& keys_of_a_kind()
+{
+    static const Keys keys = {"blocks", "connections", "inports", "outports"};
+    return keys;
+}
+
+const Keys& keys_of_a_member()
+{
+    static const Keys keys = {"config", "on_error", "type"};
+    return keys;
+}
+
+const Keys& keys_of_a_connection()
+{
+    static const Keys keys = {"delayed", "delivery", "from", "to"};
+    return keys;
+}
+
+/// A table of the format: a few known keys.
+class Record {
+public:
+    /// @param known  must outlive the record
+    Record(const toml::table& table, const std::vector<std::string>& known, Problems& problems)
+        : table_(table), known_(known), problems_(problems)
+    {
+        for (auto&& [key, node] : table) {
+            if (is_unknown(key.str())) {
+                meant_.insert(find_near(std::string(key.str()), known));
+            }
+        }
+    }
+
+    void report_unknown_keys() const
+    {
+        for (auto&& [key, node] : table_) {
+            if (is_unknown(key.str())) {
+                const std::string name(key.str());
+                problems_.add_error(place_of(key),
+                                    "unknown key '" + name + "'" + suggestion(name, known_));
+            }
+        }
+    }
+
+    const toml::node* get(std::string_view key) const { return table_.get(key); }
+
+    /// Whether a key is missing, and not just misspelt.
+    bool misses(const std::string& key) const
+    {
+        return !table_.contains(key) && meant_.count(key) == 0;
+    }
+
+    const toml::table* get_table(const char* key) const
+    {
+        return get_as<toml::table>(key, "a table");
+    }
+
+    const toml::array* get_list(const char* key) const
+    {
+        return get_as<toml::array>(key, "a list");
+    }
+
+    const toml::value<std::string>* get_string(const char* key) const
+    {
+        return get_as<std::string>(key, "a string");
+    }
+
+    bool get_bool(const char* key) const
+    {
+        const auto* value = get_as<bool>(key, "a boolean");
+        return value != nullptr && **value;
+    }
+
+    const toml::value<std::int64_t>* get_integer(const char* key) const
+    {
+        return get_as<std::int64_t>(key, "an integer");
+    }
+
+    /// Which of the words stands under a key; nothing where there is none.
+    std::optional<std::size_t> get_word(const char* key,
+                                        std::initializer_list<const char*> words) const
+    {
+        const auto* text = get_string(key);
+        if (text == nullptr) {
+            return std::nullopt;
+        }
+        const auto found = std::find(words.begin(), words.end(), **text);
+        if (found != words.end()) {
+            return static_cast<std::size_t>(found - words.begin());
+        }
+        std::string list;
+        for (const char* word : words) {
+            list += (list.empty() ? "" : ", ") + std::string(word);
+        }
+        problems_.add_error(place_of(*text), "'" + std::string(key) + "' has to be one of " + list);
+        return std::nullopt;
+    }
+
+private:
+    bool is_unknown(std::string_view key) const
+    {
+        return std::find(known_.begin(), known_.end(), key) == known_.end();
+    }
+
+    template <class T>
+    auto get_as(const char* key, const char* kind) const
+        -> decltype(std::declval<const toml::node&>().as<T>())
+    {
+        const toml::node* node = table_.get(key);
+        if (node == nullptr) {
+            return nullptr;
+        }
+        if (!node->is<T>()) {
+            problems_.add_error(place_of(*node), "'" + std::string(key) + "' has to be " + kind);
+        }
+        return node->as<T>();
+    }
+
+    const toml::table& table_;
+    const std::vector<std::string>& known_;
+    Problems& problems_;
+    std::set<std::string> meant_;  // by unknown keys
+};
+
+/// Reads the inside of a graph or of a kind of superblock.
+class TreeReader {
+public:
+    TreeReader(const std::vector<std::uint32_t>& ranks, Problems& problems)
+        : ranks_(ranks), problems_(problems)
+    {
+    }
+
+    GraphDescription read(const toml::table& tree)
+    {
+        const Record record(tree, keys_of_a_graph(), problems_);
+        record.report_unknown_keys();
+        GraphDescription description;
+        description.name = read_name(record);
+        description.on_error = read_on_error(record).value_or(OnError::Stop);
+        read_inside(record, description.graph);
+        if (const toml::table* kinds = record.get_table("superblocks")) {
+            for (auto&& [key, node] : *kinds) {
+                description.kinds.emplace(key.str(), read_kind(key, node));
+            }
+        } else {
+            description.has_broken_kinds = record.get("superblocks") != nullptr;
+        }
+        return description;
+    }
+
+private:
+    std::string read_name(const Record& record)
+    {
+        const auto* name = record.get_string("name");
+        if (name == nullptr) {
+            return {};
+        }
+        check_name(**name, place_of(*name));
+        return **name;
+    }
+
+    static std::optional<OnError> read_on_error(const Record& record)
+    {
+        const std::optional<std::size_t> word = record.get_word("on_error", {"stop", "skip"});
+        return word ? std::optional(*word == 0 ? OnError::Stop : OnError::Skip) : std::nullopt;
+    }
+
+    bool check_name(const std::string& name, const Place& place)
+    {
+        const bool is_valid = is_name(name);
+        if (!is_valid) {
+            problems_.add_error(
+                place, "'" + name + "' is not a valid name (letters, digits, '_' and '-')");
+        }
+        return is_valid;
+    }
+
+    /// A table that stands under a name of the user's.
+    const toml::table* check_table(const toml::key& key, const toml::node& node)
+    {
+        check_name(std::string(key.str()), place_of(key));
+        if (!node.is_table()) {
+            problems_.add_error(place_of(node),
+                                "'" + std::string(key.str()) + "' has to be a table");
+        }
+        return node.as_table();
+    }
+
+    void read_inside(const Record& record, CompositeDescription& inside)
+    {
+        if (const toml::table* blocks = record.get_table("blocks")) {
+            inside.members.reserve(blocks->size());
+            for (auto&& [key, node] : *blocks) {
+                inside.members.push_back(read_member(key, node));
+            }
+        } else {
+            inside.is_broken = record.get("blocks") != nullptr;
+        }
+        if (const toml::array* connections = record.get_list("connections")) {
+            inside.connections.reserve(connections->size());
+            for (const toml::node& node : *connections) {
+                read_connection(node, inside.connections);
+            }
+        }
+    }
+
+    CompositeDescription read_kind(const toml::key& key, const toml::node& node)
+    {
+        CompositeDescription kind;
+        const toml::table* table = check_table(key, node);
+        if (table == nullptr) {
+            kind.is_broken = true;
+            return kind;
+        }
+        const Record record(*table, keys_of_a_kind(), problems_);
+        record.report_unknown_keys();
+        read_inside(record, kind);
+        kind.is_broken = !read_exposed(record, "inports", kind.inports) || kind.is_broken;
+        kind.is_broken = !read_exposed(record, "outports", kind.outports) || kind.is_broken;
+        return kind;
+    }
+
+    MemberDescription read_member(const toml::key& key, const toml::node& node)
+    {
+        MemberDescription member;
+        member.name = key.str();
+        member.name_place = place_of(key);
+        const toml::table* table = check_table(key, node);
+        if (table == nullptr) {
+            return member;
+        }
+        const Record record(*table, keys_of_a_member(), problems_);
+        record.report_unknown_keys();
+        read_type(record, member);
+        member.on_error = read_on_error(record);
+        if (const toml::table* config = record.get_table("config")) {
+            member.config = read_settings(*config, ranks_, problems_);
+        }
+        return member;
+    }
+
+    void read_type(const Record& record, MemberDescription& member)
+    {
+        member.misses_type = record.misses("type");
+        const auto* type = record.get_string("type");
+        if (type == nullptr) {
+            return;
+        }
+        member.type_place = place_of(*type);
+        const std::string& text = **type;
+        const std::size_t colon = text.find(':');
+        const bool is_plain = colon != std::string::npos;
+        if (is_plain && (!is_name(text.substr(0, colon)) || colon + 1 == text.size())) {
+            problems_.add_error(member.type_place, "'" + text + "' is not of the form PLUGIN:TYPE");
+        } else if (is_name(member.name)) {
+            member.type = text;
+        }
+    }
+
+    void read_connection(const toml::node& node, std::vector<ConnectionDescription>& connections)
+    {
+        std::optional<ConnectionDescription> connection;
+        if (const auto* text = node.as_string()) {
+            connection = read_arrow(**text, place_of(node));
+        } else if (const toml::table* table = node.as_table()) {
+            connection = read_connection_table(*table);
+        } else {
+            problems_.add_error(place_of(node), "'connections' has to be a string or a table");
+        }
+        if (connection) {
+            connections.push_back(std::move(*connection));
+        }
+    }
+
+    std::optional<ConnectionDescription> read_arrow(const std::string& text, const Place& place)
+    {
+        const std::string arrow(kArrow);
+        const std::size_t at = text.find(arrow);
+        std::optional<EndDescription> from;
+        std::optional<EndDescription> to;
+        if (at != std::string::npos) {
+            from = to_end(text.substr(0, at), place);
+            to = to_end(text.substr(at + arrow.size()), place);
+        }
+        if (!from || !to || text.find(arrow, at + 1) != std::string::npos) {
+            problems_.add_error(place,
+                                "'" + text + "' is not of the form BLOCK.OUTPUT -> BLOCK.INPUT");
+            return std::nullopt;
+        }
+        ConnectionDescription connection;
+        connection.from = std::move(*from);
+        connection.to = std::move(*to);
+        connection.place = place;
+        return connection;
+    }
+
+    std::optional<ConnectionDescription> read_connection_table(const toml::table& table)
+    {
+        const Record record(table, keys_of_a_connection(), problems_);
+        record.report_unknown_keys();
+        const std::optional<EndDescription> from = read_end(record, "from", place_of(table));
+        const std::optional<EndDescription> to = read_end(record, "to", place_of(table));
+        ConnectionDescription connection;
+        connection.place = place_of(table);
+        connection.is_delayed = record.get_bool("delayed");
+        if (record.get_word("delivery", {"all", "latest"}) == std::size_t{0}) {
+            connection.delivery = Delivery::All;
+        }
+        if (!from || !to) {
+            return std::nullopt;
+        }
+        connection.from = *from;
+        connection.to = *to;
+        return connection;
+    }
+
+    std::optional<EndDescription> read_end(const Record& record, const char* key,
+                                           const Place& table)
+    {
+        if (record.misses(key)) {
+            problems_.add_error(table, "missing key '" + std::string(key) + "'");
+        }
+        const auto* text = record.get_string(key);
+        return text != nullptr ? check_end(*text) : std::nullopt;
+    }
+
+    std::optional<EndDescription> check_end(const toml::value<std::string>& text)
+    {
+        std::optional<EndDescription> end = to_end(*text, place_of(text));
+        if (!end) {
+            problems_.add_error(place_of(text), "'" + *text + "' is not of the form BLOCK.PORT");
+        }
+        return end;
+    }
+
+    static std::optional<EndDescription> to_end(const std::string& text, const Place& place)
+    {
+        const std::size_t stop = text.find('.');
+        if (stop == std::string::npos || stop + 1 == text.size() ||
+            !is_name(std::string_view(text).substr(0, stop)) ||
+            text.find_first_of(" \t") != std::string::npos) {
+            return std::nullopt;
+        }
+        return EndDescription{text.substr(0, stop), text.substr(stop + 1), place};
+    }
+
+    /// Whether it is a table, or not there.
+    bool read_exposed(const Record& record, const char* key,
+                      std::vector<ExposedDescription>& exposed)
+    {
+        const toml::table* table = record.get_table(key);
+        if (table == nullptr) {
+            return record.get(key) == nullptr;
+        }
+        const bool is_input = std::string_view(key) == "inports";
+        for (auto&& [name, node] : *table) {
+            ExposedDescription port;
+            port.name = name.str();
+            port.name_place = place_of(name);
+            check_name(port.name, port.name_place);
+            read_exposed_ends(port, node, is_input);
+            exposed.push_back(std::move(port));
+        }
+        return true;
+    }
+
+    void read_exposed_ends(ExposedDescription& port, const toml::node& node, bool is_input)
+    {
+        const toml::array* list = is_input ? node.as_array() : nullptr;
+        if (list == nullptr) {
+            read_exposed_end(port, node, is_input ? "a string or a list" : "a string");
+            return;
+        }
+        if (list->empty()) {
+            problems_.add_error(place_of(node), "'" + port.name + "' is an empty list");
+        }
+        for (const toml::node& item : *list) {
+            read_exposed_end(port, item, "a string");
+        }
+        if (port.ends.size() != list->size()) {
+            port.ends.clear();
+        }
+    }
+
+    void read_exposed_end(ExposedDescription& port, const toml::node& node, const char* kind)
+    {
+        const auto* text = node.as_string();
+        if (text == nullptr) {
+            problems_.add_error(place_of(node), "'" + port.name + "' has to be " + kind);
+        } else if (std::optional<EndDescription> end = check_end(*text)) {
+            port.ends.push_back(std::move(*end));
+        }
+    }
+
+    const std::vector<std::uint32_t>& ranks_;
+    Problems& problems_;
+};
+
+}  // namespace
+
+GraphDescription read_tree(const toml::table& tree, const std::vector<std::uint32_t>& ranks,
+                           Problems& problems)
+{
+    return TreeReader(ranks, problems).read(tree);
+}
+
+FileHead read_head(const toml::table& tree, std::uint32_t source, Problems& problems)
+{
+    FileHead head;
+    const Record record(tree, keys_of_a_graph(), problems);
+    if (record.misses("format")) {
+        problems.add_error({source, 1, 1}, "missing key 'format'");
+    } else if (const auto* format = record.get_integer("format")) {
+        head.is_supported = **format == kFormat;
+        if (!head.is_supported) {
+            problems.add_error(place_of(*format), "format " + std::to_string(**format) +
+                                                      " is not supported, only 1 is");
+            return head;
+        }
+    }
+    if (const toml::array* list = record.get_list("include")) {
+        for (const toml::node& node : *list) {
+            if (const auto* name = node.as_string()) {
+                head.includes.push_back({**name, place_of(node)});
+            } else {
+                problems.add_error(place_of(node), "'include' has to be a string");
+            }
+        }
+    }
+    return head;
+}
+
+}  // namespace Quorval::runtime
