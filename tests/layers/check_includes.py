@@ -25,7 +25,8 @@ LAYERS = {
     "kit": (["include/quorval/settings.h", "include/quorval/codec.h"],
             [RUNTIME, LIBRARIES_OF_RUNTIME, LIBRARIES_OF_COMMAND, PLUGINS]),
     "runtime": (["include/quorval/runtime/*.h", "src/runtime/**/*"],
-                [LIBRARIES_OF_COMMAND, PLUGINS]),
+                # It has a folder `plugins` of its own.
+                [LIBRARIES_OF_COMMAND, r"(\.\./)+plugins/"]),
     # No header of the runtime's own: those are named by their folder, without "quorval/".
     "command": (["src/command/**/*"],
                 [LIBRARIES_OF_RUNTIME, PLUGINS, r"(?!quorval/|CLI/|nlohmann/|sys/|[a-z0-9_]+(\.h)?$)"]),

@@ -1,0 +1,459 @@
+#include "graph/connect.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "description/suggest.h"
+#include "messages/context.h"
+#include "plugins/plugin.h"
+#include "schedule/order.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+/// A port of a plain block.
+template <class PortType>
+struct PortRef {
+    std::uint32_t block = 0;
+    PortType* port = nullptr;
+};
+
+using Input = PortRef<InPortInternal>;
+using Output = PortRef<OutPortInternal>;
+
+/// What stands behind one exposed port. Unknown: it is wrong, which is reported.
+struct ExposedInput {
+    std::vector<Input> inputs;
+    bool is_known = false;
+};
+
+struct ExposedPorts {
+    std::vector<ExposedInput> inputs;
+    std::vector<std::optional<Output>> outputs;
+};
+
+/// The input that a port leads to, which its plug-in decides; null where there is none.
+InPortInternal* connectable(InPortProvider& port)
+{
+    InPortInternal* input = nullptr;
+    text_of_failure([&] { input = port.get_connectable(); });
+    return input;
+}
+
+std::vector<std::string> sorted_names(const std::unordered_map<std::string, Datatype>& ports)
+{
+    std::vector<std::string> names;
+    names.reserve(ports.size());
+    for (const auto& [name, type] : ports) {
+        names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> names_of(const std::vector<ExposedDescription>& ports)
+{
+    std::vector<std::string> names;
+    for (const ExposedDescription& port : ports) {
+        names.push_back(port.name);
+    }
+    return names;
+}
+
+std::vector<std::string> names_of(const std::vector<MemberDescription>& members)
+{
+    std::vector<std::string> names;
+    for (const MemberDescription& member : members) {
+        names.push_back(member.name);
+    }
+    return names;
+}
+
+/// "; did you mean '<near>'?", or "; it has <a>, <b>".
+std::string advice(const std::string& name, const std::vector<std::string>& known)
+{
+    const std::string near = suggestion(name, known);
+    if (!near.empty()) {
+        return near;
+    }
+    std::string list;
+    for (const std::string& port : known) {
+        list += (list.empty() ? "" : ", ") + port;
+    }
+    return "; it has " + (list.empty() ? "none" : list);
+}
+
+/// Where an exposed port stands in a list that is sorted by name, or the length of the list.
+std::size_t find_port(const std::vector<ExposedDescription>& ports, const std::string& name)
+{
+    const auto at = std::lower_bound(ports.begin(), ports.end(), name,
+                                     [](const ExposedDescription& port, const std::string& wanted) {
+                                         return port.name < wanted;
+                                     });
+    const bool is_there = at != ports.end() && at->name == name;
+    return static_cast<std::size_t>((is_there ? at : ports.end()) - ports.begin());
+}
+
+class Connector {
+public:
+    Connector(const Expansion& expansion, const Creation& made, Problems& problems)
+        : expansion_(expansion),
+          made_(made),
+          problems_(problems),
+          exposed_(expansion.composites.size()),
+          is_excused_(expansion.blocks.size())
+    {
+    }
+
+    Network connect(std::vector<std::uint32_t>& order)
+    {
+        is_all_excused_ = problems_.has_errors();
+        // From the inside out: what is exposed leads to what is exposed further in.
+        for (std::size_t i = expansion_.composites.size(); i-- > 0;) {
+            expose(i);
+        }
+        for (const Written& written : connections_as_written()) {
+            connect(written);
+        }
+        warn_of_unfed_inputs();
+        return arrange_network(order);
+    }
+
+private:
+    /// A connection in its place.
+    struct Written {
+        const ConnectionDescription* connection;
+        std::uint32_t composite;
+    };
+
+    // --- ends ---
+
+    /// The member that an end names, nothing where there is none, which is reported.
+    std::optional<MemberRef> find_member(std::size_t composite, const EndDescription& end)
+    {
+        const Composite& place = expansion_.composites[composite];
+        const std::size_t at = place.inside->find_member(end.block);
+        if (at < place.members.size()) {
+            return place.members[at];
+        }
+        is_all_excused_ = true;
+        if (!place.inside->is_broken) {
+            problems_.add_error(end.place,
+                                "there is no block '" + end.block + "'" +
+                                    suggestion(end.block, names_of(place.inside->members)));
+        }
+        return std::nullopt;
+    }
+
+    void report_no_port(const EndDescription& end, const char* kind, const std::string& path,
+                        const std::vector<std::string>& known)
+    {
+        problems_.add_error(end.place, "block '" + path + "' has no " + kind + " '" + end.port +
+                                           "'" + advice(end.port, known));
+    }
+
+    const std::string& path_of(std::uint32_t block) const { return expansion_.blocks[block].path; }
+
+    /// The inputs behind an end; nothing where it is wrong, which is reported.
+    std::optional<std::vector<Input>> find_inputs(std::size_t composite, const EndDescription& end)
+    {
+        const std::optional<MemberRef> member = find_member(composite, end);
+        if (!member || member->kind == MemberRef::Kind::Nothing) {
+            return std::nullopt;
+        }
+        if (member->kind == MemberRef::Kind::Plain) {
+            return find_plain_inputs(member->index, end);
+        }
+        const Composite& inner = expansion_.composites[member->index];
+        const std::size_t at = find_port(inner.inside->inports, end.port);
+        if (at == inner.inside->inports.size()) {
+            is_all_excused_ = true;
+            if (!inner.inside->is_broken) {
+                report_no_port(end, "input", inner.path, names_of(inner.inside->inports));
+            }
+            return std::nullopt;
+        }
+        const ExposedInput& exposed = exposed_[member->index].inputs[at];
+        return exposed.is_known ? std::optional(exposed.inputs) : std::nullopt;
+    }
+
+    std::optional<std::vector<Input>> find_plain_inputs(std::uint32_t block,
+                                                        const EndDescription& end)
+    {
+        const Block* made = made_.blocks[block];
+        if (made == nullptr) {
+            return std::nullopt;
+        }
+        const ContextScope scope(path_of(block).c_str(), "connect");
+        try {
+            std::vector<Input> inputs;
+            for (const auto& [owner, port] : made->Block::get_inport(end.port)) {
+                inputs.push_back({block, connectable(port)});
+                if (inputs.back().port == nullptr) {
+                    throw std::out_of_range(end.port);
+                }
+            }
+            return inputs;
+        } catch (const std::out_of_range&) {
+            is_excused_[block] = true;
+            report_no_port(end, "input", path_of(block),
+                           sorted_names(made->Block::get_inports_info()));
+            return std::nullopt;
+        }
+    }
+
+    std::optional<Output> find_output(std::size_t composite, const EndDescription& end)
+    {
+        const std::optional<MemberRef> member = find_member(composite, end);
+        if (!member || member->kind == MemberRef::Kind::Nothing) {
+            return std::nullopt;
+        }
+        if (member->kind == MemberRef::Kind::Plain) {
+            return find_plain_output(member->index, end);
+        }
+        const Composite& inner = expansion_.composites[member->index];
+        const std::size_t at = find_port(inner.inside->outports, end.port);
+        if (at == inner.inside->outports.size()) {
+            if (!inner.inside->is_broken) {
+                report_no_port(end, "output", inner.path, names_of(inner.inside->outports));
+            }
+            return std::nullopt;
+        }
+        return exposed_[member->index].outputs[at];
+    }
+
+    std::optional<Output> find_plain_output(std::uint32_t block, const EndDescription& end)
+    {
+        const Block* made = made_.blocks[block];
+        if (made == nullptr) {
+            return std::nullopt;
+        }
+        const ContextScope scope(path_of(block).c_str(), "connect");
+        try {
+            return Output{block, &made->Block::get_outport(end.port).second};
+        } catch (const std::out_of_range&) {
+            report_no_port(end, "output", path_of(block),
+                           sorted_names(made->Block::get_outports_info()));
+            return std::nullopt;
+        }
+    }
+
+    // --- exposed ports ---
+
+    void expose(std::size_t composite)
+    {
+        const CompositeDescription& inside = *expansion_.composites[composite].inside;
+        ExposedPorts& exposed = exposed_[composite];
+        for (const ExposedDescription& port : inside.inports) {
+            exposed.inputs.push_back(expose_input(composite, port));
+        }
+        for (const ExposedDescription& port : inside.outports) {
+            exposed.outputs.push_back(
+                port.ends.empty() ? std::nullopt : find_output(composite, port.ends.front()));
+        }
+        record_exposed(composite);
+    }
+
+    ExposedInput expose_input(std::size_t composite, const ExposedDescription& port)
+    {
+        ExposedInput exposed;
+        exposed.is_known = !port.ends.empty();
+        std::unordered_set<const InPortInternal*> known;
+        for (const EndDescription& end : port.ends) {
+            const auto inputs = find_inputs(composite, end);
+            exposed.is_known = exposed.is_known && inputs.has_value();
+            for (const Input& input : inputs.value_or(std::vector<Input>())) {
+                // One that is exposed twice under one name is fed once.
+                if (known.insert(input.port).second) {
+                    exposed.inputs.push_back(input);
+                }
+            }
+        }
+        return exposed;
+    }
+
+    void record_exposed(std::size_t composite)
+    {
+        const CompositeDescription& inside = *expansion_.composites[composite].inside;
+        Superblock& superblock = *made_.superblocks[composite];
+        for (std::size_t i = 0; i < inside.inports.size(); ++i) {
+            for (const Input& input : exposed_[composite].inputs[i].inputs) {
+                superblock.add_inport(inside.inports[i].name, *made_.blocks[input.block],
+                                      input.port->get_name());
+            }
+        }
+        for (std::size_t i = 0; i < inside.outports.size(); ++i) {
+            if (const std::optional<Output>& output = exposed_[composite].outputs[i]) {
+                superblock.add_outport(inside.outports[i].name, *made_.blocks[output->block],
+                                       output->port->get_name());
+            }
+        }
+    }
+
+    // --- connections ---
+
+    /// All connections in the order in which they are written.
+    std::vector<Written> connections_as_written() const
+    {
+        std::vector<Written> all;
+        for (std::uint32_t i = 0; i < expansion_.composites.size(); ++i) {
+            for (const ConnectionDescription& connection :
+                 expansion_.composites[i].inside->connections) {
+                all.push_back({&connection, i});
+            }
+        }
+        std::stable_sort(all.begin(), all.end(), [](const Written& a, const Written& b) {
+            return a.connection->place < b.connection->place;
+        });
+        return all;
+    }
+
+    void connect(const Written& written)
+    {
+        const ConnectionDescription& connection = *written.connection;
+        const std::optional<Output> output = find_output(written.composite, connection.from);
+        const std::optional<std::vector<Input>> inputs =
+            find_inputs(written.composite, connection.to);
+        if (!inputs) {
+            return;
+        }
+        for (const Input& input : *inputs) {
+            if (!output) {
+                fed_by_.try_emplace(input.port, kUnknown);
+            } else if (fits(connection, *output, input) && feed(connection, *output, input)) {
+                made_.superblocks[written.composite]->add_connection(
+                    *made_.blocks[output->block], output->port->get_name(),
+                    *made_.blocks[input.block], input.port->get_name());
+            }
+        }
+    }
+
+    template <class PortType>
+    std::string name_of(const PortRef<PortType>& ref) const
+    {
+        return path_of(ref.block) + "." + ref.port->get_name();
+    }
+
+    bool fits(const ConnectionDescription& connection, const Output& output, const Input& input)
+    {
+        const Datatype& from = output.port->get_datatype();
+        const Datatype& to = input.port->get_datatype();
+        if (to.is_assignable_from(from)) {
+            return true;
+        }
+        fed_by_.try_emplace(input.port, kUnknown);
+        problems_.add_error(connection.place, name_of(output) + " (" + from.get_name() +
+                                                  ") does not fit " + name_of(input) + " (" +
+                                                  to.get_name() + ")");
+        return false;
+    }
+
+    bool feed(const ConnectionDescription& connection, const Output& output, const Input& input)
+    {
+        const auto wire = static_cast<std::uint32_t>(network_.wires.size());
+        const auto [fed, is_new] = fed_by_.try_emplace(input.port, wire);
+        if (!is_new && fed->second != kUnknown) {
+            const Wire& other = network_.wires[fed->second];
+            report_fed_twice(connection, input, {other.from, other.output});
+            return false;
+        }
+        fed->second = wire;
+        network_.wires.push_back(
+            {output.block, input.block, output.port, input.port, connection.is_delayed});
+        places_.push_back(connection.place);
+        return true;
+    }
+
+    void report_fed_twice(const ConnectionDescription& connection, const Input& input,
+                          const Output& other)
+    {
+        // A superblock with many inputs can be fed by many, which would make a message for each
+        // pair of them.
+        if (conflicts_ < kMostConflicts || last_conflict_ != &connection) {
+            problems_.add_error(connection.place,
+                                name_of(input) + " is already fed by " + name_of(other));
+        }
+        ++conflicts_;
+        last_conflict_ = &connection;
+    }
+
+    /// Not of those that would be fed if another error were not there.
+    void warn_of_unfed_inputs()
+    {
+        for (std::uint32_t i = 0; i < made_.blocks.size() && !is_all_excused_; ++i) {
+            if (made_.blocks[i] != nullptr && !is_excused_[i]) {
+                warn_of_unfed_inputs(i);
+            }
+        }
+    }
+
+    void warn_of_unfed_inputs(std::uint32_t index)
+    {
+        const ContextScope scope(path_of(index).c_str(), "connect");
+        const Block& block = *made_.blocks[index];
+        for (const std::string& name : sorted_names(block.Block::get_inports_info())) {
+            for (const auto& [owner, port] : block.Block::get_inport(name)) {
+                if (fed_by_.count(connectable(port)) == 0) {
+                    problems_.add_warning(expansion_.blocks[index].member->name_place,
+                                          path_of(index) + "." + name + " is not connected");
+                }
+            }
+        }
+    }
+
+    // --- order ---
+
+    Network arrange_network(std::vector<std::uint32_t>& positions)
+    {
+        for (std::uint32_t i = 0; i < expansion_.blocks.size(); ++i) {
+            const PlainBlock& block = expansion_.blocks[i];
+            network_.nodes.push_back(
+                {block.path, made_.blocks[i], block.on_error == OnError::Skip});
+        }
+        Order order = find_order(network_);
+        for (const Cycle& cycle : order.cycles) {
+            problems_.add_error(places_[cycle.wire],
+                                "the connections make a cycle: " + to_string(cycle, network_));
+        }
+        if (order.cycles.empty()) {
+            arrange(network_, order);
+        }
+        positions = std::move(order.nodes);
+        return std::move(network_);
+    }
+
+    static constexpr std::uint32_t kUnknown = 0xFFFFFFFF;
+    static constexpr std::size_t kMostConflicts = 10'000;
+
+    const Expansion& expansion_;
+    const Creation& made_;
+    Problems& problems_;
+    std::vector<ExposedPorts> exposed_;  // by composite
+    Network network_;
+    std::vector<Place> places_;  // of the wires
+    // The wire of each input; unknown where the connection to it is wrong.
+    std::unordered_map<const InPortInternal*, std::uint32_t> fed_by_;
+    // What misses a connection may do so because of an error that was reported.
+    std::vector<bool> is_excused_;
+    bool is_all_excused_ = false;
+    std::size_t conflicts_ = 0;
+    const ConnectionDescription* last_conflict_ = nullptr;
+};
+
+}  // namespace
+
+Network connect_blocks(const Expansion& expansion, const Creation& made, Problems& problems,
+                       std::vector<std::uint32_t>& order)
+{
+    return Connector(expansion, made, problems).connect(order);
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,175 @@
+#include "graph/create.h"
+
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "graph/state.h"
+#include "graph/unread.h"
+#include "graph/values.h"
+#include "messages/context.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+constexpr const char* kStoreKey = "pstore_path";
+
+[[noreturn]] void throw_no_plain_block()
+{
+    throw std::runtime_error("it is no plain block");
+}
+
+std::string list_of(const std::vector<std::string>& types)
+{
+    std::string list;
+    for (const std::string& type : types) {
+        list += (list.empty() ? "" : ", ") + type;
+    }
+    return list.empty() ? "none" : list;
+}
+
+class Creator {
+public:
+    Creator(const Expansion& expansion, const CreationOptions& options, PluginSet& plugins,
+            Problems& problems)
+        : expansion_(expansion), options_(options), plugins_(plugins), problems_(problems)
+    {
+    }
+
+    Creation create(Superblock& root)
+    {
+        made_.superblocks.push_back(&root);
+        for (std::size_t i = 1; i < expansion_.composites.size(); ++i) {
+            add_superblock(expansion_.composites[i]);
+        }
+        const std::size_t count = expansion_.blocks.size();
+        made_.blocks.resize(count);
+        made_.configs.resize(count);
+        made_.state_directories.resize(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            add_block(i);
+        }
+        return std::move(made_);
+    }
+
+private:
+    void add_superblock(const Composite& composite)
+    {
+        auto superblock = std::make_unique<Superblock>(composite.member->name);
+        made_.superblocks.push_back(superblock.get());
+        made_.superblocks[composite.parent]->add_block(
+            UniqueDlPtr<Container>(nullptr, std::move(superblock)));
+    }
+
+    void add_block(std::size_t index)
+    {
+        const PlainBlock& place = expansion_.blocks[index];
+        const std::string& type = place.member->type;
+        const std::size_t colon = type.find(':');
+        const Plugin* plugin = find_plugin(place, type.substr(0, colon), type.substr(colon + 1));
+        if (plugin == nullptr) {
+            return;
+        }
+        BlockConfiguration& config = made_.configs[index];
+        const bool adds_store = configure(place, config, made_.state_directories[index]);
+        UniqueDlPtr<Container> container;
+        const std::string failure = text_of_failure([&] {
+            if (adds_store && !options_.is_dry) {
+                make_state_directory(made_.state_directories[index]);
+            }
+            container = make(*plugin, place, type.substr(colon + 1), config);
+        });
+        if (!failure.empty()) {
+            problems_.add_error(place.member->type_place,
+                                "block '" + place.path + "' cannot be created: " + failure);
+            return;
+        }
+        made_.blocks[index] = dynamic_cast<Block*>(container.get());
+        made_.superblocks[place.composite]->add_block(std::move(container));
+        warn_of_unread_keys(place, config, adds_store);
+    }
+
+    const Plugin* find_plugin(const PlainBlock& place, const std::string& name,
+                              const std::string& type)
+    {
+        const ContextScope scope(nullptr, "load");
+        const PluginSet::Found& found = plugins_.get(name);
+        if (found.plugin == nullptr) {
+            problems_.add_error(place.member->type_place, found.problem);
+            return nullptr;
+        }
+        if (!found.plugin->has_type(type)) {
+            problems_.add_error(place.member->type_place,
+                                "plug-in '" + name + "' has no block type '" + type + "'; it has " +
+                                    list_of(found.plugin->types()));
+            return nullptr;
+        }
+        return found.plugin.get();
+    }
+
+    /// Whether the runtime adds the path of the store.
+    bool configure(const PlainBlock& place, BlockConfiguration& config, std::string& directory)
+    {
+        bool has_store = false;
+        for (const SettingRef& ref : place.settings) {
+            set_value(config, std::string(ref.key()), ref.setting->value);
+            has_store = has_store || ref.key() == kStoreKey;
+        }
+        if (has_store || options_.state_directory.empty()) {
+            return false;
+        }
+        directory = state_directory_of(options_.state_directory, place.path);
+        config.set(kStoreKey, directory);
+        return true;
+    }
+
+    static UniqueDlPtr<Container> make(const Plugin& plugin, const PlainBlock& place,
+                                       const std::string& type, const BlockConfiguration& config)
+    {
+        const ContextScope scope(place.path.c_str(), "create");
+        const std::string& name = place.member->name;
+        UniqueDlPtr<Container> container = plugin.create(type, name, config);
+        if (dynamic_cast<Block*>(container.get()) == nullptr) {
+            throw_no_plain_block();
+        }
+        if (container->get_name() != name) {
+            container->set_name(name);
+        }
+        return container;
+    }
+
+    void warn_of_unread_keys(const PlainBlock& place, const BlockConfiguration& config,
+                             bool adds_store)
+    {
+        if (config.is_consumed()) {
+            return;
+        }
+        const BlockConfiguration copy = config;
+        if (adds_store) {
+            copy.getString(kStoreKey);
+        }
+        for (const SettingRef* ref : find_unread(copy, place.settings)) {
+            problems_.add_warning(
+                ref->setting->key_place,
+                "key '" + std::string(ref->key()) + "' is not read by block '" + place.path + "'");
+        }
+    }
+
+    const Expansion& expansion_;
+    const CreationOptions& options_;
+    PluginSet& plugins_;
+    Problems& problems_;
+    Creation made_;
+};
+
+}  // namespace
+
+Creation create_blocks(const Expansion& expansion, const CreationOptions& options,
+                       PluginSet& plugins, Superblock& root, Problems& problems)
+{
+    return Creator(expansion, options, plugins, problems).create(root);
+}
+
+}  // namespace Quorval::runtime

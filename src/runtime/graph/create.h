@@ -1,0 +1,36 @@
+// Making the blocks of a graph.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <quorval/superblock.h>
+
+#include "description/problem.h"
+#include "graph/expansion.h"
+#include "graph/loaded_graph.h"
+#include "plugins/plugin_set.h"
+
+namespace Quorval::runtime {
+
+/// What was made of an expansion, index by index.
+struct Creation {
+    std::vector<Superblock*> superblocks;  ///< of the composites
+    std::vector<Block*> blocks;            ///< null: it could not be made, which is reported
+    std::vector<BlockConfiguration> configs;
+    std::vector<std::string> state_directories;
+};
+
+/// What all blocks of a graph are made with.
+struct CreationOptions {
+    std::string state_directory;  ///< absolute; empty: there is none
+    bool is_dry = false;          ///< nothing is made on disk
+};
+
+/// Makes superblocks and blocks.
+/// @param root  of the graph, which owns all of it
+Creation create_blocks(const Expansion& expansion, const CreationOptions& options,
+                       PluginSet& plugins, Superblock& root, Problems& problems);
+
+}  // namespace Quorval::runtime

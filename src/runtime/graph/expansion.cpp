@@ -1,0 +1,195 @@
+#include "graph/expansion.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "description/suggest.h"
+#include "graph/size.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+std::vector<std::string> names_of_kinds(const GraphDescription& description)
+{
+    std::vector<std::string> names;
+    for (const auto& [name, kind] : description.kinds) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+class Expander {
+public:
+    Expander(const GraphDescription& description, const SizeCheck& size, Problems& problems)
+        : description_(description), size_(size), problems_(problems)
+    {
+    }
+
+    Expansion expand()
+    {
+        result_.composites.push_back({"", nullptr, &description_.graph, 0, {}});
+        handed_down_.emplace_back();
+        on_error_.push_back(description_.on_error);
+        for (std::uint32_t i = 0; i < result_.composites.size(); ++i) {
+            expand_composite(i);
+        }
+        assign();
+        for (PlainBlock& block : result_.blocks) {
+            keep_what_counts(block.settings);
+        }
+        return std::move(result_);
+    }
+
+private:
+    void expand_composite(std::uint32_t index)
+    {
+        const CompositeDescription& inside = *result_.composites[index].inside;
+        std::vector<std::vector<SettingRef>> shares = share_out(index);
+        for (std::size_t i = 0; i < inside.members.size(); ++i) {
+            const MemberRef ref = add_member(index, inside.members[i], std::move(shares[i]));
+            result_.composites[index].members.push_back(ref);
+        }
+    }
+
+    MemberRef add_member(std::uint32_t parent, const MemberDescription& member,
+                         std::vector<SettingRef> from_outside)
+    {
+        std::string path = path_below(result_.composites[parent].path, member.name);
+        if (member.misses_type) {
+            problems_.add_error(member.name_place, "block '" + path + "' has no type");
+        }
+        if (member.type.empty() || size_.closes_cycle(member)) {
+            return {};
+        }
+        std::vector<SettingRef> settings = own_settings(member);
+        settings.insert(settings.end(), from_outside.begin(), from_outside.end());
+        const OnError on_error = member.on_error.value_or(on_error_[parent]);
+        if (member.type.find(':') != std::string::npos) {
+            result_.blocks.push_back(
+                {std::move(path), &member, on_error, std::move(settings), parent});
+            return {MemberRef::Kind::Plain, static_cast<std::uint32_t>(result_.blocks.size() - 1)};
+        }
+        const auto kind = description_.kinds.find(member.type);
+        if (kind == description_.kinds.end()) {
+            report_no_kind(member);
+            return {};
+        }
+        result_.composites.push_back({std::move(path), &member, &kind->second, parent, {}});
+        handed_down_.push_back(std::move(settings));
+        on_error_.push_back(on_error);
+        return {MemberRef::Kind::Composite,
+                static_cast<std::uint32_t>(result_.composites.size() - 1)};
+    }
+
+    void report_no_kind(const MemberDescription& member)
+    {
+        if (!description_.has_broken_kinds) {
+            problems_.add_error(member.type_place,
+                                "there is no superblock '" + member.type + "'" +
+                                    suggestion(member.type, names_of_kinds(description_)));
+        }
+    }
+
+    static std::vector<SettingRef> own_settings(const MemberDescription& member)
+    {
+        std::vector<SettingRef> settings;
+        settings.reserve(member.config.size());
+        for (const Setting& setting : member.config) {
+            settings.push_back({&setting, 0});
+        }
+        return settings;
+    }
+
+    /// Parts the configuration of a superblock among its members.
+    std::vector<std::vector<SettingRef>> share_out(std::uint32_t index)
+    {
+        const Composite& composite = result_.composites[index];
+        std::vector<std::vector<SettingRef>> shares(composite.inside->members.size());
+        std::string_view unknown;
+        for (const SettingRef& ref : std::exchange(handed_down_[index], {})) {
+            const std::string_view key = ref.key();
+            const std::string_view name = key.substr(0, key.find('.'));
+            const std::size_t member = composite.inside->find_member(name);
+            if (member == shares.size()) {
+                report_no_member(composite, *ref.setting, name, unknown);
+            } else if (name.size() == key.size()) {
+                problems_.add_error(ref.setting->value_place,
+                                    "'" + ref.setting->key + "' has to be a table");
+            } else {
+                shares[member].push_back({ref.setting, ref.offset + name.size() + 1});
+            }
+        }
+        return shares;
+    }
+
+    /// @param last  the name that was reported before: elements of one table stand together
+    void report_no_member(const Composite& composite, const Setting& setting, std::string_view name,
+                          std::string_view& last)
+    {
+        if (name != last && !composite.inside->is_broken) {
+            problems_.add_error(
+                setting.key_place,
+                "there is no block '" + path_below(composite.path, std::string(name)) + "'");
+        }
+        last = name;
+    }
+
+    void assign()
+    {
+        if (description_.assignments.empty()) {
+            return;
+        }
+        std::unordered_map<std::string_view, PlainBlock*> by_path;
+        for (PlainBlock& block : result_.blocks) {
+            by_path.emplace(block.path, &block);
+        }
+        for (const Assignment& assignment : description_.assignments) {
+            const auto found = by_path.find(assignment.path);
+            if (found != by_path.end()) {
+                found->second->settings.push_back({&assignment.setting, 0});
+            } else {
+                problems_.add_error(assignment.setting.key_place,
+                                    "there is no block '" + assignment.path + "'");
+            }
+        }
+    }
+
+    /// Of one key the last one counts: what is further out is behind what is further in.
+    static void keep_what_counts(std::vector<SettingRef>& settings)
+    {
+        std::reverse(settings.begin(), settings.end());
+        std::stable_sort(
+            settings.begin(), settings.end(),
+            [](const SettingRef& a, const SettingRef& b) { return a.key() < b.key(); });
+        const auto end = std::unique(
+            settings.begin(), settings.end(),
+            [](const SettingRef& a, const SettingRef& b) { return a.key() == b.key(); });
+        settings.erase(end, settings.end());
+    }
+
+    const GraphDescription& description_;
+    const SizeCheck& size_;
+    Problems& problems_;
+    Expansion result_;
+    std::vector<std::vector<SettingRef>> handed_down_;  // to each composite, the outermost last
+    std::vector<OnError> on_error_;                     // of each composite
+};
+
+}  // namespace
+
+Expansion expand(const GraphDescription& description, Problems& problems)
+{
+    SizeCheck size(description, problems);
+    if (!size.check()) {
+        return {};
+    }
+    return Expander(description, size, problems).expand();
+}
+
+std::string path_below(const std::string& path, const std::string& name)
+{
+    return path.empty() ? name : path + "/" + name;
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,72 @@
+#include "graph/loaded_graph.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "graph/connect.h"
+#include "graph/create.h"
+#include "graph/diagnostics.h"
+#include "graph/standard_output.h"
+#include "graph/state.h"
+#include "plugins/search.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+LoadedGraph read(const GraphOptions& options)
+{
+    LoadedGraph graph;
+    graph.reading = std::make_unique<Reading>(read_graph(options.files, options.assignments));
+    graph.name = graph.reading->description.name;
+    graph.on_error = graph.reading->description.on_error;
+    graph.init_tools = std::make_unique<InitTools>();
+    graph.init_tools->graph = graph.name;
+    graph.init_tools->is_dry = options.is_dry;
+    graph.plugins =
+        std::make_unique<PluginSet>(plugin_directories(options.plugin_path), *graph.init_tools);
+    graph.superblock = std::make_unique<Superblock>(graph.name);
+    return graph;
+}
+
+void build(LoadedGraph& graph, const GraphOptions& options)
+{
+    Problems& problems = graph.reading->problems;
+    Expansion expansion = expand(graph.reading->description, problems);
+    if (expansion.composites.empty()) {
+        return;
+    }
+    Creation made =
+        create_blocks(expansion, {find_state_directory(options.state_directory), options.is_dry},
+                      *graph.plugins, *graph.superblock, problems);
+    std::vector<std::uint32_t> order;
+    graph.network = connect_blocks(expansion, made, problems, order);
+    for (const std::uint32_t i : order) {
+        graph.blocks.push_back({std::move(expansion.blocks[i]), std::move(made.configs[i]),
+                                std::move(made.state_directories[i])});
+    }
+}
+
+}  // namespace
+
+LoadedGraph load_graph(const GraphOptions& options)
+{
+    // Before the graph, so that blocks may also print while they are destroyed.
+    const std::optional<StandardOutputScope> scope =
+        options.is_dry ? std::optional<StandardOutputScope>(std::in_place) : std::nullopt;
+    LoadedGraph graph = read(options);
+    if (graph.reading->is_whole) {
+        build(graph, options);
+    }
+    std::vector<Diagnostic> diagnostics =
+        to_diagnostics(graph.reading->problems, graph.reading->sources);
+    if (graph.reading->problems.has_errors()) {
+        throw GraphError(std::move(diagnostics));
+    }
+    graph.warnings = std::move(diagnostics);
+    return graph;
+}
+
+}  // namespace Quorval::runtime

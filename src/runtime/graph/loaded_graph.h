@@ -1,0 +1,50 @@
+// A graph that was loaded: its plug-ins, its blocks, and where all of it was written.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quorval/config.h>
+#include <quorval/runtime/diagnostic.h>
+#include <quorval/runtime/graph.h>
+#include <quorval/runtime/tools.h>
+#include <quorval/superblock.h>
+
+#include "description/read.h"
+#include "graph/expansion.h"
+#include "plugins/plugin_set.h"
+#include "schedule/network.h"
+
+namespace Quorval::runtime {
+
+/// A plain block as it was made.
+struct LoadedBlock {
+    PlainBlock place;           ///< its path, type, places and settings; refers to the reading
+    BlockConfiguration config;  ///< what it was made with
+    /// Of its own, absolute and with a "/" at its end; empty where it has none, or one that the
+    /// file sets.
+    std::string state_directory;
+};
+
+/// Destroyed from the last member to the first: the blocks go before their plug-ins, the plug-ins
+/// before what their create functions were given. Can be moved: nothing in it changes its place.
+struct LoadedGraph {
+    std::unique_ptr<Reading> reading;  ///< files and assignments, for showing places
+    std::unique_ptr<InitTools> init_tools;
+    std::unique_ptr<PluginSet> plugins;
+    std::unique_ptr<Superblock> superblock;
+    std::string name;
+    OnError on_error = OnError::Stop;
+    Network network;
+    std::vector<LoadedBlock> blocks;  ///< as the nodes of the network
+    std::vector<Diagnostic> warnings;
+};
+
+/// Reads files, loads plug-ins, makes blocks and checks all of it.
+/// @throws GraphError             something is wrong, with all that was found
+/// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE: "'<text>' is
+///     not of the form PATH.KEY=VALUE"
+LoadedGraph load_graph(const GraphOptions& options);
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,14 @@
+// Settings as elements of configurations.
+#pragma once
+
+#include <string>
+
+#include <quorval/config.h>
+
+#include "description/description.h"
+
+namespace Quorval::runtime {
+
+void set_value(BlockConfiguration& config, const std::string& key, const Value& value);
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,106 @@
+#include "plugins/plugin.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+namespace Quorval::runtime {
+
+namespace {
+
+constexpr const char* kEntryPoint = "lib_register_cpp";
+
+[[noreturn]] void throw_no_entry_point(const std::string& filename)
+{
+    throw std::runtime_error("Found no C++ register function in plugin " + filename);
+}
+
+[[noreturn]] void throw_entry_point_failed(const std::string& filename)
+{
+    throw std::runtime_error(std::string(kEntryPoint) + " failed for plugin " + filename);
+}
+
+[[noreturn]] void throw_registered_twice(const std::string& type)
+{
+    throw std::runtime_error("Try to register block " + type + " twice.");
+}
+
+[[noreturn]] void throw_registers_types()
+{
+    throw std::runtime_error("PluginLoader cannot load plugins that register types.");
+}
+
+[[noreturn]] void throw_no_block(const std::string& type)
+{
+    throw std::runtime_error("Create function returned no block for " + type);
+}
+
+}  // namespace
+
+Plugin::Plugin(const std::string& file, const InitTools& tools)
+    : tools_(tools), library_(std::make_shared<DlLoader>(file))
+{
+    const std::string filename = std::filesystem::path(file).filename().string();
+    const auto entry_point =
+        reinterpret_cast<int (*)(IRegistry&)>(library_->get_fn_address(kEntryPoint));
+    if (entry_point == nullptr) {
+        throw_no_entry_point(filename);
+    }
+    int result = 0;
+    const std::string failure = text_of_failure([&] { result = entry_point(*this); });
+    if (!failure.empty()) {
+        throw std::runtime_error(failure);
+    }
+    if (result != 0) {
+        throw_entry_point_failed(filename);
+    }
+}
+
+Plugin::~Plugin() = default;
+
+void Plugin::register_block_create_fn(const std::string& type, CreateFn fn)
+{
+    if (!factories_.try_emplace(type, std::move(fn)).second) {
+        throw_registered_twice(type);
+    }
+}
+
+void Plugin::register_type(const std::string& /*name*/)
+{
+    throw_registers_types();
+}
+
+std::vector<std::string> Plugin::types() const
+{
+    std::vector<std::string> types;
+    for (const auto& [type, factory] : factories_) {
+        types.push_back(type);
+    }
+    return types;
+}
+
+UniqueDlPtr<Container> Plugin::create(const std::string& type, const std::string& name,
+                                      const BlockConfiguration& config) const
+{
+    UniqueDlPtr<Container> block(library_, factories_.at(type)(name, config, tools_));
+    if (!block) {
+        throw_no_block(type);
+    }
+    block->setup(config);
+    return block;
+}
+
+std::string text_of_failure(const std::function<void()>& action)
+{
+    try {
+        action();
+        return {};
+    } catch (const std::exception& error) {
+        const std::string text = error.what();
+        return text.empty() ? "an exception without a text" : text;
+    } catch (...) {
+        return "an unknown exception";
+    }
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,62 @@
+// A loaded plug-in and the blocks that it makes.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/dlloader.h>
+#include <quorval/pluginloader.h>
+
+namespace Quorval::runtime {
+
+/// Holds one plug-in loaded, keeps what it registers, and makes blocks of its types. It does what
+/// PluginLoader does, without an environment variable. Stays where it is.
+class Plugin : public IRegistry {
+public:
+    using CreateFn = std::function<std::unique_ptr<Container>(
+        std::string, const BlockConfiguration&, const InitTools&)>;
+
+    /// Loads a plug-in and lets it register its types. A constructor that throws closes it again;
+    /// no exception of the plug-in's own leaves it.
+    /// @param file   with its directory
+    /// @param tools  must outlive the plug-in
+    /// @throws std::runtime_error  with the texts of PluginLoader, that of what the plug-in threw,
+    ///     or "an unknown exception"
+    Plugin(const std::string& file, const InitTools& tools);
+    Plugin(const Plugin&) = delete;
+    Plugin& operator=(const Plugin&) = delete;
+    ~Plugin() override;
+
+    void register_block_create_fn(const std::string& type, CreateFn fn) override;
+    void register_type(const std::string& name) override;
+
+    bool has_type(const std::string& type) const { return factories_.count(type) > 0; }
+
+    /// In the order of bytes.
+    std::vector<std::string> types() const;
+
+    /// Makes a block and calls its setup().
+    /// @param type    one that the plug-in has
+    /// @param config  is read by the block, which leaves its marks
+    /// @throws what the block throws, and what PluginLoader::create() does
+    UniqueDlPtr<Container> create(const std::string& type, const std::string& name,
+                                  const BlockConfiguration& config) const;
+
+private:
+    const InitTools& tools_;
+    std::shared_ptr<DlLoader> library_;
+    // Behind the library, so that they are destroyed first: they are code of it.
+    std::map<std::string, CreateFn> factories_;
+};
+
+/// Calls `action`.
+/// @return the text of what it threw, a copy that outlives the code which threw; "an unknown
+///     exception" for what is no std::exception; empty when it threw nothing
+std::string text_of_failure(const std::function<void()>& action);
+
+}  // namespace Quorval::runtime

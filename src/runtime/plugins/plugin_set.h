@@ -1,0 +1,39 @@
+// The plug-ins of one graph.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "plugins/plugin.h"
+
+namespace Quorval::runtime {
+
+/// Finds and loads plug-ins, each once, when it is first asked for. Must outlive all blocks that
+/// come from them.
+class PluginSet {
+public:
+    /// @param directories  see plugin_directories()
+    /// @param tools        must outlive the set
+    PluginSet(std::vector<std::string> directories, const InitTools& tools);
+
+    /// What came of looking for a plug-in.
+    struct Found {
+        std::unique_ptr<Plugin> plugin;  ///< null when it cannot be used
+        std::string problem;             ///< why
+    };
+
+    /// @param name  without directory and ending
+    const Found& get(const std::string& name);
+
+private:
+    Found look_for(const std::string& name) const;
+    Found load(const std::string& name, const std::string& file) const;
+
+    std::vector<std::string> directories_;
+    const InitTools& tools_;
+    std::unordered_map<std::string, Found> found_;
+};
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,19 @@
+// Where plug-ins are looked for.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Quorval::runtime {
+
+/// The directories in the order in which they are searched: those given, those of
+/// QUORVAL_PLUGIN_PATH, the one of QUORVAL_PLUGIN_DIR, the one of the installation.
+std::vector<std::string> plugin_directories(const std::vector<std::string>& given);
+
+/// A list of directories, parted by ":", without its empty entries.
+std::vector<std::string> split_path(const std::string& list);
+
+/// The plug-in directory of the installation that this code is part of.
+std::string installed_plugin_directory();
+
+}  // namespace Quorval::runtime

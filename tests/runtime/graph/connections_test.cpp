@@ -1,0 +1,174 @@
+// Connections, and what can be wrong with them.
+#include <gtest/gtest.h>
+
+#include "runtime/support/graph_files.h"
+
+using quorval_test::GraphFiles;
+
+using Lines = std::vector<std::string>;
+
+namespace {
+
+/// Three blocks: `s` with outputs, `a` with inputs and an output, a superblock `ch` around `gain`.
+constexpr const char* kBlocks = R"(
+[blocks.s]
+type = "parts:Ports"
+config.outputs = ["out:double", "count:int32"]
+[blocks.a]
+type = "parts:Ports"
+config.inputs = ["left:double", "right:double"]
+config.outputs = ["out:double"]
+[blocks.ch]
+type = "channel"
+[superblocks.channel]
+blocks.gain.type = "parts:Gain"
+inports.in = "gain.in"
+outports.out = "gain.out"
+)";
+
+/// What is wrong with connections, which stand in line 2, between those blocks.
+Lines findings_for(const std::string& connections)
+{
+    GraphFiles files;
+    Lines lines;
+    for (const std::string& line :
+         files.findings_for("connections = [" + connections + "]" + kBlocks)) {
+        if (line.find("is not connected") == std::string::npos) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+}  // namespace
+
+TEST(Connections, MayBeTextsOrTables)
+{
+    EXPECT_EQ(findings_for(R"("s.out -> a.left", { from = "s.out", to = "ch.in" })"), Lines());
+}
+
+TEST(Connections, HaveASpaceOnEitherSideOfTheArrow)
+{
+    for (const char* text :
+         {"s.out->a.left", "s.out ->a.left", "s -> a.left", "s.out -> a", "s.out  -> a.left",
+          "s. -> a.left", ".out -> a.left", "s.out -> a.left -> ch.in", "s.out", ""}) {
+        EXPECT_EQ(findings_for("\"" + std::string(text) + "\""),
+                  (Lines{"g.toml:2:16: error: '" + std::string(text) +
+                         "' is not of the form BLOCK.OUTPUT -> BLOCK.INPUT"}));
+    }
+}
+
+TEST(Connections, HaveBlocksAndPortsInTheirTableForm)
+{
+    EXPECT_EQ(findings_for(R"({ from = "s", to = "a." })"),
+              (Lines{"g.toml:2:25: error: 's' is not of the form BLOCK.PORT",
+                     "g.toml:2:35: error: 'a.' is not of the form BLOCK.PORT"}));
+}
+
+TEST(Connections, NeedBothEnds)
+{
+    EXPECT_EQ(
+        findings_for(R"({ from = "s.out" }, { to = "a.left" })"),
+        (Lines{"g.toml:2:16: error: missing key 'to'", "g.toml:2:36: error: missing key 'from'"}));
+}
+
+TEST(Connections, NameBlocksThatExist)
+{
+    EXPECT_EQ(findings_for(R"("nobody.out -> a.left", { from = "s.out", to = "chh.in" })"),
+              (Lines{"g.toml:2:16: error: there is no block 'nobody'",
+                     "g.toml:2:63: error: there is no block 'chh'; did you mean 'ch'?"}));
+}
+
+TEST(Connections, NamePortsThatExist)
+{
+    EXPECT_EQ(findings_for(R"("s.nothing -> a.nowhere", "a.aut -> ch.i", "ch.nothing -> s.in")"),
+              (Lines{"g.toml:2:16: error: block 's' has no output 'nothing'; it has count, out",
+                     "g.toml:2:16: error: block 'a' has no input 'nowhere'; it has left, right",
+                     "g.toml:2:42: error: block 'a' has no output 'aut'; did you mean 'out'?",
+                     "g.toml:2:42: error: block 'ch' has no input 'i'; it has in",
+                     "g.toml:2:59: error: block 'ch' has no output 'nothing'; it has out",
+                     "g.toml:2:59: error: block 's' has no input 'in'; it has none"}));
+}
+
+TEST(Connections, JoinPortsOfOneType)
+{
+    EXPECT_EQ(findings_for(R"("s.count -> a.left", "s.count -> ch.in")"),
+              (Lines{"g.toml:2:16: error: s.count (int32) does not fit a.left (double)",
+                     "g.toml:2:37: error: s.count (int32) does not fit ch/gain.in (double)"}));
+}
+
+TEST(Connections, FeedAnInputOnce)
+{
+    EXPECT_EQ(findings_for(R"("s.out -> ch.in", "a.out -> ch.in", "s.out -> ch.in")"),
+              (Lines{"g.toml:2:34: error: ch/gain.in is already fed by s.out",
+                     "g.toml:2:52: error: ch/gain.in is already fed by s.out"}));
+}
+
+TEST(Connections, MakeNoCycle)
+{
+    EXPECT_EQ(findings_for(R"("a.out -> ch.in", "ch.out -> a.left")"),
+              (Lines{"g.toml:2:34: error: the connections make a cycle: ch/gain -> a -> ch/gain"}));
+    EXPECT_EQ(
+        findings_for(R"("a.out -> ch.in", { from = "ch.out", to = "a.left", delayed = true })"),
+        Lines());
+    EXPECT_EQ(findings_for(R"("a.out -> a.left")"),
+              (Lines{"g.toml:2:16: error: the connections make a cycle: a -> a"}));
+    EXPECT_EQ(findings_for(R"({ from = "a.out", to = "a.left", delayed = true })"), Lines());
+    EXPECT_EQ(findings_for(R"("a.out -> ch.in", { from = "a.out", to = "a.left", delayed = true },
+                              { from = "a.out", to = "ch.in", delayed = true })"),
+              (Lines{"g.toml:3:31: error: ch/gain.in is already fed by a.out"}));
+}
+
+TEST(Connections, AreNotCalledForWhereTheyFailed)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for(R"(connections = ["a.out -> b.in"]
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+)"),
+              (Lines{"g.toml:3:8: warning: a.in is not connected"}));
+    EXPECT_EQ(files.findings_for(R"(connections = ["a.aut -> b.in"]
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+)"),
+              (Lines{"g.toml:2:16: error: block 'a' has no output 'aut'; did you mean 'out'?",
+                     "g.toml:3:8: warning: a.in is not connected"}));
+}
+
+TEST(Connections, ExposeSeveralInputsUnderOneName)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for(R"(connections = ["s.out -> k.in", "s.out -> k.other"]
+[blocks.s]
+type = "parts:Ports"
+config.outputs = ["out:double"]
+[blocks.k]
+type = "kind"
+[superblocks.kind]
+inports.in = ["a.in", "b.in"]
+inports.other = "b.in"
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+)"),
+              (Lines{"g.toml:2:33: error: k/b.in is already fed by s.out"}));
+}
+
+TEST(Connections, AreLookedUpInsideOfSuperblocksThatAreUsed)
+{
+    GraphFiles files;
+    const std::string kind = R"(
+connections = ["a.out -> b.nothing"]
+inports.in = "a.nothing"
+outports.out = "c.out"
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+)";
+
+    EXPECT_EQ(files.findings_for("[blocks.x]\ntype = \"used\"\n[superblocks.unused]" + kind +
+                                 "[superblocks.used]" + kind),
+              (Lines{"g.toml:11:16: error: block 'x/b' has no input 'nothing'; it has in",
+                     "g.toml:12:14: error: block 'x/a' has no input 'nothing'; it has in",
+                     "g.toml:13:16: error: there is no block 'c'"}));
+}

@@ -1,0 +1,29 @@
+// Plug-ins that cannot be used, each built with another REGISTER.
+#include <memory>
+#include <stdexcept>
+
+#include <quorval/pluginloader.h>
+
+using namespace Quorval;
+
+namespace {
+
+[[maybe_unused]] void add_block(IRegistry& registry)
+{
+    registry.register_block_create_fn(
+        "Gain", [](std::string name, const BlockConfiguration&, const InitTools&) {
+            return std::make_unique<Block>(std::move(name));
+        });
+}
+
+/// An exception whose code goes with the plug-in.
+struct [[maybe_unused]] OwnException : std::exception {
+    const char* what() const noexcept override { return "an exception of its own"; }
+};
+
+}  // namespace
+
+int lib_register_cpp([[maybe_unused]] IRegistry& registry)
+{
+    REGISTER;
+}

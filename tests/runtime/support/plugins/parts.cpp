@@ -1,0 +1,129 @@
+// The blocks that the tests make graphs of, the awkward ones too.
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/pluginloader.h>
+#include <quorval/port.h>
+#include <quorval/superblock.h>
+
+#include <quorval/runtime/tools.h>
+
+using namespace Quorval;
+
+namespace {
+
+/// `in` to `out`; reads "factor".
+struct Gain : Block {
+    Gain(const std::string& name, const BlockConfiguration& config) : Block(name, config)
+    {
+        config.getDouble("factor", 1.0);
+        add_inport(std::make_unique<InPort<double>>("in", Datatype("double")));
+        add_outport(std::make_unique<OutPort<double>>("out", Datatype("double")));
+    }
+};
+
+/// Has the ports that its configuration lists, as "name:type"; reads everything.
+struct Ports : Block {
+    Ports(const std::string& name, const BlockConfiguration& config) : Block(name, config)
+    {
+        for (const std::string& port : config.getStringVector("inputs", {})) {
+            add_inport(std::make_unique<InPort<double>>(name_of(port), Datatype(type_of(port))));
+        }
+        for (const std::string& port : config.getStringVector("outputs", {})) {
+            add_outport(std::make_unique<OutPort<double>>(name_of(port), Datatype(type_of(port))));
+        }
+    }
+
+    static std::string name_of(const std::string& port) { return port.substr(0, port.find(':')); }
+    static std::string type_of(const std::string& port) { return port.substr(port.find(':') + 1); }
+};
+
+/// Reads its keys in setup().
+struct Late : Block {
+    explicit Late(const std::string& name) : Block(name) {}
+    BlockConfiguration setup(const BlockConfiguration& config) override
+    {
+        config.getInt("late", 0);
+        return {};
+    }
+};
+
+struct ThrowsInSetup : Block {
+    explicit ThrowsInSetup(const std::string& name) : Block(name) {}
+    BlockConfiguration setup(const BlockConfiguration& /*config*/) override
+    {
+        throw std::runtime_error("no setup\ntoday");
+    }
+};
+
+/// An exception whose code goes with the plug-in.
+struct OwnException : std::exception {
+    const char* what() const noexcept override { return "an exception of its own"; }
+};
+
+/// Tells what it was given by throwing it.
+struct Tells : Block {
+    Tells(const std::string& name, const InitTools& tools) : Block(name)
+    {
+        throw std::runtime_error(name + " in " + tools.graph + (tools.is_dry ? ", dry" : ""));
+    }
+};
+
+struct Prints : Block {
+    explicit Prints(const std::string& name) : Block(name) { std::puts("printed by a block"); }
+    ~Prints() override { std::puts("printed at the end"); }
+};
+
+template <class Make>
+void add(IRegistry& registry, const std::string& type, Make make)
+{
+    registry.register_block_create_fn(type,
+                                      [make](std::string name, const BlockConfiguration& config,
+                                             const InitTools& tools) -> std::unique_ptr<Container> {
+                                          return make(name, config, tools);
+                                      });
+}
+
+using Name = const std::string&;
+using Config = const BlockConfiguration&;
+using Tools = const InitTools&;
+using Made = std::unique_ptr<Container>;
+
+void add_awkward(IRegistry& registry)
+{
+    add(registry, "ThrowsInSetup",
+        [](Name name, Config, Tools) { return std::make_unique<ThrowsInSetup>(name); });
+    add(registry, "Throws",
+        [](Name, Config, Tools) -> Made { throw std::runtime_error("no\x1b[31m block"); });
+    add(registry, "ThrowsItsOwn", [](Name, Config, Tools) -> Made { throw OwnException(); });
+    add(registry, "ThrowsANumber", [](Name, Config, Tools) -> Made { throw 42; });
+    add(registry, "Null", [](Name, Config, Tools) -> Made { return nullptr; });
+    add(registry, "Tells",
+        [](Name name, Config, Tools tools) { return std::make_unique<Tells>(name, tools); });
+    add(registry, "Composite",
+        [](Name name, Config, Tools) { return std::make_unique<Superblock>(name); });
+    add(registry, "Renamed",
+        [](Name, Config, Tools) { return std::make_unique<Block>("another"); });
+    registry.register_block_create_fn("Empty", nullptr);
+}
+
+}  // namespace
+
+int lib_register_cpp(IRegistry& registry)
+{
+    add(registry, "Gain",
+        [](Name name, Config config, Tools) { return std::make_unique<Gain>(name, config); });
+    add(registry, "Ports",
+        [](Name name, Config config, Tools) { return std::make_unique<Ports>(name, config); });
+    add(registry, "Late", [](Name name, Config, Tools) { return std::make_unique<Late>(name); });
+    add(registry, "Prints",
+        [](Name name, Config, Tools) { return std::make_unique<Prints>(name); });
+    add(registry, "Stores",
+        [](Name name, Config config, Tools) { return std::make_unique<Block>(name, config); });
+    add_awkward(registry);
+    return 0;
+}
