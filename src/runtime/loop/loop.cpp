@@ -8,9 +8,9 @@ namespace Quorval::runtime {
 
 namespace {
 
-constexpr std::uint32_t kWakerTag = Loop::kFirstOwnTag + 1;
-constexpr std::uint32_t kTimerTag = Loop::kFirstOwnTag + 2;
-constexpr std::uint32_t kEventTag = Loop::kFirstOwnTag + 3;
+constexpr std::uint32_t kWakerTag = kFirstReservedTag;
+constexpr std::uint32_t kTimerTag = kFirstReservedTag + 1;
+constexpr std::uint32_t kEventTag = kFirstReservedTag + 2;
 constexpr FDEvent::EventMask kReadable{true, false};
 
 sd_event* make_event()

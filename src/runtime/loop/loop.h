@@ -20,10 +20,6 @@ class Loop {
 public:
     using Time = std::chrono::nanoseconds;
 
-    /// Tags from here on are the loop's own and its owner's.
-    static constexpr std::uint32_t kFirstOwnTag = UINT32_MAX - 15;
-    static constexpr std::uint32_t kSignalTag = kFirstOwnTag;
-
     Loop();
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
@@ -45,7 +41,7 @@ public:
     /// Waits until something is ready, the time has come, or somebody called wake(), and
     /// dispatches the sources of the sd_event. Does not wait after a wake() since the last call.
     /// @param until  none: no time
-    /// @return what is ready, all of it; entries with tags of the loop's own are to be ignored
+    /// @return what is ready, all of it; entries with reserved tags are to be ignored
     const std::vector<Ready>& wait(std::optional<Time> until);
 
 private:

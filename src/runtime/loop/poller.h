@@ -13,6 +13,9 @@
 
 namespace Quorval::runtime {
 
+/// Tags from here on are those of the loop and of whoever owns it; ports have lower ones.
+constexpr std::uint32_t kFirstReservedTag = UINT32_MAX - 15;
+
 /// Readiness of a registration. A hang-up counts as readable, an error as both.
 struct Ready {
     std::uint32_t tag;

@@ -1,0 +1,39 @@
+// Tells of blocks that fail.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "schedule/network.h"
+
+namespace Quorval::runtime {
+
+/// Logs failures, those of one block in its run() once a second at most. Knows no clock.
+class Failures {
+public:
+    explicit Failures(const Network& network) : network_(network), states_(network.nodes.size()) {}
+
+    /// "block '<path>' failed in <operation>: <text>"
+    void report(std::uint32_t block, const char* operation, const std::string& text);
+
+    /// A failure in run(), with the number of those that were left out since the last report.
+    /// @param now  the time of the wave
+    void report_run(std::uint32_t block, const std::string& text, std::chrono::nanoseconds now);
+
+    /// Tells how many were left out at the end.
+    void report_rest();
+
+private:
+    struct State {
+        std::chrono::nanoseconds last{};
+        std::uint64_t left_out = 0;
+        bool is_reported = false;
+    };
+
+    const Network& network_;
+    std::vector<State> states_;
+};
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,438 @@
+#include "run/life.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "messages/context.h"
+#include "run/overrides.h"
+#include "runtime/support/fakes.h"
+#include "support/support.h"
+
+using namespace Quorval;
+using namespace Quorval::runtime;
+using namespace std::chrono_literals;
+using quorval_test::FakeBlock;
+using quorval_test::FakeGraph;
+using quorval_test::LogRecorder;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr bool kSkips = true;
+
+/// A world in which time stands still.
+class FakeWorld final : public IWorld {
+public:
+    std::chrono::nanoseconds now() override { return time; }
+    bool must_stop() override { return stops; }
+    void progress(const std::string& path, std::uint64_t done, std::uint64_t total) override
+    {
+        progresses.push_back(path + " " + std::to_string(done) + "/" + std::to_string(total));
+    }
+    sd_event* loop() override { return nullptr; }
+    sd_bus* bus() override { return nullptr; }
+
+    std::chrono::nanoseconds time = 100s;
+    bool stops = false;
+    std::vector<std::string> progresses;
+};
+
+/// Three blocks, "a", "b" and "c", that write down what is called, and their life.
+class LifeTest : public ::testing::Test {
+protected:
+    LifeTest()
+    {
+        for (FakeBlock* block : {&a, &b, &c}) {
+            const std::string name = block->get_name();
+            block->on_start = [this, name] { note("start " + name); };
+            block->on_stop = [this, name] { note("stop " + name); };
+            block->on_run = [this, name] {
+                note("run " + name);
+                return true;
+            };
+        }
+        graph.arrange();
+        life = std::make_unique<Life>(graph.network(), world, nullptr, nullptr);
+    }
+
+    void note(const std::string& what) { calls.push_back(what); }
+
+    LogRecorder recorder;
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a");
+    FakeBlock& b = graph.add("b", kSkips);
+    FakeBlock& c = graph.add("c");
+    FakeWorld world;
+    std::unique_ptr<Life> life;
+    std::vector<std::string> calls;
+};
+
+TEST_F(LifeTest, StartsFromTheLastToTheFirstAndStopsFromTheFirstToTheLast)
+{
+    b.on_start = [&] { b.get_tools().request_run(); };
+
+    EXPECT_TRUE(life->start());
+    life->step();
+    life->stop();
+
+    EXPECT_THAT(calls, ElementsAre("start c", "start a", "run b", "stop a", "stop b", "stop c"));
+    EXPECT_FALSE(life->has_failed());
+}
+
+TEST_F(LifeTest, HasNothingToDoWithoutASource)
+{
+    EXPECT_FALSE(life->start());
+}
+
+TEST_F(LifeTest, StopsTheStartedWhenAStartFails)
+{
+    b.on_start = [] { throw std::runtime_error("no device"); };
+
+    life->start();
+    EXPECT_TRUE(life->is_over());
+    life->stop();
+
+    EXPECT_THAT(calls, ElementsAre("start c", "stop c"));
+    EXPECT_TRUE(life->has_failed());
+    EXPECT_THAT(recorder.texts(), ElementsAre("block 'b' failed in start: no device"));
+}
+
+TEST_F(LifeTest, StartsNoFurtherBlockWhenItHasToStop)
+{
+    b.on_start = [&] { world.stops = true; };
+
+    life->start();
+    EXPECT_TRUE(life->is_over());
+    life->stop();
+
+    EXPECT_THAT(calls, ElementsAre("start c", "stop b", "stop c"));
+    EXPECT_EQ(b.runs, 0);
+    EXPECT_FALSE(life->has_failed());
+}
+
+TEST_F(LifeTest, StopsTheOthersWhenAStopFails)
+{
+    b.on_stop = []() { throw 5; };
+
+    life->start();
+    life->stop();
+
+    EXPECT_THAT(calls, ElementsAre("start c", "start b", "start a", "stop a", "stop c"));
+    EXPECT_TRUE(life->has_failed());
+    EXPECT_THAT(recorder.texts(), ElementsAre("block 'b' failed in stop: an unknown exception"));
+}
+
+TEST_F(LifeTest, IsOverWhenTheLastSourceIsDone)
+{
+    a.on_start = [&] { a.get_tools().request_run(); };
+    b.on_start = [&] { b.get_tools().run_at(101s); };
+    a.on_run = [] { return false; };
+    b.on_run = [] { return false; };
+    life->start();
+
+    life->step();
+    EXPECT_FALSE(life->is_over());
+    world.time = 101s;
+    life->step();
+
+    EXPECT_TRUE(life->is_over());
+}
+
+TEST_F(LifeTest, WithoutASourceIsOverAfterTheWavesThatOutputsCause)
+{
+    FakeGraph other;
+    FakeBlock& writer = other.add("a");
+    FakeBlock& reader = other.add("b");
+    OutPort<int>& out = writer.output("out");
+    reader.input("in");
+    other.connect(writer, "out", reader, "in");
+    writer.on_start = [&] { out.write(1); };
+    reader.on_run = [&] {
+        if (reader.runs == 1) {
+            reader.get_tools().request_run();
+        }
+        return true;
+    };
+    Life short_life(other.arrange(), world, nullptr, nullptr);
+
+    EXPECT_TRUE(short_life.start());
+    EXPECT_FALSE(short_life.is_over());
+    short_life.step();
+    EXPECT_FALSE(short_life.is_over());
+    short_life.step();
+
+    EXPECT_TRUE(short_life.is_over());
+    EXPECT_EQ(reader.runs, 2);
+    EXPECT_EQ(writer.runs, 0);
+}
+
+TEST_F(LifeTest, RunsABlockAtItsTimeAndNotBefore)
+{
+    a.on_start = [&] { a.get_tools().run_at(105s); };
+    life->start();
+
+    life->step();
+    EXPECT_EQ(a.runs, 0);
+    EXPECT_EQ(life->next_time(), 105s);
+    world.time = 105s;
+    life->step();
+    life->step();
+
+    EXPECT_EQ(a.runs, 1);
+    EXPECT_FALSE(life->next_time().has_value());
+}
+
+TEST_F(LifeTest, DoesNotUseUpATimeByAnotherRun)
+{
+    a.on_start = [&] {
+        a.get_tools().run_at(103s);
+        a.get_tools().run_at(105s);
+        a.get_tools().request_run();
+    };
+    life->start();
+    life->step();
+    EXPECT_EQ(a.runs, 1);
+
+    world.time = 104s;
+    life->step();
+    EXPECT_EQ(a.runs, 1);
+    world.time = 106s;
+    life->step();
+
+    EXPECT_EQ(a.runs, 2);
+}
+
+TEST_F(LifeTest, TakesATimeBack)
+{
+    a.on_start = [&] {
+        a.get_tools().run_at(103s);
+        a.get_tools().run_at(-1ns);
+    };
+
+    EXPECT_FALSE(life->start());
+
+    EXPECT_FALSE(life->next_time().has_value());
+}
+
+TEST_F(LifeTest, ShowsTheTimeOfTheWave)
+{
+    std::vector<std::chrono::nanoseconds> times;
+    a.on_run = [&] {
+        world.time += 1s;
+        times.push_back(a.get_tools().now());
+        a.get_tools().request_run();
+        return true;
+    };
+    a.on_start = [&] {
+        times.push_back(a.get_tools().now());
+        a.get_tools().request_run();
+    };
+    life->start();
+    life->step();
+    life->step();
+
+    EXPECT_THAT(times, ElementsAre(100s, 100s, 101s));
+}
+
+TEST_F(LifeTest, CountsManyRequestsAsOneAndTakesOneInARunForTheNextWave)
+{
+    a.on_start = [&] {
+        a.get_tools().request_run();
+        a.get_tools().request_run();
+    };
+    a.on_run = [&] {
+        if (a.runs == 1) {
+            a.get_tools().request_run();
+        }
+        return true;
+    };
+    life->start();
+
+    life->step();
+    EXPECT_EQ(a.runs, 1);
+    EXPECT_EQ(life->next_time(), 0ns);
+    life->step();
+    life->step();
+
+    EXPECT_EQ(a.runs, 2);
+}
+
+TEST_F(LifeTest, StopsAfterTheWaveInWhichABlockAsksForIt)
+{
+    a.on_start = [&] { a.get_tools().request_run(); };
+    c.on_start = [&] { c.get_tools().request_run(); };
+    a.on_run = [&] {
+        a.get_tools().stop("enough");
+        return true;
+    };
+    life->start();
+    life->step();
+
+    EXPECT_TRUE(life->is_over());
+    EXPECT_EQ(c.runs, 1);
+    EXPECT_FALSE(life->has_failed());
+    EXPECT_EQ(recorder.lines().size(), 1U);
+    EXPECT_EQ(recorder.lines().front().text, "enough");
+    EXPECT_EQ(recorder.lines().front().level, LOGLEVEL_INFO);
+}
+
+TEST_F(LifeTest, FailsWithABlockThatDoesNotSkip)
+{
+    a.on_start = [&] { a.get_tools().request_run(); };
+    c.on_start = [&] { c.get_tools().request_run(); };
+    a.on_run = []() -> bool { throw std::runtime_error("no disk"); };
+    life->start();
+    life->step();
+
+    EXPECT_TRUE(life->is_over());
+    EXPECT_TRUE(life->has_failed());
+    EXPECT_EQ(c.runs, 0);
+    EXPECT_THAT(recorder.texts(), ElementsAre("block 'a' failed in run: no disk"));
+}
+
+TEST_F(LifeTest, ReportsFailuresOfOneBlockOnceASecond)
+{
+    b.on_start = [&] { b.get_tools().request_run(); };
+    b.on_run = [&]() -> bool {
+        b.get_tools().request_run();
+        throw std::runtime_error("again");
+    };
+    life->start();
+    for (int wave = 0; wave < 5; ++wave) {
+        life->step();
+        world.time += 400ms;
+    }
+    life->stop();
+
+    EXPECT_FALSE(life->has_failed());
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("block 'b' failed in run: again",
+                            "block 'b' failed in run: again (2 more since the last one)",
+                            "block 'b' failed in run 1 more times"));
+}
+
+TEST_F(LifeTest, ShowsProgress)
+{
+    a.on_start = [&] { a.get_tools().progress(1, 4); };
+
+    life->start();
+
+    EXPECT_THAT(world.progresses, ElementsAre("a 1/4"));
+}
+
+TEST_F(LifeTest, GivesServicesThatDoNothingAfterwards)
+{
+    a.on_start = [&] { a.get_tools().request_run(); };
+    a.on_stop = [&] { a.get_tools().progress(1, 1); };
+    life->start();
+    life->step();
+    life->stop();
+    world.progresses.clear();
+    life.reset();
+    RuntimeTools& tools = a.get_tools();
+
+    tools.request_run();
+    tools.run_at(0ns);
+    tools.progress(1, 2);
+    tools.stop("no");
+
+    EXPECT_EQ(tools.path(), "a");
+    EXPECT_EQ(tools.now(), 100s);
+    EXPECT_EQ(tools.loop(), nullptr);
+    EXPECT_EQ(tools.bus(), nullptr);
+    EXPECT_THAT(world.progresses, IsEmpty());
+    EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
+TEST_F(LifeTest, NamesBlockAndOperation)
+{
+    std::vector<std::string> contexts;
+    const auto where = [&] {
+        contexts.push_back(std::string(context().path) + " " + context().operation);
+    };
+    a.on_start = [&] {
+        where();
+        a.get_tools().request_run();
+    };
+    a.on_run = [&] {
+        where();
+        return true;
+    };
+    a.on_stop = where;
+
+    life->start();
+    life->step();
+    life->stop();
+
+    EXPECT_THAT(contexts, ElementsAre("a start", "a run", "a stop"));
+}
+
+/// Blocks that write down the overrides that they get.
+class OverridesTest : public LifeTest {
+protected:
+    OverridesTest()
+    {
+        for (FakeBlock* block : {&a, &b}) {
+            const std::string name = block->get_name();
+            block->on_reconfigure = [this, name](const auto& /*merged*/, const auto& override) {
+                note(name + " " + std::to_string(override.getInt("x", -1)) + " " +
+                     std::to_string(override.getInt("y", -1)));
+            };
+        }
+        life->start();
+        calls.clear();
+    }
+
+    BlockConfiguration config{{"x", 1}};
+    Overrides overrides{graph.network(), {&config, &config, &config}, *life};
+};
+
+TEST_F(OverridesTest, GiveABlockAllThatWasChangedOfIt)
+{
+    EXPECT_EQ(overrides.apply({{0, {{"x", 5}}}}), "");
+    EXPECT_EQ(overrides.apply({{0, {{"y", 6}}}}), "");
+
+    EXPECT_THAT(calls, ElementsAre("a 5 -1", "a 5 6"));
+    EXPECT_EQ(overrides.of(0), (BlockConfiguration{{"x", 5}, {"y", 6}}));
+    EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
+TEST_F(OverridesTest, TakeAllBackWhenABlockThrows)
+{
+    overrides.apply({{0, {{"y", 3}}}});
+    calls.clear();
+    b.on_reconfigure = [this](const auto& /*merged*/, const auto& override) {
+        const int x = override.getInt("x");
+        note("b " + std::to_string(x));
+        if (x == 7) {
+            throw std::runtime_error("7 is odd");
+        }
+    };
+
+    EXPECT_EQ(overrides.apply({{0, {{"x", 5}, {"y", 6}, {"z", 1}}}, {1, {{"x", 7}}}}),
+              "block 'b': 7 is odd");
+
+    EXPECT_THAT(calls, ElementsAre("a 5 6", "b 7", "a 1 3", "b 1"));
+    EXPECT_EQ(overrides.of(0), (BlockConfiguration{{"y", 3}}));
+    EXPECT_EQ(overrides.of(1), BlockConfiguration());
+}
+
+TEST_F(OverridesTest, ReportWhatABlockThrowsWhenItIsToGoBack)
+{
+    b.on_reconfigure = [](const auto& /*merged*/, const auto& /*override*/) {
+        throw std::runtime_error("never");
+    };
+
+    EXPECT_EQ(overrides.apply({{1, {{"x", 7}}}}), "block 'b': never");
+
+    EXPECT_THAT(recorder.texts(), ElementsAre("block 'b' failed in reconfigure: never"));
+    EXPECT_FALSE(life->has_failed());
+}
+
+}  // namespace
