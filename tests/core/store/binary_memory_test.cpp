@@ -14,7 +14,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "core/config/binary_form.h"
+#include "core/store/binary_form.h"
 #include "support/allocations.h"
 #include "support/support.h"
 

@@ -24,7 +24,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "core/config/binary_form.h"
+#include "core/store/binary_form.h"
 #include "support/support.h"
 
 using Quorval::BlockConfiguration;
