@@ -39,6 +39,11 @@ def _others(case, title, *peers):
     return [Row(case, title, peer) for peer in peers]
 
 
+def _settings(case, title, goal):
+    return [Row(f"{case}/{count}", f"{title}, {count} elements", "map", goal)
+            for count in (30, 100, 500)]
+
+
 _TREES = ("property_tree", "tomlplusplus", "protobuf")
 
 ROWS = [
@@ -70,7 +75,7 @@ ROWS = [
     *_others("heap_per_element", "heap per element", *_TREES, "glib"),
     Row("heap_per_element_long_keys", "heap per element, long keys", "nlohmann", 1.1),
     Row("text", "text form, 10,000", "nlohmann", 0.8),
-    Row("binary_mixed_write", "binary form, 10,000 mixed: write", "cereal", 0.8),
+    Row("binary_mixed_write", "binary form, 10,000 mixed: write", "cereal", 0.7),
     *_others("binary_mixed_write", "binary form, 10,000 mixed: write", "protobuf"),
     Row("binary_mixed_read", "binary form, 10,000 mixed: read", "cereal", 1.1),
     *_others("binary_mixed_read", "binary form, 10,000 mixed: read", "protobuf"),
@@ -79,7 +84,7 @@ ROWS = [
     Row("binary_ints_write", "binary form, 100 MB of ints: write", "cereal", 0.7),
     Row("binary_ints_read", "binary form, 100 MB of ints: read", "cereal", 1.1),
     Row("binary_bools_write", "binary form, 100 million bools: write", "cereal", 0.2),
-    Row("binary_bools_read", "binary form, 100 million bools: read", "cereal", 0.15),
+    Row("binary_bools_read", "binary form, 100 million bools: read", "cereal", 0.06),
     Row("peak_load", "peak memory of loading 100 MB, beyond the result", "file", 0.1),
     *_others("peak_load", "peak memory of loading 100 MB, beyond the result", "cereal"),
     Row("peak_store", "peak memory of storing 100 MB", "file", 1.15),
@@ -87,6 +92,11 @@ ROWS = [
     *_others("store_1k", "`PStore::store`, 1 KB", "sqlite"),
     Row("store_1m", "`PStore::store`, 1 MB", "system", 2.0),
     *_others("store_1m", "`PStore::store`, 1 MB", "sqlite"),
+    Row("store_100m", "`PStore::store`, 100 MB", "system", 1.8),
+    Row("store_small_1m", "`PStore::store`, 1 MB of small elements", "system", 3.2),
+    Row("load_1k", "`PStore::load`, 1 KB", "system", 4),
+    *_settings("store_settings", "`PStore::store`", 1.1),
+    *_settings("load_settings", "`PStore::load`", 1.2),
     Row("create_members/1000", "create 1,000 members", "gstreamer", 0.08),
     *_others("create_members/1000", "create 1,000 members", "class_loader"),
     # Adding to its bin takes GStreamer time that grows with what is in it. That is not what is

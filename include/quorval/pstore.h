@@ -69,8 +69,6 @@ public:
     void close();
 
 private:
-    friend QUORVAL_EXPORT POFStream& operator<<(POFStream& out, const BlockConfiguration& config);
-
     std::string path_;
     std::string filename_;
     std::stringbuf buffer_;

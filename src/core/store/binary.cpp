@@ -2,7 +2,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <fstream>
 #include <istream>
 #include <memory>
 #include <numeric>
@@ -11,8 +13,12 @@
 #include <streambuf>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 #include <vector>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cereal/archives/binary.hpp>
 #include <cereal/details/helpers.hpp>
@@ -21,6 +27,7 @@
 #include <quorval/pstore.h>
 
 #include "config/elements.h"
+#include "store/bools.h"
 
 namespace Quorval {
 
@@ -28,20 +35,23 @@ namespace {
 
 using Count = std::uint64_t;
 
-// Bytes that are handled at once where there is no telling how many there are.
+// What is read at once from a source that does not tell how much it holds.
 constexpr std::size_t kStep = std::size_t{64} * 1024;
+// On the stack, of which a thread may have little. A multiple of the bools in a word.
+constexpr std::size_t kChunk = 4096;
 
 [[noreturn]] void throw_bad_state()
 {
     throw std::runtime_error("Stream entered a bad state");
 }
 
-[[noreturn]] void throw_unknown_type(const std::string& key, const std::string& type_name)
+[[noreturn]] void throw_unknown_type(const std::string& key, std::string_view type_name)
 {
-    throw std::runtime_error("The parameter " + key + " has an unknown type: " + type_name);
+    throw std::runtime_error("The parameter " + key +
+                             " has an unknown type: " + std::string(type_name));
 }
 
-[[noreturn]] void throw_short_write(std::size_t asked, std::size_t written)
+[[noreturn]] void throw_short_write(Count asked, Count written)
 {
     throw cereal::Exception("Failed to write " + std::to_string(asked) +
                             " bytes to output stream! Wrote " + std::to_string(written));
@@ -109,20 +119,55 @@ std::size_t size_of(const Elements& elements)
     return size;
 }
 
+/// Whether a buffer is one of the standard library itself, of no derived class: nobody can tell
+/// then in how many pieces it is read or written. The type information of a class that was compiled
+/// without any is null, so its address alone is looked at.
+template <class Buffer>
+bool is_plainly(const std::streambuf& buffer)
+{
+    return &typeid(buffer) == &typeid(Buffer);
+}
+
+/// The buffer if it is a plain one in memory that can be written, else null.
+std::stringbuf* memory_of(std::streambuf& buffer)
+{
+    constexpr std::streamoff kFailed = -1;
+    const bool is_writable =
+        is_plainly<std::stringbuf>(buffer) &&
+        buffer.pubseekoff(0, std::ios::cur, std::ios::out) != std::streampos(kFailed);
+    return is_writable ? static_cast<std::stringbuf*>(&buffer) : nullptr;
+}
+
+/// Asks for large pages where memory is mapped for this text alone. Of small ones, the system takes
+/// longer to hand out 100 MB than it takes to fill them.
+void prefer_large_pages(std::string& room)
+{
+    constexpr std::size_t kAlwaysMapped = std::size_t{32} * 1024 * 1024;
+    if (room.capacity() > kAlwaysMapped) {
+        const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        void* start = room.data();
+        std::size_t size = room.capacity();
+        ::madvise(std::align(page, page, start, size), size, MADV_HUGEPAGE);
+    }
+}
+
 /// Makes room in an empty buffer, which would otherwise grow by doubling and be copied each time.
 void reserve(std::stringbuf& buffer, std::size_t size)
 {
     if (buffer.view().empty()) {
         std::string room;
         room.reserve(size);
+        prefer_large_pages(room);
         buffer.str(std::move(room));
     }
 }
 
-/// Writes the fields of a record, each with one raw write, bools in steps.
+/// Writes the fields of records. Gathers them and writes many at once where nobody can tell, else
+/// each with one raw write, and a long list of bools in steps.
 class Writer {
 public:
-    explicit Writer(std::ostream& out) : archive_(out) {}
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the chunk is filled before it is read
+    Writer(std::ostream& out, bool gathers) : gathers_(gathers), out_(out), archive_(out) {}
 
     void write(int value) { write_bytes(&value, sizeof value); }
     void write(double value) { write_bytes(&value, sizeof value); }
@@ -155,15 +200,24 @@ public:
 
     void write(const std::vector<bool>& bools)
     {
-        write_count(bools.size());
-        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled before it is read
-        std::array<unsigned char, kStep> bytes;
-        for (auto from = bools.begin(); from != bools.end();) {
-            const auto left = static_cast<std::size_t>(bools.end() - from);
-            const auto to = from + static_cast<std::ptrdiff_t>(std::min(left, kStep));
-            const auto end = std::copy(from, to, bytes.begin());
-            write_bytes(bytes.data(), static_cast<std::size_t>(end - bytes.begin()));
-            from = to;
+        const std::size_t count = bools.size();
+        write_count(count);
+        for (std::size_t done = 0; done < count;) {
+            const std::size_t some = std::min(count - done, kChunk);
+            unpack_bools(bools, done, some, make_room(some));
+            used_ += some;
+            if (!gathers_) {
+                write_some(some, count, done);
+            }
+            done += some;
+        }
+    }
+
+    /// Writes what is gathered.
+    void flush()
+    {
+        if (used_ > 0) {
+            write_now(chunk_.data(), std::exchange(used_, 0));
         }
     }
 
@@ -172,33 +226,111 @@ private:
 
     void write_bytes(const void* data, std::size_t size)
     {
+        if (!gathers_ || size > kChunk) {
+            flush();
+            write_now(data, size);
+        } else if (size > 0) {
+            std::memcpy(make_room(size), data, size);
+            used_ += size;
+        }
+    }
+
+    void write_now(const void* data, std::size_t size)
+    {
         archive_.saveBinary(data, static_cast<std::streamsize>(size));
     }
 
+    /// Where the next bytes go, at most a chunk of them.
+    char* make_room(std::size_t size)
+    {
+        if (size > kChunk - used_) {
+            flush();
+        }
+        return chunk_.data() + used_;
+    }
+
+    /// Writes the chunk, which holds some of `count` bytes, after those that are `done`. A short
+    /// write is reported as that of the whole.
+    void write_some(std::size_t some, Count count, Count done)
+    {
+        used_ = 0;
+        const std::streamsize written =
+            out_.rdbuf()->sputn(chunk_.data(), static_cast<std::streamsize>(some));
+        if (static_cast<std::size_t>(written) != some) {
+            throw_short_write(count, done + static_cast<Count>(written));
+        }
+    }
+
+    const bool gathers_;
+    std::size_t used_ = 0;
+    std::ostream& out_;
     cereal::BinaryOutputArchive archive_;
+    std::array<char, kChunk> chunk_;
 };
 
-/// Reads the fields of a record. Counts come from the input and are not to be trusted: memory is
+/// What lies ready in a buffer of the standard library, to be taken without a call of it.
+class Ready : std::streambuf {
+public:
+    /// The next bytes, which are passed; null when not so many lie ready.
+    static const char* take(std::streambuf& buffer, std::size_t size)
+    {
+        const char* const next = (buffer.*&Ready::gptr)();
+        const auto ready = static_cast<std::size_t>((buffer.*&Ready::egptr)() - next);
+        if (size > ready) {
+            return nullptr;
+        }
+        (buffer.*&Ready::gbump)(static_cast<int>(size));
+        return next;
+    }
+};
+
+/// Reads the fields of records. Counts come from the input and are not to be trusted: memory is
 /// taken only for what is there.
 class Reader {
 public:
-    explicit Reader(std::istream& in) : buffer_(*in.rdbuf()), archive_(in) {}
+    explicit Reader(std::istream& in)
+        : buffer_(*in.rdbuf()),
+          is_plain_(is_plainly<std::stringbuf>(buffer_) || is_plainly<std::filebuf>(buffer_)),
+          archive_(in)
+    {
+    }
+
+    /// Whether the data is known to end here. To ask a buffer of somebody else could show.
+    bool is_at_end() { return is_plain_ && buffer_.sgetc() == std::streambuf::traits_type::eof(); }
+
+    /// Reads a text, into `room` where it does not lie ready. Holds until the next read.
+    std::string_view read_view(std::string& room)
+    {
+        const Count count = read_count();
+        if (const char* const bytes = take(count)) {
+            return {bytes, count};
+        }
+        room.clear();
+        read_block(room, count);
+        return room;
+    }
 
     void read(int& value) { read_object(value); }
     void read(double& value) { read_object(value); }
     void read(bool& value)
     {
-        unsigned char byte = 0;
+        char byte = 0;
         read_object(byte);
-        value = is_true(byte);
+        value = to_bool(byte);
     }
 
-    void read(std::string& text) { read_block(text); }
+    void read(std::string& text)
+    {
+        const std::string_view view = read_view(text);
+        if (view.data() != text.data()) {
+            text.assign(view);
+        }
+    }
 
     template <class Number>
     void read(std::vector<Number>& numbers)
     {
-        read_block(numbers);
+        read_block(numbers, read_count());
     }
 
     void read(std::vector<std::string>& texts)
@@ -218,24 +350,39 @@ public:
             bools.reserve(count);
         }
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled before it is read
-        std::array<unsigned char, kStep> bytes;
+        std::array<char, kChunk> chunk;
         for (Count done = 0; done < count;) {
-            const Count step = std::min<Count>(count - done, kStep);
-            read_items(bytes.data(), step, count, done);
-            bools.resize(done + step);
-            std::transform(bytes.begin(), bytes.begin() + step,
-                           bools.end() - static_cast<std::ptrdiff_t>(step), is_true);
-            done += step;
+            const Count some = std::min<Count>(count - done, kChunk);
+            const char* bytes = take(some);
+            if (bytes == nullptr) {
+                read_items(chunk.data(), some, count, done);
+                bytes = chunk.data();
+            }
+            append_bools(bools, bytes, some);
+            done += some;
         }
     }
 
 private:
-    static bool is_true(unsigned char byte) { return (byte & 1U) != 0; }
+    /// The next bytes where they lie, null when so many do not lie ready.
+    const char* take(Count size)
+    {
+        return is_plain_ && size <= kStep ? Ready::take(buffer_, size) : nullptr;
+    }
+
+    void read_bytes(void* to, std::size_t size)
+    {
+        if (const char* const bytes = take(size)) {
+            std::memcpy(to, bytes, size);
+        } else {
+            archive_.loadBinary(to, static_cast<std::streamsize>(size));
+        }
+    }
 
     template <class Object>
     void read_object(Object& object)
     {
-        archive_.loadBinary(&object, sizeof object);
+        read_bytes(&object, sizeof object);
     }
 
     Count read_count()
@@ -245,19 +392,17 @@ private:
         return count;
     }
 
-    /// Reads a count, then as many items that lie one behind the other, into an empty vector or
-    /// string.
+    /// Reads `count` items that lie one behind the other into an empty vector or string.
     template <class Items>
-    void read_block(Items& items)
+    void read_block(Items& items, Count count)
     {
         constexpr std::size_t kSize = sizeof(typename Items::value_type);
-        const Count count = read_count();
         const Count most = is_there(count, kSize) ? count : kStep / kSize;
         for (Count done = 0; done < count;) {
-            const Count step = std::min(count - done, most);
-            items.resize(done + step);
-            read_items(items.data() + done, step, count, done);
-            done += step;
+            const Count some = std::min(count - done, most);
+            items.resize(done + some);
+            read_items(items.data() + done, some, count, done);
+            done += some;
         }
     }
 
@@ -266,14 +411,15 @@ private:
     template <class Item>
     void read_items(Item* items, Count some, Count count, Count done)
     {
-        const auto asked = static_cast<std::streamsize>(some * sizeof(Item));
         if (some == count) {
-            archive_.loadBinary(items, asked);
+            read_bytes(items, some * sizeof(Item));
             return;
         }
+        const auto asked = static_cast<std::streamsize>(some * sizeof(Item));
         const std::streamsize read = buffer_.sgetn(reinterpret_cast<char*>(items), asked);
         if (read != asked) {
-            throw_short_read(decimal_product(count, sizeof(Item)), done * sizeof(Item) + read);
+            throw_short_read(decimal_product(count, sizeof(Item)),
+                             done * sizeof(Item) + static_cast<Count>(read));
         }
     }
 
@@ -295,6 +441,7 @@ private:
     }
 
     std::streambuf& buffer_;
+    const bool is_plain_;
     cereal::BinaryInputArchive archive_;
 };
 
@@ -326,7 +473,7 @@ constexpr std::array<ReadValue, kTypeNames.size()> kReadValue = {
     read_value<std::vector<bool>>};
 
 /// The way to read the values of a type, null for an unknown one.
-ReadValue find_reader(const std::string& type_name)
+ReadValue find_reader(std::string_view type_name)
 {
     const auto found = std::find(kTypeNames.begin(), kTypeNames.end(), type_name);
     return found != kTypeNames.end()
@@ -334,15 +481,23 @@ ReadValue find_reader(const std::string& type_name)
                : nullptr;
 }
 
-/// Key and type name of the next record. False at the end of the data, which has no other mark
-/// than that the next record is not there; what is cut off inside a header is lost with it.
-bool read_header(Reader& reader, std::string& key, std::string& type_name)
+/// What stands in front of a value.
+struct Header {
+    std::string key;
+    std::string_view type_name;
+    std::string room;  // for the type name
+};
+
+/// Reads the header of the next record. False at the end of the data, which has no other mark than
+/// that the next record is not there; what is cut off inside a header is lost with it.
+bool read_header(Reader& reader, Header& header)
 {
     try {
-        key.clear();
-        reader.read(key);
-        type_name.clear();
-        reader.read(type_name);
+        if (reader.is_at_end()) {
+            return false;
+        }
+        reader.read(header.key);
+        header.type_name = reader.read_view(header.room);
         return true;
     } catch (const std::exception&) {
         return false;
@@ -354,17 +509,24 @@ bool read_header(Reader& reader, std::string& key, std::string& type_name)
 POFStream& operator<<(POFStream& out, const BlockConfiguration& config)
 {
     const Elements& elements = BlockConfiguration::Impl::of(config).elements;
-    if (out.rdbuf() == nullptr && elements.size() > 0) {
+    if (elements.size() == 0) {
+        return out;
+    }
+    if (out.rdbuf() == nullptr) {
         throw_short_write(sizeof(Count), 0);
     }
-    reserve(out.buffer_, size_of(elements));
-    Writer writer(out);
+    std::stringbuf* const memory = memory_of(*out.rdbuf());
+    if (memory != nullptr) {
+        reserve(*memory, size_of(elements));
+    }
+    Writer writer(out, memory != nullptr);
     for (const Entry& entry : elements) {
         writer.write(entry.key);
         writer.write(kTypeNames[entry.element.value.index()]);
         visit_content(entry.element.value,
                       [&writer](const auto& content) { writer.write(content); });
     }
+    writer.flush();
     return out;
 }
 
@@ -374,14 +536,13 @@ std::istream& operator>>(std::istream& in, BlockConfiguration& config)
         throw_bad_state();
     }
     Reader reader(in);
-    std::string key;
-    std::string type_name;
-    while (read_header(reader, key, type_name)) {
-        const ReadValue read = find_reader(type_name);
+    Header header;
+    while (read_header(reader, header)) {
+        const ReadValue read = find_reader(header.type_name);
         if (read == nullptr) {
-            throw_unknown_type(key, type_name);
+            throw_unknown_type(header.key, header.type_name);
         }
-        BlockConfiguration::Impl::of(config).set(key, read(reader));
+        BlockConfiguration::Impl::of(config).set(header.key, read(reader));
         if (!in.good()) {
             throw_bad_state();
         }

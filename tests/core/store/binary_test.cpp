@@ -3,6 +3,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <ios>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -550,6 +552,93 @@ TEST(BinaryWrite, OfALargeValueIsWhole)
     }
 }
 
+TEST(BinaryWrite, OfFieldsOfAnySizeIsWholeWhateverWasWrittenBefore)
+{
+    for (const std::size_t before : {0, 1, 100, 4000, 4090}) {
+        for (const std::size_t size :
+             {0, 1, 63, 64, 65, 3000, 4095, 4096, 4097, 8191, 8192, 12289}) {
+            Bools bools(size);
+            std::string bool_bytes(size, '\0');
+            for (std::size_t i = 0; i < size; i += 1 + i % 5) {
+                bools[i] = true;
+                bool_bytes[i] = '\1';
+            }
+            BlockConfiguration config;
+            config.set("a", std::string(before, 'a'));
+            config.set("b", bools);
+            config.set("c", std::string(size, 'c'));
+            config.set("d", Doubles(size / sizeof(double), 0.5));
+
+            std::string doubles;
+            for (std::size_t i = 0; i < size / sizeof(double); ++i) {
+                doubles += bytes_of(0.5);
+            }
+            const std::string expected =
+                header_of("a", "string") + text_of(std::string(before, 'a')) +
+                header_of("b", "BoolVector") + text_of(bool_bytes) + header_of("c", "string") +
+                text_of(std::string(size, 'c')) + header_of("d", "DoubleVector") +
+                count_of(size / sizeof(double)) + doubles;
+            EXPECT_TRUE(write(config) == expected) << size << " behind " << before;
+            EXPECT_EQ(read(expected), config) << size << " behind " << before;
+        }
+    }
+}
+
+TEST(BinaryWrite, OfManySmallElementsIsWhole)
+{
+    BlockConfiguration config;
+    std::string expected;
+    for (int i = 100'000; i < 103'000; ++i) {
+        const std::string key = "k" + std::to_string(i);
+        const Example example = edges()[static_cast<std::size_t>(i) % edges().size()];
+        example.store(config, key);
+        expected += example.record(key);
+    }
+
+    EXPECT_TRUE(write(config) == expected);
+}
+
+TEST(BinaryWrite, GoesWhereTheBufferStands)
+{
+    const std::string record = header_of("k", "int") + bytes_of(1);
+    Output out;
+    out.stream() << "0123" << std::string(40, '-') << "89";
+    out.stream().seekp(4);
+
+    out.stream() << make("k", 1);
+
+    EXPECT_EQ(out.content(), "0123" + record + std::string(40 - record.size(), '-') + "89");
+    EXPECT_EQ(out.stream().tellp(), static_cast<std::streamoff>(4 + record.size()));
+}
+
+TEST(BinaryWrite, IntoABufferThatIsForReadingAloneIsAShortWrite)
+{
+    Output out;
+    std::stringbuf buffer("content", std::ios::in);
+    out.attach(buffer);
+
+    expect_throw<cereal::Exception>([&] { out.stream() << make("k", 1); }, short_write(8, 0));
+
+    EXPECT_EQ(buffer.str(), "content");
+}
+
+TEST(BinaryWrite, IntoAnotherBufferOfTheStandardLibraryIsTheSame)
+{
+    const TemporaryDirectory directory;
+    const BlockConfiguration config = make("a", 1) + make("b", Bools(5'000, true));
+    Output out;
+    {
+        std::filebuf file;
+        ASSERT_NE(file.open(directory.path() / "file", std::ios::out | std::ios::binary), nullptr);
+        out.attach(file);
+        out.stream() << config;
+        out.stream() << config;
+    }
+
+    EXPECT_EQ(quorval_test::read_file(directory.store_path() + "file"),
+              write(config) + write(config));
+}
+
 TEST(BinaryWrite, ReportsAShortWriteWithBothCounts)
 {
     struct Case {
@@ -593,6 +682,7 @@ TEST(BinaryWrite, ReportsAShortWriteOfABlockWithItsWholeSize)
         {"doubles", make("k", Doubles(25'000, 1)), 200'000},
         {"a text", make("k", std::string(100'000, 'x')), 100'000},
         {"bools", make("k", Bools(1'000, true)), 1'000},
+        {"many bools", make("k", Bools(100'000, true)), 100'000},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -997,6 +1087,53 @@ TEST(BinaryCut, OfALargeValueNamesTheWholeSize)
     }
 }
 
+// A buffer in memory is read where it lies, one of a derived class by its own calls.
+TEST(BinaryRead, LeavesEverySourceWhereTheRecordsEnd)
+{
+    const std::string content = header_of("a", "string") + text_of("ab") +
+                                header_of("b", "BoolVector") + text_of(std::string(70, '\1'));
+    for (const Source& source : {kText, kUnseekable, kFile, kPipe}) {
+        const auto buffer = source.open(content + text_of("c") + text_of("odd") + "rest");
+        std::istream in(buffer.get());
+        BlockConfiguration config;
+
+        expect_throw<std::runtime_error>([&] { in >> config; },
+                                         "The parameter c has an unknown type: odd");
+
+        std::string rest;
+        in >> rest;
+        EXPECT_EQ(rest, "rest") << source.name;
+        EXPECT_EQ(config, make("a", std::string("ab")) + make("b", Bools(70, true)));
+    }
+}
+
+TEST(BinaryRead, SeesWhatWasWrittenIntoTheSameBuffer)
+{
+    std::stringstream stream;
+    stream << header_of("a", "int") << bytes_of(1);
+    BlockConfiguration config;
+
+    stream >> config;
+    stream << header_of("b", "string") << text_of(std::string(100, 'x'));
+    stream >> config;
+
+    EXPECT_EQ(config, make("a", 1) + make("b", std::string(100, 'x')));
+}
+
+TEST(BinaryRead, StartsWithACharacterThatWasPutBack)
+{
+    const TemporaryDirectory directory;
+    quorval_test::write_file(directory.path() / "state", "?" + write(make("k", 1)).substr(1));
+    std::ifstream in(directory.path() / "state", std::ios::binary);
+    in.get();
+    in.putback('\1');
+    BlockConfiguration config;
+
+    in >> config;
+
+    EXPECT_EQ(config, make("k", 1));
+}
+
 TEST(BinaryHostile, AnUnknownTypeIsReportedBeforeTheValueIsRead)
 {
     for (const std::string type_name :
@@ -1244,6 +1381,48 @@ TEST(BinaryHostile, ReadsThatCanBeRepeatedAfterAFailureMergeAgain)
     whole >> config;
 
     EXPECT_EQ(config, make("a", 1) + make("k", 2));
+}
+
+namespace {
+
+// Less than the smallest that some systems allow for, and enough for the calls of the system.
+constexpr std::size_t kSmallStack = std::size_t{48} * 1024;
+
+/// Ends the process with 0 when `action` ran to its end in a thread of a small stack.
+[[noreturn]] void exit_after_running_on_a_small_stack(void (*action)())
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setguardsize(&attributes, std::size_t{1024} * 1024);
+    pthread_t thread = {};
+    const bool is_made = pthread_attr_setstacksize(&attributes, kSmallStack) == 0 &&
+                         pthread_create(
+                             &thread, &attributes,
+                             [](void* function) -> void* {
+                                 reinterpret_cast<void (*)()>(function)();
+                                 return nullptr;
+                             },
+                             reinterpret_cast<void*>(action)) == 0;
+    std::exit(is_made && pthread_join(thread, nullptr) == 0 ? 0 : 1);
+}
+
+}  // namespace
+
+TEST(BinaryStack, OfASmallThreadHoldsWhatStoringAndLoadingTakes)
+{
+    const auto store_and_load = [] {
+        const TemporaryDirectory directory;
+        Quorval::PStore store(directory.store_path());
+        for (const Example& example : one_of_each_type()) {
+            store.store("state", example.config("k"));
+            if (store.load("state") != example.config("k")) {
+                std::abort();
+            }
+        }
+    };
+
+    EXPECT_EXIT(exit_after_running_on_a_small_stack(store_and_load), testing::ExitedWithCode(0),
+                "");
 }
 
 TEST(BinaryMembers, LoadAndSaveDoNothing)
