@@ -12,14 +12,18 @@
 
 namespace Quorval {
 
-/// An output stream that gathers its content in memory and replaces the file in close(), so that
-/// a reader, and a machine that lost its power, finds the old content or the new one, whole.
-/// A stream that is not closed writes nothing. One thread at a time; two streams on the same file
-/// share a temporary file, so they must not be closed at the same time.
+/// An output stream that gathers its content in memory and replaces the file in close(). A reader,
+/// and a machine that lost its power, finds the content of before or the one that was written to
+/// the disk, never a mix. One thread at a time.
+///
+/// **The new file can be cut without a report**: close() writes with one call and does not look at
+/// how much of the content that took. On a disk that is nearly full, past RLIMIT_FSIZE, and beyond
+/// 2 GiB, the file is replaced by the beginning of the content. Who has to know compares the size
+/// of the file with that of the content, or loads what was stored; docs/store-files.md says how.
 ///
 /// The target is checked at construction, by open() and by close(). The check makes a missing
-/// directory (one level, mode 0775) and removes a temporary file that an earlier attempt left. It
-/// throws std::runtime_error:
+/// directory (one level, mode 0775; its parent is not synced) and removes a temporary file that an
+/// earlier attempt left, also for a stream that is never closed. It throws std::runtime_error:
 /// - the directory is empty: "Failed due to unset path"
 /// - the file name is empty: "Failed due to unset filename"
 /// - the directory does not begin with "/": "Failed due to path not being absolute: <path>"
@@ -27,6 +31,11 @@ namespace Quorval {
 /// - it is no directory: "Failed to verify path is a directory: <path>"
 /// - the file or the temporary file is no regular file: "Failed to verify file is a file: <file>"
 /// - a left temporary file cannot be removed: "Failed to remove temporary file: <file>"
+///
+/// The temporary file is that of all streams on the same file. While one of them is in close(), no
+/// other may be closed, opened or made: its check removes the temporary file. Nobody else may have
+/// the right to write into the directory: a link in the place of the temporary file that leads to
+/// no file is followed.
 class QUORVAL_EXPORT POFStream : public std::ostream {
 public:
     /// Checks the target, with the exceptions of the check.
@@ -36,8 +45,9 @@ public:
     POFStream(const std::string& path, const std::string& filename);
 
     /// Takes the names of the target and the state of the stream alone: what was written into
-    /// `other` stays there, and the new stream has no buffer: write nothing to it before open().
-    /// Make a stream that is to carry data in place.
+    /// `other` stays there. The new stream has no buffer: write nothing to it before open().
+    /// `other` has badbit set: text that is written to it before open() vanishes, and close()
+    /// succeeds without it. Make a stream that is to carry data in place.
     POFStream(POFStream&& other);
     POFStream(const POFStream&) = delete;
     POFStream& operator=(const POFStream&) = delete;
@@ -54,10 +64,12 @@ public:
     ///     "basic_string: construction from null is not valid"
     void open(const char* filename, std::ios::openmode mode);
 
-    /// Replaces the file by all that was written since construction. The new file has the mode
-    /// 0600. It is written beside the old one, synced, renamed, and the directory is synced; the
-    /// old file stays until the rename. After success the stream has no target any more, so a
-    /// second close() fails; the buffer keeps its content.
+    /// Replaces the file by what was written since construction, or by its beginning where there is
+    /// no room for all, without a report. The new file has the mode 0600. It is written beside the
+    /// old one, synced, renamed, and the directory is synced; the old file stays until the rename.
+    /// The state of the stream is not looked at: text that was written while it was not good is
+    /// missing. After success the stream has no target any more, so a second close()
+    /// fails; the buffer keeps its content.
     ///
     /// A failed close() can be tried again. It leaves the descriptors that it had opened open, and
     /// its temporary file lies in the directory until the next check.
@@ -74,8 +86,8 @@ private:
     std::stringbuf buffer_;
 };
 
-/// A file input stream that is always open: opening throws instead of failing silently.
-/// One thread at a time.
+/// A file input stream whose opening throws instead of failing silently. It is open from the start
+/// until close(), or until another stream is made from it. One thread at a time.
 class QUORVAL_EXPORT PIFStream : public std::ifstream {
 public:
     /// Opens `filename` in the directory `path` for binary reading.
@@ -132,7 +144,7 @@ public:
     BlockConfiguration load(const std::string& name);
 
     /// Replaces the file `name` by the binary form of `config`. The old file stays until the new
-    /// one is complete on disk.
+    /// one is synced. A disk that is nearly full cuts the new one without a report, see POFStream.
     /// @throws std::runtime_error  no path is set: "PStore path is not configured"; or the target
     ///     is refused, with the texts of POFStream
     /// @throws std::system_error   a system call failed, with the texts of POFStream::close()

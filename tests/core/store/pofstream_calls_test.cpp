@@ -754,6 +754,24 @@ TEST_F(POFStreamCommit, FailsOrLosesItsContentToASecondWriterOfTheFile)
     }
 }
 
+TEST_F(POFStreamCommit, LosesItsTemporaryFileToAStreamThatIsOnlyMade)
+{
+    const DescriptorGuard descriptors;
+    write_file(file_, "old");
+    POFStream out(path_, "state");
+    out << "new";
+    SystemCalls calls;
+    calls.before_each([&](std::size_t number) {
+        if (number == kRename) {
+            const POFStream other(path_, "state");
+        }
+    });
+
+    expect_system_error([&] { out.close(); }, "Failed on call to linkat", ENOENT);
+
+    EXPECT_EQ(read_file(file_), "old");
+}
+
 TEST_F(POFStreamCommit, MixesItsContentWithThatOfAWriterWhoOpenedTheSameTemporaryFile)
 {
     POFStream out(path_, "state");
@@ -852,6 +870,47 @@ TEST_F(PStoreCalls, StoreChecksTheTargetTwiceAndCommitsOnce)
         "close(directory)",
     };
     EXPECT_EQ(calls.made(), expected);
+}
+
+TEST_F(PStoreCalls, StoreSyncsADirectoryThatItMadeAndNotItsParent)
+{
+    SystemCalls calls;
+
+    Quorval::PStore(path_ + "new/").store("state", {});
+
+    std::vector<std::string> opened_and_synced;
+    for (const std::string& call : calls.made()) {
+        if (call.rfind("open(", 0) == 0 || call.rfind("fsync(", 0) == 0) {
+            opened_and_synced.push_back(call);
+        }
+    }
+    const std::vector<std::string> expected = {"open(" + path_ + "new/, " + kOpenDirectory + ")",
+                                               "fsync(file)", "fsync(directory)"};
+    EXPECT_EQ(opened_and_synced, expected);
+}
+
+TEST_F(PStoreCalls, AStoreThatWasCutIsFoundByLoadingIt)
+{
+    constexpr std::size_t kCallsOfConstruction = 3;
+    Quorval::PStore store(path_);
+    const Quorval::BlockConfiguration config = {{"gain", 0.5}, {"name", "left"}, {"taps", {1, 2}}};
+    store.store("state", config);
+    const std::size_t size = read_file(file_).size();
+    for (std::size_t written = 0; written < size; ++written) {
+        {
+            SystemCalls calls;
+            calls.shorten(kCallsOfConstruction + kWrite, written);
+            EXPECT_NO_THROW(store.store("state", config));
+        }
+
+        bool is_found = false;
+        try {
+            is_found = store.load("state") != config;
+        } catch (const std::runtime_error&) {
+            is_found = true;
+        }
+        EXPECT_TRUE(is_found) << written;
+    }
 }
 
 TEST_F(PStoreCalls, NoCallIsMadeWithoutAPath)

@@ -732,6 +732,20 @@ TEST_F(POFStreamClose, ReplacesALinkByAFile)
     EXPECT_EQ(read_file(path_ + "real"), "old");
 }
 
+TEST_F(POFStreamClose, FollowsALinkToNowhereInThePlaceOfTheTemporaryFile)
+{
+    write_file(file_, "old");
+    const std::string elsewhere = path_ + "elsewhere";
+    POFStream out(path_, "state");
+    out << "new";
+    fs::create_symlink(elsewhere, temporary_);
+
+    out.close();
+
+    EXPECT_EQ(read_file(elsewhere), "new");
+    EXPECT_TRUE(fs::is_symlink(file_));
+}
+
 TEST_F(POFStreamClose, ReplacesTheFileByWhatThereWasRoomFor)
 {
     write_file(file_, "the old content");
@@ -830,22 +844,41 @@ TEST_F(POFStreamMove, ExchangesTheStateOfTheStreams)
     source << std::hex << std::setprecision(3);
     const int slot = std::ios_base::xalloc();
     source.iword(slot) = 42;
+    source.setf(std::ios::boolalpha | std::ios::showbase | std::ios::uppercase | std::ios::unitbuf);
+    source.unsetf(std::ios::skipws);
+    source.width(7);
     source.setstate(std::ios::eofbit);
+    const std::ios::fmtflags flags = source.flags();
+    const std::ios::fmtflags flags_of_a_new_stream = std::ostream(nullptr).flags();
 
     const POFStream target(std::move(source));
 
     EXPECT_EQ(target.tie(), &tied);
     EXPECT_EQ(target.fill(), '*');
-    EXPECT_EQ(target.flags() & std::ios::basefield, std::ios::hex);
+    EXPECT_EQ(target.flags(), flags);
+    EXPECT_EQ(target.width(), 7);
     EXPECT_EQ(target.precision(), 3);
     EXPECT_EQ(const_cast<POFStream&>(target).iword(slot), 42);
     EXPECT_EQ(target.rdstate(), std::ios::eofbit);
     EXPECT_EQ(source.tie(), nullptr);
     EXPECT_EQ(source.fill(), ' ');
-    EXPECT_EQ(source.flags() & std::ios::basefield, std::ios::dec);
+    EXPECT_EQ(source.flags(), flags_of_a_new_stream);
+    EXPECT_EQ(source.width(), 0);
     EXPECT_EQ(source.precision(), 6);
     EXPECT_EQ(source.iword(slot), 0);
-    EXPECT_FALSE(source.eof());
+    EXPECT_EQ(source.rdstate(), std::ios::badbit) << "that of a stream without a buffer";
+}
+
+TEST_F(POFStreamMove, SourceLosesTextThatIsWrittenBeforeItIsOpened)
+{
+    POFStream source(path_, "state");
+    source << "one ";
+    const POFStream target(std::move(source));
+
+    source << "lost";
+    source.close();
+
+    EXPECT_EQ(read_file(file_), "one ");
 }
 
 TEST_F(POFStreamMove, TakesTheExceptionMaskAlong)
