@@ -1,0 +1,485 @@
+#include <quorval/runtime/testing.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+
+#include <quorval/log.h>
+#include <quorval/pstore.h>
+#include <quorval/runtime/tools.h>
+
+#include "loop/descriptor_ports.h"
+#include "loop/poller.h"
+#include "messages/context.h"
+#include "plugins/plugin.h"
+#include "plugins/search.h"
+#include "schedule/network.h"
+#include "schedule/wave.h"
+
+namespace Quorval {
+
+namespace {
+
+using runtime::ContextScope;
+using runtime::DescriptorPorts;
+using runtime::Network;
+using runtime::Plugin;
+using runtime::Poller;
+using runtime::Wave;
+
+constexpr std::uint32_t kBlock = 0;  // the only one of its network
+const InitTools kInitTools{"test", false};
+constexpr std::chrono::nanoseconds kNever{-1};
+
+class TemporaryDirectory {
+public:
+    TemporaryDirectory()
+    {
+        std::string path = std::filesystem::temp_directory_path() / "quorval-XXXXXX";
+        if (::mkdtemp(path.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(), "cannot make " + path);
+        }
+        path_ = path;
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    ~TemporaryDirectory()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+    /// As a store wants it: with a "/" at its end.
+    std::string store_path() const { return path_ + "/"; }
+
+private:
+    std::string path_;
+};
+
+class Recorder : public LogInstance {
+public:
+    explicit Recorder(std::vector<std::string>& messages)
+        : LogInstance(LOGLEVEL_DEBUG), messages_(messages)
+    {
+    }
+
+    void emit(loglevel /*level*/, const char* text, int /*length*/) override
+    {
+        messages_.emplace_back(text);
+    }
+
+private:
+    std::vector<std::string>& messages_;
+};
+
+/// An operation of the block: messages are kept, and know whose they are.
+class Operation {
+public:
+    Operation(const std::string& path, const char* name, std::vector<std::string>& messages)
+        : context_(path.c_str(), name),
+          sink_(std::exchange(loginstance, std::make_unique<Recorder>(messages)))
+    {
+    }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+    ~Operation() { loginstance = std::move(sink_); }
+
+private:
+    ContextScope context_;
+    std::unique_ptr<LogInstance> sink_;
+};
+
+/// The services of the block, and what it asked of them.
+class Tools final : public RuntimeTools {
+public:
+    explicit Tools(std::string path) : path_(std::move(path)) {}
+
+    const std::string& path() const override { return path_; }
+    std::chrono::nanoseconds now() const override { return now_; }
+    void request_run() override { is_asked_ = true; }
+    void run_at(std::chrono::nanoseconds time) override { time_ = time; }
+    void progress(std::uint64_t done, std::uint64_t total) override { progress_ = {done, total}; }
+    void stop(const std::string& reason) override { stop_reasons_.push_back(reason); }
+    sd_event* loop() override { return nullptr; }
+    sd_bus* bus() override { return nullptr; }
+
+    void advance(std::chrono::nanoseconds duration) { now_ += duration; }
+
+    /// Whether the block is due, which uses that up.
+    bool take_request()
+    {
+        const bool is_time = time_ >= std::chrono::nanoseconds::zero() && now_ >= time_;
+        if (is_time) {
+            time_ = kNever;
+        }
+        return is_asked_.exchange(false) || is_time;
+    }
+
+    const std::vector<std::string>& stop_reasons() const { return stop_reasons_; }
+    std::pair<std::uint64_t, std::uint64_t> last_progress() const { return progress_; }
+
+private:
+    std::string path_;
+    std::chrono::nanoseconds now_{0};
+    std::chrono::nanoseconds time_ = kNever;
+    std::atomic<bool> is_asked_{false};
+    std::pair<std::uint64_t, std::uint64_t> progress_;
+    std::vector<std::string> stop_reasons_;
+};
+
+/// Keeps what the block throws in a wave, to throw it again behind it.
+class Events final : public runtime::IWaveEvents {
+public:
+    void block_failed(std::uint32_t /*block*/, const std::string& /*text*/) override
+    {
+        failure_ = std::current_exception();
+    }
+    void block_is_done(std::uint32_t /*block*/) override {}
+
+    void rethrow()
+    {
+        if (failure_ != nullptr) {
+            std::rethrow_exception(std::exchange(failure_, nullptr));
+        }
+    }
+
+private:
+    std::exception_ptr failure_;
+};
+
+std::string find_plugin(const std::string& plugin)
+{
+    if (plugin.find('/') != std::string::npos) {
+        return plugin;
+    }
+    std::string searched;
+    for (const std::string& directory : runtime::plugin_directories({})) {
+        const std::string file = directory + "/" + plugin;
+        if (std::filesystem::exists(file)) {
+            return file;
+        }
+        searched += (searched.empty() ? "" : ":") + directory;
+    }
+    throw std::runtime_error("there is no plug-in '" + plugin + "' in " + searched);
+}
+
+/// An exception may be of a class of the plug-in, and the harness that holds the plug-in is gone
+/// before anybody looks at it.
+void keep_loaded(std::unique_ptr<Plugin> plugin)
+{
+    static std::vector<std::unique_ptr<Plugin>> kept;
+    kept.push_back(std::move(plugin));
+}
+
+[[noreturn]] void throw_wrong_type(const Port& port, const char* type)
+{
+    throw std::invalid_argument(port.get_name() + " has the type " +
+                                port.get_datatype().get_name() + ", not " + type);
+}
+
+[[noreturn]] void throw_not_started()
+{
+    throw std::logic_error("the block is not started");
+}
+
+/// A block in a network of its own, ready to be started.
+class Runner {
+public:
+    Runner(Block& block, const std::shared_ptr<Tools>& tools)
+        : network_{{{tools->path(), &block, false}}, {}},
+          ports_(network_),
+          wave_(network_, ports_, events_),
+          tools_(tools)
+    {
+        block.set_tools(tools);
+    }
+
+    /// Takes up the descriptor ports, which are there once the block is started.
+    void watch()
+    {
+        if (ports_.collect(kBlock)) {
+            wave_.has_descriptors(kBlock);
+        }
+        ports_.watch(kBlock, poller_);
+    }
+    void unwatch() { ports_.unwatch(kBlock); }
+
+    void visit() { wave_.visit(kBlock); }
+    void look_at_outputs() { wave_.look_at_outputs(kBlock); }
+
+    /// @param behind  called between the wave and the reset of the ports
+    template <class Behind>
+    bool run_wave(Behind behind)
+    {
+        for (const runtime::Ready& ready : poller_.wait(false)) {
+            wave_.visit(ports_.make_ready(ready));
+        }
+        if (tools_->take_request()) {
+            wave_.ask(kBlock);
+        }
+        ports_.begin_wave();
+        const std::uint64_t runs = wave_.runs(kBlock);
+        wave_.run();
+        behind();
+        wave_.reset();
+        if (wave_.is_done(kBlock)) {
+            unwatch();
+        }
+        events_.rethrow();
+        return wave_.runs(kBlock) > runs;
+    }
+
+    void make_ready(std::uint32_t number, FDEvent::EventMask mask)
+    {
+        wave_.visit(ports_.make_ready({number, mask.readable, mask.writable}));
+    }
+
+    bool is_done() const { return wave_.is_done(kBlock); }
+
+private:
+    Network network_;
+    Poller poller_;
+    DescriptorPorts ports_;
+    Events events_;
+    Wave wave_;
+    std::shared_ptr<Tools> tools_;
+};
+
+}  // namespace
+
+/// Destroyed from the last member to the first: the block goes before its plug-in, and before what
+/// it was fed.
+struct Harness::Impl {
+    TemporaryDirectory directory;
+    std::unique_ptr<Plugin> plugin;  // none for a block that the test has made
+    std::string type;
+    BlockConfiguration config;
+    BlockConfiguration overrides;  // all so far
+    std::vector<std::string> messages;
+    std::map<std::string, std::unique_ptr<OutPortInternal>> fed;
+    std::set<std::string> triggered;  // outputs
+    UniqueDlPtr<Container> container;
+    Block* block = nullptr;
+    std::shared_ptr<Tools> tools;
+    std::unique_ptr<Runner> runner;  // watches the ports of the block
+    bool is_started = false;
+
+    void create();
+    void adopt(UniqueDlPtr<Container> made);
+    void note_outputs();
+    std::uint32_t number_of(const FdPort& port) const;
+};
+
+void Harness::Impl::create()
+{
+    const Operation operation(type, "setup", messages);
+    adopt(plugin->create(type, type, config));
+}
+
+void Harness::Impl::adopt(UniqueDlPtr<Container> made)
+{
+    container = std::move(made);
+    const std::vector<Block*> blocks = container->get_blocks();
+    if (blocks.size() != 1) {
+        throw std::runtime_error(container->get_name() + " is not a plain block");
+    }
+    block = blocks.front();
+    tools = std::make_shared<Tools>(block->get_name());
+    runner = std::make_unique<Runner>(*block, tools);
+}
+
+void Harness::Impl::note_outputs()
+{
+    triggered.clear();
+    for (const auto& [name, datatype] : block->get_outports_info()) {
+        if (block->get_outport(name).second.is_triggered()) {
+            triggered.insert(name);
+        }
+    }
+}
+
+/// Descriptor ports are numbered by name.
+std::uint32_t Harness::Impl::number_of(const FdPort& port) const
+{
+    std::vector<std::string> names = block->get_fdport_names();
+    std::sort(names.begin(), names.end());
+    const auto at = std::find(names.begin(), names.end(), port.get_name());
+    return static_cast<std::uint32_t>(at - names.begin());
+}
+
+Harness::Harness(const std::string& plugin, const std::string& type,
+                 const BlockConfiguration& config)
+    : impl_(std::make_unique<Impl>())
+{
+    impl_->plugin = std::make_unique<Plugin>(find_plugin(plugin), kInitTools);
+    if (!impl_->plugin->has_type(type)) {
+        throw std::runtime_error("plug-in '" + plugin + "' has no block type '" + type + "'");
+    }
+    impl_->type = type;
+    impl_->config = BlockConfiguration{{"pstore_path", impl_->directory.store_path()}} + config;
+    try {
+        impl_->create();
+    } catch (...) {
+        keep_loaded(std::move(impl_->plugin));
+        throw;
+    }
+}
+
+Harness::Harness(std::unique_ptr<Block> block) : impl_(std::make_unique<Impl>())
+{
+    if (block->pstore().get_path().empty()) {
+        block->pstore().set_path(impl_->directory.store_path());
+    }
+    impl_->adopt(UniqueDlPtr<Container>(nullptr, std::move(block)));
+}
+
+Harness::~Harness()
+{
+    impl_->runner->unwatch();
+}
+
+void Harness::start()
+{
+    if (impl_->is_started) {
+        throw std::logic_error("the block is started already");
+    }
+    {
+        const Operation operation(impl_->tools->path(), "start", impl_->messages);
+        impl_->block->start();
+    }
+    impl_->is_started = true;
+    impl_->runner->watch();
+    impl_->runner->look_at_outputs();
+    impl_->note_outputs();
+}
+
+void Harness::stop()
+{
+    if (!impl_->is_started) {
+        throw_not_started();
+    }
+    impl_->is_started = false;
+    impl_->runner->unwatch();
+    const Operation operation(impl_->tools->path(), "stop", impl_->messages);
+    impl_->block->stop();
+}
+
+void Harness::restart()
+{
+    if (impl_->plugin == nullptr) {
+        throw std::logic_error("a block that was handed over cannot be made again");
+    }
+    if (impl_->is_started) {
+        stop();
+    }
+    impl_->runner.reset();
+    impl_->container = {};
+    impl_->fed.clear();
+    impl_->triggered.clear();
+    impl_->overrides = {};
+    impl_->create();
+}
+
+bool Harness::step()
+{
+    if (!impl_->is_started) {
+        throw_not_started();
+    }
+    const Operation operation(impl_->tools->path(), "run", impl_->messages);
+    return impl_->runner->run_wave([this] { impl_->note_outputs(); });
+}
+
+bool Harness::is_triggered(const std::string& port) const
+{
+    impl_->block->get_outport(port);
+    return impl_->triggered.count(port) > 0;
+}
+
+void Harness::make_ready(const std::string& port)
+{
+    for (FdPort* candidate : impl_->block->get_fdports()) {
+        if (candidate->get_name() != port) {
+            continue;
+        }
+        if (auto* const event_port = dynamic_cast<EventPort*>(candidate)) {
+            event_port->fire();
+        } else {
+            impl_->runner->make_ready(impl_->number_of(*candidate), candidate->get_eventmask());
+        }
+        return;
+    }
+    throw std::out_of_range("the block has no descriptor port '" + port + "'");
+}
+
+void Harness::advance(std::chrono::nanoseconds duration)
+{
+    impl_->tools->advance(duration);
+}
+
+void Harness::reconfigure(const BlockConfiguration& override)
+{
+    const Operation operation(impl_->tools->path(), "reconfigure", impl_->messages);
+    const BlockConfiguration overrides = impl_->overrides + override;
+    impl_->block->override_config(overrides);
+    impl_->overrides = overrides;
+    impl_->runner->look_at_outputs();
+    impl_->note_outputs();
+}
+
+bool Harness::is_done() const
+{
+    return impl_->runner->is_done();
+}
+
+const std::vector<std::string>& Harness::stop_reasons() const
+{
+    return impl_->tools->stop_reasons();
+}
+
+std::pair<std::uint64_t, std::uint64_t> Harness::progress() const
+{
+    return impl_->tools->last_progress();
+}
+
+const std::vector<std::string>& Harness::messages() const
+{
+    return impl_->messages;
+}
+
+Block& Harness::block()
+{
+    return *impl_->block;
+}
+
+void Harness::feed_port(const std::string& port, std::unique_ptr<OutPortInternal> output)
+{
+    InPortInternal& input = *impl_->block->get_inport(port).front().second.get_connectable();
+    const Datatype& type = output->get_datatype();
+    if (!input.get_datatype().is_assignable_from(type)) {
+        throw_wrong_type(input, type.get_name().c_str());
+    }
+    input.update(*output);
+    impl_->runner->visit();
+    impl_->fed[port] = std::move(output);
+}
+
+const void* Harness::get_output(const std::string& port, const char* type) const
+{
+    OutPortInternal& output = impl_->block->get_outport(port).second;
+    if (output.get_datatype() != Datatype(type)) {
+        throw_wrong_type(output, type);
+    }
+    if (output.get_data() == nullptr) {
+        throw std::runtime_error(port + " has no value");
+    }
+    return output.get_data();
+}
+
+}  // namespace Quorval
