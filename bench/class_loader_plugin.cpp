@@ -1,6 +1,6 @@
-#include <class_loader/register_macro.hpp>
-
 #include "class_loader_member.h"
+
+#include <class_loader/register_macro.hpp>
 
 namespace quorval_bench {
 

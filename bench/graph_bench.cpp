@@ -11,16 +11,16 @@
 #include <gst/gst.h>
 #endif
 #ifdef QUORVAL_BENCH_HAS_CLASS_LOADER
-#include <class_loader/class_loader.hpp>
-#include <map>
-
 #include "class_loader_member.h"
+
+#include <class_loader/class_loader.hpp>
+
+#include <map>
 #endif
 
 #include <quorval/block.h>
 #include <quorval/config.h>
 #include <quorval/superblock.h>
-
 #include "harness.h"
 #include "plugins.h"
 

@@ -1,5 +1,12 @@
 #include "harness.h"
 
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -10,13 +17,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-
-#include <malloc.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <benchmark/benchmark.h>
 
 namespace quorval_bench {
 

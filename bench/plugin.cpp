@@ -1,11 +1,11 @@
 // A plug-in with the least block that can stand in a chain.
 
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+
 #include <memory>
 #include <string>
 #include <utility>
-
-#include <quorval/block.h>
-#include <quorval/pluginloader.h>
 
 namespace {
 

@@ -1,5 +1,7 @@
 // Loading plug-ins.
 
+#include <dlfcn.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
@@ -12,12 +14,10 @@
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
-
 #ifdef QUORVAL_BENCH_HAS_CLASS_LOADER
-#include <class_loader/class_loader.hpp>
-
 #include "class_loader_member.h"
+
+#include <class_loader/class_loader.hpp>
 #endif
 
 #include "harness.h"

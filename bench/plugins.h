@@ -1,10 +1,10 @@
 // The plug-in of the benchmarks, and what its loader asks of an application.
 #pragma once
 
+#include <quorval/pluginloader.h>
+
 #include <memory>
 #include <string>
-
-#include <quorval/pluginloader.h>
 
 namespace Quorval {
 

@@ -1,5 +1,11 @@
 // What an application does with ports in each turn of its loop, and a message that nobody reads.
 
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
@@ -10,12 +16,6 @@
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <benchmark/benchmark.h>
-
 #ifdef QUORVAL_BENCH_HAS_GLIB
 #include <glib.h>
 #endif
@@ -23,7 +23,6 @@
 #include <quorval/block.h>
 #include <quorval/log.h>
 #include <quorval/port.h>
-
 #include "harness.h"
 #include "workload.h"
 

@@ -1,14 +1,14 @@
 // The configurations that the benchmarks are run with, and their counterparts in other libraries.
 #pragma once
 
+#include <quorval/config.h>
+
 #include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
 #include <variant>
 #include <vector>
-
-#include <quorval/config.h>
 
 namespace quorval_bench {
 

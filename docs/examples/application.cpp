@@ -1,4 +1,12 @@
 // The application of the page on writing an application: `application STORE_DIRECTORY`.
+#include <quorval/fdevent.h>
+#include <quorval/log.h>
+#include <quorval/pluginloader.h>
+#include <quorval/superblock.h>
+#include "tools.h"
+
+#include <poll.h>
+
 #include <algorithm>
 #include <exception>
 #include <iostream>
@@ -6,15 +14,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <poll.h>
-
-#include <quorval/fdevent.h>
-#include <quorval/log.h>
-#include <quorval/pluginloader.h>
-#include <quorval/superblock.h>
-
-#include "tools.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
 // The program of the page on configurations: does what the page says, and checks that it is so.
 // Returns 1 when something is not.
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+
 #include <cmath>
 #include <iomanip>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
 
 using namespace Quorval;
 

@@ -1,16 +1,15 @@
 // The plug-in of the page on writing a plug-in.
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+#include <quorval/pstore.h>
+#include "tools.h"
+
 #include <cmath>
 #include <ios>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include <quorval/block.h>
-#include <quorval/pluginloader.h>
-#include <quorval/pstore.h>
-
-#include "tools.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The interface of the page on the binary interface: old blocks do not have it, new ones do.
+#include <quorval/block.h>
+
 #include <iostream>
 #include <memory>
-
-#include <quorval/block.h>
 
 using namespace Quorval;
 

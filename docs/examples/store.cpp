@@ -1,9 +1,9 @@
 // The program of the page on store files: `store DIRECTORY/` writes a file and reads it back.
-#include <iostream>
-#include <string>
-
 #include <quorval/config.h>
 #include <quorval/pstore.h>
+
+#include <iostream>
+#include <string>
 
 using namespace Quorval;
 

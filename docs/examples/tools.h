@@ -1,11 +1,11 @@
 // What an application offers to its blocks. Its plug-ins are compiled with the same header.
 #pragma once
 
-#include <functional>
-#include <string>
-
 #include <quorval/block.h>
 #include <quorval/pluginloader.h>
+
+#include <functional>
+#include <string>
 
 /// What a block may use while it is created.
 struct Quorval::InitTools {

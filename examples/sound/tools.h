@@ -2,12 +2,12 @@
 // plug-in are built with the same definition.
 #pragma once
 
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
-
-#include <quorval/block.h>
-#include <quorval/pluginloader.h>
 
 namespace Quorval {
 

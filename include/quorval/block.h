@@ -1,18 +1,18 @@
 // The base class of all processing units, and what blocks and superblocks have in common.
 #pragma once
 
+#include <quorval/config.h>
+#include <quorval/datatype.h>
+#include <quorval/export.h>
+#include <quorval/fdevent.h>
+#include <quorval/port.h>
+
 #include <memory>
 #include <string>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <quorval/config.h>
-#include <quorval/datatype.h>
-#include <quorval/export.h>
-#include <quorval/fdevent.h>
-#include <quorval/port.h>
 
 struct sd_bus_vtable;
 

@@ -1,10 +1,10 @@
 // The type name of a port.
 #pragma once
 
+#include <quorval/export.h>
+
 #include <cstddef>
 #include <string>
-
-#include <quorval/export.h>
 
 namespace Quorval {
 

@@ -1,11 +1,11 @@
 // Shared objects that are loaded at run time, and pointers that keep them loaded.
 #pragma once
 
+#include <quorval/export.h>
+
 #include <memory>
 #include <string>
 #include <utility>
-
-#include <quorval/export.h>
 
 namespace Quorval {
 

@@ -1,9 +1,9 @@
 // Registrations of file descriptors in the event loop of the application.
 #pragma once
 
-#include <functional>
-
 #include <quorval/export.h>
+
+#include <functional>
 
 namespace Quorval {
 

@@ -1,14 +1,14 @@
 // Diagnostics: levels, the process-wide sink and the stream-style message builder.
 #pragma once
 
+#include <quorval/export.h>
+
 #include <cstdarg>
 #include <memory>
 #include <ostream>
 #include <sstream>
 #include <type_traits>
 #include <utility>
-
-#include <quorval/export.h>
 
 /// How severe a message is: the lower, the more severe. The library itself writes warnings and
 /// informational notes.

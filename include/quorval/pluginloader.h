@@ -1,15 +1,15 @@
 // Loading plug-ins and creating blocks of the types that they offer.
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <string>
-#include <tuple>
-
 #include <quorval/block.h>
 #include <quorval/config.h>
 #include <quorval/dlloader.h>
 #include <quorval/export.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <tuple>
 
 namespace Quorval {
 

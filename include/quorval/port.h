@@ -1,14 +1,14 @@
 // The connection points of a block: typed inputs and outputs, and ports on file descriptors.
 #pragma once
 
+#include <quorval/datatype.h>
+#include <quorval/export.h>
+#include <quorval/fdevent.h>
+
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include <quorval/datatype.h>
-#include <quorval/export.h>
-#include <quorval/fdevent.h>
 
 namespace Quorval {
 

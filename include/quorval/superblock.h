@@ -1,17 +1,17 @@
 // A container of blocks, the connections between them, and the ports that it shows outside.
 #pragma once
 
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/dlloader.h>
+#include <quorval/export.h>
+
 #include <memory>
 #include <string>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/dlloader.h>
-#include <quorval/export.h>
 
 namespace Quorval {
 

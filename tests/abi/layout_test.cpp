@@ -3,6 +3,11 @@
 #include <quorval/pluginloader.h>
 #include <quorval/pstore.h>
 #include <quorval/superblock.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
 
 #include <cstddef>
 #include <cstring>
@@ -14,12 +19,6 @@
 #include <sstream>
 #include <string>
 #include <utility>
-
-#include <dlfcn.h>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 using namespace Quorval;
 

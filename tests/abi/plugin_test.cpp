@@ -1,6 +1,9 @@
 // Plug-ins that were built against the installed headers.
 #include <quorval/pluginloader.h>
 #include <quorval/superblock.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <filesystem>
@@ -8,10 +11,6 @@
 #include <string>
 #include <tuple>
 #include <utility>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 using Quorval::Block;
 using Quorval::BlockConfiguration;

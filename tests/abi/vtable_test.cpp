@@ -8,6 +8,13 @@
 #include <quorval/port.h>
 #include <quorval/pstore.h>
 #include <quorval/superblock.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <link.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -17,14 +24,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <cxxabi.h>
-#include <dlfcn.h>
-#include <link.h>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 using namespace Quorval;
 

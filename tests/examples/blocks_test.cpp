@@ -1,4 +1,11 @@
 // The blocks of the sound plug-in, driven by hand.
+#include <quorval/pluginloader.h>
+#include <quorval/pstore.h>
+#include "examples/recording.h"
+#include "plugin/samples.h"
+#include "support/support.h"
+#include "tools.h"
+
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
@@ -9,14 +16,6 @@
 #include <tuple>
 #include <utility>
 #include <vector>
-
-#include <quorval/pluginloader.h>
-#include <quorval/pstore.h>
-
-#include "examples/recording.h"
-#include "plugin/samples.h"
-#include "support/support.h"
-#include "tools.h"
 
 namespace {
 

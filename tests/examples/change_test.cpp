@@ -1,15 +1,15 @@
 #include "host/change.h"
 
+#include "support/support.h"
+
+#include <unistd.h>
+
 #include <cerrno>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
-
-#include <unistd.h>
-
-#include "support/support.h"
 
 namespace {
 

@@ -1,5 +1,13 @@
 #include "host/event_loop.h"
 
+#include <quorval/block.h>
+#include <quorval/port.h>
+#include "support/support.h"
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdint>
 #include <memory>
@@ -8,15 +16,6 @@
 #include <system_error>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <quorval/block.h>
-#include <quorval/port.h>
-
-#include "support/support.h"
 
 namespace {
 

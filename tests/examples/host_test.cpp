@@ -1,4 +1,14 @@
 // The host of the sound example, run as its users run it.
+#include "examples/recording.h"
+#include "support/support.h"
+
+#include <fcntl.h>
+#include <pty.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -11,16 +21,6 @@
 #include <system_error>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <pty.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "examples/recording.h"
-#include "support/support.h"
 
 extern char** environ;
 

@@ -1,11 +1,11 @@
 // Sound files for the tests of the sound example.
 #pragma once
 
+#include <sndfile.h>
+
 #include <cstddef>
 #include <filesystem>
 #include <vector>
-
-#include <sndfile.h>
 
 namespace quorval_test {
 

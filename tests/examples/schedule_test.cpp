@@ -1,15 +1,14 @@
 #include "host/schedule.h"
 
+#include <quorval/superblock.h>
+#include "support/support.h"
+
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <quorval/superblock.h>
-
-#include "support/support.h"
 
 namespace {
 

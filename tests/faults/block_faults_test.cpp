@@ -1,22 +1,22 @@
+#include <quorval/block.h>
+#include <quorval/datatype.h>
+#include <quorval/fdevent.h>
+#include <quorval/port.h>
+#include <quorval/pstore.h>
+#include "faults/faults.h"
+
+#include <systemd/sd-bus.h>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/eventfd.h>
-#include <systemd/sd-bus.h>
-#include <unistd.h>
-
-#include <quorval/block.h>
-#include <quorval/datatype.h>
-#include <quorval/fdevent.h>
-#include <quorval/port.h>
-#include <quorval/pstore.h>
-
-#include "faults/faults.h"
 
 namespace Quorval {
 

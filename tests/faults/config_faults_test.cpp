@@ -1,3 +1,8 @@
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "config/value.h"
+#include "faults/faults.h"
+
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -6,12 +11,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "config/value.h"
-#include "faults/faults.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "faults/faults.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <exception>
 #include <limits>
 #include <sstream>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace quorval_test {
 

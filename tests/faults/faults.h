@@ -1,6 +1,12 @@
 // Running an operation out of memory at each of its allocations in turn.
 #pragma once
 
+#include <quorval/config.h>
+#include "support/allocations.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <functional>
 #include <ios>
@@ -11,13 +17,6 @@
 #include <typeinfo>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-
-#include "support/allocations.h"
-#include "support/support.h"
 
 namespace quorval_test {
 

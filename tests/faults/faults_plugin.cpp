@@ -1,12 +1,12 @@
 // A plug-in of which the tests let the allocations fail.
-#include <memory>
-#include <stdexcept>
-#include <string>
-
 #include <quorval/block.h>
 #include <quorval/datatype.h>
 #include <quorval/pluginloader.h>
 #include <quorval/port.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
 
 namespace {
 

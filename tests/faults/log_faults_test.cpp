@@ -1,10 +1,9 @@
+#include <quorval/log.h>
+#include "faults/faults.h"
+
 #include <csignal>
 #include <memory>
 #include <string>
-
-#include <quorval/log.h>
-
-#include "faults/faults.h"
 
 namespace {
 

@@ -1,5 +1,16 @@
 // Lets malloc fail, for those who do not allocate with operator new: the C library where it formats
 // a message, opens a file or loads a library, and the making of an exception.
+#include <quorval/config.h>
+#include <quorval/dlloader.h>
+#include <quorval/log.h>
+#include <quorval/pstore.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <exception>
@@ -9,18 +20,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-#include <quorval/dlloader.h>
-#include <quorval/log.h>
-#include <quorval/pstore.h>
-
-#include "support/support.h"
 
 // What malloc is in the C library, under a name that stays reachable when a program replaces it.
 extern "C" void* __libc_malloc(std::size_t size);                     // NOLINT

@@ -1,15 +1,14 @@
+#include <quorval/block.h>
+#include <quorval/dlloader.h>
+#include <quorval/pluginloader.h>
+#include <quorval/superblock.h>
+#include "faults/faults.h"
+
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
-
-#include <quorval/block.h>
-#include <quorval/dlloader.h>
-#include <quorval/pluginloader.h>
-#include <quorval/superblock.h>
-
-#include "faults/faults.h"
 
 namespace Quorval {
 

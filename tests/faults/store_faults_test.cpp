@@ -1,3 +1,8 @@
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "faults/faults.h"
+#include "store/path.h"
+
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -6,12 +11,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "faults/faults.h"
-#include "store/path.h"
 
 namespace {
 

@@ -1,3 +1,8 @@
+#include <quorval/block.h>
+#include <quorval/pstore.h>
+#include <quorval/superblock.h>
+#include "faults/faults.h"
+
 #include <map>
 #include <memory>
 #include <sstream>
@@ -5,12 +10,6 @@
 #include <string>
 #include <tuple>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/pstore.h>
-#include <quorval/superblock.h>
-
-#include "faults/faults.h"
 
 namespace {
 

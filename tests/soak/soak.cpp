@@ -5,6 +5,15 @@
 //
 // runs 100,000 loads and unloads of a plug-in, a million stores and loads of a configuration and a
 // million event cycles, or a DIVISOR-th of each.
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/pluginloader.h>
+#include <quorval/pstore.h>
+#include "support/allocations.h"
+#include "support/support.h"
+
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -15,16 +24,6 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
-
-#include <unistd.h>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/pluginloader.h>
-#include <quorval/pstore.h>
-
-#include "support/allocations.h"
-#include "support/support.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define QUORVAL_SOAK_SANITIZED 1

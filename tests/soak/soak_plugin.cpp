@@ -1,10 +1,10 @@
 // The plug-in that the soak loads and unloads.
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+
 #include <memory>
 #include <string>
 #include <utility>
-
-#include <quorval/block.h>
-#include <quorval/pluginloader.h>
 
 namespace {
 

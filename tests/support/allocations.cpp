@@ -1,11 +1,11 @@
 #include "support/allocations.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <limits>
 #include <new>
-
-#include <malloc.h>
 
 namespace quorval_test {
 

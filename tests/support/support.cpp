@@ -1,5 +1,8 @@
 #include "support/support.h"
 
+#include <dirent.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -7,9 +10,6 @@
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
-
-#include <dirent.h>
-#include <unistd.h>
 
 namespace quorval_test {
 

@@ -1,6 +1,10 @@
 // What the tests of all folders share.
 #pragma once
 
+#include <quorval/log.h>
+
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -8,10 +12,6 @@
 #include <typeinfo>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/log.h>
 
 namespace quorval_test {
 

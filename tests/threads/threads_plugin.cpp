@@ -1,12 +1,12 @@
 // A plug-in whose blocks come and go on many threads.
-#include <memory>
-#include <string>
-#include <utility>
-
 #include <quorval/block.h>
 #include <quorval/datatype.h>
 #include <quorval/pluginloader.h>
 #include <quorval/port.h>
+
+#include <memory>
+#include <string>
+#include <utility>
 
 namespace {
 

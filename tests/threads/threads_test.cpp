@@ -1,3 +1,14 @@
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/log.h>
+#include <quorval/pluginloader.h>
+#include <quorval/port.h>
+#include <quorval/pstore.h>
+#include <quorval/superblock.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <exception>
 #include <functional>
@@ -9,18 +20,6 @@
 #include <tuple>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/log.h>
-#include <quorval/pluginloader.h>
-#include <quorval/port.h>
-#include <quorval/pstore.h>
-#include <quorval/superblock.h>
-
-#include "support/support.h"
 
 namespace Quorval {
 

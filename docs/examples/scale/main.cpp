@@ -1,7 +1,7 @@
-#include <iostream>
-
 #include <quorval/pluginloader.h>
 #include <quorval/superblock.h>
+
+#include <iostream>
 
 using namespace Quorval;
 

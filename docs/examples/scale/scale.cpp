@@ -1,9 +1,9 @@
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+
 #include <memory>
 #include <string>
 #include <utility>
-
-#include <quorval/block.h>
-#include <quorval/pluginloader.h>
 
 using namespace Quorval;
 

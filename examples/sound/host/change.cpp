@@ -1,5 +1,7 @@
 #include "change.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -7,8 +9,6 @@
 #include <stdexcept>
 #include <system_error>
 #include <vector>
-
-#include <unistd.h>
 
 namespace host {
 

@@ -1,9 +1,9 @@
 // Changes of running blocks, as lines of text.
 #pragma once
 
-#include <string>
-
 #include <quorval/config.h>
+
+#include <string>
 
 namespace host {
 

@@ -1,11 +1,11 @@
 #include "console.h"
 
-#include <iostream>
-#include <memory>
+#include <quorval/log.h>
 
 #include <unistd.h>
 
-#include <quorval/log.h>
+#include <iostream>
+#include <memory>
 
 namespace host {
 

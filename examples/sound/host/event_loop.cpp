@@ -1,10 +1,10 @@
 #include "event_loop.h"
 
+#include <sys/epoll.h>
+
 #include <cerrno>
 #include <system_error>
 #include <utility>
-
-#include <sys/epoll.h>
 
 namespace host {
 

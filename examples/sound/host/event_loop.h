@@ -1,15 +1,15 @@
 // The event loop of the host, on sd-event.
 #pragma once
 
+#include <quorval/fdevent.h>
+
+#include <systemd/sd-event.h>
+
 #include <cstdint>
 #include <exception>
 #include <functional>
 #include <map>
 #include <memory>
-
-#include <systemd/sd-event.h>
-
-#include <quorval/fdevent.h>
 
 namespace host {
 

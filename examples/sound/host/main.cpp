@@ -1,9 +1,20 @@
 // quorval-sound: an application in small. It loads the plug-in, builds a graph, wires it and runs
 // it on an event loop.
-#include <csignal>
-#include <cstdlib>
+#include <quorval/pluginloader.h>
+#include <quorval/superblock.h>
+#include "../tools.h"
+#include "change.h"
+#include "console.h"
+#include "event_loop.h"
+#include "options.h"
+#include "schedule.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -12,19 +23,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <quorval/pluginloader.h>
-#include <quorval/superblock.h>
-
-#include "../tools.h"
-#include "change.h"
-#include "console.h"
-#include "event_loop.h"
-#include "options.h"
-#include "schedule.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include "options.h"
 
+#include <CLI/CLI.hpp>
+
 #include <filesystem>
 #include <iostream>
-
-#include <CLI/CLI.hpp>
 
 namespace host {
 

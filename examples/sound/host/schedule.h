@@ -1,9 +1,9 @@
 // The order in which the blocks of a graph run, and the wiring between them.
 #pragma once
 
-#include <vector>
-
 #include <quorval/block.h>
+
+#include <vector>
 
 namespace host {
 

@@ -1,17 +1,16 @@
 // The block types of the plug-in.
 #pragma once
 
+#include <quorval/block.h>
+#include "../tools.h"
+#include "samples.h"
+
+#include <sndfile.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <sndfile.h>
-
-#include <quorval/block.h>
-
-#include "../tools.h"
-#include "samples.h"
 
 namespace sound {
 

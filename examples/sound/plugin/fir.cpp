@@ -1,8 +1,8 @@
-#include <algorithm>
-#include <utility>
-
 #include "blocks.h"
 #include "settings.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace sound {
 

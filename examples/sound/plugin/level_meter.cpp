@@ -1,17 +1,15 @@
-#include <cmath>
+#include <quorval/pstore.h>
+#include "blocks.h"
+#include "settings.h"
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
-
-#include <quorval/pstore.h>
-
-#include "blocks.h"
-#include "settings.h"
 
 namespace sound {
 

@@ -1,11 +1,10 @@
 // The entry point of the plug-in: the block types that it offers.
+#include <quorval/pluginloader.h>
+#include "blocks.h"
+
 #include <memory>
 #include <string>
 #include <utility>
-
-#include <quorval/pluginloader.h>
-
-#include "blocks.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // What the ports of the sound blocks carry.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include <quorval/block.h>
 #include <quorval/port.h>
+
+#include <string>
+#include <vector>
 
 namespace sound {
 

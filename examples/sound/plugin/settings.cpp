@@ -1,12 +1,12 @@
 #include "settings.h"
 
+#include <quorval/log.h>
+
 #include <algorithm>
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
-
-#include <quorval/log.h>
 
 namespace sound {
 

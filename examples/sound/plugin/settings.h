@@ -1,10 +1,10 @@
 // Reading the configuration of a block, and saying clearly what is wrong with it.
 #pragma once
 
+#include <quorval/config.h>
+
 #include <string>
 #include <vector>
-
-#include <quorval/config.h>
 
 namespace sound {
 

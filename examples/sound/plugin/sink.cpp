@@ -1,3 +1,10 @@
+#include <quorval/log.h>
+#include "blocks.h"
+#include "settings.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -9,14 +16,6 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <quorval/log.h>
-
-#include "blocks.h"
-#include "settings.h"
 
 namespace sound {
 

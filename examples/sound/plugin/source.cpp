@@ -1,15 +1,13 @@
-#include <cmath>
+#include <quorval/log.h>
+#include "blocks.h"
+#include "settings.h"
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
-
-#include <quorval/log.h>
-
-#include "blocks.h"
-#include "settings.h"
 
 namespace sound {
 

@@ -1,15 +1,15 @@
-#include <quorval/block.h>
+#include "quorval/block.h"
+
+#include <quorval/log.h>
+#include <quorval/pstore.h>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <quorval/log.h>
-#include <quorval/pstore.h>
 
 namespace Quorval {
 

@@ -1,4 +1,4 @@
-#include <quorval/datatype.h>
+#include "quorval/datatype.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,11 +1,11 @@
+#include <quorval/port.h>
+
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <string>
 #include <system_error>
-
-#include <unistd.h>
-
-#include <quorval/port.h>
 
 namespace Quorval {
 

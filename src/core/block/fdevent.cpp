@@ -1,4 +1,4 @@
-#include <quorval/fdevent.h>
+#include "quorval/fdevent.h"
 
 #include <stdexcept>
 #include <string>

@@ -1,4 +1,4 @@
-#include <quorval/port.h>
+#include "quorval/port.h"
 
 #include <stdexcept>
 #include <string>

@@ -1,12 +1,12 @@
-#include <quorval/log.h>
+#include "quorval/log.h"
+
+#include <cxxabi.h>
+#include <pthread.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-
-#include <cxxabi.h>
-#include <pthread.h>
 
 namespace {
 

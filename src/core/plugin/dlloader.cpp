@@ -1,11 +1,11 @@
-#include <quorval/dlloader.h>
+#include "quorval/dlloader.h"
 
-#include <stdexcept>
-#include <string>
+#include <quorval/log.h>
 
 #include <dlfcn.h>
 
-#include <quorval/log.h>
+#include <stdexcept>
+#include <string>
 
 namespace Quorval {
 

@@ -1,4 +1,6 @@
-#include <quorval/pluginloader.h>
+#include "quorval/pluginloader.h"
+
+#include "store/path.h"
 
 #include <array>
 #include <charconv>
@@ -9,8 +11,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include "store/path.h"
 
 namespace Quorval {
 

@@ -1,4 +1,6 @@
-#include <quorval/superblock.h>
+#include "quorval/superblock.h"
+
+#include <quorval/pstore.h>
 
 #include <algorithm>
 #include <map>
@@ -6,8 +8,6 @@
 #include <string>
 #include <type_traits>
 #include <utility>
-
-#include <quorval/pstore.h>
 
 namespace Quorval {
 

@@ -1,4 +1,17 @@
-#include <quorval/block.h>
+#include "quorval/block.h"
+
+#include <quorval/pstore.h>
+#include "fake_updater.h"
+#include "runtime_tools.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -14,19 +27,6 @@
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <systemd/sd-bus.h>
-#include <unistd.h>
-
-#include <quorval/pstore.h>
-
-#include "fake_updater.h"
-#include "runtime_tools.h"
-#include "support/support.h"
 
 namespace {
 

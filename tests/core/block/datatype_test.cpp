@@ -1,13 +1,13 @@
-#include <quorval/datatype.h>
+#include "quorval/datatype.h"
+
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 namespace {
 

@@ -1,3 +1,14 @@
+#include <quorval/port.h>
+#include "fake_updater.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -9,17 +20,6 @@
 #include <type_traits>
 #include <typeinfo>
 #include <vector>
-
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <quorval/port.h>
-
-#include "fake_updater.h"
-#include "support/support.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // An event loop that records what it is told.
 #pragma once
 
+#include <quorval/fdevent.h>
+
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <quorval/fdevent.h>
 
 namespace quorval_test {
 

@@ -1,4 +1,9 @@
-#include <quorval/fdevent.h>
+#include "quorval/fdevent.h"
+
+#include "fake_updater.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <functional>
@@ -9,11 +14,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fake_updater.h"
-#include "support/support.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 // What runs in every cycle of an application allocates nothing.
 
-#include <memory>
-#include <string>
-
-#include <gtest/gtest.h>
-#include <sys/eventfd.h>
-
 #include <quorval/block.h>
 #include <quorval/port.h>
-
 #include "support/allocations.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/eventfd.h>
+
+#include <memory>
+#include <string>
 
 namespace {
 

@@ -1,4 +1,9 @@
-#include <quorval/port.h>
+#include "quorval/port.h"
+
+#include "fake_updater.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <memory>
@@ -7,11 +12,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "fake_updater.h"
-#include "support/support.h"
 
 namespace {
 

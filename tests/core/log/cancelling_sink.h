@@ -1,13 +1,13 @@
 // Threads that are cancelled while they log.
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <utility>
+#include <quorval/log.h>
 
 #include <pthread.h>
 
-#include <quorval/log.h>
+#include <functional>
+#include <memory>
+#include <utility>
 
 namespace quorval_test {
 

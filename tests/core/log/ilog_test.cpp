@@ -1,4 +1,10 @@
 #include <quorval/log.h>
+#include "cancelling_sink.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
 
 #include <complex>
 #include <cstdint>
@@ -14,12 +20,6 @@
 #include <system_error>
 #include <type_traits>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <pthread.h>
-
-#include "cancelling_sink.h"
-#include "support/support.h"
 
 namespace user {
 

@@ -1,4 +1,9 @@
-#include <quorval/log.h>
+#include "quorval/log.h"
+
+#include "cancelling_sink.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <climits>
 #include <cstdarg>
@@ -12,11 +17,6 @@
 #include <typeinfo>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "cancelling_sink.h"
-#include "support/support.h"
 
 namespace {
 

@@ -1,4 +1,11 @@
-#include <quorval/dlloader.h>
+#include "quorval/dlloader.h"
+
+#include "process_map.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
 
 #include <filesystem>
 #include <memory>
@@ -6,12 +13,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include "process_map.h"
-#include "support/support.h"
 
 namespace {
 

@@ -1,4 +1,11 @@
-#include <quorval/pluginloader.h>
+#include "quorval/pluginloader.h"
+
+#include <quorval/superblock.h>
+#include "fixtures/fixture.h"
+#include "process_map.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
@@ -23,14 +30,6 @@
 #include <typeinfo>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/superblock.h>
-
-#include "fixtures/fixture.h"
-#include "process_map.h"
-#include "support/support.h"
 
 namespace {
 

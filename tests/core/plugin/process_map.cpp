@@ -1,9 +1,9 @@
 #include "process_map.h"
 
+#include <dlfcn.h>
+
 #include <fstream>
 #include <stdexcept>
-
-#include <dlfcn.h>
 
 #if defined(__SANITIZE_THREAD__)
 #define QUORVAL_TEST_WITH_THREAD_SANITIZER

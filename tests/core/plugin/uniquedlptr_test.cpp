@@ -1,18 +1,17 @@
+#include <quorval/block.h>
+#include <quorval/dlloader.h>
+#include <quorval/log.h>
+#include <quorval/superblock.h>
+#include "process_map.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/block.h>
-#include <quorval/dlloader.h>
-#include <quorval/log.h>
-#include <quorval/superblock.h>
-
-#include "process_map.h"
-#include "support/support.h"
 
 namespace {
 

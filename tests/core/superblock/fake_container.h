@@ -1,13 +1,13 @@
 // Containers that record what is asked of them.
 #pragma once
 
+#include <quorval/block.h>
+
 #include <functional>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <quorval/block.h>
 
 namespace quorval_test {
 

@@ -1,14 +1,13 @@
 // Members whose classes were compiled without type information, by both compilers.
-#include <string>
-#include <tuple>
-#include <vector>
+#include <quorval/pluginloader.h>
+#include <quorval/superblock.h>
+#include "support/support.h"
 
 #include <gtest/gtest.h>
 
-#include <quorval/pluginloader.h>
-#include <quorval/superblock.h>
-
-#include "support/support.h"
+#include <string>
+#include <tuple>
+#include <vector>
 
 struct Quorval::InitTools {};
 

@@ -1,4 +1,11 @@
-#include <quorval/superblock.h>
+#include "quorval/superblock.h"
+
+#include <quorval/pstore.h>
+#include "fake_container.h"
+#include "support/allocations.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <memory>
@@ -10,14 +17,6 @@
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/pstore.h>
-
-#include "fake_container.h"
-#include "support/allocations.h"
-#include "support/support.h"
 
 namespace {
 
