@@ -23,8 +23,9 @@ using Value = std::variant<int, bool, double, std::string, std::vector<int>, std
 struct Setting {
     std::string key;  ///< the full dotted key
     Value value;
-    Place key_place;    ///< of the last component of the key
-    Place value_place;  ///< of the value
+    Place key_place;                 ///< of the last component of the key
+    Place value_place;               ///< of the value
+    std::vector<Place> item_places;  ///< of the items of a list that stands in a file
 };
 
 /// What becomes of the graph when a block fails.

@@ -104,7 +104,8 @@ public:
         } else if (std::string complaint = complaint_about(key); !complaint.empty()) {
             problems_.add_error(key_place, std::move(complaint));
         } else if (std::optional<Value> value = to_value(key, node)) {
-            settings_.push_back({std::move(key), std::move(*value), key_place, place_of(node)});
+            settings_.push_back({std::move(key), std::move(*value), key_place, place_of(node),
+                                 places_of_items(node)});
         }
     }
 
@@ -113,6 +114,18 @@ private:
     {
         const toml::array* list = node.as_array();
         return list != nullptr && !list->empty() && is_all<toml::table>(*list);
+    }
+
+    static std::vector<Place> places_of_items(const toml::node& node)
+    {
+        std::vector<Place> places;
+        if (const toml::array* list = node.as_array()) {
+            places.reserve(list->size());
+            for (const toml::node& item : *list) {
+                places.push_back(place_of(item));
+            }
+        }
+        return places;
     }
 
     void add_list_of_tables(const std::string& key, const toml::array& list)
@@ -306,6 +319,7 @@ std::vector<Assignment> read_assignment(const std::string& text, std::uint32_t s
     for (Setting& setting : settings) {
         setting.key_place = place;
         setting.value_place = place;
+        setting.item_places.clear();
         assignments.push_back({parts.path, std::move(setting)});
     }
     return assignments;

@@ -13,19 +13,19 @@ namespace {
 
 /// Trees are taken apart and destroyed level by level, so their depth has to stay far from what a
 /// stack bears.
-constexpr std::size_t kMostParts = 256;
+constexpr std::size_t kMostLevels = 256;
 
-/// Finds keys of too many parts in a text, without understanding more of it than strings, comments
-/// and brackets. Whatever it makes of a text that is no TOML, the parser stops there.
-class KeyScanner {
+/// Finds what is nested too deeply in a text, without understanding more of it than strings,
+/// comments and brackets. Whatever it makes of a text that is no TOML, the parser stops there.
+class DepthScanner {
 public:
-    explicit KeyScanner(std::string_view text) : text_(text) {}
+    explicit DepthScanner(std::string_view text) : text_(text) {}
 
-    /// The position of the part that is too much, or npos.
-    std::size_t find_long_key()
+    /// Where the first level that is too much begins, or npos.
+    std::size_t find_excess()
     {
         while (at_ < text_.size()) {
-            if (depth_ > kMostParts) {
+            if (depth_ >= kMostLevels) {
                 return at_;
             }
             step();
@@ -134,10 +134,11 @@ void append(toml::array& former, toml::array&& later)
 std::optional<toml::table> parse_toml(const std::string& text, std::uint32_t source,
                                       Problems& problems)
 {
-    const std::size_t long_key = KeyScanner(text).find_long_key();
-    if (long_key != std::string_view::npos) {
-        problems.add_error(place_of(text, long_key, source),
-                           "a key has more than " + std::to_string(kMostParts) + " parts");
+    const std::size_t excess = DepthScanner(text).find_excess();
+    if (excess != std::string_view::npos) {
+        problems.add_error(
+            place_of(text, excess, source),
+            "more than " + std::to_string(kMostLevels) + " levels of keys and brackets");
         return std::nullopt;
     }
     try {

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "graph/declared.h"
 #include "graph/state.h"
 #include "graph/unread.h"
 #include "graph/values.h"
@@ -13,8 +14,6 @@
 namespace Quorval::runtime {
 
 namespace {
-
-constexpr const char* kStoreKey = "pstore_path";
 
 [[noreturn]] void throw_no_plain_block()
 {
@@ -74,6 +73,10 @@ private:
         }
         BlockConfiguration& config = made_.configs[index];
         const bool adds_store = configure(place, config, made_.state_directories[index]);
+        const auto* declared = plugin->settings_of(type.substr(colon + 1));
+        if (declared != nullptr && !check_declared(*declared, place, config, problems_)) {
+            return;
+        }
         UniqueDlPtr<Container> container;
         const std::string failure = text_of_failure([&] {
             if (adds_store && !options_.is_dry) {
@@ -94,7 +97,6 @@ private:
     const Plugin* find_plugin(const PlainBlock& place, const std::string& name,
                               const std::string& type)
     {
-        const ContextScope scope(nullptr, "load");
         const PluginSet::Found& found = plugins_.get(name);
         if (found.plugin == nullptr) {
             problems_.add_error(place.member->type_place, found.problem);

@@ -14,6 +14,9 @@
 
 namespace Quorval::runtime {
 
+/// The key of the configuration that the runtime adds where the file does not set it.
+constexpr const char* kStoreKey = "pstore_path";
+
 /// What was made of an expansion, index by index.
 struct Creation {
     std::vector<Superblock*> superblocks;  ///< of the composites

@@ -60,7 +60,7 @@ Plugin::~Plugin() = default;
 
 void Plugin::register_block_create_fn(const std::string& type, CreateFn fn)
 {
-    if (!factories_.try_emplace(type, std::move(fn)).second) {
+    if (!types_.try_emplace(type, Type{std::move(fn), std::nullopt}).second) {
         throw_registered_twice(type);
     }
 }
@@ -70,19 +70,33 @@ void Plugin::register_type(const std::string& /*name*/)
     throw_registers_types();
 }
 
+void Plugin::describe_block(const std::string& type, const BlockConfiguration& description)
+{
+    const auto found = types_.find(type);
+    if (found != types_.end()) {
+        found->second.settings = Quorval::read_settings(description);
+    }
+}
+
 std::vector<std::string> Plugin::types() const
 {
     std::vector<std::string> types;
-    for (const auto& [type, factory] : factories_) {
+    for (const auto& [type, record] : types_) {
         types.push_back(type);
     }
     return types;
 }
 
+const std::vector<Quorval::Setting>* Plugin::settings_of(const std::string& type) const
+{
+    const std::optional<std::vector<Quorval::Setting>>& settings = types_.at(type).settings;
+    return settings ? &*settings : nullptr;
+}
+
 UniqueDlPtr<Container> Plugin::create(const std::string& type, const std::string& name,
                                       const BlockConfiguration& config) const
 {
-    UniqueDlPtr<Container> block(library_, factories_.at(type)(name, config, tools_));
+    UniqueDlPtr<Container> block(library_, types_.at(type).create(name, config, tools_));
     if (!block) {
         throw_no_block(type);
     }

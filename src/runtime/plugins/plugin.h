@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,12 +12,13 @@
 #include <quorval/config.h>
 #include <quorval/dlloader.h>
 #include <quorval/pluginloader.h>
+#include <quorval/settings.h>
 
 namespace Quorval::runtime {
 
 /// Holds one plug-in loaded, keeps what it registers, and makes blocks of its types. It does what
 /// PluginLoader does, without an environment variable. Stays where it is.
-class Plugin : public IRegistry {
+class Plugin : public IRegistry, public IDescriptionRegistry {
 public:
     using CreateFn = std::function<std::unique_ptr<Container>(
         std::string, const BlockConfiguration&, const InitTools&)>;
@@ -34,11 +36,16 @@ public:
 
     void register_block_create_fn(const std::string& type, CreateFn fn) override;
     void register_type(const std::string& name) override;
+    /// @throws what is wrong with a description that is none
+    void describe_block(const std::string& type, const BlockConfiguration& description) override;
 
-    bool has_type(const std::string& type) const { return factories_.count(type) > 0; }
+    bool has_type(const std::string& type) const { return types_.count(type) > 0; }
 
     /// In the order of bytes.
     std::vector<std::string> types() const;
+
+    /// The settings that a type declares, null where it declares none.
+    const std::vector<Quorval::Setting>* settings_of(const std::string& type) const;
 
     /// Makes a block and calls its setup().
     /// @param type    one that the plug-in has
@@ -50,8 +57,12 @@ public:
 private:
     const InitTools& tools_;
     std::shared_ptr<DlLoader> library_;
-    // Behind the library, so that they are destroyed first: they are code of it.
-    std::map<std::string, CreateFn> factories_;
+    struct Type {
+        CreateFn create;
+        std::optional<std::vector<Quorval::Setting>> settings;
+    };
+    // Behind the library, so that they are destroyed first: create functions are code of it.
+    std::map<std::string, Type> types_;
 };
 
 /// Calls `action`.

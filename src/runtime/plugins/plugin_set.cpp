@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "description/file.h"
+#include "messages/context.h"
 
 namespace Quorval::runtime {
 
@@ -63,6 +64,7 @@ PluginSet::Found PluginSet::look_for(const std::string& name) const
 PluginSet::Found PluginSet::load(const std::string& name, const std::string& file) const
 {
     Found found;
+    const LoadScope scope(name.c_str());
     const std::string failure =
         text_of_failure([&] { found.plugin = std::make_unique<Plugin>(file, tools_); });
     if (!failure.empty()) {

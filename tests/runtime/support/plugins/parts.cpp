@@ -3,12 +3,15 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <quorval/block.h>
 #include <quorval/config.h>
 #include <quorval/pluginloader.h>
 #include <quorval/port.h>
 #include <quorval/superblock.h>
+
+#include <quorval/settings.h>
 
 #include <quorval/runtime/tools.h>
 
@@ -73,6 +76,33 @@ struct Tells : Block {
     }
 };
 
+struct DeclaredSettings {
+    int needed = 1;
+    std::vector<double> taps = {0, 1};
+    std::string mode = "up";
+};
+
+const Settings<DeclaredSettings>& declared_settings()
+{
+    static const auto settings = Settings<DeclaredSettings>("Declares its settings.")
+                                     .add("needed", &DeclaredSettings::needed, "an int")
+                                     .range(1, 9)
+                                     .required()
+                                     .add("taps", &DeclaredSettings::taps, "a list")
+                                     .range(0, 1)
+                                     .length(2, 3)
+                                     .add("mode", &DeclaredSettings::mode, "a word")
+                                     .choices({"up", "down"});
+    return settings;
+}
+
+struct Declared : Block {
+    Declared(const std::string& name, const BlockConfiguration& config) : Block(name, config)
+    {
+        declared_settings().read(config);
+    }
+};
+
 struct Prints : Block {
     explicit Prints(const std::string& name) : Block(name) { std::puts("printed by a block"); }
     ~Prints() override { std::puts("printed at the end"); }
@@ -124,6 +154,7 @@ int lib_register_cpp(IRegistry& registry)
         [](Name name, Config, Tools) { return std::make_unique<Prints>(name); });
     add(registry, "Stores",
         [](Name name, Config config, Tools) { return std::make_unique<Block>(name, config); });
+    register_block<Declared>(registry, "Declared", declared_settings());
     add_awkward(registry);
     return 0;
 }

@@ -1,0 +1,69 @@
+// Settings that a block type declares.
+#include <gtest/gtest.h>
+
+#include "runtime/support/graph_files.h"
+
+using quorval_test::GraphFiles;
+
+using Lines = std::vector<std::string>;
+
+namespace {
+
+/// The findings of a block that declares its settings: `needed`, which is required, from 1 to 9;
+/// `taps`, a list of 2 to 3 numbers from 0 to 1; `mode`, one of "up" and "down".
+Lines findings_for(const std::string& config)
+{
+    GraphFiles files;
+    return files.findings_for("[blocks.a]\ntype = \"parts:Declared\"\nconfig = " + config);
+}
+
+}  // namespace
+
+TEST(DeclaredSettings, AreAcceptedAsTheyAreDeclared)
+{
+    EXPECT_EQ(findings_for("{ needed = 9, taps = [0, 0.5, 1], mode = \"up\" }"), Lines());
+    EXPECT_EQ(findings_for("{ needed = 1 }"), Lines());
+}
+
+TEST(DeclaredSettings, AreMissedAtTheNameOfTheBlock)
+{
+    EXPECT_EQ(findings_for("{}"), (Lines{"g.toml:2:9: error: 'needed' is missing"}));
+}
+
+TEST(DeclaredSettings, StandBareAtTheirValues)
+{
+    EXPECT_EQ(findings_for("{ needed = 10, mode = \"left\", taps = [1] }"),
+              (Lines{"g.toml:4:21: error: 'needed' has to be from 1 to 9, not 10",
+                     "g.toml:4:32: error: 'mode' has to be one of up, down, not 'left'",
+                     "g.toml:4:47: error: 'taps' has to be of 2 to 3 items, not 1"}));
+    EXPECT_EQ(findings_for("{ needed = \"1\" }"),
+              (Lines{"g.toml:4:21: error: BlockConfiguration::getInt failed, the parameter "
+                     "'needed' is type: string"}));
+}
+
+TEST(DeclaredSettings, StandAtTheItemThatIsWrong)
+{
+    EXPECT_EQ(findings_for("{ needed = 1, taps = [0, 7] }"),
+              (Lines{"g.toml:4:35: error: 'taps' has to be from 0 to 1, not 7 (item 1)"}));
+}
+
+TEST(DeclaredSettings, AreTheOnlyOnes)
+{
+    EXPECT_EQ(findings_for("{ needed = 1, tap = 1, x.y = 2, pstore_path = \"/s/\" }"),
+              (Lines{"g.toml:4:24: error: block type 'parts:Declared' has no setting 'tap'; did "
+                     "you mean 'taps'?",
+                     "g.toml:4:35: error: block type 'parts:Declared' has no setting 'x.y'"}));
+}
+
+TEST(DeclaredSettings, AreLookedAtInAssignmentsToo)
+{
+    GraphFiles files;
+    files.write("g.toml", "format = 1\nblocks.a.type = \"parts:Declared\"\n");
+    Quorval::GraphOptions options = files.options();
+    options.assignments = {"a.needed=11", "a.taps=[2, 0]", "a.x=1"};
+
+    EXPECT_EQ(files.findings(options),
+              (Lines{"--set a.needed: error: 'needed' has to be from 1 to 9, not 11",
+                     "--set a.taps: error: 'taps' has to be from 0 to 1, not 2 (item 0)",
+                     "--set a.x: error: block type 'parts:Declared' has no setting 'x'"}));
+}
