@@ -30,7 +30,10 @@ struct GraphOptions {
     /// what blocks print goes to standard error.
     bool is_dry = false;
     /// From the constructor on SIGINT and SIGTERM stop the graph in order; one that has not begun
-    /// to run is not started then. While it runs, SIGHUP makes it read its files again.
+    /// to run is not started then. From then on these two have their default action. While the
+    /// graph runs, SIGHUP makes it read its files again and apply changed and new values of
+    /// `config`; any other difference is refused with a message. SIGPIPE is ignored. One graph of
+    /// a process can do this at a time; the former actions come back with its end.
     bool takes_signals = false;
     /// run() stops the graph in order so long after its blocks were started; zero: it does not.
     std::chrono::nanoseconds run_for{0};
@@ -74,6 +77,9 @@ public:
     /// @throws GraphError             something is wrong with the files, with all errors found
     /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE:
     ///     "'<text>' is not of the form PATH.KEY=VALUE"
+    /// @throws std::logic_error       another graph of the process takes the signals already:
+    ///     "another graph takes the signals"
+    /// @throws std::system_error      there are no descriptors left for the event loop
     explicit Graph(GraphOptions options);
     Graph(const Graph&) = delete;
     Graph& operator=(const Graph&) = delete;
@@ -96,6 +102,8 @@ public:
 
     /// Starts the blocks, runs them until the graph has come to its end, stops them. What goes
     /// wrong is logged. Once only.
+    /// @throws std::logic_error  "the graph cannot be run: it has run already", or "...: it was
+    ///     made to be looked at"
     RunResult run();
 
     /// Makes run() stop in order, or return at once when it has not begun. From any thread, and

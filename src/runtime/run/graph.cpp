@@ -1,0 +1,132 @@
+#include <quorval/runtime/graph.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+
+#include "graph/loaded_graph.h"
+#include "loop/loop.h"
+#include "run/runner.h"
+#include "run/signals.h"
+
+namespace Quorval {
+
+namespace {
+
+using runtime::LoadedBlock;
+using runtime::LoadedGraph;
+using runtime::Loop;
+using runtime::Node;
+using runtime::Runner;
+using runtime::Signals;
+using runtime::Wire;
+
+[[noreturn]] void throw_cannot_run(const char* why)
+{
+    throw std::logic_error(std::string("the graph cannot be run: ") + why);
+}
+
+std::map<std::string, std::string> type_names(
+    const std::unordered_map<std::string, Datatype>& ports)
+{
+    std::map<std::string, std::string> names;
+    for (const auto& [port, type] : ports) {
+        names[port] = type.get_name();
+    }
+    return names;
+}
+
+std::unique_ptr<Signals> take_signals(const GraphOptions& options, const Loop* loop)
+{
+    return options.takes_signals && loop != nullptr ? std::make_unique<Signals>(loop->waker())
+                                                    : nullptr;
+}
+
+}  // namespace
+
+struct Graph::Impl {
+    GraphOptions options;
+    std::unique_ptr<Loop> loop;  // null for a graph that will not run
+    std::unique_ptr<Signals> signals;
+    LoadedGraph graph;  // behind those two: blocks may use them until they are destroyed
+    std::atomic<bool> has_stop{false};
+    bool has_run = false;
+
+    explicit Impl(GraphOptions given)
+        : options(std::move(given)),
+          loop(options.is_dry ? nullptr : std::make_unique<Loop>()),
+          signals(take_signals(options, loop.get())),
+          graph(runtime::load_graph(options))
+    {
+    }
+};
+
+Graph::Graph(GraphOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+Graph::~Graph() = default;
+
+const std::string& Graph::name() const
+{
+    return impl_->graph.name;
+}
+
+const std::vector<Diagnostic>& Graph::warnings() const
+{
+    return impl_->graph.warnings;
+}
+
+std::vector<BlockInfo> Graph::blocks() const
+{
+    std::vector<BlockInfo> infos;
+    infos.reserve(impl_->graph.blocks.size());
+    for (std::size_t at = 0; at < impl_->graph.blocks.size(); ++at) {
+        const LoadedBlock& loaded = impl_->graph.blocks[at];
+        const Block& block = *impl_->graph.network.nodes[at].block;
+        infos.push_back({loaded.place.path, loaded.place.member->type,
+                         type_names(block.get_inports_info()),
+                         type_names(block.get_outports_info()),
+                         type_names(block.get_fdports_info()), loaded.config});
+    }
+    return infos;
+}
+
+std::vector<ConnectionInfo> Graph::connections() const
+{
+    const runtime::Network& network = impl_->graph.network;
+    std::vector<ConnectionInfo> infos;
+    infos.reserve(network.wires.size());
+    for (const Wire& wire : network.wires) {
+        infos.push_back({network.nodes[wire.from].path, wire.output->get_name(),
+                         network.nodes[wire.to].path, wire.input->get_name(),
+                         wire.output->get_datatype().get_name(), wire.is_delayed});
+    }
+    return infos;
+}
+
+Superblock& Graph::superblock()
+{
+    return *impl_->graph.superblock;
+}
+
+RunResult Graph::run()
+{
+    if (impl_->loop == nullptr) {
+        throw_cannot_run("it was made to be looked at");
+    }
+    if (std::exchange(impl_->has_run, true)) {
+        throw_cannot_run("it has run already");
+    }
+    return Runner(impl_->options, impl_->graph, *impl_->loop, impl_->signals.get(), impl_->has_stop)
+        .run();
+}
+
+void Graph::stop() noexcept
+{
+    impl_->has_stop = true;
+    if (impl_->loop != nullptr) {
+        impl_->loop->waker()->wake();
+    }
+}
+
+}  // namespace Quorval

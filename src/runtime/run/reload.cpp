@@ -1,0 +1,221 @@
+#include "run/reload.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <utility>
+
+#include <quorval/log.h>
+
+#include "graph/diagnostics.h"
+#include "graph/values.h"
+
+namespace Quorval::runtime {
+
+namespace {
+
+using Blocks = std::map<std::string, const PlainBlock*>;
+
+ReadGraph read(const GraphOptions& options)
+{
+    ReadGraph graph;
+    graph.reading = std::make_unique<Reading>(read_graph(options.files, options.assignments));
+    if (graph.reading->is_whole) {
+        graph.expansion = expand(graph.reading->description, graph.reading->problems);
+    }
+    return graph;
+}
+
+/// What a graph was loaded from. Loading has taken the expansion apart, so it is made again.
+ReadGraph read_again(const Reading& reading)
+{
+    ReadGraph graph;
+    graph.reading = std::make_unique<Reading>(reading);
+    graph.expansion = expand(graph.reading->description, graph.reading->problems);
+    return graph;
+}
+
+Blocks blocks_of(const ReadGraph& graph)
+{
+    Blocks blocks;
+    for (const PlainBlock& block : graph.expansion.blocks) {
+        blocks[block.path] = &block;
+    }
+    return blocks;
+}
+
+std::string to_text(const EndDescription& end)
+{
+    return end.block + "." + end.port;
+}
+
+/// What stands in a composite besides its members, each as it is shown.
+std::set<std::string> parts_of(const Composite& composite)
+{
+    const std::string where =
+        composite.path.empty() ? std::string() : " in '" + composite.path + "'";
+    std::set<std::string> parts;
+    for (const ConnectionDescription& connection : composite.inside->connections) {
+        parts.insert("connection '" + to_text(connection.from) + " -> " + to_text(connection.to) +
+                     "'" + (connection.is_delayed ? ", delayed," : "") +
+                     (connection.delivery == Delivery::All ? ", with delivery \"all\"," : "") +
+                     where);
+    }
+    for (const auto& [kind, ports] : {std::pair("input", &composite.inside->inports),
+                                      std::pair("output", &composite.inside->outports)}) {
+        for (const ExposedDescription& port : *ports) {
+            for (const EndDescription& end : port.ends) {
+                parts.insert(std::string(kind) + " '" + port.name + "' for '" + to_text(end) + "'" +
+                             where);
+            }
+        }
+    }
+    return parts;
+}
+
+std::set<std::string> parts_of(const ReadGraph& graph)
+{
+    std::set<std::string> parts;
+    for (const Composite& composite : graph.expansion.composites) {
+        parts.merge(parts_of(composite));
+    }
+    return parts;
+}
+
+std::map<std::string, const SettingRef*> settings_of(const PlainBlock& block)
+{
+    std::map<std::string, const SettingRef*> settings;
+    for (const SettingRef& ref : block.settings) {
+        settings[std::string(ref.key())] = &ref;
+    }
+    return settings;
+}
+
+std::string find_difference(const PlainBlock& before, const PlainBlock& now)
+{
+    if (before.member->type != now.member->type) {
+        return "the type of block '" + now.path + "' was changed";
+    }
+    if (before.on_error != now.on_error) {
+        return "'on_error' of block '" + now.path + "' was changed";
+    }
+    const auto settings = settings_of(now);
+    for (const auto& setting : settings_of(before)) {
+        if (settings.count(setting.first) == 0) {
+            return "key '" + setting.first + "' of block '" + now.path + "' was removed";
+        }
+    }
+    return "";
+}
+
+std::string find_difference(const Blocks& before, const Blocks& now)
+{
+    for (const auto& [path, block] : before) {
+        const auto at = now.find(path);
+        if (at == now.end()) {
+            return "block '" + path + "' was removed";
+        }
+        std::string text = find_difference(*block, *at->second);
+        if (!text.empty()) {
+            return text;
+        }
+    }
+    for (const auto& entry : now) {
+        if (before.count(entry.first) == 0) {
+            return "block '" + entry.first + "' was added";
+        }
+    }
+    return "";
+}
+
+/// What only the one set has, with what was done to it.
+std::string find_difference(const std::set<std::string>& before, const std::set<std::string>& now)
+{
+    for (const std::string& part : before) {
+        if (now.count(part) == 0) {
+            return part + " was removed";
+        }
+    }
+    for (const std::string& part : now) {
+        if (before.count(part) == 0) {
+            return part + " was added";
+        }
+    }
+    return "";
+}
+
+BlockConfiguration changed_values(const PlainBlock& before, const PlainBlock& now)
+{
+    const auto settings = settings_of(before);
+    BlockConfiguration changed;
+    for (const SettingRef& ref : now.settings) {
+        const auto at = settings.find(std::string(ref.key()));
+        if (at == settings.end() || at->second->setting->value != ref.setting->value) {
+            set_value(changed, std::string(ref.key()), ref.setting->value);
+        }
+    }
+    return changed;
+}
+
+void refuse(const std::string& text)
+{
+    logger(LOGLEVEL_ERROR, "the changed files are not applied: %s", text.c_str());
+}
+
+}  // namespace
+
+std::string find_difference(const ReadGraph& before, const ReadGraph& now)
+{
+    if (before.reading->description.name != now.reading->description.name) {
+        return "the name of the graph was changed";
+    }
+    std::string text = find_difference(blocks_of(before), blocks_of(now));
+    return text.empty() ? find_difference(parts_of(before), parts_of(now)) : text;
+}
+
+std::vector<Change> find_changes(const ReadGraph& before, const ReadGraph& now,
+                                 const Network& network)
+{
+    const Blocks old_blocks = blocks_of(before);
+    const Blocks new_blocks = blocks_of(now);
+    std::vector<Change> changes;
+    for (std::uint32_t block = 0; block < network.nodes.size(); ++block) {
+        const std::string& path = network.nodes[block].path;
+        BlockConfiguration values = changed_values(*old_blocks.at(path), *new_blocks.at(path));
+        if (values != BlockConfiguration()) {
+            changes.push_back({block, std::move(values)});
+        }
+    }
+    return changes;
+}
+
+Reload::Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides)
+    : options_(options), graph_(graph), overrides_(overrides)
+{
+}
+
+void Reload::run()
+{
+    ReadGraph now = read(options_);
+    if (now.reading->problems.has_errors()) {
+        for (const Diagnostic& one : to_diagnostics(now.reading->problems, now.reading->sources)) {
+            refuse(to_string(one));
+        }
+        return;
+    }
+    if (applied_.reading == nullptr) {
+        applied_ = read_again(*graph_.reading);
+    }
+    std::string text = find_difference(applied_, now);
+    if (text.empty()) {
+        text = overrides_.apply(find_changes(applied_, now, graph_.network));
+    }
+    if (!text.empty()) {
+        refuse(text);
+        return;
+    }
+    applied_ = std::move(now);
+    logger(LOGLEVEL_INFO, "the changed files are applied");
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,48 @@
+// New values from the files of a graph that runs.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quorval/runtime/graph.h>
+
+#include "description/read.h"
+#include "graph/expansion.h"
+#include "graph/loaded_graph.h"
+#include "run/overrides.h"
+
+namespace Quorval::runtime {
+
+/// Files and assignments as they were read, and the blocks that they make.
+struct ReadGraph {
+    std::unique_ptr<Reading> reading;  // first: the expansion refers to it
+    Expansion expansion;
+};
+
+/// What differs apart from new and changed values, "block 'a' was added" for example; empty when
+/// nothing does.
+std::string find_difference(const ReadGraph& before, const ReadGraph& now);
+
+/// The new and changed values.
+/// @param network  numbers the blocks; both graphs have its blocks
+std::vector<Change> find_changes(const ReadGraph& before, const ReadGraph& now,
+                                 const Network& network);
+
+/// Reads the files of a graph again and applies what changed since the last time.
+class Reload {
+public:
+    /// All must outlive the object.
+    Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides);
+
+    /// Logs what comes of it. When something cannot be applied, nothing is.
+    void run();
+
+private:
+    const GraphOptions& options_;
+    const LoadedGraph& graph_;
+    Overrides& overrides_;
+    ReadGraph applied_;  // empty before the first run()
+};
+
+}  // namespace Quorval::runtime

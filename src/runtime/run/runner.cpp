@@ -1,0 +1,114 @@
+#include "run/runner.h"
+
+#include <algorithm>
+#include <vector>
+
+#include <quorval/log.h>
+
+namespace Quorval::runtime {
+
+namespace {
+
+std::vector<const BlockConfiguration*> configs_of(const LoadedGraph& graph)
+{
+    std::vector<const BlockConfiguration*> configs;
+    configs.reserve(graph.blocks.size());
+    for (const LoadedBlock& block : graph.blocks) {
+        configs.push_back(&block.config);
+    }
+    return configs;
+}
+
+}  // namespace
+
+Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Signals* signals,
+               const std::atomic<bool>& has_stop)
+    : options_(options),
+      loop_(loop),
+      signals_(signals),
+      has_stop_(has_stop),
+      life_(graph.network, *this, &loop.poller(), loop.waker()),
+      overrides_(graph.network, configs_of(graph), life_)
+{
+    if (signals_ != nullptr) {
+        reload_.emplace(options, graph, overrides_);
+    }
+}
+
+RunResult Runner::run()
+{
+    const bool has_work = life_.start();
+    if (options_.run_for.count() > 0) {
+        end_ = now() + options_.run_for;
+    }
+    try {
+        while (has_work && !life_.is_over()) {
+            turn();
+        }
+    } catch (...) {
+        logger(LOGLEVEL_ERROR, "the graph cannot run on: %s", text_of_present_exception().c_str());
+        life_.fail();
+    }
+    if (!has_work && !life_.has_failed()) {
+        logger(LOGLEVEL_ERROR, "the graph has no source: nothing would ever run");
+    }
+    life_.stop();
+    show_progress(true);
+    return life_.has_failed() ? RunResult::Failed
+           : has_work         ? RunResult::Done
+                              : RunResult::NoSource;
+}
+
+/// Waits for something to do, and does it.
+void Runner::turn()
+{
+    life_.take(loop_.wait(next_time()));
+    life_.look_around();
+    if (signals_ != nullptr && signals_->take_reload()) {
+        reload_->run();
+    }
+    if (must_stop() || loop_.has_exited() || (end_ && now() >= *end_)) {
+        life_.request_stop();
+        return;
+    }
+    life_.step();
+    show_progress(false);
+}
+
+std::optional<Life::Time> Runner::next_time() const
+{
+    std::optional<Life::Time> next = life_.next_time();
+    const auto consider = [&next](Life::Time time) { next = next ? std::min(*next, time) : time; };
+    if (end_) {
+        consider(*end_);
+    }
+    if (progress_.path != nullptr) {
+        consider(next_progress_);
+    }
+    return next;
+}
+
+bool Runner::must_stop()
+{
+    return has_stop_ || (signals_ != nullptr && signals_->has_stop());
+}
+
+void Runner::progress(const std::string& path, std::uint64_t done, std::uint64_t total)
+{
+    if (options_.on_progress) {
+        progress_ = {&path, done, total};
+    }
+}
+
+void Runner::show_progress(bool is_last)
+{
+    constexpr std::chrono::milliseconds kPause(100);
+    if (progress_.path == nullptr || (!is_last && now() < next_progress_)) {
+        return;
+    }
+    options_.on_progress(*progress_.path, progress_.done, progress_.total);
+    progress_.path = nullptr;
+    next_progress_ = now() + kPause;
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,63 @@
+// Runs a loaded graph in an event loop.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <quorval/runtime/graph.h>
+
+#include "graph/loaded_graph.h"
+#include "loop/loop.h"
+#include "run/life.h"
+#include "run/overrides.h"
+#include "run/reload.h"
+#include "run/signals.h"
+
+namespace Quorval::runtime {
+
+/// One run of a graph, from start to stop.
+class Runner final : private IWorld {
+public:
+    /// All must outlive the object.
+    /// @param signals   null: none are taken
+    /// @param has_stop  set from outside to stop the run; whoever does wakes the loop then
+    Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Signals* signals,
+           const std::atomic<bool>& has_stop);
+    Runner(const Runner&) = delete;
+    Runner& operator=(const Runner&) = delete;
+
+    /// Once.
+    RunResult run();
+
+private:
+    struct Progress {
+        const std::string* path = nullptr;  // null: told already
+        std::uint64_t done = 0;
+        std::uint64_t total = 0;
+    };
+
+    void turn();
+    std::optional<Life::Time> next_time() const;
+    void show_progress(bool is_last);
+
+    std::chrono::nanoseconds now() override { return Loop::now(); }
+    bool must_stop() override;
+    void progress(const std::string& path, std::uint64_t done, std::uint64_t total) override;
+    sd_event* loop() override { return loop_.event(); }
+    sd_bus* bus() override { return nullptr; }
+
+    const GraphOptions& options_;
+    Loop& loop_;
+    Signals* signals_;
+    const std::atomic<bool>& has_stop_;
+    Life life_;
+    Overrides overrides_;
+    std::optional<Reload> reload_;
+    std::optional<Life::Time> end_;
+    Progress progress_;
+    Life::Time next_progress_{};
+};
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,37 @@
+// Signals that end or change a run.
+#pragma once
+
+#include <array>
+#include <memory>
+
+#include <signal.h>
+
+#include "loop/waker.h"
+
+namespace Quorval::runtime {
+
+/// While it lives, SIGINT, SIGTERM and SIGHUP are noted and wake a loop, and SIGPIPE is ignored.
+/// With the first SIGINT or SIGTERM both get their default action, so that a second one ends a
+/// process that hangs. There is one at a time in a process.
+class Signals {
+public:
+    /// @throws std::logic_error  there is one already: "another graph takes the signals"
+    explicit Signals(std::shared_ptr<Waker> waker);
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+    /// Puts the former actions back.
+    ~Signals();
+
+    /// Whether SIGINT or SIGTERM came.
+    bool has_stop() const;
+    /// Whether SIGHUP came since the last call.
+    bool take_reload();
+
+private:
+    static constexpr std::array<int, 4> kSignals = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+
+    std::shared_ptr<Waker> waker_;
+    std::array<struct sigaction, kSignals.size()> before_{};
+};
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,365 @@
+#include <quorval/runtime/graph.h>
+
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "runtime/support/graph_files.h"
+#include "support/support.h"
+
+using namespace Quorval;
+using namespace std::chrono_literals;
+using quorval_test::expect_throw;
+using quorval_test::GraphFiles;
+using quorval_test::LogRecorder;
+using quorval_test::open_descriptors;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+const std::string kCounting = R"(format = 1
+connections = ["count.out -> tell.in"]
+[blocks.count]
+type = "running:Count"
+config.count = 2
+[blocks.tell]
+type = "running:Tell"
+config.x = 1
+)";
+
+const std::string kIdle = R"(format = 1
+[blocks.idle]
+type = "running:Tell"
+config.is_idle = true
+config.x = 1
+)";
+
+class GraphTest : public ::testing::Test {
+protected:
+    /// Makes the graph of a file, and forgets what was said meanwhile.
+    Graph& make(const std::string& text, GraphOptions options = {})
+    {
+        files.write("g.toml", text);
+        const GraphOptions places = files.options();
+        options.files = places.files;
+        options.plugin_path = places.plugin_path;
+        graph = std::make_unique<Graph>(std::move(options));
+        recorder.clear();
+        return *graph;
+    }
+
+    static GraphOptions with_signals()
+    {
+        GraphOptions options;
+        options.takes_signals = true;
+        return options;
+    }
+
+    LogRecorder recorder;
+    GraphFiles files;
+    std::unique_ptr<Graph> graph;
+};
+
+TEST_F(GraphTest, RunsToItsEnd)
+{
+    EXPECT_EQ(make(kCounting).run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
+}
+
+TEST_F(GraphTest, ShowsItsBlocksAndConnections)
+{
+    make(kCounting);
+
+    const std::vector<BlockInfo> blocks = graph->blocks();
+    const std::vector<ConnectionInfo> connections = graph->connections();
+
+    EXPECT_EQ(graph->name(), "g");
+    ASSERT_EQ(blocks.size(), 2U);
+    EXPECT_EQ(blocks[0].path, "count");
+    EXPECT_EQ(blocks[0].type, "running:Count");
+    EXPECT_EQ(blocks[0].outports, (std::map<std::string, std::string>{{"out", "int"}}));
+    EXPECT_EQ(blocks[0].config, (BlockConfiguration{{"count", 2}}));
+    EXPECT_EQ(blocks[1].inports, (std::map<std::string, std::string>{{"in", "int"}}));
+    ASSERT_EQ(connections.size(), 1U);
+    EXPECT_EQ(connections[0].from_path + "." + connections[0].output, "count.out");
+    EXPECT_EQ(connections[0].to_path + "." + connections[0].input, "tell.in");
+    EXPECT_EQ(connections[0].type, "int");
+    EXPECT_FALSE(connections[0].is_delayed);
+}
+
+TEST_F(GraphTest, HasToHaveASource)
+{
+    EXPECT_EQ(make("format = 1\n[blocks.tell]\ntype = \"running:Tell\"\n").run(),
+              RunResult::NoSource);
+
+    EXPECT_THAT(
+        recorder.texts(),
+        ElementsAre("start tell", "the graph has no source: nothing would ever run", "stop tell"));
+}
+
+TEST_F(GraphTest, FailsWithABlock)
+{
+    EXPECT_EQ(make(kCounting + "config.trouble = \"run\"\n").run(), RunResult::Failed);
+
+    EXPECT_THAT(recorder.texts(), ElementsAre("start tell", "run tell 1",
+                                              "block 'tell' failed in run: trouble", "stop tell"));
+}
+
+TEST_F(GraphTest, RunsOnPastABlockThatSkipsItsFailures)
+{
+    EXPECT_EQ(make(kCounting + "config.trouble = \"run\"\n" + "on_error = \"skip\"\n").run(),
+              RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("start tell", "run tell 1", "block 'tell' failed in run: trouble",
+                            "run tell 2", "stop tell", "block 'tell' failed in run 1 more times"));
+}
+
+TEST_F(GraphTest, RunsOnce)
+{
+    make(kCounting).run();
+
+    expect_throw<std::logic_error>([this] { graph->run(); },
+                                   "the graph cannot be run: it has run already");
+}
+
+TEST_F(GraphTest, DoesNotRunWhenItWasMadeToBeLookedAt)
+{
+    GraphOptions options;
+    options.is_dry = true;
+    make(kCounting, options);
+
+    expect_throw<std::logic_error>([this] { graph->run(); },
+                                   "the graph cannot be run: it was made to be looked at");
+    graph->stop();
+}
+
+TEST_F(GraphTest, IsStoppedFromAnotherThread)
+{
+    make(kIdle);
+    std::thread thread([this] { graph->stop(); });
+
+    EXPECT_EQ(graph->run(), RunResult::Done);
+
+    thread.join();
+}
+
+TEST_F(GraphTest, StopsAfterItsTime)
+{
+    GraphOptions options;
+    options.run_for = 2ms;
+
+    EXPECT_EQ(make(kIdle, options).run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), ElementsAre("start idle", "stop idle"));
+}
+
+TEST_F(GraphTest, ShowsTheLastProgress)
+{
+    std::vector<std::string> shown;
+    GraphOptions options;
+    options.on_progress = [&shown](const std::string& path, std::uint64_t done,
+                                   std::uint64_t total) {
+        shown.push_back(path + " " + std::to_string(done) + "/" + std::to_string(total));
+    };
+
+    make(kCounting, options).run();
+
+    ASSERT_FALSE(shown.empty());
+    EXPECT_EQ(shown.back(), "count 2/2");
+}
+
+TEST_F(GraphTest, LeavesNothingBehindAfterManyRuns)
+{
+    make(kCounting).run();
+    graph.reset();
+    const std::vector<int> before = open_descriptors();
+
+    for (int round = 0; round < 1000; ++round) {
+        make(kCounting).run();
+        graph.reset();
+    }
+
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// ---- signals ------------------------------------------------------------------------------------
+
+void (*handler_of(int signal))(int)
+{
+    struct sigaction action = {};
+    ::sigaction(signal, nullptr, &action);
+    return action.sa_handler;
+}
+
+TEST_F(GraphTest, IsNotStartedAfterASignalThatCameWhileItWasLoaded)
+{
+    make(kIdle, with_signals());
+    std::raise(SIGTERM);
+
+    EXPECT_EQ(graph->run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
+TEST_F(GraphTest, StartsNoFurtherBlockAfterASignal)
+{
+    make(kIdle + "[blocks.last]\ntype = \"running:Tell\"\nconfig.signal = 2\n", with_signals());
+
+    EXPECT_EQ(graph->run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), ElementsAre("start last", "stop last"));
+}
+
+TEST_F(GraphTest, GivesSignalsTheirDefaultActionAfterTheFirst)
+{
+    make(kIdle, with_signals());
+    EXPECT_NE(handler_of(SIGINT), SIG_DFL);
+    EXPECT_EQ(handler_of(SIGPIPE), SIG_IGN);
+
+    std::raise(SIGINT);
+
+    EXPECT_EQ(handler_of(SIGINT), SIG_DFL);
+    EXPECT_EQ(handler_of(SIGTERM), SIG_DFL);
+}
+
+TEST_F(GraphTest, PutsTheActionsOfSignalsBack)
+{
+    std::signal(SIGTERM, SIG_IGN);
+    make(kIdle, with_signals());
+    EXPECT_NE(handler_of(SIGTERM), SIG_IGN);
+
+    graph.reset();
+
+    EXPECT_EQ(handler_of(SIGTERM), SIG_IGN);
+    EXPECT_EQ(handler_of(SIGPIPE), SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+}
+
+TEST_F(GraphTest, LeavesSignalsToOneGraph)
+{
+    make(kIdle, with_signals());
+    GraphOptions options = files.options();
+    options.takes_signals = true;
+
+    expect_throw<std::logic_error>([&] { Graph other(options); },
+                                   "another graph takes the signals");
+}
+
+// ---- files that are read again ------------------------------------------------------------------
+
+/// A graph whose file has changed since it was loaded, and that notices it when it runs.
+class ReloadTest : public GraphTest {
+protected:
+    /// The messages of a run from the file `before`, which is `after` by the time it runs.
+    std::vector<std::string> run_changed(const std::string& before, const std::string& after)
+    {
+        graph.reset();
+        GraphOptions options = with_signals();
+        options.run_for = 1ms;
+        make(before, options);
+        files.write("g.toml", after);
+        std::raise(SIGHUP);
+        EXPECT_EQ(graph->run(), RunResult::Done);
+        std::vector<std::string> texts;
+        for (const std::string& text : recorder.texts()) {
+            texts.push_back(files.strip(text));
+        }
+        return texts;
+    }
+};
+
+TEST_F(ReloadTest, AppliesChangedAndNewValues)
+{
+    EXPECT_THAT(
+        run_changed(kIdle,
+                    "format = 1\nblocks.idle = { type = \"running:Tell\", config = "
+                    "{ is_idle = true, x = 5, y = 6 } }\n"),
+        ElementsAre("start idle", "change idle 5 6", "the changed files are applied", "stop idle"));
+}
+
+TEST_F(ReloadTest, AppliesNothingWhenNothingChanged)
+{
+    EXPECT_THAT(run_changed(kIdle, kIdle + "# a remark\n"),
+                ElementsAre("start idle", "the changed files are applied", "stop idle"));
+}
+
+TEST_F(ReloadTest, LeavesAllAsItWasWhenABlockRefuses)
+{
+    EXPECT_THAT(run_changed(kIdle, kIdle + "config.y = 7\n[blocks.idle.config.more]\n"),
+                ElementsAre("start idle", "change idle -1 7", "the changed files are applied",
+                            "stop idle"));
+    std::string refused = kIdle;
+    refused.replace(refused.find("x = 1"), 5, "x = 101");
+    EXPECT_THAT(run_changed(kIdle, refused),
+                ElementsAre("start idle", "change idle 101 -1", "change idle 1 -1",
+                            "the changed files are not applied: block 'idle': x is too large",
+                            "stop idle"));
+}
+
+TEST_F(ReloadTest, RefusesFilesWithErrors)
+{
+    EXPECT_THAT(run_changed(kIdle, "format = 2\n"),
+                ElementsAre("start idle",
+                            "the changed files are not applied: g.toml:1:10: error: format 2 is "
+                            "not supported, only 1 is",
+                            "stop idle"));
+}
+
+TEST_F(ReloadTest, RefusesEveryOtherDifferenceAndNamesIt)
+{
+    const std::string pair = R"(format = 1
+connections = ["count.out -> box.in"]
+blocks.count = { type = "running:Count", config.count = 1000000000 }
+blocks.box = { type = "box", config.tell.x = 1 }
+[superblocks.box]
+inports.in = "tell.in"
+blocks.tell = { type = "running:Tell" }
+blocks.other = { type = "running:Tell" }
+)";
+    struct Case {
+        std::string from;
+        std::string to;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {"format = 1", "format = 1\nname = \"h\"", "the name of the graph was changed"},
+        {"blocks.box =", "blocks.more = { type = \"running:Tell\" }\nblocks.box =",
+         "block 'more' was added"},
+        {"blocks.other = { type = \"running:Tell\" }", "", "block 'box/other' was removed"},
+        {"blocks.other = { type = \"running:Tell\" }",
+         "blocks.other = { type = \"running:Count\" }",
+         "the type of block 'box/other' was changed"},
+        {"blocks.other = { type = \"running:Tell\" }",
+         "blocks.other = { type = \"running:Tell\", on_error = \"skip\" }",
+         "'on_error' of block 'box/other' was changed"},
+        {", config.tell.x = 1", "", "key 'x' of block 'box/tell' was removed"},
+        {"\"count.out -> box.in\"", "", "connection 'count.out -> box.in' was removed"},
+        {"\"count.out -> box.in\"", "{ from = \"count.out\", to = \"box.in\", delayed = true }",
+         "connection 'count.out -> box.in' was removed"},
+        {"inports.in = \"tell.in\"", "inports.in = [\"tell.in\", \"other.in\"]",
+         "input 'in' for 'other.in' in 'box' was added"},
+        {"inports.in = \"tell.in\"", "inports.in = \"other.in\"",
+         "input 'in' for 'tell.in' in 'box' was removed"},
+    };
+    for (const Case& one : cases) {
+        std::string after = pair;
+        after.replace(after.find(one.from), one.from.size(), one.to);
+
+        const std::vector<std::string> texts = run_changed(pair, after);
+
+        EXPECT_THAT(texts, ::testing::Contains("the changed files are not applied: " + one.text))
+            << one.to;
+    }
+}
+
+}  // namespace

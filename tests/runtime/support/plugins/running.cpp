@@ -1,0 +1,130 @@
+// Blocks that do something when they run, and tell the log of it.
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <quorval/block.h>
+#include <quorval/log.h>
+#include <quorval/pluginloader.h>
+#include <quorval/runtime/tools.h>
+
+using namespace Quorval;
+
+namespace {
+
+void tell(const std::string& text)
+{
+    ilog(LOGLEVEL_INFO) << text;
+}
+
+/// Counts up to `count`, in one wave after the other.
+class Count : public Block {
+public:
+    Count(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), count_(config.getInt("count", 3))
+    {
+        auto port = std::make_unique<OutPort<int>>("out", Datatype("int"));
+        out_ = port.get();
+        add_outport(std::move(port));
+    }
+
+    void start() override { get_tools().request_run(); }
+
+    bool run() override
+    {
+        out_->write(++done_);
+        get_tools().progress(static_cast<std::uint64_t>(done_), static_cast<std::uint64_t>(count_));
+        get_tools().request_run();
+        return done_ < count_;
+    }
+
+private:
+    int count_;
+    int done_ = 0;
+    OutPort<int>* out_;
+};
+
+/// Tells of all that is done to it. It fails in the operation `trouble`, and raises `signal` while
+/// it is started; `is_idle` makes it a source that never has anything to do.
+class Tell : public Block {
+public:
+    Tell(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config),
+          trouble_(config.getString("trouble", "")),
+          signal_(config.getInt("signal", 0))
+    {
+        config.getInt("x", 0);
+        config.getInt("y", 0);
+        if (config.getBool("is_idle", false)) {
+            make_eventport("never");
+        }
+        auto port = std::make_unique<InPort<int>>("in", Datatype("int"));
+        in_ = port.get();
+        add_inport(std::move(port));
+    }
+
+    void start() override
+    {
+        tell("start " + get_name());
+        fail_at("start");
+        if (signal_ != 0) {
+            std::raise(signal_);
+        }
+    }
+
+    void stop() override
+    {
+        tell("stop " + get_name());
+        fail_at("stop");
+    }
+
+    bool run() override
+    {
+        tell("run " + get_name() + " " + std::to_string(in_->value()));
+        fail_at("run");
+        return true;
+    }
+
+    void reconfigure(const BlockConfiguration& /*merged*/,
+                     const BlockConfiguration& override) override
+    {
+        const int x = override.getInt("x", -1);
+        tell("change " + get_name() + " " + std::to_string(x) + " " +
+             std::to_string(override.getInt("y", -1)));
+        if (x > 100) {
+            throw std::runtime_error("x is too large");
+        }
+    }
+
+private:
+    void fail_at(const std::string& operation) const
+    {
+        if (trouble_ == operation) {
+            throw std::runtime_error("trouble");
+        }
+    }
+
+    std::string trouble_;
+    int signal_;
+    InPort<int>* in_;
+};
+
+template <class Kind>
+void add(IRegistry& registry, const std::string& type)
+{
+    registry.register_block_create_fn(type,
+                                      [](std::string name, const BlockConfiguration& config,
+                                         const InitTools& /*tools*/) -> std::unique_ptr<Container> {
+                                          return std::make_unique<Kind>(std::move(name), config);
+                                      });
+}
+
+}  // namespace
+
+int lib_register_cpp(IRegistry& registry)
+{
+    add<Count>(registry, "Count");
+    add<Tell>(registry, "Tell");
+    return 0;
+}
