@@ -1,11 +1,11 @@
 #include "quorval/log.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 
 namespace {
@@ -47,9 +47,11 @@ void logger(loglevel level, const char* format, ...)
     va_start(args, format);
     try {
         Quorval::loginstance->vlog(level, format, args);
-    } catch (abi::__forced_unwind&) {
-        throw;  // the thread ends; the C library lets nobody stop that
     } catch (...) {
+        // No exception of C++: the thread ends, and the C library lets nobody stop that.
+        if (std::current_exception() == nullptr) {
+            throw;
+        }
         // Callers in C cannot catch, and a message is not worth failing for.
     }
     va_end(args);
