@@ -2,6 +2,12 @@
 // description. And typed ports, which need no name of a data type.
 #pragma once
 
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/export.h>
+#include <quorval/pluginloader.h>
+#include <quorval/port.h>
+
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -13,12 +19,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/export.h>
-#include <quorval/pluginloader.h>
-#include <quorval/port.h>
 
 namespace Quorval {
 

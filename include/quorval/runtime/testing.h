@@ -1,6 +1,12 @@
 // Tests of blocks: one block, driven by hand, with the code that runs it in a graph.
 #pragma once
 
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/export.h>
+#include <quorval/port.h>
+#include <quorval/settings.h>
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -8,12 +14,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/export.h>
-#include <quorval/port.h>
-#include <quorval/settings.h>
 
 namespace Quorval {
 

@@ -1,5 +1,8 @@
 // Mistakes in a declaration are found when the block type is registered.
 #include <quorval/settings.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <limits>
@@ -7,10 +10,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 namespace {
 

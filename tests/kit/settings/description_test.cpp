@@ -1,13 +1,12 @@
 // What tools learn about settings.
 #include <quorval/settings.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 namespace {
 

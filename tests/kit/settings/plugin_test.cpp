@@ -1,18 +1,16 @@
 // Settings in a plug-in: what reaches the registry, and whether the plug-in goes away again.
+#include <quorval/dlloader.h>
 #include <quorval/settings.h>
+#include "process_map.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <gtest/gtest.h>
-
-#include <quorval/dlloader.h>
-
-#include "process_map.h"
-#include "support/support.h"
 
 namespace Quorval {
 struct InitTools {

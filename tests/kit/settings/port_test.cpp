@@ -1,14 +1,13 @@
 // Ports that are made by the type of their values.
 #include <quorval/settings.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 struct Sample {
     int rate = 0;

@@ -1,5 +1,8 @@
 // What read() and apply() make of a configuration.
 #include <quorval/settings.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -8,10 +11,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "support/support.h"
 
 namespace {
 

@@ -1,4 +1,15 @@
-#include <quorval/runtime/testing.h>
+#include "quorval/runtime/testing.h"
+
+#include <quorval/log.h>
+#include <quorval/pstore.h>
+#include <quorval/runtime/tools.h>
+#include "loop/descriptor_ports.h"
+#include "loop/poller.h"
+#include "messages/context.h"
+#include "plugins/plugin.h"
+#include "plugins/search.h"
+#include "schedule/network.h"
+#include "schedule/wave.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,18 +21,6 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
-
-#include <quorval/log.h>
-#include <quorval/pstore.h>
-#include <quorval/runtime/tools.h>
-
-#include "loop/descriptor_ports.h"
-#include "loop/poller.h"
-#include "messages/context.h"
-#include "plugins/plugin.h"
-#include "plugins/search.h"
-#include "schedule/network.h"
-#include "schedule/wave.h"
 
 namespace Quorval {
 

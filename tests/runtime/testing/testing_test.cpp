@@ -1,4 +1,13 @@
-#include <quorval/runtime/testing.h>
+#include "quorval/runtime/testing.h"
+
+#include <quorval/log.h>
+#include <quorval/pstore.h>
+#include <quorval/runtime/tools.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -7,15 +16,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <quorval/log.h>
-#include <quorval/pstore.h>
-#include <quorval/runtime/tools.h>
-
-#include "support/support.h"
 
 namespace {
 
