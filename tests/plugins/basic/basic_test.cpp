@@ -1,0 +1,406 @@
+// The blocks of the plug-in basic, each in a harness.
+#include <quorval/runtime/testing.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Quorval::BlockConfiguration;
+using Quorval::Harness;
+using quorval_test::expect_throw;
+using quorval_test::read_file;
+using quorval_test::write_file;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using namespace std::chrono_literals;
+
+/// A block of the plug-in, started.
+class BasicBlock : public Harness {
+public:
+    explicit BasicBlock(const std::string& type, const BlockConfiguration& config = {})
+        : Harness(QUORVAL_BASIC_PLUGIN, type, config)
+    {
+        start();
+    }
+};
+
+TEST(Timer, TicksAfterEachPeriod)
+{
+    BasicBlock timer("Timer", {{"period", 0.1}});
+    EXPECT_FALSE(timer.step());
+
+    timer.advance(99ms);
+    EXPECT_FALSE(timer.step());
+    timer.advance(1ms);
+    EXPECT_TRUE(timer.step());
+    EXPECT_EQ(timer.output<std::int64_t>("tick"), 1);
+    EXPECT_TRUE(timer.is_triggered("tick"));
+    EXPECT_FALSE(timer.step());
+
+    timer.advance(100ms);
+    EXPECT_TRUE(timer.step());
+    EXPECT_EQ(timer.output<std::int64_t>("tick"), 2);
+}
+
+TEST(Timer, StaysInStepWhenItIsLate)
+{
+    BasicBlock timer("Timer", {{"period", 0.1}});
+
+    timer.advance(350ms);
+    EXPECT_TRUE(timer.step());
+    EXPECT_EQ(timer.output<std::int64_t>("tick"), 1);
+    EXPECT_FALSE(timer.step());
+    timer.advance(50ms);
+
+    EXPECT_TRUE(timer.step());
+    EXPECT_EQ(timer.output<std::int64_t>("tick"), 2);
+}
+
+TEST(Timer, IsDoneAfterItsTicks)
+{
+    BasicBlock timer("Timer", {{"period", 1}, {"count", 2}});
+
+    timer.advance(1s);
+    timer.step();
+    EXPECT_FALSE(timer.is_done());
+    timer.advance(1s);
+    timer.step();
+
+    EXPECT_TRUE(timer.is_done());
+    EXPECT_EQ(timer.output<std::int64_t>("tick"), 2);
+}
+
+TEST(Timer, ChangesItsPeriodFromTheLastTickOn)
+{
+    BasicBlock timer("Timer", {{"period", 10}});
+    timer.advance(1s);
+
+    timer.reconfigure({{"period", 2}});
+    EXPECT_FALSE(timer.step());
+    timer.advance(1s);
+
+    EXPECT_TRUE(timer.step());
+    expect_throw<std::invalid_argument>(
+        [&] {
+            timer.reconfigure({{"count", 2}});
+        },
+        "'count' cannot be changed while the graph runs");
+}
+
+TEST(Timer, RefusesABadPeriod)
+{
+    expect_throw<std::invalid_argument>([] { BasicBlock("Timer"); }, "'period' is missing");
+    expect_throw<std::invalid_argument>(
+        [] {
+            BasicBlock("Timer", {{"period", 0}});
+        },
+        "'period' has to be from 1e-06 to 1e+06, not 0");
+}
+
+TEST(Sine, GivesAValueForEachTick)
+{
+    BasicBlock sine("Sine", {{"frequency", 1}, {"rate", 4}, {"amplitude", 2}});
+
+    std::vector<double> values;
+    for (std::int64_t tick = 1; tick <= 5; ++tick) {
+        sine.feed("tick", tick);
+        EXPECT_TRUE(sine.step());
+        values.push_back(sine.output<double>("out"));
+    }
+
+    const std::vector<double> expected = {0, 2, 0, -2, 0};
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_NEAR(values[i], expected[i], 1e-15) << i;
+    }
+    EXPECT_EQ(values[0], 0);
+    EXPECT_EQ(values[4], 0);
+}
+
+TEST(Sine, ChangesItsAmplitudeAlone)
+{
+    BasicBlock sine("Sine", {{"frequency", 1}, {"rate", 4}});
+    sine.feed("tick", std::int64_t{1});
+    sine.step();
+
+    sine.reconfigure({{"amplitude", 3}});
+    sine.feed("tick", std::int64_t{2});
+    sine.step();
+
+    EXPECT_NEAR(sine.output<double>("out"), 3, 1e-15);
+    expect_throw<std::invalid_argument>(
+        [&] {
+            sine.reconfigure({{"rate", 8}});
+        },
+        "'rate' cannot be changed while the graph runs");
+}
+
+TEST(Scale, Multiplies)
+{
+    BasicBlock scale("Scale", {{"factor", 0.5}});
+    scale.feed("in", 3.0);
+    scale.step();
+    EXPECT_EQ(scale.output<double>("out"), 1.5);
+
+    scale.reconfigure({{"factor", -2}});
+    scale.feed("in", 3.0);
+    scale.step();
+
+    EXPECT_EQ(scale.output<double>("out"), -6);
+}
+
+TEST(Scale, MultipliesLists)
+{
+    BasicBlock scale("Scale", {{"factor", 2}, {"type", "double-vector"}});
+
+    scale.feed("in", std::vector<double>{1, -0.5});
+    scale.step();
+
+    EXPECT_EQ(scale.output<std::vector<double>>("out"), (std::vector<double>{2, -1}));
+}
+
+template <class T>
+std::string print(const std::string& type, T value)
+{
+    BasicBlock block("Print", {{"type", type}, {"prefix", "x: "}});
+    block.feed("in", std::move(value));
+    CaptureStdout();
+    block.step();
+    return GetCapturedStdout();
+}
+
+TEST(Print, WritesALineForAValueOfEachType)
+{
+    EXPECT_EQ(print("bool", true), "x: true\n");
+    EXPECT_EQ(print("int32", std::int32_t{-7}), "x: -7\n");
+    EXPECT_EQ(print("int64", std::int64_t{1} << 40), "x: 1099511627776\n");
+    EXPECT_EQ(print("float", 0.1F), "x: 0.1\n");
+    EXPECT_EQ(print("double", 0.1), "x: 0.1\n");
+    EXPECT_EQ(print("double", 2.0), "x: 2\n");
+    EXPECT_EQ(print("double", std::numeric_limits<double>::infinity()), "x: inf\n");
+    EXPECT_EQ(print("string", std::string("a b")), "x: a b\n");
+    EXPECT_EQ(print("int32-vector", std::vector<std::int32_t>{1, 2}), "x: [1, 2]\n");
+    EXPECT_EQ(print("int64-vector", std::vector<std::int64_t>{}), "x: []\n");
+    EXPECT_EQ(print("float-vector", std::vector<float>{0.1F}), "x: [0.1]\n");
+    EXPECT_EQ(print("double-vector", std::vector<double>{1.5, -2}), "x: [1.5, -2]\n");
+}
+
+TEST(Print, RefusesAnotherType)
+{
+    expect_throw<std::invalid_argument>(
+        [] {
+            BasicBlock("Print", {{"type", "colour"}});
+        },
+        "'type' has to be one of bool, int32, int64, float, double, string, int32-vector, "
+        "int64-vector, float-vector, double-vector, not 'colour'");
+}
+
+/// A directory for the files of a test.
+class CsvTest : public testing::Test {
+protected:
+    std::string file(const std::string& name) const { return (directory_.path() / name).string(); }
+
+    /// What a source of a column of `content` gives, up to its end.
+    std::vector<double> read(const std::string& content, const std::string& column)
+    {
+        write_file(file("in.csv"), content);
+        BasicBlock source("CsvSource", {{"path", file("in.csv")}, {"column", column}});
+        std::vector<double> values;
+        while (source.step()) {
+            if (source.is_triggered("out")) {
+                values.push_back(source.output<double>("out"));
+            }
+        }
+        EXPECT_TRUE(source.is_done());
+        return values;
+    }
+
+    void expect_refused(const std::string& content, const std::string& text)
+    {
+        expect_throw<std::runtime_error>([&] { read(content, "a"); }, file("in.csv") + text);
+    }
+
+    /// A sink with the columns a and b. Each pair is a wave; a NaN stands for no value.
+    void write(const std::vector<std::pair<double, double>>& rows, bool append)
+    {
+        BasicBlock sink("CsvSink",
+                        {{"path", file("out.csv")}, {"columns", {"a", "b"}}, {"append", append}});
+        for (const auto& [a, b] : rows) {
+            feed(sink, "a", a);
+            feed(sink, "b", b);
+            sink.step();
+        }
+        sink.stop();
+    }
+    static void feed(Harness& sink, const std::string& column, double value)
+    {
+        if (!std::isnan(value)) {
+            sink.feed(column, value);
+        }
+    }
+
+    quorval_test::TemporaryDirectory directory_;
+};
+
+constexpr double kNothing = std::numeric_limits<double>::quiet_NaN();
+
+TEST_F(CsvTest, SourceGivesTheNumbersOfAColumn)
+{
+    EXPECT_EQ(read("a,b\n1,2\n3.5,-4e2\n", "b"), (std::vector<double>{2, -400}));
+    EXPECT_EQ(read("a,b\r\n1,2\r\n", "b"), std::vector<double>{2});
+    EXPECT_EQ(read("a\n1\n2", "a"), (std::vector<double>{1, 2}));
+    EXPECT_EQ(read("\"a, \"\"b\"\"\",c\n\"1\",2\n", "a, \"b\""), std::vector<double>{1});
+    EXPECT_EQ(read("a\n", "a"), std::vector<double>());
+}
+
+TEST_F(CsvTest, SourceGivesNothingForAnEmptyCell)
+{
+    EXPECT_EQ(read("a,b\n1,\n,2\n3,4\n", "a"), (std::vector<double>{1, 3}));
+}
+
+TEST_F(CsvTest, SourceNamesFileAndLineOfWhatIsWrong)
+{
+    expect_refused("a\n1\nx\n", ":3: 'x' is not a number");
+    expect_refused("a\n1 2\n", ":2: '1 2' is not a number");
+    expect_refused("a,b\n1\n", ":2: 1 cells, not 2");
+    expect_refused("b,c\n1,2\n", ":1: there is no column 'a'");
+    expect_refused("", ":1: there is no column 'a'");
+    expect_throw<std::runtime_error>(
+        [this] {
+            BasicBlock("CsvSource", {{"path", file("missing")}, {"column", "a"}});
+        },
+        file("missing") + ": No such file or directory");
+    expect_throw<std::runtime_error>(
+        [this] {
+            BasicBlock("CsvSource", {{"path", directory_.path().string()}, {"column", "a"}});
+        },
+        directory_.path().string() + ": Is a directory");
+}
+
+TEST_F(CsvTest, SourceGoesOnBehindARowThatIsWrong)
+{
+    write_file(file("in.csv"), "a\nx\n2\n");
+    BasicBlock source("CsvSource", {{"path", file("in.csv")}, {"column", "a"}});
+    EXPECT_THROW(source.step(), std::runtime_error);
+
+    EXPECT_TRUE(source.step());
+
+    EXPECT_EQ(source.output<double>("out"), 2);
+}
+
+TEST_F(CsvTest, SourceKeepsItsRate)
+{
+    write_file(file("in.csv"), "a\n1\n2\n");
+    BasicBlock source("CsvSource", {{"path", file("in.csv")}, {"column", "a"}, {"rate", 10}});
+
+    EXPECT_TRUE(source.step());
+    EXPECT_FALSE(source.step());
+    source.advance(100ms);
+    EXPECT_TRUE(source.step());
+    EXPECT_EQ(source.output<double>("out"), 2);
+}
+
+TEST_F(CsvTest, SinkWritesARowForEachWave)
+{
+    write({{1, 2}, {0.1, kNothing}, {kNothing, -3e300}, {kNothing, kNothing}}, false);
+
+    EXPECT_EQ(read_file(file("out.csv")), "a,b\n1,2\n0.1,\n,-3e+300\n");
+}
+
+TEST_F(CsvTest, SinkShowsTheFileWhenItStops)
+{
+    write_file(file("out.csv"), "old");
+    {
+        BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a"}}});
+        sink.feed("a", 1.0);
+        sink.step();
+        EXPECT_EQ(read_file(file("out.csv")), "old");
+        sink.stop();
+        EXPECT_EQ(read_file(file("out.csv")), "a\n1\n");
+    }
+    {
+        BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a"}}});
+    }
+    EXPECT_EQ(read_file(file("out.csv")), "a\n1\n");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
+}
+
+TEST_F(CsvTest, SinkAppendsRowByRowAndNamesTheColumnsOnce)
+{
+    write({{1, 2}}, true);
+    write({{3, 4}}, true);
+    EXPECT_EQ(read_file(file("out.csv")), "a,b\n1,2\n3,4\n");
+
+    BasicBlock sink("CsvSink",
+                    {{"path", file("out.csv")}, {"columns", {"a", "b"}}, {"append", true}});
+    sink.feed("a", 5.0);
+    sink.step();
+
+    EXPECT_EQ(read_file(file("out.csv")), "a,b\n1,2\n3,4\n5,\n");
+}
+
+TEST_F(CsvTest, SinkQuotesNamesThatNeedIt)
+{
+    BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a, b", "say \"c\""}}});
+    sink.stop();
+
+    EXPECT_EQ(read_file(file("out.csv")), "\"a, b\",\"say \"\"c\"\"\"\n");
+}
+
+TEST_F(CsvTest, SinkFollowsALink)
+{
+    write_file(file("target.csv"), "old");
+    std::filesystem::create_symlink("target.csv", file("out.csv"));
+
+    write({{1, 2}}, false);
+
+    EXPECT_TRUE(std::filesystem::is_symlink(file("out.csv")));
+    EXPECT_EQ(read_file(file("target.csv")), "a,b\n1,2\n");
+}
+
+TEST_F(CsvTest, SinkNamesAFileThatCannotBeWritten)
+{
+    std::filesystem::create_directory(file("directory"));
+    const auto start = [](const std::string& path, bool append) {
+        BasicBlock("CsvSink", {{"path", path}, {"columns", {"a"}}, {"append", append}});
+    };
+
+    expect_throw<std::system_error>(
+        [&] { start(file("missing/out.csv"), false); },
+        file("missing/out.csv") + ": cannot be written: No such file or directory");
+    expect_throw<std::runtime_error>([&] { start(file("directory"), false); },
+                                     file("directory") + ": not a regular file");
+    expect_throw<std::system_error>([&] { start(file("directory"), true); },
+                                    file("directory") + ": cannot be written: Is a directory");
+}
+
+TEST_F(CsvTest, SinkNamesAFullDisk)
+{
+    expect_throw<std::system_error>(
+        [] {
+            BasicBlock("CsvSink", {{"path", "/dev/full"}, {"columns", {"a"}}, {"append", true}});
+        },
+        "/dev/full: cannot be written: No space left on device");
+}
+
+TEST_F(CsvTest, SinkRefusesAColumnThatIsThereTwice)
+{
+    expect_throw<std::runtime_error>(
+        [this] {
+            BasicBlock("CsvSink", {{"path", file("out.csv")}, {"columns", {"a", "a"}}});
+        },
+        "Failed to add inport 'a', probably duplicate.");
+}
+
+}  // namespace
