@@ -1,22 +1,23 @@
 // What is wrong with a graph, as a user reads it.
 #pragma once
 
+#include <quorval/export.h>
+
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <quorval/export.h>
 
 namespace Quorval {
 
 /// One finding about a graph and its place in what the user wrote.
 struct Diagnostic {
-    std::string file;         ///< as it was given; of an assignment `--set PATH.KEY`
-    unsigned line = 0;        ///< from 1; 0 for an assignment
-    unsigned column = 0;      ///< from 1, in characters; 0 for an assignment
-    bool is_error = true;     ///< a warning otherwise
-    std::string text;         ///< one line
-    std::string source_line;  ///< the line of the file; empty where there is none
+    std::string file;      ///< as it was given; of an assignment `--set PATH.KEY`
+    unsigned line = 0;     ///< from 1; 0 for an assignment
+    unsigned column = 0;   ///< from 1, in characters; 0 for an assignment
+    bool is_error = true;  ///< a warning otherwise
+    std::string text;      ///< one line
+    /// The line of the file as it stands there; empty where there is none, or a very long one.
+    std::string source_line;
 };
 
 /// `FILE:LINE:COLUMN: error: TEXT`, or `warning:`; for an assignment `--set PATH.KEY: error: TEXT`.

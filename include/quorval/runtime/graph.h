@@ -1,6 +1,10 @@
 // A graph made from files, and run.
 #pragma once
 
+#include <quorval/config.h>
+#include <quorval/export.h>
+#include <quorval/runtime/diagnostic.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -8,10 +12,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <quorval/config.h>
-#include <quorval/export.h>
-#include <quorval/runtime/diagnostic.h>
 
 namespace Quorval {
 

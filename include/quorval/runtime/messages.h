@@ -1,11 +1,11 @@
 // Where the messages of a process go that runs graphs.
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include <quorval/export.h>
 #include <quorval/log.h>
+
+#include <memory>
+#include <string>
 
 namespace Quorval {
 

@@ -1,10 +1,10 @@
 // The name that was probably meant.
 #pragma once
 
+#include <quorval/export.h>
+
 #include <string>
 #include <vector>
-
-#include <quorval/export.h>
 
 namespace Quorval {
 

@@ -1,5 +1,10 @@
 #include "graph/connect.h"
 
+#include "description/suggest.h"
+#include "messages/context.h"
+#include "plugins/plugin.h"
+#include "schedule/order.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <exception>
@@ -10,11 +15,6 @@
 #include <unordered_set>
 #include <utility>
 
-#include "description/suggest.h"
-#include "messages/context.h"
-#include "plugins/plugin.h"
-#include "schedule/order.h"
-
 namespace Quorval::runtime {
 
 namespace {
@@ -24,6 +24,7 @@ template <class PortType>
 struct PortRef {
     std::uint32_t block = 0;
     PortType* port = nullptr;
+    const std::string* name = nullptr;  // that the block keeps it under; of the description
 };
 
 using Input = PortRef<InPortInternal>;
@@ -196,7 +197,7 @@ private:
         try {
             std::vector<Input> inputs;
             for (const auto& [owner, port] : made->Block::get_inport(end.port)) {
-                inputs.push_back({block, connectable(port)});
+                inputs.push_back({block, connectable(port), &end.port});
                 if (inputs.back().port == nullptr) {
                     throw std::out_of_range(end.port);
                 }
@@ -238,7 +239,7 @@ private:
         }
         const ContextScope scope(path_of(block).c_str(), "connect");
         try {
-            return Output{block, &made->Block::get_outport(end.port).second};
+            return Output{block, &made->Block::get_outport(end.port).second, &end.port};
         } catch (const std::out_of_range&) {
             report_no_port(end, "output", path_of(block),
                            sorted_names(made->Block::get_outports_info()));
@@ -287,13 +288,13 @@ private:
         for (std::size_t i = 0; i < inside.inports.size(); ++i) {
             for (const Input& input : exposed_[composite].inputs[i].inputs) {
                 superblock.add_inport(inside.inports[i].name, *made_.blocks[input.block],
-                                      input.port->get_name());
+                                      *input.name);
             }
         }
         for (std::size_t i = 0; i < inside.outports.size(); ++i) {
             if (const std::optional<Output>& output = exposed_[composite].outputs[i]) {
                 superblock.add_outport(inside.outports[i].name, *made_.blocks[output->block],
-                                       output->port->get_name());
+                                       *output->name);
             }
         }
     }
@@ -330,8 +331,8 @@ private:
                 fed_by_.try_emplace(input.port, kUnknown);
             } else if (fits(connection, *output, input) && feed(connection, *output, input)) {
                 made_.superblocks[written.composite]->add_connection(
-                    *made_.blocks[output->block], output->port->get_name(),
-                    *made_.blocks[input.block], input.port->get_name());
+                    *made_.blocks[output->block], *output->name, *made_.blocks[input.block],
+                    *input.name);
             }
         }
     }
@@ -339,7 +340,7 @@ private:
     template <class PortType>
     std::string name_of(const PortRef<PortType>& ref) const
     {
-        return path_of(ref.block) + "." + ref.port->get_name();
+        return path_of(ref.block) + "." + *ref.name;
     }
 
     bool fits(const ConnectionDescription& connection, const Output& output, const Input& input)
@@ -361,14 +362,14 @@ private:
         const auto wire = static_cast<std::uint32_t>(network_.wires.size());
         const auto [fed, is_new] = fed_by_.try_emplace(input.port, wire);
         if (!is_new && fed->second != kUnknown) {
-            const Wire& other = network_.wires[fed->second];
-            report_fed_twice(connection, input, {other.from, other.output});
+            report_fed_twice(connection, input, sources_[fed->second]);
             return false;
         }
         fed->second = wire;
         network_.wires.push_back(
             {output.block, input.block, output.port, input.port, connection.is_delayed});
         places_.push_back(connection.place);
+        sources_.push_back(output);
         return true;
     }
 
@@ -438,7 +439,8 @@ private:
     Problems& problems_;
     std::vector<ExposedPorts> exposed_;  // by composite
     Network network_;
-    std::vector<Place> places_;  // of the wires
+    std::vector<Place> places_;    // of the wires
+    std::vector<Output> sources_;  // likewise
     // The wire of each input; unknown where the connection to it is wrong.
     std::unordered_map<const InPortInternal*, std::uint32_t> fed_by_;
     // What misses a connection may do so because of an error that was reported.

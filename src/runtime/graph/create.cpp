@@ -1,15 +1,15 @@
 #include "graph/create.h"
 
-#include <exception>
-#include <memory>
-#include <stdexcept>
-#include <utility>
-
 #include "graph/declared.h"
 #include "graph/state.h"
 #include "graph/unread.h"
 #include "graph/values.h"
 #include "messages/context.h"
+
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <utility>
 
 namespace Quorval::runtime {
 

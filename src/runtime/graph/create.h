@@ -1,16 +1,15 @@
 // Making the blocks of a graph.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include <quorval/superblock.h>
-
 #include "description/problem.h"
 #include "graph/expansion.h"
 #include "graph/loaded_graph.h"
 #include "plugins/plugin_set.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 

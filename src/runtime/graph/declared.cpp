@@ -1,13 +1,13 @@
 #include "graph/declared.h"
 
+#include "description/suggest.h"
+#include "graph/create.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
-
-#include "description/suggest.h"
-#include "graph/create.h"
 
 namespace Quorval::runtime {
 

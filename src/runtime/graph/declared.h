@@ -1,13 +1,12 @@
 // Settings that a block type declares, compared with those that were written.
 #pragma once
 
-#include <vector>
-
 #include <quorval/config.h>
 #include <quorval/settings.h>
-
 #include "description/problem.h"
 #include "graph/expansion.h"
+
+#include <vector>
 
 namespace Quorval::runtime {
 

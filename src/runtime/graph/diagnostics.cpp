@@ -1,11 +1,11 @@
 #include "graph/diagnostics.h"
 
+#include "messages/printable.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <string>
 #include <utility>
-
-#include "messages/printable.h"
 
 namespace Quorval {
 
@@ -13,19 +13,26 @@ namespace runtime {
 
 namespace {
 
+// A line with many findings is shown with each of them.
+constexpr std::size_t kLongestLine = 1000;
+
 /// Gives the lines of a text, each step forward at the cost of what lies between.
 class LineReader {
 public:
     explicit LineReader(const std::string& text) : text_(text) {}
 
     /// @param line  from 1, and not before the last one that was asked for
+    /// @return empty for a line that is too long
     std::string get(unsigned line)
     {
         while (line_ < line) {
             begin_ = end() + 1;
             ++line_;
         }
-        std::string found = begin_ < text_.size() ? text_.substr(begin_, end() - begin_) : "";
+        if (begin_ >= text_.size() || end() - begin_ > kLongestLine) {
+            return {};
+        }
+        std::string found = text_.substr(begin_, end() - begin_);
         if (!found.empty() && found.back() == '\r') {
             found.pop_back();
         }

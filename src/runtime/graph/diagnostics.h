@@ -1,12 +1,11 @@
 // Findings as users read them.
 #pragma once
 
-#include <vector>
-
 #include <quorval/runtime/diagnostic.h>
-
 #include "description/description.h"
 #include "description/problem.h"
+
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,10 +1,10 @@
 #include "graph/expansion.h"
 
-#include <algorithm>
-#include <utility>
-
 #include "description/suggest.h"
 #include "graph/size.h"
+
+#include <algorithm>
+#include <utility>
 
 namespace Quorval::runtime {
 

@@ -1,15 +1,15 @@
 // A description with each superblock in its places.
 #pragma once
 
+#include "description/description.h"
+#include "description/problem.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
-
-#include "description/description.h"
-#include "description/problem.h"
 
 namespace Quorval::runtime {
 

@@ -1,16 +1,15 @@
+#include "graph/connect.h"
+#include "graph/create.h"
+#include "graph/diagnostics.h"
 #include "graph/loaded_graph.h"
+#include "graph/standard_output.h"
+#include "graph/state.h"
+#include "plugins/search.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <utility>
-
-#include "graph/connect.h"
-#include "graph/create.h"
-#include "graph/diagnostics.h"
-#include "graph/standard_output.h"
-#include "graph/state.h"
-#include "plugins/search.h"
 
 namespace Quorval::runtime {
 

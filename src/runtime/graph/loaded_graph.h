@@ -1,20 +1,19 @@
 // A graph that was loaded: its plug-ins, its blocks, and where all of it was written.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <quorval/config.h>
 #include <quorval/runtime/diagnostic.h>
 #include <quorval/runtime/graph.h>
 #include <quorval/runtime/tools.h>
 #include <quorval/superblock.h>
-
 #include "description/read.h"
 #include "graph/expansion.h"
 #include "plugins/plugin_set.h"
 #include "schedule/network.h"
+
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 
@@ -30,6 +29,14 @@ struct LoadedBlock {
 /// Destroyed from the last member to the first: the blocks go before their plug-ins, the plug-ins
 /// before what their create functions were given. Can be moved: nothing in it changes its place.
 struct LoadedGraph {
+    LoadedGraph() = default;
+    LoadedGraph(LoadedGraph&&) = default;
+    // It would begin with the first member and so destroy plug-ins before their blocks.
+    LoadedGraph& operator=(LoadedGraph&&) = delete;
+    LoadedGraph(const LoadedGraph&) = delete;
+    LoadedGraph& operator=(const LoadedGraph&) = delete;
+    ~LoadedGraph() = default;
+
     std::unique_ptr<Reading> reading;  ///< files and assignments, for showing places
     std::unique_ptr<InitTools> init_tools;
     std::unique_ptr<PluginSet> plugins;

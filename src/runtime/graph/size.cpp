@@ -2,20 +2,60 @@
 
 #include <algorithm>
 #include <string>
+#include <variant>
+#include <vector>
 
 namespace Quorval::runtime {
 
 namespace {
 
 constexpr std::uint64_t kMostBlocks = 1'000'000;
-constexpr std::uint64_t kMostPathBytes = std::uint64_t{1} << 30U;
+constexpr std::uint64_t kMostConnections = 10'000'000;
+constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 30U;
 // Superblocks destroy each other level by level.
 constexpr unsigned kMostLevels = 1000;
 
 constexpr const char* kTooManyBlocks = "the graph has more than 1000000 blocks";
 constexpr const char* kTooManySuperblocks = "the graph has more than 1000000 superblocks";
 constexpr const char* kTooDeep = "superblocks stand in each other more than 1000 levels deep";
-constexpr const char* kTooLongPaths = "the paths of the blocks are longer than 1 GiB in all";
+constexpr const char* kTooManyConnections = "the graph has more than 10000000 connections";
+constexpr const char* kTooManyBytes =
+    "the paths and configurations of the blocks take more than 1 GiB";
+
+std::uint64_t count_ends(const std::vector<ExposedDescription>& ports)
+{
+    std::uint64_t count = 0;
+    for (const ExposedDescription& port : ports) {
+        count += port.ends.size();
+    }
+    return count;
+}
+
+std::uint64_t bytes_of(const std::string& text)
+{
+    return text.size();
+}
+
+template <class Number>
+std::uint64_t bytes_of(Number /*number*/)
+{
+    return sizeof(Number);
+}
+
+template <class Item>
+std::uint64_t bytes_of(const std::vector<Item>& items)
+{
+    std::uint64_t bytes = 0;
+    for (const Item& item : items) {
+        bytes += bytes_of(item);
+    }
+    return bytes;
+}
+
+std::uint64_t bytes_of(const Value& value)
+{
+    return std::visit([](const auto& held) { return bytes_of(held); }, value);
+}
 
 }  // namespace
 
@@ -35,6 +75,8 @@ bool SizeCheck::check()
 const char* SizeCheck::add(Size& sum, const CompositeDescription& inside, unsigned depth,
                            const MemberDescription** culprit)
 {
+    sum.connections +=
+        inside.connections.size() + count_ends(inside.inports) + count_ends(inside.outports);
     for (const MemberDescription& member : inside.members) {
         if (const char* complaint = add_member(sum, member, depth)) {
             *culprit = &member;
@@ -46,18 +88,22 @@ const char* SizeCheck::add(Size& sum, const CompositeDescription& inside, unsign
 
 const char* SizeCheck::add_member(Size& sum, const MemberDescription& member, unsigned depth)
 {
+    for (const Setting& setting : member.config) {
+        sum.bytes += setting.key.size() + bytes_of(setting.value);
+    }
     if (member.type.find(':') == std::string::npos) {
         if (const char* complaint = add_kind(sum, member, depth)) {
             return complaint;
         }
     } else {
         ++sum.blocks;
-        sum.path_bytes += member.name.size();
+        sum.bytes += member.name.size();
     }
-    return sum.blocks > kMostBlocks          ? kTooManyBlocks
-           : sum.superblocks > kMostBlocks   ? kTooManySuperblocks
-           : sum.path_bytes > kMostPathBytes ? kTooLongPaths
-                                             : nullptr;
+    return sum.blocks > kMostBlocks             ? kTooManyBlocks
+           : sum.superblocks > kMostBlocks      ? kTooManySuperblocks
+           : sum.connections > kMostConnections ? kTooManyConnections
+           : sum.bytes > kMostBytes             ? kTooManyBytes
+                                                : nullptr;
 }
 
 /// Adds a superblock. Each kind is measured once.
@@ -85,7 +131,8 @@ const char* SizeCheck::add_kind(Size& sum, const MemberDescription& member, unsi
     }
     sum.blocks += size.blocks;
     sum.superblocks += size.superblocks + 1;
-    sum.path_bytes += size.path_bytes + size.blocks * (member.name.size() + 1);
+    sum.connections += size.connections;
+    sum.bytes += size.bytes + size.blocks * (member.name.size() + 1);
     sum.height = std::max(sum.height, size.height + 1);
     return depth + size.height < kMostLevels ? nullptr : kTooDeep;
 }

@@ -1,12 +1,12 @@
 // How large a graph becomes when its superblocks are put in their places.
 #pragma once
 
+#include "description/description.h"
+#include "description/problem.h"
+
 #include <cstdint>
 #include <unordered_map>
 #include <unordered_set>
-
-#include "description/description.h"
-#include "description/problem.h"
 
 namespace Quorval::runtime {
 
@@ -29,7 +29,8 @@ private:
     struct Size {
         std::uint64_t blocks = 0;       // plain ones
         std::uint64_t superblocks = 0;  // all that are inside
-        std::uint64_t path_bytes = 0;   // of the paths of the plain blocks, from here
+        std::uint64_t connections = 0;  // and exposed ports
+        std::uint64_t bytes = 0;        // of paths, seen from here, and configurations
         unsigned height = 0;            // of superblocks in superblocks
         bool is_open = true;            // it is being measured
     };

@@ -1,10 +1,10 @@
 #include "graph/standard_output.h"
 
-#include <cstdio>
-#include <iostream>
-
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
 
 namespace Quorval::runtime {
 

@@ -1,15 +1,15 @@
 #include "graph/state.h"
 
+#include "plugins/search.h"
+
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
-
-#include <sys/stat.h>
-
-#include "plugins/search.h"
 
 namespace Quorval::runtime {
 

@@ -1,9 +1,9 @@
 #include "graph/unread.h"
 
+#include "graph/values.h"
+
 #include <string>
 #include <variant>
-
-#include "graph/values.h"
 
 namespace Quorval::runtime {
 

@@ -1,11 +1,10 @@
 // Keys that a block did not read.
 #pragma once
 
-#include <vector>
-
 #include <quorval/config.h>
-
 #include "graph/expansion.h"
+
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,11 +1,10 @@
 // Settings as elements of configurations.
 #pragma once
 
-#include <string>
-
 #include <quorval/config.h>
-
 #include "description/description.h"
+
+#include <string>
 
 namespace Quorval::runtime {
 

@@ -1,8 +1,8 @@
-#include <gtest/gtest.h>
+#include "description/suggest.h"
 
 #include <quorval/runtime/suggest.h>
 
-#include "description/suggest.h"
+#include <gtest/gtest.h>
 
 using Quorval::find_near;
 using Quorval::runtime::suggestion;

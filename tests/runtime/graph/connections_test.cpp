@@ -1,7 +1,7 @@
 // Connections, and what can be wrong with them.
-#include <gtest/gtest.h>
-
 #include "runtime/support/graph_files.h"
+
+#include <gtest/gtest.h>
 
 using quorval_test::GraphFiles;
 

@@ -1,7 +1,7 @@
 // Settings that a block type declares.
-#include <gtest/gtest.h>
-
 #include "runtime/support/graph_files.h"
+
+#include <gtest/gtest.h>
 
 using quorval_test::GraphFiles;
 

@@ -1,12 +1,12 @@
 // What can be wrong with a graph, beside its connections: the whole line of each finding.
+#include "runtime/support/graph_files.h"
+
+#include <gtest/gtest.h>
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include "runtime/support/graph_files.h"
 
 using Quorval::GraphOptions;
 using quorval_test::expect_throw;
@@ -126,7 +126,9 @@ TEST(FileProblems, ShowTheDescriptionOfTheParser)
         (Lines{"g.toml:2:8: error: Error while parsing value: could not determine value type"}));
     EXPECT_EQ(files.findings({"h.toml"}),
               (Lines{"h.toml:2:8: error: Encountered invalid utf-8 sequence"}));
-    EXPECT_EQ(files.findings({"i.toml"}).size(), 1U);
+    EXPECT_EQ(files.findings({"i.toml"}),
+              (Lines{"i.toml:2:10: error: Error while parsing string: unescaped control characters "
+                     "other than TAB (U+0009) are explicitly prohibited"}));
 }
 
 TEST(FileProblems, RefuseWhatIsNestedTooDeeply)
@@ -530,8 +532,8 @@ TEST(SizeProblems, CountSuperblocksWithoutBlocks)
 
 TEST(SizeProblems, TellGraphsThatAreTooDeep)
 {
-    std::string text = "blocks.a.type = \"k100000\"\nsuperblocks.k0 = {}\n";
-    for (int i = 100'000; i > 0; --i) {
+    std::string text = "blocks.a.type = \"k20000\"\nsuperblocks.k0 = {}\n";
+    for (int i = 20'000; i > 0; --i) {
         text += "superblocks.k" + std::to_string(i) + ".blocks.a.type = \"k" +
                 std::to_string(i - 1) + "\"\n";
     }
@@ -539,6 +541,42 @@ TEST(SizeProblems, TellGraphsThatAreTooDeep)
     expect_findings({{text,
                       {"g.toml:2:17: error: superblocks stand in each other more than 1000 levels "
                        "deep"}}});
+}
+
+TEST(SizeProblems, TellGraphsWhoseNamesAreTooLong)
+{
+    const std::string name(2000, 'n');
+    std::string text = "blocks.a.type = \"k18\"\n";
+    for (int i = 18; i > 0; --i) {
+        const std::string inner = i > 1 ? "k" + std::to_string(i - 1) : "parts:Late";
+        text += "[superblocks.k" + std::to_string(i) + "]\nblocks." + name + "a.type = \"" + inner +
+                "\"\nblocks." + name + "b.type = \"" + inner + "\"\n";
+    }
+
+    GraphFiles files;
+    const Lines lines = files.findings_for(text);
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(
+        lines[0],
+        "g.toml:2:17: error: the paths and configurations of the blocks take more than 1 GiB");
+}
+
+TEST(SizeProblems, TellGraphsWithTooManyConnections)
+{
+    std::string text =
+        "blocks.a.type = \"k18\"\n[superblocks.k0]\nblocks.a.type = "
+        "\"parts:Late\"\nconnections = [";
+    for (int i = 0; i < 100; ++i) {
+        text += "\"a.out -> a.in\",";
+    }
+    text += "]\n";
+    for (int i = 18; i > 0; --i) {
+        const std::string inner = "k" + std::to_string(i - 1);
+        text += "[superblocks.k" + std::to_string(i) + "]\nblocks.a.type = \"" + inner +
+                "\"\nblocks.b.type = \"" + inner + "\"\n";
+    }
+
+    expect_findings({{text, {"g.toml:2:17: error: the graph has more than 10000000 connections"}}});
 }
 
 TEST(SizeProblems, TellSuperblocksThatContainThemselves)
