@@ -1,11 +1,11 @@
 #include "description/suggest.h"
 
+#include <quorval/runtime/suggest.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdlib>
-
-#include <quorval/runtime/suggest.h>
 
 namespace Quorval {
 
@@ -84,6 +84,13 @@ std::string suggestion(const std::string& name, const std::vector<std::string>& 
 {
     const std::string near = find_near(name, known);
     return near.empty() ? near : "; did you mean '" + near + "'?";
+}
+
+std::string Suggester::suggest(const std::string& name, const std::vector<std::string>& known)
+{
+    constexpr std::size_t kMostComparisons = 5'000'000;
+    comparisons_ += known.size();
+    return comparisons_ <= kMostComparisons ? suggestion(name, known) : std::string();
 }
 
 }  // namespace runtime

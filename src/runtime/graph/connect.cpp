@@ -69,15 +69,6 @@ std::vector<std::string> names_of(const std::vector<ExposedDescription>& ports)
     return names;
 }
 
-std::vector<std::string> names_of(const std::vector<MemberDescription>& members)
-{
-    std::vector<std::string> names;
-    for (const MemberDescription& member : members) {
-        names.push_back(member.name);
-    }
-    return names;
-}
-
 /// "; did you mean '<near>'?", or "; it has <a>, <b>".
 std::string advice(const std::string& name, const std::vector<std::string>& known)
 {
@@ -149,9 +140,20 @@ private:
         if (!place.inside->is_broken) {
             problems_.add_error(end.place,
                                 "there is no block '" + end.block + "'" +
-                                    suggestion(end.block, names_of(place.inside->members)));
+                                    suggester_.suggest(end.block, names_of_members(*place.inside)));
         }
         return std::nullopt;
+    }
+
+    const std::vector<std::string>& names_of_members(const CompositeDescription& inside)
+    {
+        const auto [names, is_new] = members_.try_emplace(&inside);
+        if (is_new) {
+            for (const MemberDescription& member : inside.members) {
+                names->second.push_back(member.name);
+            }
+        }
+        return names->second;
     }
 
     void report_no_port(const EndDescription& end, const char* kind, const std::string& path,
@@ -447,6 +449,9 @@ private:
     std::vector<bool> is_excused_;
     bool is_all_excused_ = false;
     std::size_t conflicts_ = 0;
+    // Names of members, for those who look for them in vain.
+    std::unordered_map<const CompositeDescription*, std::vector<std::string>> members_;
+    Suggester suggester_;
     const ConnectionDescription* last_conflict_ = nullptr;
 };
 

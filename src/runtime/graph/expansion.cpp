@@ -10,15 +10,6 @@ namespace Quorval::runtime {
 
 namespace {
 
-std::vector<std::string> names_of_kinds(const GraphDescription& description)
-{
-    std::vector<std::string> names;
-    for (const auto& [name, kind] : description.kinds) {
-        names.push_back(name);
-    }
-    return names;
-}
-
 class Expander {
 public:
     Expander(const GraphDescription& description, const SizeCheck& size, Problems& problems)
@@ -87,8 +78,18 @@ private:
         if (!description_.has_broken_kinds) {
             problems_.add_error(member.type_place,
                                 "there is no superblock '" + member.type + "'" +
-                                    suggestion(member.type, names_of_kinds(description_)));
+                                    suggester_.suggest(member.type, names_of_kinds()));
         }
+    }
+
+    const std::vector<std::string>& names_of_kinds()
+    {
+        if (kinds_.empty()) {
+            for (const auto& [name, kind] : description_.kinds) {
+                kinds_.push_back(name);
+            }
+        }
+        return kinds_;
     }
 
     static std::vector<SettingRef> own_settings(const MemberDescription& member)
@@ -174,6 +175,8 @@ private:
     Expansion result_;
     std::vector<std::vector<SettingRef>> handed_down_;  // to each composite, the outermost last
     std::vector<OnError> on_error_;                     // of each composite
+    std::vector<std::string> kinds_;                    // names, when they were asked for
+    Suggester suggester_;
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 using Quorval::find_near;
+using Quorval::runtime::Suggester;
 using Quorval::runtime::suggestion;
 
 using Names = std::vector<std::string>;
@@ -51,4 +52,15 @@ TEST(Suggestion, IsTheEndOfAMessage)
 {
     EXPECT_EQ(suggestion("fomat", {"format"}), "; did you mean 'format'?");
     EXPECT_EQ(suggestion("x", {"format"}), "");
+}
+
+TEST(Suggester, StopsAfterMillionsOfComparisons)
+{
+    const Names known(1'000'000, "another-name");
+    Suggester suggester;
+
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(suggester.suggest("another-nam", known), "; did you mean 'another-name'?");
+    }
+    EXPECT_EQ(suggester.suggest("another-nam", known), "");
 }
