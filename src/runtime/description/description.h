@@ -2,6 +2,8 @@
 // plug-in has been looked for, no name has been looked up.
 #pragma once
 
+#include "description/problem.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -10,8 +12,6 @@
 #include <string_view>
 #include <variant>
 #include <vector>
-
-#include "description/problem.h"
 
 namespace Quorval::runtime {
 

@@ -1,11 +1,11 @@
 #include "description/file.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <system_error>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace Quorval::runtime {
 

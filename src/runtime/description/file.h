@@ -1,11 +1,11 @@
 // Graph files as texts.
 #pragma once
 
-#include <string>
-#include <utility>
-
 #include <sys/stat.h>
 #include <sys/types.h>
+
+#include <string>
+#include <utility>
 
 namespace Quorval::runtime {
 

@@ -1,19 +1,19 @@
 #include "description/read.h"
 
+#include "description/file.h"
+#include "description/names.h"
+#include "description/settings.h"
+#include "description/toml.h"
+#include "description/tree.h"
+
+#include <toml++/toml.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <utility>
-
-#include <toml++/toml.h>
-
-#include "description/file.h"
-#include "description/names.h"
-#include "description/settings.h"
-#include "description/toml.h"
-#include "description/tree.h"
 
 namespace Quorval::runtime {
 

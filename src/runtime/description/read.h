@@ -1,11 +1,11 @@
 // From files and assignments to a description.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "description/description.h"
 #include "description/problem.h"
+
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 

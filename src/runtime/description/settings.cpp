@@ -1,5 +1,9 @@
 #include "description/settings.h"
 
+#include <quorval/config.h>
+#include "description/names.h"
+#include "description/toml.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <limits>
@@ -8,11 +12,6 @@
 #include <string_view>
 #include <tuple>
 #include <utility>
-
-#include <quorval/config.h>
-
-#include "description/names.h"
-#include "description/toml.h"
 
 namespace Quorval::runtime {
 

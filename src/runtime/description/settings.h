@@ -1,14 +1,14 @@
 // Configurations as they are written in TOML.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
+#include "description/description.h"
+#include "description/problem.h"
 
 #include <toml++/toml.h>
 
-#include "description/description.h"
-#include "description/problem.h"
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,13 +1,13 @@
 // TOML texts as trees, and where their parts stand.
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <string>
+#include "description/problem.h"
 
 #include <toml++/toml.h>
 
-#include "description/problem.h"
+#include <cstdint>
+#include <optional>
+#include <string>
 
 namespace Quorval::runtime {
 

@@ -1,5 +1,11 @@
 #include "description/tree.h"
 
+#include <quorval/runtime/suggest.h>
+#include "description/names.h"
+#include "description/settings.h"
+#include "description/suggest.h"
+#include "description/toml.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <initializer_list>
@@ -8,13 +14,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-
-#include <quorval/runtime/suggest.h>
-
-#include "description/names.h"
-#include "description/settings.h"
-#include "description/suggest.h"
-#include "description/toml.h"
 
 namespace Quorval::runtime {
 

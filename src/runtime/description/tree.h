@@ -1,13 +1,13 @@
 // What the tree of a graph file means.
 #pragma once
 
-#include <cstdint>
-#include <vector>
+#include "description/description.h"
+#include "description/problem.h"
 
 #include <toml++/toml.h>
 
-#include "description/description.h"
-#include "description/problem.h"
+#include <cstdint>
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,18 +1,18 @@
 // A loaded plug-in and the blocks that it makes.
 #pragma once
 
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/dlloader.h>
+#include <quorval/pluginloader.h>
+#include <quorval/settings.h>
+
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/dlloader.h>
-#include <quorval/pluginloader.h>
-#include <quorval/settings.h>
 
 namespace Quorval::runtime {
 

@@ -1,12 +1,12 @@
 #include "plugins/plugin_set.h"
 
-#include <stdexcept>
-#include <utility>
+#include "description/file.h"
+#include "messages/context.h"
 
 #include <sys/stat.h>
 
-#include "description/file.h"
-#include "messages/context.h"
+#include <stdexcept>
+#include <utility>
 
 namespace Quorval::runtime {
 

@@ -1,12 +1,12 @@
 // The plug-ins of one graph.
 #pragma once
 
+#include "plugins/plugin.h"
+
 #include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
-
-#include "plugins/plugin.h"
 
 namespace Quorval::runtime {
 

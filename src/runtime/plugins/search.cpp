@@ -1,10 +1,10 @@
 #include "plugins/search.h"
 
+#include <dlfcn.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
-
-#include <dlfcn.h>
 
 namespace Quorval::runtime {
 

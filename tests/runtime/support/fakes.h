@@ -1,6 +1,10 @@
 // Blocks and networks made by hand.
 #pragma once
 
+#include <quorval/block.h>
+#include "schedule/network.h"
+#include "schedule/order.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <functional>
@@ -8,11 +12,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <quorval/block.h>
-
-#include "schedule/network.h"
-#include "schedule/order.h"
 
 namespace quorval_test {
 

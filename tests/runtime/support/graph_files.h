@@ -1,14 +1,13 @@
 // Graph files of a test, and what comes of loading them.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include <quorval/runtime/graph.h>
-
 #include "description/read.h"
 #include "graph/loaded_graph.h"
 #include "support/support.h"
+
+#include <string>
+#include <vector>
 
 namespace quorval_test {
 

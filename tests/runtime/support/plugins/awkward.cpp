@@ -1,8 +1,8 @@
 // Plug-ins that cannot be used, each built with another REGISTER.
+#include <quorval/pluginloader.h>
+
 #include <memory>
 #include <stdexcept>
-
-#include <quorval/pluginloader.h>
 
 using namespace Quorval;
 

@@ -1,19 +1,17 @@
 // The blocks that the tests make graphs of, the awkward ones too.
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/pluginloader.h>
+#include <quorval/port.h>
+#include <quorval/runtime/tools.h>
+#include <quorval/settings.h>
+#include <quorval/superblock.h>
+
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/pluginloader.h>
-#include <quorval/port.h>
-#include <quorval/superblock.h>
-
-#include <quorval/settings.h>
-
-#include <quorval/runtime/tools.h>
 
 using namespace Quorval;
 

@@ -1,13 +1,13 @@
 // Blocks that do something when they run, and tell the log of it.
-#include <csignal>
-#include <memory>
-#include <stdexcept>
-#include <string>
-
 #include <quorval/block.h>
 #include <quorval/log.h>
 #include <quorval/pluginloader.h>
 #include <quorval/runtime/tools.h>
+
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+#include <string>
 
 using namespace Quorval;
 
