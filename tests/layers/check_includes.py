@@ -59,7 +59,7 @@ def check(root):
 
 if __name__ == "__main__":
     found, numbers = check(pathlib.Path(sys.argv[1]))
-    for needed in ("core", "runtime"):
+    for needed in ("core", "runtime", "command"):
         if numbers[needed] == 0:
             found.append(f"there are no files of the {needed}")
     print(", ".join(f"{layer}: {count} files" for layer, count in numbers.items()))

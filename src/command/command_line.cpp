@@ -1,0 +1,166 @@
+#include "command_line.h"
+
+#include <quorval/runtime/suggest.h>
+#include "output.h"
+
+#include <algorithm>
+#include <exception>
+#include <iterator>
+#include <memory>
+#include <utility>
+
+namespace {
+
+/// The help as the GNU tools have it: no headline over the usage, options without decoration.
+class HelpFormatter : public CLI::Formatter {
+public:
+    explicit HelpFormatter(std::string usage) : usage_(std::move(usage)) { column_width(26); }
+
+    std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override
+    {
+        return "";
+    }
+
+    std::string make_description(const CLI::App* app) const override
+    {
+        return "usage: " + usage_ + "\n\n" + app->get_description() + "\n";
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        return option->get_type_size() == 0 ? "" : " " + option->get_type_name();
+    }
+
+private:
+    std::string usage_;
+};
+
+bool is_option(const std::string& argument)
+{
+    return argument.size() > 1 && argument[0] == '-';
+}
+
+std::string without_dashes(const std::string& name)
+{
+    const std::size_t begin = name.find_first_not_of('-');
+    return begin == std::string::npos ? "" : name.substr(begin);
+}
+
+/// CLI11 would take the next argument for the value.
+void refuse_missing_values(const Arguments& arguments)
+{
+    for (const std::string& argument : arguments) {
+        if (argument == "--") {
+            return;
+        }
+        if (argument.rfind("--", 0) == 0 && argument.find('=') == argument.size() - 1) {
+            throw UsageError("'" + argument + "' has no value");
+        }
+    }
+}
+
+}  // namespace
+
+CommandLine::CommandLine(const HelpText& help) : options_(help.description)
+{
+    options_.formatter(std::make_shared<HelpFormatter>(help.usage));
+    options_.footer(help.more);
+    options_.set_help_flag("-h,--help", "print this text");
+    // Unknown options are met here, with a suggestion. Arguments that are no options are left
+    // over too: as CLI11 reads them, brackets would mean something.
+    options_.allow_extras();
+}
+
+void CommandLine::add_list(const std::string& name, std::vector<std::string>& values,
+                           const std::string& value_name, const std::string& description)
+{
+    options_.add_option(name, values, description)->type_name(value_name)->allow_extra_args(false);
+}
+
+CLI::Option* CommandLine::add_value(const std::string& name, std::string& value,
+                                    const std::string& value_name, const std::string& description)
+{
+    return options_.add_option(name, value, description)
+        ->type_name(value_name)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+void CommandLine::add_flag(const std::string& name, bool& is_set, const std::string& description)
+{
+    options_.add_flag(name, is_set, description)->disable_flag_override();
+}
+
+void CommandLine::add_count(const std::string& name, int& count, const std::string& description)
+{
+    options_.add_flag(name, count, description)->disable_flag_override();
+}
+
+std::optional<std::vector<std::string>> CommandLine::read(const Arguments& arguments)
+{
+    refuse_missing_values(arguments);
+    try {
+        options_.parse(Arguments(arguments.rbegin(), arguments.rend()));
+    } catch (const CLI::CallForHelp&) {
+        write_output(options_.help());
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        split_remaining();  // an unknown option is the better reason
+        throw UsageError(error.what());
+    }
+    return split_remaining();
+}
+
+/// The names of the options, with their dashes.
+std::vector<std::string> CommandLine::names() const
+{
+    std::vector<std::string> names;
+    for (const CLI::Option* option : options_.get_options()) {
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+/// What was left over, without the "--" that ends the options.
+std::vector<std::string> CommandLine::split_remaining() const
+{
+    std::vector<std::string> remaining = options_.remaining();
+    const auto end_of_options = std::find(remaining.begin(), remaining.end(), "--");
+    const auto unknown = std::find_if(remaining.begin(), end_of_options, is_option);
+    if (unknown != end_of_options) {
+        throw_unknown("option", unknown->substr(0, unknown->find('=')), names());
+    }
+    if (end_of_options != remaining.end()) {
+        remaining.erase(end_of_options);
+    }
+    return remaining;
+}
+
+void throw_unknown(const std::string& what, const std::string& name,
+                   const std::vector<std::string>& known)
+{
+    std::vector<std::string> bare;
+    std::transform(known.begin(), known.end(), std::back_inserter(bare), without_dashes);
+    const std::string near = Quorval::find_near(without_dashes(name), bare);
+    const auto found = std::find(bare.begin(), bare.end(), near);
+    const std::string suggestion =
+        near.empty() ? "" : "; did you mean '" + known[std::distance(bare.begin(), found)] + "'?";
+    throw UsageError("unknown " + what + " '" + name + "'" + suggestion);
+}
+
+int run_and_close_output(const std::function<int()>& work)
+{
+    int status = kDone;
+    try {
+        status = work();
+    } catch (const UsageError& error) {
+        say_error(error.what());
+        status = kWrongUse;
+    } catch (const std::exception& error) {
+        say_error(error.what());
+        status = kFailed;
+    }
+    const bool is_written = close_output();
+    return status == kDone && !is_written ? kFailed : status;
+}

@@ -1,0 +1,40 @@
+# Completion of quorval(1) for bash.                                    -*- shell-script -*-
+
+_quorval()
+{
+    local cur prev words cword split
+    _init_completion -s || return
+
+    local command=${words[1]}
+    if ((cword == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W 'check graph run --help --version' -- "${cur}")
+        return
+    fi
+
+    case ${prev} in
+    --format)
+        mapfile -t COMPREPLY < <(compgen -W 'dot json mermaid svg' -- "${cur}")
+        return
+        ;;
+    --state | --plugin-path)
+        _filedir -d
+        return
+        ;;
+    --set | --for)
+        return
+        ;;
+    esac
+    ${split} && return
+
+    if [[ ${cur} == -* ]]; then
+        local options='--help --set --plugin-path'
+        case ${command} in
+        check) options+=' --strict --json' ;;
+        graph) options+=' --format' ;;
+        run) options+=' --state --for --quiet --verbose' ;;
+        esac
+        mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
+    else
+        _filedir toml
+    fi
+} && complete -F _quorval quorval

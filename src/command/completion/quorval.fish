@@ -1,0 +1,28 @@
+# Completion of quorval(1) for fish.
+
+set -l commands check graph run
+
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a check \
+    -d 'Look for what is wrong with a graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
+complete -c quorval -s h -l help -d 'Print usage, options, exit status and an example'
+
+complete -c quorval -n "__fish_seen_subcommand_from $commands" -l set -x \
+    -d 'Give a block another value'
+complete -c quorval -n "__fish_seen_subcommand_from $commands" -l plugin-path -x \
+    -a '(__fish_complete_directories)' -d 'Look for plug-ins in these directories first'
+
+complete -c quorval -n '__fish_seen_subcommand_from check' -l strict -d 'Let warnings count'
+complete -c quorval -n '__fish_seen_subcommand_from check' -l json -d 'Write what is found as JSON'
+
+complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
+    -a 'dot json mermaid svg' -d 'Kind of picture'
+
+complete -c quorval -n '__fish_seen_subcommand_from run' -l state -x \
+    -a '(__fish_complete_directories)' -d 'Keep the state of the blocks below this directory'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l for -x -d 'Stop after this time'
+complete -c quorval -n '__fish_seen_subcommand_from run' -s q -l quiet -d 'Write errors alone'
+complete -c quorval -n '__fish_seen_subcommand_from run' -s v -l verbose -d 'Write notes too'

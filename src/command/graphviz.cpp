@@ -1,0 +1,99 @@
+#include "graphviz.h"
+
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <stdexcept>
+#include <system_error>
+
+namespace {
+
+[[noreturn]] void throw_failed(const char* call, int error)
+{
+    throw std::system_error(error, std::generic_category(), call);
+}
+
+/// A file without a name that holds a text, to be read from its beginning.
+class MemoryFile {
+public:
+    explicit MemoryFile(const std::string& text) : fd_(::memfd_create("dot", MFD_CLOEXEC))
+    {
+        if (fd_ < 0) {
+            throw_failed("memfd_create", errno);
+        }
+        for (std::size_t done = 0; done < text.size();) {
+            const ssize_t count = ::write(fd_, text.data() + done, text.size() - done);
+            if (count < 0) {
+                const int error = errno;
+                ::close(fd_);
+                throw_failed("write", error);
+            }
+            done += static_cast<std::size_t>(count);
+        }
+        ::lseek(fd_, 0, SEEK_SET);
+    }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+    ~MemoryFile() { ::close(fd_); }
+
+    int fd() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+/// Starts `dot -Tsvg` with `in` as its standard input. No shell comes in.
+pid_t start_dot(int in)
+{
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGPIPE);
+    ::posix_spawnattr_setsigdefault(&attributes, &signals);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+
+    std::string program = "dot";
+    std::string format = "-Tsvg";
+    char* const arguments[] = {program.data(), format.data(), nullptr};
+    pid_t child = 0;
+    const int error = ::posix_spawnp(&child, "dot", &actions, &attributes, arguments, ::environ);
+    ::posix_spawnattr_destroy(&attributes);
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (error == ENOENT || error == EACCES || error == ENOTDIR) {
+        throw std::runtime_error("svg needs the program 'dot' of Graphviz");
+    }
+    if (error != 0) {
+        throw_failed("posix_spawnp", error);
+    }
+    return child;
+}
+
+}  // namespace
+
+void draw_svg(const std::string& dot)
+{
+    const MemoryFile input(dot);
+    const pid_t child = start_dot(input.fd());
+    int state = 0;
+    while (::waitpid(child, &state, 0) < 0) {
+        if (errno != EINTR) {
+            throw_failed("waitpid", errno);
+        }
+    }
+    if (WIFSIGNALED(state)) {
+        throw std::runtime_error("'dot' was ended by signal " + std::to_string(WTERMSIG(state)));
+    }
+    if (WEXITSTATUS(state) != 0) {
+        throw std::runtime_error("'dot' failed with exit status " +
+                                 std::to_string(WEXITSTATUS(state)));
+    }
+}

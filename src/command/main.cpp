@@ -1,0 +1,116 @@
+// quorval: runs graphs, and looks at them.
+#include "command.h"
+#include "command_line.h"
+#include "output.h"
+
+#include <fcntl.h>
+#include <sys/auxv.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Command {
+    const char* name;
+    const char* summary;
+    int (*run)(const Arguments&);
+};
+
+constexpr Command kCommands[] = {
+    {"check", "look for what is wrong with a graph", check_command},
+    {"graph", "draw a graph", graph_command},
+    {"run", "run a graph", run_command},
+};
+
+HelpText help_text()
+{
+    std::string commands = "Commands:\n";
+    for (const Command& command : kCommands) {
+        std::string name = command.name;
+        name.resize(24, ' ');
+        commands += "  " + name + command.summary + "\n";
+    }
+    return {"quorval COMMAND [OPTION...] FILE...",
+            "Runs dataflow graphs of blocks that come in plug-ins.",
+            commands +
+                "\n"
+                "'quorval COMMAND --help' tells more about a command.\n"
+                "\n"
+                "Exit status:\n"
+                "  0  done\n"
+                "  1  failed while running, or output could not be written\n"
+                "  2  wrong use of the command line\n"
+                "  3  the graph or a plug-in is wrong\n"
+                "\n"
+                "Example:\n"
+                "  quorval run loudness.toml"};
+}
+
+/// What stands before a command, or in its place.
+int run_without_command(const Arguments& arguments)
+{
+    CommandLine line(help_text());
+    bool wants_version = false;
+    line.add_flag("--version", wants_version, "print the version");
+    const auto rest = line.read(arguments);
+    if (!rest.has_value()) {
+        return kDone;
+    }
+    if (wants_version && rest->empty()) {
+        write_output("quorval " QUORVAL_VERSION "\n");
+        return kDone;
+    }
+    throw UsageError(wants_version ? "'" + rest->front() + "' is too much"
+                                   : "a command is missing; 'quorval --help' lists them");
+}
+
+int run_command_line(const Arguments& arguments)
+{
+    if (arguments.empty() || arguments.front().rfind('-', 0) == 0) {
+        return run_without_command(arguments);
+    }
+    std::vector<std::string> names;
+    for (const Command& command : kCommands) {
+        if (arguments.front() == command.name) {
+            return command.run(Arguments(std::next(arguments.begin()), arguments.end()));
+        }
+        names.emplace_back(command.name);
+    }
+    throw_unknown("command", arguments.front(), names);
+}
+
+/// Plug-ins are code that the caller chooses, so the rights of another user must not come to it.
+bool has_rights_of_another()
+{
+    return ::getauxval(AT_SECURE) != 0 || ::getuid() != ::geteuid() || ::getgid() != ::getegid();
+}
+
+/// Without this a file could be opened under the number of a standard stream that is closed. What
+/// is written to a closed stream still fails.
+void open_standard_streams()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) < 0) {
+            ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // the lowest free: fd
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char* argv[])
+{
+    open_standard_streams();
+    // A reader that goes away is output that cannot be written.
+    std::signal(SIGPIPE, SIG_IGN);
+    if (has_rights_of_another()) {
+        say_error("set-user-ID use is refused");
+        return kWrongUse;
+    }
+    const Arguments arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+    return run_and_close_output([&] { return run_command_line(arguments); });
+}

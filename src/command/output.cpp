@@ -1,0 +1,66 @@
+#include "output.h"
+
+#include "text.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+namespace {
+
+std::string variable(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+/// Flushes and closes; gives the number of the error, 0 for none.
+int close_standard_output()
+{
+    errno = 0;
+    std::cout.flush();
+    const bool was_bad = !std::cout || std::ferror(stdout) != 0;
+    const int error = errno;
+    if (std::fclose(stdout) != 0) {
+        return errno;
+    }
+    // The call that failed may be long gone.
+    return !was_bad ? 0 : error != 0 ? error : EIO;
+}
+
+}  // namespace
+
+void write_output(const std::string& text)
+{
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+bool close_output()
+{
+    const int error = close_standard_output();
+    if (error != 0) {
+        say_error(std::string("cannot write to standard output: ") + std::strerror(error));
+    }
+    return error == 0;
+}
+
+void say_error(const std::string& text)
+{
+    // In one call, so that lines of several processes do not mix.
+    const std::string line = "quorval: error: " + escape_controls(text) + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+bool has_terminal()
+{
+    return ::isatty(STDERR_FILENO) == 1;
+}
+
+bool has_colours()
+{
+    return has_terminal() && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+}

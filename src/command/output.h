@@ -1,0 +1,21 @@
+// What the command writes: results on standard output, messages on standard error.
+#pragma once
+
+#include <string>
+
+/// Writes to standard output. That it could not be written shows when it is closed.
+void write_output(const std::string& text);
+
+/// Closes standard output.
+/// @return whether everything was written, by blocks too; if not, it was said
+bool close_output();
+
+/// Writes `quorval: error: TEXT` to standard error.
+void say_error(const std::string& text);
+
+/// Whether standard error is a terminal.
+bool has_terminal();
+
+/// Whether what goes to standard error may have colours: on a terminal that knows them, and unless
+/// the user said NO_COLOR.
+bool has_colours();

@@ -1,0 +1,128 @@
+// quorval run: runs a graph.
+#include <quorval/log.h>
+#include <quorval/runtime/crash.h>
+#include <quorval/runtime/graph.h>
+#include <quorval/runtime/messages.h>
+#include "command.h"
+#include "command_line.h"
+#include "diagnostics.h"
+#include "duration.h"
+#include "graph_line.h"
+#include "output.h"
+#include "progress.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Quorval::RunResult;
+
+struct Verbosity {
+    bool is_quiet = false;
+    int verbose_count = 0;
+};
+
+/// The most verbose level that is shown.
+loglevel to_level(const Verbosity& verbosity)
+{
+    if (verbosity.is_quiet) {
+        return LOGLEVEL_ERROR;
+    }
+    return verbosity.verbose_count == 0   ? LOGLEVEL_WARNING
+           : verbosity.verbose_count == 1 ? LOGLEVEL_INFO
+                                          : LOGLEVEL_DEBUG;
+}
+
+int to_status(RunResult result)
+{
+    switch (result) {
+        case RunResult::Done:
+            return kDone;
+        case RunResult::Failed:
+            return kFailed;
+        case RunResult::NoSource:
+            return kWrongGraph;
+    }
+    return kFailed;
+}
+
+int run_graph(const Quorval::GraphOptions& options, loglevel level)
+{
+    Quorval::Messages messages(level);
+    std::unique_ptr<Quorval::Graph> graph;
+    try {
+        graph = make_graph(options);
+    } catch (const Quorval::GraphError& error) {
+        show_diagnostics(error.diagnostics());
+        return kWrongGraph;
+    }
+    messages.set_graph(graph->name());
+    if (level >= LOGLEVEL_WARNING) {
+        show_diagnostics(graph->warnings());
+    }
+    return to_status(graph->run());
+}
+
+std::chrono::nanoseconds read_duration(const std::string& text)
+{
+    const auto duration = parse_duration(text);
+    if (!duration.has_value() || duration->count() == 0) {
+        throw UsageError("--for has to be a duration such as 500ms, 10s or 5m, not '" + text + "'");
+    }
+    return *duration;
+}
+
+HelpText help_text()
+{
+    return {"quorval run [OPTION...] FILE...",
+            "Runs the graph of the files until it has come to its end.",
+            "Exit status:\n"
+            "  0  the graph came to its end, or was stopped\n"
+            "  1  a block failed, or output could not be written\n"
+            "  2  wrong use of the command line\n"
+            "  3  the graph or a plug-in is wrong, or nothing would ever run\n"
+            "\n"
+            "Example:\n"
+            "  quorval run --state /var/lib/loudness loudness.toml"};
+}
+
+}  // namespace
+
+int run_command(const Arguments& arguments)
+{
+    CommandLine line(help_text());
+    GraphLine graph_line(line);
+    std::string state;
+    std::string duration;
+    Verbosity verbosity;
+    line.add_value("--state", state, "DIR",
+                   "keep the state of the blocks below DIR (default: the first of "
+                   "$STATE_DIRECTORY, else none)");
+    const CLI::Option* has_duration =
+        line.add_value("--for", duration, "DURATION",
+                       "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
+    line.add_flag("-q,--quiet", verbosity.is_quiet, "write errors alone");
+    line.add_count("-v,--verbose", verbosity.verbose_count, "write notes too; twice: details");
+    const auto files = line.read(arguments);
+    if (!files.has_value()) {
+        return kDone;
+    }
+    Quorval::GraphOptions options = graph_line.graph_options(*files);
+    options.state_directory = state;
+    options.takes_signals = true;
+    if (has_duration->count() > 0) {
+        options.run_for = read_duration(duration);
+    }
+    ProgressLine progress;
+    if (has_terminal() && !verbosity.is_quiet) {
+        options.on_progress = [&](const std::string& path, std::uint64_t done,
+                                  std::uint64_t total) { progress.show(path, done, total); };
+    }
+    const loglevel level = to_level(verbosity);
+    Quorval::report_crashes();
+    return run_graph(options, level);
+}

@@ -1,0 +1,98 @@
+#include "text.h"
+
+#include <locale.h>
+
+#include <cstddef>
+#include <cwchar>
+
+namespace {
+
+constexpr unsigned kTabWidth = 8;
+
+bool is_control(unsigned char byte)
+{
+    return byte < 0x20 || byte == 0x7f;
+}
+
+std::string to_hex(unsigned char byte)
+{
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    return {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 0xfU]};
+}
+
+/// How wide characters are does not depend on the language of the user.
+class Utf8Locale {
+public:
+    Utf8Locale() : before_(::uselocale(utf8())) {}
+    Utf8Locale(const Utf8Locale&) = delete;
+    Utf8Locale& operator=(const Utf8Locale&) = delete;
+    ~Utf8Locale() { ::uselocale(before_); }
+
+private:
+    /// Null, which changes nothing, where the system has no such locale.
+    static locale_t utf8()
+    {
+        static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+        return locale;
+    }
+
+    locale_t before_;
+};
+
+Cell to_cell(std::string_view rest, unsigned column)
+{
+    if (rest.front() == '\t') {
+        const unsigned width = kTabWidth - column % kTabWidth;
+        return {std::string(width, ' '), width, 1};
+    }
+    wchar_t character = 0;
+    std::mbstate_t state{};
+    const std::size_t bytes = std::mbrtowc(&character, rest.data(), rest.size(), &state);
+    const int width = bytes > rest.size() || bytes == 0 ? -1 : ::wcwidth(character);
+    if (width < 0) {
+        return {to_hex(static_cast<unsigned char>(rest.front())), 4, 1};
+    }
+    return {std::string(rest.substr(0, bytes)), static_cast<unsigned>(width), bytes};
+}
+
+}  // namespace
+
+std::string escape_controls(std::string_view text)
+{
+    std::string escaped;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        escaped += is_control(byte) ? to_hex(byte) : std::string(1, character);
+    }
+    return escaped;
+}
+
+std::string to_printable(std::string_view text)
+{
+    const Utf8Locale locale;
+    std::string printable;
+    while (!text.empty()) {
+        if (is_control(static_cast<unsigned char>(text.front()))) {
+            printable += to_hex(static_cast<unsigned char>(text.front()));
+            text.remove_prefix(1);
+        } else {
+            const Cell cell = to_cell(text, 0);
+            printable += cell.text;
+            text.remove_prefix(cell.bytes);
+        }
+    }
+    return printable;
+}
+
+std::vector<Cell> lay_out(std::string_view line)
+{
+    const Utf8Locale locale;
+    std::vector<Cell> cells;
+    unsigned column = 0;
+    while (!line.empty()) {
+        cells.push_back(to_cell(line, column));
+        column += cells.back().width;
+        line.remove_prefix(cells.back().bytes);
+    }
+    return cells;
+}
