@@ -1,0 +1,242 @@
+#include "command/command_test.h"
+
+#include <filesystem>
+#include <string>
+
+namespace {
+
+using quorval_test::CommandTest;
+using quorval_test::expect_result;
+using quorval_test::expect_wrong_use;
+using quorval_test::ProcessOptions;
+using quorval_test::ProcessResult;
+using quorval_test::run_process;
+
+class Graph : public CommandTest {
+protected:
+    Graph()
+    {
+        write("nested.toml", R"(format = 1
+connections = [
+    "count.out -> left.in",
+    "left.out -> print.in",
+    { from = "left.out", to = "again.in", delayed = true },
+]
+blocks.again = { type = "numbers:Print", config = { prefix = "a\"b" } }
+blocks.count = { type = "numbers:Count", config.count = 2 }
+blocks.left.type = "pair"
+blocks.print.type = "numbers:Print"
+[superblocks.pair]
+connections = ["first.out -> second.in"]
+inports.in = "first.in"
+outports.out = "second.out"
+blocks.first.type = "numbers:Double"
+blocks.second.type = "numbers:Double"
+)");
+    }
+};
+
+constexpr const char* kDot = R"(digraph "nested" {
+    rankdir=LR;
+    node [shape=box];
+    "again" [label="again\nnumbers:Print"];
+    "count" [label="count\nnumbers:Count"];
+    "print" [label="print\nnumbers:Print"];
+    subgraph "cluster_left" {
+        label="left";
+        "left/first" [label="first\nnumbers:Double"];
+        "left/second" [label="second\nnumbers:Double"];
+    }
+    "left/second" -> "again" [label="out -> in\nint32", style=dashed];
+    "count" -> "left/first" [label="out -> in\nint32"];
+    "left/first" -> "left/second" [label="out -> in\nint32"];
+    "left/second" -> "print" [label="out -> in\nint32"];
+}
+)";
+
+TEST_F(Graph, IsDrawnForGraphviz)
+{
+    expect_result(run({"graph", "nested.toml"}), 0, kDot, "");
+    expect_result(run({"graph", "--format=dot", "nested.toml"}), 0, kDot, "");
+}
+
+TEST_F(Graph, IsDrawnForMermaid)
+{
+    expect_result(run({"graph", "--format", "mermaid", "nested.toml"}), 0,
+                  R"(flowchart LR
+    b0["again<br/>numbers:Print"]
+    b1["count<br/>numbers:Count"]
+    b2["print<br/>numbers:Print"]
+    subgraph s0["left"]
+        b3["first<br/>numbers:Double"]
+        b4["second<br/>numbers:Double"]
+    end
+    b4 -.->|"out -#62; in<br/>int32"| b0
+    b1 -->|"out -#62; in<br/>int32"| b3
+    b3 -->|"out -#62; in<br/>int32"| b4
+    b4 -->|"out -#62; in<br/>int32"| b2
+)",
+                  "");
+}
+
+TEST_F(Graph, IsWrittenAsJson)
+{
+    expect_result(run({"graph", "--format", "json", "nested.toml"}), 0,
+                  R"({
+  "blocks": [
+    {
+      "config": {
+        "prefix": "a\"b"
+      },
+      "fdports": {},
+      "inports": {
+        "in": "int32"
+      },
+      "outports": {},
+      "path": "again",
+      "type": "numbers:Print"
+    },
+    {
+      "config": {
+        "count": 2
+      },
+      "fdports": {},
+      "inports": {},
+      "outports": {
+        "out": "int32"
+      },
+      "path": "count",
+      "type": "numbers:Count"
+    },
+    {
+      "config": {},
+      "fdports": {},
+      "inports": {
+        "in": "int32"
+      },
+      "outports": {
+        "out": "int32"
+      },
+      "path": "left/first",
+      "type": "numbers:Double"
+    },
+    {
+      "config": {},
+      "fdports": {},
+      "inports": {
+        "in": "int32"
+      },
+      "outports": {
+        "out": "int32"
+      },
+      "path": "left/second",
+      "type": "numbers:Double"
+    },
+    {
+      "config": {},
+      "fdports": {},
+      "inports": {
+        "in": "int32"
+      },
+      "outports": {},
+      "path": "print",
+      "type": "numbers:Print"
+    }
+  ],
+  "connections": [
+    {
+      "delayed": true,
+      "from": "left/second.out",
+      "to": "again.in",
+      "type": "int32"
+    },
+    {
+      "delayed": false,
+      "from": "count.out",
+      "to": "left/first.in",
+      "type": "int32"
+    },
+    {
+      "delayed": false,
+      "from": "left/first.out",
+      "to": "left/second.in",
+      "type": "int32"
+    },
+    {
+      "delayed": false,
+      "from": "left/second.out",
+      "to": "print.in",
+      "type": "int32"
+    }
+  ],
+  "format": 1,
+  "name": "nested"
+}
+)",
+                  "");
+}
+
+TEST_F(Graph, IsDrawnByGraphviz)
+{
+    const ProcessResult result = run({"graph", "--format", "svg", "nested.toml"});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(result.out.find("<svg"), std::string::npos);
+    EXPECT_NE(result.out.find(">numbers:Double</text>"), std::string::npos);
+}
+
+TEST_F(Graph, NeedsGraphvizForSvg)
+{
+    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
+    options.environment.emplace_back("PATH", directory());
+
+    expect_result(run_process(options), 1, "",
+                  "quorval: error: svg needs the program 'dot' of Graphviz\n");
+}
+
+TEST_F(Graph, FailsWhenGraphvizFails)
+{
+    write("dot", "#!/bin/sh\nexit 5\n");
+    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
+    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
+    options.environment.emplace_back("PATH", directory());
+
+    expect_result(run_process(options), 1, "", "quorval: error: 'dot' failed with exit status 5\n");
+}
+
+TEST_F(Graph, RefusesAnotherFormat)
+{
+    expect_wrong_use(run({"graph", "--format", "png", "nested.toml"}),
+                     "--format has to be one of dot, json, mermaid, svg, not 'png'");
+}
+
+TEST_F(Graph, IsNotDrawnWhenItIsWrong)
+{
+    write("wrong.toml", "format = 1\nblocks.a.type = \"b\"\n");
+
+    expect_result(run({"graph", "wrong.toml"}), 3, "",
+                  "wrong.toml:2:17: error: there is no superblock 'b'\n");
+}
+
+TEST_F(Graph, IsDrawnWithItsWarnings)
+{
+    write("doubtful.toml", "format = 1\nblocks.print.type = \"numbers:Print\"\n");
+
+    const ProcessResult result = run({"graph", "doubtful.toml"});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "doubtful.toml:2:8: warning: print.in is not connected\n");
+    EXPECT_EQ(result.out.rfind("digraph \"doubtful\" {\n", 0), 0U);
+}
+
+TEST_F(Graph, FailsWhenOutputCannotBeWritten)
+{
+    for (const char* format : {"dot", "json", "mermaid", "svg"}) {
+        ProcessOptions options = command({"graph", "--format", format, "nested.toml"});
+        options.out_file = "/dev/full";
+        EXPECT_EQ(run_process(options).status, 1) << format;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+// A block that makes trouble in the operation that it is told.
+#include <quorval/block.h>
+#include <quorval/log.h>
+#include <quorval/pluginloader.h>
+#include <quorval/runtime/tools.h>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace {
+
+using Quorval::Block;
+using Quorval::BlockConfiguration;
+using Quorval::Datatype;
+
+/// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
+/// "say" or "kill".
+class Trouble : public Block {
+public:
+    Trouble(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config),
+          where_(config.getString("where", "")),
+          what_(config.getString("what", ""))
+    {
+        config.getInt("step", 0);
+        add_fdport(std::make_unique<Quorval::EventPort>("event", true, ::eventfd(0, EFD_CLOEXEC)));
+        be_at("constructor");
+    }
+
+    ~Trouble() override { be_at("destructor"); }
+
+    BlockConfiguration setup(const BlockConfiguration& config) override
+    {
+        be_at("setup");
+        return Block::setup(config);
+    }
+
+    void start() override
+    {
+        be_at("start");
+        std::cout << get_name() << " started" << std::endl;
+        if (where_ == "run") {
+            get_tools().request_run();
+        }
+    }
+
+    void reconfigure(const BlockConfiguration& merged,
+                     const BlockConfiguration& /*override*/) override
+    {
+        std::cout << get_name() << " reconfigured: step " << merged.getInt("step") << std::endl;
+    }
+
+    bool run() override
+    {
+        be_at("run");
+        return false;
+    }
+
+    void stop() override
+    {
+        be_at("stop");
+        std::cout << get_name() << " stopped" << std::endl;
+    }
+
+private:
+    void be_at(const std::string& operation) const
+    {
+        if (where_ != operation) {
+            return;
+        }
+        if (what_ == "throw") {
+            throw std::runtime_error("no luck");
+        }
+        if (what_ == "crash") {
+            ::raise(SIGSEGV);
+        }
+        if (what_ == "kill") {
+            ::raise(SIGKILL);
+        }
+        if (what_ == "exit") {
+            std::exit(0);
+        }
+        if (what_ == "say") {
+            std::cout << "said by " << get_name() << std::endl;
+            Quorval::ilog(LOGLEVEL_WARNING) << "a warning";
+            Quorval::ilog(LOGLEVEL_INFO) << "a note";
+            Quorval::ilog(LOGLEVEL_DEBUG) << "a detail";
+        }
+        if (what_ == "hang") {
+            std::cerr << "hanging" << std::endl;
+            for (;;) {
+                ::pause();
+            }
+        }
+        if (what_ == "wait") {
+            wait_for_signal();
+        }
+    }
+
+    /// Until SIGINT has come, which the runtime takes; one that comes early is kept for the wait.
+    static void wait_for_signal()
+    {
+        sigset_t interrupt;
+        sigset_t before;
+        ::sigemptyset(&interrupt);
+        ::sigaddset(&interrupt, SIGINT);
+        ::sigprocmask(SIG_BLOCK, &interrupt, &before);
+        std::cerr << "waiting" << std::endl;
+        ::sigsuspend(&before);
+        ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    }
+
+    std::string where_;
+    std::string what_;
+};
+
+}  // namespace
+
+int lib_register_cpp(Quorval::IRegistry& registry)
+{
+    registry.register_block_create_fn(
+        "Trouble",
+        [](std::string name, const BlockConfiguration& config, const Quorval::InitTools&) {
+            return std::make_unique<Trouble>(std::move(name), config);
+        });
+    return 0;
+}

@@ -1,0 +1,260 @@
+#include "command/command_test.h"
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using quorval_test::CommandTest;
+using quorval_test::expect_result;
+using quorval_test::expect_wrong_use;
+using quorval_test::Process;
+using quorval_test::ProcessOptions;
+using quorval_test::ProcessResult;
+using quorval_test::run_process;
+
+class Run : public CommandTest {
+protected:
+    Run()
+    {
+        write("numbers.toml", R"(format = 1
+connections = ["count.out -> double.in", "double.out -> print.in"]
+blocks.count.type = "numbers:Count"
+blocks.double.type = "numbers:Double"
+blocks.print.type = "numbers:Print"
+)");
+    }
+
+    /// Writes a graph of one block, `a/b`, that makes trouble.
+    void write_trouble(const std::string& where, const std::string& what,
+                       const std::string& more = "") const
+    {
+        write(
+            "trouble.toml",
+            "format = 1\n" + more +
+                "blocks.a.type = \"kind\"\n"
+                "superblocks.kind.blocks.b = { type = \"trouble:Trouble\", config = { where = \"" +
+                where + "\", what = \"" + what + "\" } }\n");
+    }
+
+    /// Runs it.
+    ProcessResult run_trouble(const std::string& where, const std::string& what) const
+    {
+        write_trouble(where, what);
+        return run({"run", "trouble.toml"});
+    }
+};
+
+TEST_F(Run, RunsAGraphUntilItsLastSourceIsDone)
+{
+    expect_result(run({"run", "numbers.toml"}), 0, "2\n4\n6\n", "");
+}
+
+TEST_F(Run, TakesAssignments)
+{
+    expect_result(
+        run({"run", "--set", "count.count=1", "--set", "print.prefix=twice ", "numbers.toml"}), 0,
+        "twice 2\n", "");
+    expect_wrong_use(run({"run", "--set", "count", "numbers.toml"}),
+                     "'count' is not of the form PATH.KEY=VALUE");
+}
+
+TEST_F(Run, MergesItsFiles)
+{
+    write("more.toml", "format = 1\nblocks.count.config.count = 2\n");
+
+    expect_result(run({"run", "numbers.toml", "more.toml"}), 0, "2\n4\n", "");
+}
+
+TEST_F(Run, ShowsWhatIsWrongAndStartsNothing)
+{
+    write("more.toml", "format = 1\nblocks.odd.typ = \"numbers:Odd\"\n");
+
+    expect_result(run({"run", "numbers.toml", "more.toml"}), 3, "",
+                  "more.toml:2:12: error: unknown key 'typ'; did you mean 'type'?\n");
+}
+
+TEST_F(Run, ShowsWarningsUnlessItIsQuiet)
+{
+    write("more.toml", "format = 1\nblocks.odd.type = \"numbers:Odd\"\n");
+
+    expect_result(run({"run", "numbers.toml", "more.toml"}), 0, "2\n4\n6\n",
+                  "more.toml:2:8: warning: odd.in is not connected\n");
+    expect_result(run({"run", "-q", "numbers.toml", "more.toml"}), 0, "2\n4\n6\n", "");
+}
+
+TEST_F(Run, ReportsAGraphInWhichNothingWouldEverRun)
+{
+    write("still.toml", "format = 1\nblocks.odd.type = \"numbers:Odd\"\n");
+
+    expect_result(run({"run", "--quiet", "still.toml"}), 3, "",
+                  "quorval: error: the graph has no source: nothing would ever run\n");
+}
+
+TEST_F(Run, FailsWhenABlockFails)
+{
+    expect_result(run_trouble("start", "throw"), 1, "",
+                  "quorval: error: block 'a/b' failed in start: no luck\n");
+    expect_result(run_trouble("run", "throw"), 1, "b started\nb stopped\n",
+                  "quorval: error: block 'a/b' failed in run: no luck\n");
+    expect_result(run_trouble("constructor", "throw"), 3, "",
+                  "trouble.toml:3:38: error: block 'a/b' cannot be created: no luck\n");
+}
+
+TEST_F(Run, NamesTheBlockThatCrashesAndDiesOfTheSignal)
+{
+    for (const std::string where : {"start", "run", "stop"}) {
+        write_trouble(where, "crash");
+        const ProcessResult result = run({"run", "--for", "1ms", "trouble.toml"});
+
+        EXPECT_EQ(result.signal, SIGSEGV);
+        EXPECT_EQ(result.err,
+                  "quorval: fatal: block 'a/b' crashed in " + where + ": signal 11 (SIGSEGV)\n");
+    }
+}
+
+TEST_F(Run, NamesTheBlockThatEndsTheProcess)
+{
+    expect_result(run_trouble("run", "exit"), 1, "b started\n",
+                  "quorval: fatal: block 'a/b' called exit in run\n");
+    expect_result(run_trouble("constructor", "exit"), 3, "",
+                  "quorval: fatal: block 'a/b' called exit in create\n");
+}
+
+TEST_F(Run, ShowsMessagesByTheirLevel)
+{
+    write_trouble("run", "say");
+    const std::string out = "b started\nsaid by b\nb stopped\n";
+    const std::string warning = "quorval: warning: a/b: a warning\n";
+    const std::string note = "quorval: a/b: a note\n";
+    const std::string detail = "quorval: debug: a/b: a detail\n";
+
+    expect_result(run({"run", "trouble.toml"}), 0, out, warning);
+    expect_result(run({"run", "-q", "trouble.toml"}), 0, out, "");
+    const ProcessResult verbose = run({"run", "-v", "trouble.toml"});
+    EXPECT_NE(verbose.err.find(warning + note), std::string::npos) << verbose.err;
+    EXPECT_EQ(verbose.err.find(detail), std::string::npos);
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"-vv"}, {"-v", "--verbose"}}) {
+        std::vector<std::string> arguments = {"run", "trouble.toml"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const ProcessResult details = run(arguments);
+        EXPECT_NE(details.err.find(warning + note + detail), std::string::npos) << details.err;
+    }
+}
+
+TEST_F(Run, StopsInOrderOnASignal)
+{
+    write_trouble("", "");
+    for (const int signal : {SIGINT, SIGTERM}) {
+        Process process(command({"run", "trouble.toml"}));
+        ASSERT_TRUE(process.wait_for("b started\n"));
+
+        process.send(signal);
+
+        expect_result(process.wait(), 0, "b started\nb stopped\n", "");
+    }
+}
+
+TEST_F(Run, IsNotStartedAfterASignal)
+{
+    write_trouble("constructor", "wait");
+    Process process(command({"run", "trouble.toml"}));
+    ASSERT_TRUE(process.wait_for("waiting\n"));
+
+    process.send(SIGINT);
+
+    expect_result(process.wait(), 0, "", "waiting\n");
+}
+
+TEST_F(Run, DiesOfASecondSignalWhenABlockHangs)
+{
+    write_trouble("stop", "hang");
+    Process process(command({"run", "trouble.toml"}));
+    ASSERT_TRUE(process.wait_for("b started\n"));
+
+    process.send(SIGTERM);
+    ASSERT_TRUE(process.wait_for("hanging\n"));
+    process.send(SIGTERM);
+
+    EXPECT_EQ(process.wait().signal, SIGTERM);
+}
+
+TEST_F(Run, ReadsItsFilesAgainOnSighup)
+{
+    write("live.toml", "format = 1\nblocks.a = { type = \"trouble:Trouble\", config.step = 1 }\n");
+    Process process(command({"run", "live.toml"}));
+    ASSERT_TRUE(process.wait_for("a started\n"));
+
+    write("live.toml", "format = 1\nblocks.a = { type = \"trouble:Trouble\", config.step = 2 }\n");
+    process.send(SIGHUP);
+    ASSERT_TRUE(process.wait_for("a reconfigured: step 2\n"));
+    process.send(SIGINT);
+
+    expect_result(process.wait(), 0, "a started\na reconfigured: step 2\na stopped\n", "");
+}
+
+TEST_F(Run, StopsAfterATime)
+{
+    write_trouble("", "");
+
+    expect_result(run({"run", "--for", "1ms", "trouble.toml"}), 0, "b started\nb stopped\n", "");
+}
+
+TEST_F(Run, RefusesWhatIsNoDuration)
+{
+    for (const std::string text : {"10", "s", "0s", "-1s", "1.5s", "10 s", "10d", "9999999999h"}) {
+        expect_wrong_use(run({"run", "--for=" + text, "numbers.toml"}),
+                         "--for has to be a duration such as 500ms, 10s or 5m, not '" + text + "'");
+    }
+}
+
+TEST_F(Run, KeepsStateWhereItIsTold)
+{
+    write_trouble("", "");
+
+    EXPECT_EQ(run({"run", "--for", "1ms", "--state", "state", "trouble.toml"}).status, 0);
+
+    const fs::path made = fs::path(directory()) / "state" / "a.b";
+    EXPECT_EQ(fs::status(made).permissions(), fs::perms::owner_all);
+}
+
+TEST_F(Run, KeepsStateInTheFirstOfStateDirectory)
+{
+    write_trouble("", "");
+    ProcessOptions options = command({"run", "--for", "1ms", "trouble.toml"});
+    options.environment.emplace_back("STATE_DIRECTORY",
+                                     directory() + "/first:" + directory() + "/second");
+
+    EXPECT_EQ(run_process(options).status, 0);
+
+    EXPECT_TRUE(fs::is_directory(fs::path(directory()) / "first" / "a.b"));
+    EXPECT_FALSE(fs::exists(fs::path(directory()) / "second"));
+}
+
+TEST_F(Run, FailsWhenTheOutputOfBlocksCannotBeWritten)
+{
+    ProcessOptions options = command({"run", "numbers.toml"});
+    options.out_file = "/dev/full";
+
+    expect_result(run_process(options), 1, "",
+                  "quorval: error: cannot write to standard output: No space left on device\n");
+}
+
+TEST_F(Run, ShowsProgressOnATerminal)
+{
+    ProcessOptions options = command({"run", "--set", "count.count=4", "numbers.toml"});
+    options.err_is_terminal = true;
+
+    const ProcessResult result = run_process(options);
+
+    EXPECT_EQ(result.status, 0);
+    // How often it is shown is up to the clock; the first report is, and the line is wiped.
+    EXPECT_EQ(result.err.rfind("\r\033[Kcount: 25 %\r", 0), 0U) << result.err;
+    EXPECT_EQ(result.err.substr(result.err.size() - 4), "\r\033[K");
+}
+
+}  // namespace

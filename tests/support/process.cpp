@@ -1,0 +1,189 @@
+#include "support/process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <system_error>
+
+namespace quorval_test {
+
+namespace {
+
+/// Longer than any program takes, emulated or under a sanitizer.
+constexpr int kPatienceMilliseconds = 100000;
+
+void check(int result, const char* what)
+{
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+struct Stream {
+    int reader = -1;
+    int writer = -1;
+};
+
+Stream open_pipe()
+{
+    int ends[2];
+    check(::pipe2(ends, O_CLOEXEC), "pipe2");
+    return {ends[0], ends[1]};
+}
+
+/// A terminal that passes on what is written as it is.
+Stream open_terminal()
+{
+    Stream stream;
+    check(::openpty(&stream.reader, &stream.writer, nullptr, nullptr, nullptr), "openpty");
+    termios settings{};
+    check(::tcgetattr(stream.writer, &settings), "tcgetattr");
+    ::cfmakeraw(&settings);
+    check(::tcsetattr(stream.writer, TCSANOW, &settings), "tcsetattr");
+    ::fcntl(stream.reader, F_SETFD, FD_CLOEXEC);
+    return stream;
+}
+
+/// Becomes the program.
+[[noreturn]] void become(const ProcessOptions& options, int out, int err)
+{
+    ::dup2(out, STDOUT_FILENO);
+    ::dup2(err, STDERR_FILENO);
+    for (const int fd : {out, err}) {
+        ::close(fd);
+    }
+    const int in = ::open("/dev/null", O_RDONLY);
+    ::dup2(in, STDIN_FILENO);
+    ::close(in);
+    for (const int fd : options.closed) {
+        ::close(fd);
+    }
+    for (const auto& [name, value] : options.environment) {
+        if (value.has_value()) {
+            ::setenv(name.c_str(), value->c_str(), 1);
+        } else {
+            ::unsetenv(name.c_str());
+        }
+    }
+    std::vector<char*> arguments;
+    for (const std::string& argument : options.command) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    constexpr int kNotStarted = 127;
+    if (options.directory.empty() || ::chdir(options.directory.c_str()) == 0) {
+        ::execvp(arguments[0], arguments.data());
+    }
+    ::_exit(kNotStarted);
+}
+
+/// Appends what can be read; closes at the end.
+void read_from(int& fd, std::string& text)
+{
+    char buffer[4096];
+    const ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (count > 0) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    } else if (count == 0 || errno != EINTR) {  // EIO: the end of a terminal
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+}  // namespace
+
+Process::Process(const ProcessOptions& options)
+{
+    const Stream out = open_pipe();
+    const Stream err = options.err_is_terminal ? open_terminal() : open_pipe();
+    int out_writer = out.writer;
+    if (!options.out_file.empty()) {
+        ::close(out.writer);
+        out_writer = ::open(options.out_file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        check(out_writer, options.out_file.c_str());
+    }
+    child_ = ::fork();
+    check(child_, "fork");
+    if (child_ == 0) {
+        become(options, out_writer, err.writer);
+    }
+    ::close(out_writer);
+    ::close(err.writer);
+    out_ = out.reader;
+    err_ = err.reader;
+}
+
+Process::~Process()
+{
+    if (child_ > 0) {
+        ::kill(child_, SIGKILL);
+        ::waitpid(child_, nullptr, 0);
+    }
+    for (const int fd : {out_, err_}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+}
+
+void Process::send(int signal) const
+{
+    check(::kill(child_, signal), "kill");
+}
+
+bool Process::wait_for(const std::string& text)
+{
+    while (result_.out.find(text) == std::string::npos &&
+           result_.err.find(text) == std::string::npos) {
+        if (!read_some()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+ProcessResult Process::wait()
+{
+    while (read_some()) {}
+    int state = 0;
+    while (::waitpid(child_, &state, 0) < 0 && errno == EINTR) {}
+    child_ = -1;
+    result_.status = WIFEXITED(state) ? WEXITSTATUS(state) : -1;
+    result_.signal = WIFSIGNALED(state) ? WTERMSIG(state) : 0;
+    return result_;
+}
+
+/// Waits for output. False where both streams have ended.
+bool Process::read_some()
+{
+    if (out_ < 0 && err_ < 0) {
+        return false;
+    }
+    pollfd streams[] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+    const int count = ::poll(streams, 2, kPatienceMilliseconds);
+    if (count == 0) {
+        ::kill(child_, SIGKILL);  // the test fails with what there is so far
+        return false;
+    }
+    if (streams[0].revents != 0) {
+        read_from(out_, result_.out);
+    }
+    if (streams[1].revents != 0) {
+        read_from(err_, result_.err);
+    }
+    return true;
+}
+
+ProcessResult run_process(const ProcessOptions& options)
+{
+    return Process(options).wait();
+}
+
+}  // namespace quorval_test

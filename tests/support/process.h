@@ -1,0 +1,63 @@
+// A program run as its users run it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quorval_test {
+
+/// What a process left behind.
+struct ProcessResult {
+    int status = -1;  ///< of the exit; -1 where a signal ended it
+    int signal = 0;   ///< that ended it
+    std::string out;
+    std::string err;
+};
+
+/// How a program is started.
+struct ProcessOptions {
+    std::vector<std::string> command;  ///< program and arguments
+    /// Changes of the environment; without a value the variable is removed.
+    std::vector<std::pair<std::string, std::optional<std::string>>> environment;
+    std::string directory;         ///< to work in; empty: that of the test
+    std::string out_file;          ///< standard output goes there in place of `out`
+    std::vector<int> closed;       ///< descriptors that are closed
+    bool err_is_terminal = false;  ///< standard error is a terminal
+};
+
+/// A running program. The destructor kills what still runs.
+class Process {
+public:
+    /// @throws std::system_error  a system call failed
+    explicit Process(const ProcessOptions& options);
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    ~Process();
+
+    pid_t id() const { return child_; }
+    void send(int signal) const;
+
+    /// Reads until `text` was written to standard output or standard error.
+    /// @return whether it was, before both ended
+    bool wait_for(const std::string& text);
+
+    /// Reads until both streams end, and waits for the end of the process.
+    ProcessResult wait();
+
+private:
+    bool read_some();
+
+    pid_t child_ = -1;
+    int out_ = -1;
+    int err_ = -1;
+    ProcessResult result_;
+};
+
+/// Starts a program and waits for its end.
+ProcessResult run_process(const ProcessOptions& options);
+
+}  // namespace quorval_test
