@@ -40,7 +40,8 @@ declare -A package_groups=(
     [build]="g++ cmake make ninja-build libcereal-dev"
     [runtime]="libsystemd-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
     [examples]="libsndfile1-dev libcli11-dev libsystemd-dev"
-    [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3"
+    [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3
+        bash-completion fish graphviz zsh"
     [demo]="alsa-utils"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev
@@ -56,6 +57,9 @@ declare -A package_groups=(
     [docs]="doxygen mandoc groff-base perl"
     [bare]="mmdebstrap"
 )
+
+# Libraries of another architecture: see need_architecture.
+package_groups[runtime_arm64]="libsystemd-dev:arm64 libtomlplusplus-dev:arm64"
 
 # missing_packages GROUP...: the packages of the groups that are not installed.
 missing_packages()
@@ -99,6 +103,28 @@ need()
     as_root+=(env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=600)
     "${as_root[@]}" update
     "${as_root[@]}" install --no-install-recommends "${missing[@]}"
+}
+
+# need_architecture NAME: lets packages of another architecture be installed.
+need_architecture()
+{
+    if dpkg --print-foreign-architectures | grep -qxF "$1"; then
+        return
+    fi
+    if ((EUID == 0)); then
+        dpkg --add-architecture "$1"
+    else
+        sudo dpkg --add-architecture "$1"
+    fi
+}
+
+# need_cross_runtime: what the runtime is built with for AArch64 on a machine that is none.
+need_cross_runtime()
+{
+    if command -v dpkg >/dev/null && [[ $(dpkg --print-architecture) != arm64 ]]; then
+        need_architecture arm64
+        need runtime_arm64
+    fi
 }
 
 # check_preset NAME

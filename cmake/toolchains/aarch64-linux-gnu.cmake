@@ -8,9 +8,10 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 
 # The loader would also look into the cache of the building machine. Where that lists libraries for
-# AArch64 too, those of another build than the loader's own would come in, and threads hang.
+# AArch64 too, those of another build than the loader's own would come in, and threads hang. So those
+# that belong to the cross compiler come first, and the packages of the architecture behind them.
 set(CMAKE_CROSSCOMPILING_EMULATOR
-    "qemu-aarch64;-L;/usr/aarch64-linux-gnu;-E;LD_LIBRARY_PATH=/usr/aarch64-linux-gnu/lib")
+    "qemu-aarch64;-L;/usr/aarch64-linux-gnu;-E;LD_LIBRARY_PATH=/usr/aarch64-linux-gnu/lib:/usr/lib/aarch64-linux-gnu")
 
 # Programs are those of the building machine. Headers and packages without code lie where they lie
 # for every architecture, so "/" is searched too; CMAKE_LIBRARY_ARCHITECTURE keeps the libraries
