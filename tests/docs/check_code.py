@@ -2,7 +2,7 @@
 
 usage: check_code.py ROOT SOURCES
 
-Every fence for C++ or CMake in ROOT/README.md and ROOT/docs/*.md has to occur, line by line, in one
+Every fence for C++, CMake or TOML in ROOT/README.md and ROOT/docs/*.md has to occur, line by line, in one
 of the files that SOURCES lists, or in a header beside one. Common indentation does not count. A
 tree without any such fence is a mistake, too.
 """
@@ -14,7 +14,8 @@ import textwrap
 
 FENCE = re.compile(r"^(?P<indent> *)(?P<mark>```+)(?P<language>\S*)[^\n]*\n(?P<code>.*?)^ *(?P=mark)`* *$",
                    re.MULTILINE | re.DOTALL)
-SUFFIXES = {"cpp": {".cpp", ".h"}, "c++": {".cpp", ".h"}, "cmake": {".txt", ".cmake"}}
+SUFFIXES = {"cpp": {".cpp", ".h"}, "c++": {".cpp", ".h"}, "cmake": {".txt", ".cmake"},
+            "toml": {".toml"}}
 
 
 def find_fences(text):

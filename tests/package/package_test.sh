@@ -110,11 +110,21 @@ installs_what_is_needed_and_no_more()
             libquorval-runtime.so.0
             quorval-runtime.pc
             quorvalRuntimeTargets.cmake
+            bin/quorval
+            plugins/basic.so
+            bash-completion/completions/quorval
+            zsh/site-functions/_quorval
+            fish/vendor_completions.d/quorval.fish
+            man1/quorval.1
+            man1/quorval-check.1
+            man1/quorval-graph.1
+            man1/quorval-run.1
+            man5/quorval-graph.5
         )
     fi
     local name
     for name in "${expected[@]}"; do
-        [[ -n $(find "${work}/prefix" -name "${name}") ]] || fail "${name} is not installed"
+        [[ -n $(find "${work}/prefix" -path "*/${name}") ]] || fail "${name} is not installed"
     done
     # Nothing of the tests, the examples and the build directory.
     [[ -z $(find "${work}/prefix" -name '*gtest*' -o -name '*.a' -o -name scale.so) ]] ||
@@ -251,7 +261,7 @@ builds_without_arguments()
     unset CXXFLAGS
     local -a targets=(quorval)
     if [[ ${RUNTIME} == ON ]]; then
-        targets+=(quorval_runtime)
+        targets+=(quorval_runtime quorval_command basic)
     fi
     "${CMAKE}" -S "${SOURCE}" -B "${work}/build" 2>&1
     "${CMAKE}" --build "${work}/build" --target "${targets[@]}" --parallel 2
@@ -296,6 +306,43 @@ EOF
     # On one line: CMake breaks long ones.
     "${CMAKE}" -S "${work}/finds" -B "${work}/finds/build" -DCMAKE_PREFIX_PATH="$1" 2>&1 |
         tr -s ' \n' ' ' >"${work}/log"
+}
+
+# runs_numbers COMMAND...: what the graph of the documents writes, run by COMMAND.
+runs_numbers()
+{
+    local output
+    output=$("$@" "${SOURCE}/docs/examples/numbers/numbers.toml" | xargs)
+    [[ ${output} == "1 2 3 4 5" ]] || fail "$1 wrote '${output}'"
+}
+
+# The command, and an application of the runtime, find libraries and plug-ins of an installation that
+# was moved.
+runs_graphs_as_installed()
+{
+    unset QUORVAL_PLUGIN_DIR QUORVAL_PLUGIN_PATH
+    install_to "${work}/before"
+    mv "${work}/before" "${work}/prefix"
+    local prefix=${work}/prefix project=${work}/numbers plugins
+    "${CMAKE}" -S "${SOURCE}/docs/examples/numbers" -B "${project}" -DCMAKE_PREFIX_PATH="${prefix}"
+    "${CMAKE}" --build "${project}"
+    runs_numbers "${prefix}/bin/quorval" run --plugin-path "${project}"
+
+    plugins=$(dirname "$(find "${prefix}" -name 'libquorval-runtime.so')")/quorval/plugins
+    mkdir -p "${plugins}"
+    cp "${project}/numbers.so" "${plugins}"
+    runs_numbers "${prefix}/bin/quorval" run
+    runs_numbers "${project}/numbers_main"
+
+    local -a flags libraries compile_flags
+    PKG_CONFIG_PATH=$(dirname "$(find "${prefix}" -name quorval-runtime.pc)")
+    export PKG_CONFIG_PATH
+    read -r -a flags < <(pkg-config --cflags quorval-runtime)
+    read -r -a libraries < <(pkg-config --libs quorval-runtime)
+    read -r -a compile_flags <<<"${CXXFLAGS}"
+    "${CXX}" -std=c++17 "${compile_flags[@]}" "${flags[@]}" \
+        "${SOURCE}/docs/examples/numbers/main.cpp" -o "${work}/main" "${libraries[@]}"
+    LD_LIBRARY_PATH=$(pkg-config --variable=libdir quorval-runtime) runs_numbers "${work}/main"
 }
 
 knows_its_components()
