@@ -1,11 +1,11 @@
 // Blocks and connections as the schedule sees them. Plain records that own nothing.
 #pragma once
 
+#include <quorval/block.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <quorval/block.h>
 
 namespace Quorval::runtime {
 

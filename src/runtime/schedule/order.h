@@ -1,11 +1,11 @@
 // The order in which the blocks of a network run.
 #pragma once
 
+#include "schedule/network.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "schedule/network.h"
 
 namespace Quorval::runtime {
 

@@ -67,7 +67,7 @@ private:
     {
         wave_.slots_.push_back({block, path, size_of(wave_.takes_), size_of(wave_.delayed_),
                                 size_of(wave_.loose_), size_of(wave_.outputs_), false, false, false,
-                                skips_failures, 0});
+                                false, skips_failures, 0});
     }
 
     void add_inputs(Block& block)
@@ -87,6 +87,9 @@ private:
                 }
             }
         }
+        Slot& slot = wave_.slots_.back();
+        slot.is_special = size_of(wave_.delayed_) > slot.first_delayed ||
+                          size_of(wave_.loose_) > slot.first_loose;
     }
 
     void add_outputs(const Block& block)
@@ -142,13 +145,14 @@ Wave::Wave(const Network& network, IDescriptorPorts& descriptors, IWaveEvents& e
 {
     Builder(network, *this).build();
     failures_.resize(network.nodes.size());
-    visited_.reserve(network.nodes.size());
-    triggered_.reserve(outputs_.size());
+    visited_.resize(network.nodes.size());
+    triggered_.resize(outputs_.size());
 }
 
 void Wave::has_descriptors(std::uint32_t block)
 {
     slots_[block].has_descriptors = true;
+    slots_[block].is_special = true;
 }
 
 void Wave::ask(std::uint32_t block)
@@ -172,8 +176,8 @@ bool Wave::run()
     ++waves_;
     const ContextScope scope(nullptr, nullptr);
     Context& present = context();
-    while (!visits_.is_empty()) {
-        if (!visit_next(present)) {
+    for (std::uint32_t block = 0; visits_.take_lowest(block);) {
+        if (!slots_[block].is_done && !visit_block(block, present)) {
             drop_visits();
             return false;
         }
@@ -183,23 +187,18 @@ bool Wave::run()
 
 void Wave::drop_visits()
 {
-    while (!visits_.is_empty()) {
-        slots_[visits_.take_lowest()].is_asked = false;
+    for (std::uint32_t block = 0; visits_.take_lowest(block);) {
+        slots_[block].is_asked = false;
     }
 }
 
-bool Wave::visit_next(Context& present)
+bool Wave::visit_block(std::uint32_t block, Context& present)
 {
-    const std::uint32_t block = visits_.take_lowest();
+    visited_[visited_count_++] = block;
     Slot& slot = slots_[block];
-    if (slot.is_done) {
-        return true;
-    }
-    visited_.push_back(block);
     present = {slot.path, "run"};
     try {
-        take_over(slot, slots_[block + 1]);
-        if (is_due(slot, slots_[block + 1], block)) {
+        if (take_over(slot, *(&slot + 1), block)) {
             run_block(slot, block);
         }
     } catch (...) {
@@ -208,37 +207,37 @@ bool Wave::visit_next(Context& present)
     return true;
 }
 
-void Wave::take_over(const Slot& slot, const Slot& end)
+/// @return whether the block is due
+bool Wave::take_over(const Slot& slot, const Slot& end, std::uint32_t block)
 {
-    for (std::uint32_t at = slot.first_take; at < end.first_take; ++at) {
-        takes_[at].input->update(*takes_[at].output);
+    bool is_due = slot.is_asked;
+    const Take* const last = takes_.data() + end.first_take;
+    for (const Take* take = takes_.data() + slot.first_take; take != last; ++take) {
+        take->input->update(*take->output);
+        is_due = is_due || take->input->is_triggered();
     }
-    for (std::uint32_t at = slot.first_delayed; at < end.first_delayed; ++at) {
-        OutPortInternal& output = *delayed_[at].output;
-        if (output.is_triggered()) {
-            // Triggered outside of a wave.
-            Untriggered value(output);
-            delayed_[at].input->update(value);
-        } else {
-            delayed_[at].input->update(output);
-        }
-    }
+    return slot.is_special ? take_over_rest(slot, end, block) || is_due : is_due;
 }
 
-bool Wave::is_due(const Slot& slot, const Slot& end, std::uint32_t block) const
+/// What few blocks have: delayed connections, inputs that nothing feeds, descriptors.
+bool Wave::take_over_rest(const Slot& slot, const Slot& end, std::uint32_t block)
 {
-    if (slot.is_asked) {
-        return true;
+    bool is_due = slot.has_descriptors && descriptors_.is_triggered(block);
+    for (std::uint32_t at = slot.first_delayed; at < end.first_delayed; ++at) {
+        const Take& take = delayed_[at];
+        if (take.output->is_triggered()) {
+            // Triggered outside of a wave.
+            Untriggered value(*take.output);
+            take.input->update(value);
+        } else {
+            take.input->update(*take.output);
+        }
+        is_due = is_due || take.input->is_triggered();
     }
-    const auto is_triggered = [](const auto& take) { return take.input->is_triggered(); };
-    const auto takes = takes_.begin();
-    const auto delayed = delayed_.begin();
-    const auto loose = loose_.begin();
-    return std::any_of(takes + slot.first_take, takes + end.first_take, is_triggered) ||
-           (slot.has_descriptors && descriptors_.is_triggered(block)) ||
-           std::any_of(delayed + slot.first_delayed, delayed + end.first_delayed, is_triggered) ||
-           std::any_of(loose + slot.first_loose, loose + end.first_loose,
-                       [](const InPortInternal* input) { return input->is_triggered(); });
+    for (std::uint32_t at = slot.first_loose; at < end.first_loose; ++at) {
+        is_due = is_due || loose_[at]->is_triggered();
+    }
+    return is_due;
 }
 
 void Wave::run_block(Slot& slot, std::uint32_t block)
@@ -287,17 +286,22 @@ bool Wave::contain_failure(std::uint32_t block, const std::string& text)
 
 void Wave::note_outputs(std::uint32_t block)
 {
-    for (std::uint32_t at = slots_[block].first_output; at < slots_[block + 1].first_output; ++at) {
-        Output& output = outputs_[at];
-        if (output.is_noted || !output.port->is_triggered()) {
-            continue;
+    const Output* const last = outputs_.data() + slots_[block + 1].first_output;
+    for (Output* output = outputs_.data() + slots_[block].first_output; output != last; ++output) {
+        if (!output->is_noted && output->port->is_triggered()) {
+            note_output(*output);
         }
-        output.is_noted = true;
-        triggered_.push_back(at);
-        const std::uint32_t end = outputs_[at + 1].first_reader;
-        for (std::uint32_t reader = output.first_reader; reader < end; ++reader) {
-            visits_.insert(readers_[reader]);
-        }
+    }
+}
+
+void Wave::note_output(Output& output)
+{
+    output.is_noted = true;
+    triggered_[triggered_count_++] = &output;
+    const std::uint32_t* const last = readers_.data() + (&output + 1)->first_reader;
+    for (const std::uint32_t* reader = readers_.data() + output.first_reader; reader != last;
+         ++reader) {
+        visits_.insert(*reader);
     }
 }
 
@@ -306,7 +310,8 @@ bool Wave::reset()
     bool is_well = true;
     const ContextScope scope(nullptr, nullptr);
     Context& present = context();
-    for (const std::uint32_t block : visited_) {
+    for (std::size_t at = 0; at < visited_count_; ++at) {
+        const std::uint32_t block = visited_[at];
         present = {slots_[block].path, "run"};
         try {
             reset_inputs(block);
@@ -314,7 +319,7 @@ bool Wave::reset()
             is_well = contain_failure(block, text_of_present_exception()) && is_well;
         }
     }
-    visited_.clear();
+    visited_count_ = 0;
     reset_outputs();
     return is_well;
 }
@@ -330,11 +335,11 @@ void Wave::reset_inputs(std::uint32_t block)
 
 void Wave::reset_outputs()
 {
-    for (const std::uint32_t output : triggered_) {
-        outputs_[output].port->reset(false);
-        outputs_[output].is_noted = false;
+    for (std::size_t at = 0; at < triggered_count_; ++at) {
+        triggered_[at]->port->reset(false);
+        triggered_[at]->is_noted = false;
     }
-    triggered_.clear();
+    triggered_count_ = 0;
 }
 
 }  // namespace Quorval::runtime

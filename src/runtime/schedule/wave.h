@@ -1,13 +1,13 @@
 // One pass through the blocks that have something to do.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include "messages/context.h"
 #include "schedule/bitset.h"
 #include "schedule/network.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 
@@ -70,7 +70,7 @@ public:
     void look_at_outputs(std::uint32_t block);
 
     /// Whether a wave would have nothing to do.
-    bool is_idle() const { return visits_.is_empty() && triggered_.empty(); }
+    bool is_idle() const { return visits_.is_empty() && triggered_count_ == 0; }
 
     /// Visits and runs blocks. Afterwards ports are still as their blocks left them.
     /// @return false when a block failed that does not skip failures: the wave has ended there
@@ -110,19 +110,21 @@ private:
         bool is_asked;
         bool is_done;
         bool has_descriptors;
+        bool is_special;  // has more than connected inputs to look at
         bool skips_failures;
         std::uint64_t runs;
     };
     class Builder;
 
-    bool visit_next(Context& present);
+    bool visit_block(std::uint32_t block, Context& present);
     void drop_visits();
-    void take_over(const Slot& slot, const Slot& end);
-    bool is_due(const Slot& slot, const Slot& end, std::uint32_t block) const;
+    bool take_over(const Slot& slot, const Slot& end, std::uint32_t block);
+    bool take_over_rest(const Slot& slot, const Slot& end, std::uint32_t block);
     void run_block(Slot& slot, std::uint32_t block);
     bool run_probed(const Slot& slot, std::uint32_t block);
     bool contain_failure(std::uint32_t block, const std::string& text);
     void note_outputs(std::uint32_t block);
+    void note_output(Output& output);
     void reset_inputs(std::uint32_t block);
     void reset_outputs();
 
@@ -139,9 +141,11 @@ private:
     std::vector<Output> outputs_;         // and one that ends the last
     std::vector<std::uint32_t> readers_;
     std::vector<std::uint64_t> failures_;
-    // Of the present wave, with room for all.
+    // Of the present wave, with room for all, and how many there are.
     std::vector<std::uint32_t> visited_;
-    std::vector<std::uint32_t> triggered_;  // outputs
+    std::size_t visited_count_ = 0;
+    std::vector<Output*> triggered_;
+    std::size_t triggered_count_ = 0;
 };
 
 /// The text of the exception in hand: what() of a std::exception, else "an unknown exception".

@@ -1,13 +1,21 @@
 #include "schedule/bitset.h"
 
+#include <gtest/gtest.h>
+
 #include <random>
 #include <set>
-
-#include <gtest/gtest.h>
 
 using Quorval::runtime::Bitset;
 
 namespace {
+
+constexpr std::uint32_t kNothing = UINT32_MAX;
+
+std::uint32_t take_lowest(Bitset& bits)
+{
+    std::uint32_t number = 0;
+    return bits.take_lowest(number) ? number : kNothing;
+}
 
 TEST(Bitset, GivesItsNumbersFromTheLowestOn)
 {
@@ -16,17 +24,35 @@ TEST(Bitset, GivesItsNumbersFromTheLowestOn)
         bits.insert(number);
     }
 
-    for (const std::uint32_t number : {0U, 63U, 64U, 4096U, 299999U}) {
-        EXPECT_EQ(bits.take_lowest(), number);
+    for (const std::uint32_t number : {0U, 63U, 64U, 4096U, 299999U, kNothing}) {
+        EXPECT_EQ(take_lowest(bits), number);
     }
     EXPECT_TRUE(bits.is_empty());
 }
 
 TEST(Bitset, IsEmptyWhenItHoldsNothing)
 {
-    EXPECT_TRUE(Bitset(0).is_empty());
-    EXPECT_TRUE(Bitset(1).is_empty());
-    EXPECT_TRUE(Bitset(100000).is_empty());
+    for (const std::size_t size : {0, 1, 64, 65, 100000}) {
+        Bitset bits(size);
+        EXPECT_TRUE(bits.is_empty()) << size;
+        EXPECT_EQ(take_lowest(bits), kNothing) << size;
+    }
+}
+
+TEST(Bitset, FindsWhatIsPutInBehindTheLastNumber)
+{
+    Bitset bits(300000);
+    bits.insert(100000);
+    take_lowest(bits);
+
+    bits.insert(5);
+    bits.insert(100001);
+    bits.insert(200000);
+
+    EXPECT_FALSE(bits.is_empty());
+    for (const std::uint32_t number : {5U, 100001U, 200000U, kNothing}) {
+        EXPECT_EQ(take_lowest(bits), number);
+    }
 }
 
 TEST(Bitset, DoesWhatASetDoes)
@@ -36,15 +62,20 @@ TEST(Bitset, DoesWhatASetDoes)
         Bitset bits(size);
         std::set<std::uint32_t> expected;
         for (int step = 0; step < 3000; ++step) {
-            if (random() % 3 != 0) {
+            if (random() % 2 != 0) {
                 const auto number = static_cast<std::uint32_t>(random() % size);
                 bits.insert(number);
                 expected.insert(number);
-            } else if (!expected.empty()) {
-                ASSERT_EQ(bits.take_lowest(), *expected.begin()) << "of " << size;
+                ASSERT_FALSE(bits.is_empty()) << "of " << size;
+                continue;
+            }
+            ASSERT_EQ(take_lowest(bits), expected.empty() ? kNothing : *expected.begin())
+                << "of " << size;
+            if (expected.empty()) {
+                ASSERT_TRUE(bits.is_empty()) << "of " << size;
+            } else {
                 expected.erase(expected.begin());
             }
-            ASSERT_EQ(bits.is_empty(), expected.empty()) << "of " << size;
         }
     }
 }

@@ -1,14 +1,14 @@
 #include "schedule/order.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <memory>
 #include <random>
 #include <string>
 #include <tuple>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using namespace Quorval;
 using namespace Quorval::runtime;

@@ -1,9 +1,9 @@
 #include "schedule/timers.h"
 
+#include <gtest/gtest.h>
+
 #include <map>
 #include <random>
-
-#include <gtest/gtest.h>
 
 using Quorval::runtime::Timers;
 using namespace std::chrono_literals;

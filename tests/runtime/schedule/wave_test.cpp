@@ -1,18 +1,18 @@
 #include "schedule/wave.h"
 
+#include "messages/context.h"
+#include "runtime/support/fakes.h"
+#include "support/allocations.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <map>
 #include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "messages/context.h"
-#include "runtime/support/fakes.h"
-#include "support/allocations.h"
 
 using namespace Quorval;
 using namespace Quorval::runtime;
