@@ -1,12 +1,12 @@
 // Tells of blocks that fail.
 #pragma once
 
+#include "schedule/network.h"
+
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "schedule/network.h"
 
 namespace Quorval::runtime {
 

@@ -1,14 +1,13 @@
 #include <quorval/runtime/graph.h>
+#include "graph/loaded_graph.h"
+#include "loop/loop.h"
+#include "run/runner.h"
+#include "run/signals.h"
 
 #include <atomic>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
-
-#include "graph/loaded_graph.h"
-#include "loop/loop.h"
-#include "run/runner.h"
-#include "run/signals.h"
 
 namespace Quorval {
 

@@ -1,11 +1,10 @@
 #include "run/life.h"
 
+#include <quorval/log.h>
+#include "messages/context.h"
+
 #include <atomic>
 #include <utility>
-
-#include <quorval/log.h>
-
-#include "messages/context.h"
 
 namespace Quorval::runtime {
 

@@ -1,15 +1,7 @@
 // The life of a graph: start, waves, stop.
 #pragma once
 
-#include <chrono>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include <quorval/runtime/tools.h>
-
 #include "loop/descriptor_ports.h"
 #include "loop/poller.h"
 #include "loop/waker.h"
@@ -18,6 +10,13 @@
 #include "schedule/network.h"
 #include "schedule/timers.h"
 #include "schedule/wave.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,8 +1,8 @@
 #include "run/overrides.h"
 
-#include <set>
-
 #include "messages/context.h"
+
+#include <set>
 
 namespace Quorval::runtime {
 
@@ -70,7 +70,7 @@ BlockConfiguration pick(const BlockConfiguration& config, const BlockConfigurati
 
 Overrides::Overrides(const Network& network, const std::vector<const BlockConfiguration*>& configs,
                      Life& life)
-    : network_(network), configs_(configs), life_(life), sums_(network.nodes.size())
+    : network_(network), configs_(configs), life_(life)
 {
 }
 
@@ -79,7 +79,7 @@ std::string Overrides::apply(const std::vector<Change>& changes)
     for (std::size_t at = 0; at < changes.size(); ++at) {
         const std::uint32_t block = changes[at].block;
         try {
-            reconfigure(block, unread(sums_[block] + changes[at].values));
+            reconfigure(block, unread(of(block) + changes[at].values));
         } catch (...) {
             const std::string text = text_of_present_exception();
             take_back(changes, at + 1);
@@ -90,6 +90,12 @@ std::string Overrides::apply(const std::vector<Change>& changes)
         sums_[change.block] += change.values;
     }
     return "";
+}
+
+BlockConfiguration Overrides::of(std::uint32_t block) const
+{
+    const auto at = sums_.find(block);
+    return at == sums_.end() ? BlockConfiguration() : at->second;
 }
 
 void Overrides::reconfigure(std::uint32_t block, const BlockConfiguration& override)
@@ -110,9 +116,9 @@ void Overrides::take_back(const std::vector<Change>& changes, std::size_t count)
 {
     for (std::size_t at = 0; at < count; ++at) {
         const std::uint32_t block = changes[at].block;
-        const BlockConfiguration tried = sums_[block] + changes[at].values;
+        const BlockConfiguration tried = of(block) + changes[at].values;
         try {
-            reconfigure(block, pick(*configs_[block] + sums_[block], tried));
+            reconfigure(block, pick(*configs_[block] + of(block), tried));
         } catch (...) {
             life_.failures().report(block, "reconfigure", text_of_present_exception());
         }

@@ -1,14 +1,14 @@
 // Changes of the configurations of blocks that run.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include <quorval/config.h>
-
 #include "run/life.h"
 #include "schedule/network.h"
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace Quorval::runtime {
 
@@ -33,7 +33,7 @@ public:
     std::string apply(const std::vector<Change>& changes);
 
     /// What was changed of a block, all together.
-    const BlockConfiguration& of(std::uint32_t block) const { return sums_[block]; }
+    BlockConfiguration of(std::uint32_t block) const;
 
 private:
     void reconfigure(std::uint32_t block, const BlockConfiguration& override);
@@ -42,7 +42,7 @@ private:
     const Network& network_;
     std::vector<const BlockConfiguration*> configs_;
     Life& life_;
-    std::vector<BlockConfiguration> sums_;
+    std::unordered_map<std::uint32_t, BlockConfiguration> sums_;  // of blocks that were changed
 };
 
 }  // namespace Quorval::runtime

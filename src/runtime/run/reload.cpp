@@ -1,14 +1,13 @@
 #include "run/reload.h"
 
+#include <quorval/log.h>
+#include "graph/diagnostics.h"
+#include "graph/values.h"
+
 #include <algorithm>
 #include <map>
 #include <set>
 #include <utility>
-
-#include <quorval/log.h>
-
-#include "graph/diagnostics.h"
-#include "graph/values.h"
 
 namespace Quorval::runtime {
 

@@ -1,16 +1,15 @@
 // New values from the files of a graph that runs.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <quorval/runtime/graph.h>
-
 #include "description/read.h"
 #include "graph/expansion.h"
 #include "graph/loaded_graph.h"
 #include "run/overrides.h"
+
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,14 +1,14 @@
 // The requests of blocks to be run, from any thread.
 #pragma once
 
+#include "loop/waker.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <utility>
 #include <vector>
-
-#include "loop/waker.h"
 
 namespace Quorval::runtime {
 

@@ -1,9 +1,9 @@
 #include "run/runner.h"
 
+#include <quorval/log.h>
+
 #include <algorithm>
 #include <vector>
-
-#include <quorval/log.h>
 
 namespace Quorval::runtime {
 

@@ -1,19 +1,18 @@
 // Runs a loaded graph in an event loop.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-#include <optional>
-#include <string>
-
 #include <quorval/runtime/graph.h>
-
 #include "graph/loaded_graph.h"
 #include "loop/loop.h"
 #include "run/life.h"
 #include "run/overrides.h"
 #include "run/reload.h"
 #include "run/signals.h"
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
 
 namespace Quorval::runtime {
 

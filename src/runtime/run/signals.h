@@ -1,12 +1,12 @@
 // Signals that end or change a run.
 #pragma once
 
-#include <array>
-#include <memory>
+#include "loop/waker.h"
 
 #include <signal.h>
 
-#include "loop/waker.h"
+#include <array>
+#include <memory>
 
 namespace Quorval::runtime {
 

@@ -1,4 +1,9 @@
 #include <quorval/runtime/graph.h>
+#include "runtime/support/graph_files.h"
+#include "support/support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <csignal>
 #include <memory>
@@ -6,12 +11,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "runtime/support/graph_files.h"
-#include "support/support.h"
 
 using namespace Quorval;
 using namespace std::chrono_literals;
@@ -190,6 +189,18 @@ TEST_F(GraphTest, LeavesNothingBehindAfterManyRuns)
     }
 
     EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(GraphTest, BearsRequestsOfOtherThreadsUntilItsBlocksAreDestroyed)
+{
+    make(
+        "format = 1\nblocks.a = { type = \"running:Threaded\" }\n"
+        "blocks.b = { type = \"running:Threaded\" }\n");
+
+    EXPECT_EQ(graph->run(), RunResult::Done);
+
+    ASSERT_FALSE(recorder.texts().empty());
+    EXPECT_THAT(recorder.texts(), ::testing::Each("enough"));
 }
 
 // ---- signals ------------------------------------------------------------------------------------

@@ -1,17 +1,17 @@
 #include "run/life.h"
 
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "messages/context.h"
 #include "run/overrides.h"
 #include "runtime/support/fakes.h"
 #include "support/support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;

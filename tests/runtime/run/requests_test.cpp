@@ -1,15 +1,15 @@
 #include "run/requests.h"
 
+#include "loop/loop.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "loop/loop.h"
 
 using namespace Quorval::runtime;
 using ::testing::IsEmpty;

@@ -4,10 +4,12 @@
 #include <quorval/pluginloader.h>
 #include <quorval/runtime/tools.h>
 
+#include <atomic>
 #include <csignal>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 using namespace Quorval;
 
@@ -110,6 +112,46 @@ private:
     InPort<int>* in_;
 };
 
+/// A thread of its own asks for a run again and again, until the block is destroyed.
+class Threaded : public Block {
+public:
+    Threaded(std::string name, const BlockConfiguration& config) : Block(std::move(name), config) {}
+    Threaded(const Threaded&) = delete;
+    Threaded& operator=(const Threaded&) = delete;
+    ~Threaded() override
+    {
+        ends_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+    void start() override
+    {
+        get_tools().request_run();
+        thread_ = std::thread([this, &tools = get_tools()] {
+            while (!ends_) {
+                tools.request_run();
+                std::this_thread::yield();
+            }
+        });
+    }
+
+    bool run() override
+    {
+        constexpr int kEnough = 200;
+        if (++runs_ == kEnough) {
+            get_tools().stop("enough");
+        }
+        return true;
+    }
+
+private:
+    std::atomic<bool> ends_{false};
+    int runs_ = 0;
+    std::thread thread_;
+};
+
 template <class Kind>
 void add(IRegistry& registry, const std::string& type)
 {
@@ -126,5 +168,6 @@ int lib_register_cpp(IRegistry& registry)
 {
     add<Count>(registry, "Count");
     add<Tell>(registry, "Tell");
+    add<Threaded>(registry, "Threaded");
     return 0;
 }
