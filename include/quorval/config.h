@@ -284,6 +284,8 @@ public:
                                 KeyValue value);
 
 private:
+    friend class BlockConfiguration;
+
     struct QUORVAL_HIDDEN Impl;
     std::shared_ptr<const Impl> impl_;  // a copy for a move, so never null
 };

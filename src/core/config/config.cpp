@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "config/elements.h"
+#include "config/impl.h"
 
 namespace Quorval {
 
@@ -51,9 +51,11 @@ constexpr std::array<bool, 256> kKeyCharacters = make_key_characters();
 
 bool is_valid_key(const std::string& key)
 {
-    return std::all_of(key.begin(), key.end(), [](char character) {
-        return kKeyCharacters[static_cast<unsigned char>(character)];
-    });
+    bool is_valid = true;
+    for (const char character : key) {
+        is_valid &= kKeyCharacters[static_cast<unsigned char>(character)];
+    }
+    return is_valid;
 }
 
 /// What a getter of the type Result makes of a value, nothing if it does not accept its type.
@@ -110,7 +112,7 @@ const char* type_getter(const char* getter)
 
 /// The result of a getter, nothing if there is no such element.
 template <class Result>
-std::optional<Result> find(const char* getter, const Element* element, const std::string& key)
+std::optional<Result> find(const char* getter, const Entry* element, const std::string& key)
 {
     if (element == nullptr) {
         return std::nullopt;
@@ -125,7 +127,7 @@ std::optional<Result> find(const char* getter, const Element* element, const std
 }
 
 template <class Result>
-Result get(const char* getter, const Element* element, const std::string& key)
+Result get(const char* getter, const Entry* element, const std::string& key)
 {
     std::optional<Result> result = find<Result>(getter, element, key);
     if (!result) {
@@ -135,7 +137,7 @@ Result get(const char* getter, const Element* element, const std::string& key)
 }
 
 template <class Result>
-Result get_or(const char* getter, const Element* element, const std::string& key,
+Result get_or(const char* getter, const Entry* element, const std::string& key,
               const Result& default_value)
 {
     std::optional<Result> result = find<Result>(getter, element, key);
@@ -161,20 +163,12 @@ BlockConfiguration::Impl& BlockConfiguration::Impl::of(BlockConfiguration& confi
     return *config.impl_;
 }
 
-const Element* BlockConfiguration::Impl::get_element(const std::string& key) const
-{
-    const Entry* entry = elements.find(key);
-    return entry != nullptr ? &entry->element : nullptr;
-}
-
 void BlockConfiguration::Impl::set(const std::string& key, Value&& value)
 {
     if (!is_valid_key(key)) {
         throw_invalid_key(key);
     }
-    Element& element = elements.get_or_add(key);
-    element.value = std::move(value);
-    element.consumed = false;
+    elements.put(key, std::move(value));
 }
 
 BlockConfiguration::BlockConfiguration() : impl_(std::make_unique<Impl>()) {}
@@ -245,118 +239,118 @@ void BlockConfiguration::set(const std::string& key, const std::vector<bool>& va
 
 int BlockConfiguration::getInt(const std::string& key) const
 {
-    return get<int>("getInt", Impl::of(*this).get_element(key), key);
+    return get<int>("getInt", Impl::get_element(*this, key), key);
 }
 
 bool BlockConfiguration::getBool(const std::string& key) const
 {
-    return get<bool>("getBool", Impl::of(*this).get_element(key), key);
+    return get<bool>("getBool", Impl::get_element(*this, key), key);
 }
 
 double BlockConfiguration::getDouble(const std::string& key) const
 {
-    return get<double>("getDouble", Impl::of(*this).get_element(key), key);
+    return get<double>("getDouble", Impl::get_element(*this, key), key);
 }
 
 float BlockConfiguration::getFloat(const std::string& key) const
 {
-    return get<float>("getFloat", Impl::of(*this).get_element(key), key);
+    return get<float>("getFloat", Impl::get_element(*this, key), key);
 }
 
 std::string BlockConfiguration::getString(const std::string& key) const
 {
-    return get<std::string>("getString", Impl::of(*this).get_element(key), key);
+    return get<std::string>("getString", Impl::get_element(*this, key), key);
 }
 
 std::vector<int> BlockConfiguration::getIntVector(const std::string& key) const
 {
-    return get<std::vector<int>>("getIntVector", Impl::of(*this).get_element(key), key);
+    return get<std::vector<int>>("getIntVector", Impl::get_element(*this, key), key);
 }
 
 std::vector<double> BlockConfiguration::getDoubleVector(const std::string& key) const
 {
-    return get<std::vector<double>>("getDoubleVector", Impl::of(*this).get_element(key), key);
+    return get<std::vector<double>>("getDoubleVector", Impl::get_element(*this, key), key);
 }
 
 std::vector<float> BlockConfiguration::getFloatVector(const std::string& key) const
 {
-    return get<std::vector<float>>("getFloatVector", Impl::of(*this).get_element(key), key);
+    return get<std::vector<float>>("getFloatVector", Impl::get_element(*this, key), key);
 }
 
 std::vector<std::string> BlockConfiguration::getStringVector(const std::string& key) const
 {
-    return get<std::vector<std::string>>("getStringVector", Impl::of(*this).get_element(key), key);
+    return get<std::vector<std::string>>("getStringVector", Impl::get_element(*this, key), key);
 }
 
 std::vector<bool> BlockConfiguration::getBoolVector(const std::string& key) const
 {
-    return get<std::vector<bool>>("getBoolVector", Impl::of(*this).get_element(key), key);
+    return get<std::vector<bool>>("getBoolVector", Impl::get_element(*this, key), key);
 }
 
 int BlockConfiguration::getInt(const std::string& key, int default_value) const
 {
-    return get_or<int>("getInt", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<int>("getInt", Impl::get_element(*this, key), key, default_value);
 }
 
 bool BlockConfiguration::getBool(const std::string& key, bool default_value) const
 {
-    return get_or<bool>("getBool", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<bool>("getBool", Impl::get_element(*this, key), key, default_value);
 }
 
 double BlockConfiguration::getDouble(const std::string& key, double default_value) const
 {
-    return get_or<double>("getDouble", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<double>("getDouble", Impl::get_element(*this, key), key, default_value);
 }
 
 float BlockConfiguration::getFloat(const std::string& key, float default_value) const
 {
-    return get_or<float>("getFloat", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<float>("getFloat", Impl::get_element(*this, key), key, default_value);
 }
 
 std::string BlockConfiguration::getString(const std::string& key,
                                           const std::string& default_value) const
 {
-    return get_or<std::string>("getString", Impl::of(*this).get_element(key), key, default_value);
+    return get_or<std::string>("getString", Impl::get_element(*this, key), key, default_value);
 }
 
 std::vector<int> BlockConfiguration::getIntVector(const std::string& key,
                                                   const std::vector<int>& default_value) const
 {
-    return get_or<std::vector<int>>("getIntVector", Impl::of(*this).get_element(key), key,
+    return get_or<std::vector<int>>("getIntVector", Impl::get_element(*this, key), key,
                                     default_value);
 }
 
 std::vector<double> BlockConfiguration::getDoubleVector(
     const std::string& key, const std::vector<double>& default_value) const
 {
-    return get_or<std::vector<double>>("getDoubleVector", Impl::of(*this).get_element(key), key,
+    return get_or<std::vector<double>>("getDoubleVector", Impl::get_element(*this, key), key,
                                        default_value);
 }
 
 std::vector<float> BlockConfiguration::getFloatVector(const std::string& key,
                                                       const std::vector<float>& default_value) const
 {
-    return get_or<std::vector<float>>("getFloatVector", Impl::of(*this).get_element(key), key,
+    return get_or<std::vector<float>>("getFloatVector", Impl::get_element(*this, key), key,
                                       default_value);
 }
 
 std::vector<std::string> BlockConfiguration::getStringVector(
     const std::string& key, const std::vector<std::string>& default_value) const
 {
-    return get_or<std::vector<std::string>>("getStringVector", Impl::of(*this).get_element(key),
-                                            key, default_value);
+    return get_or<std::vector<std::string>>("getStringVector", Impl::get_element(*this, key), key,
+                                            default_value);
 }
 
 std::vector<bool> BlockConfiguration::getBoolVector(const std::string& key,
                                                     const std::vector<bool>& default_value) const
 {
-    return get_or<std::vector<bool>>("getBoolVector", Impl::of(*this).get_element(key), key,
+    return get_or<std::vector<bool>>("getBoolVector", Impl::get_element(*this, key), key,
                                      default_value);
 }
 
 BlockConfiguration::Type BlockConfiguration::getType(const std::string& key) const
 {
-    const Element* element = Impl::of(*this).get_element(key);
+    const Entry* element = Impl::get_element(*this, key);
     if (element == nullptr) {
         throw_unknown(key);
     }
@@ -372,19 +366,19 @@ bool BlockConfiguration::is_consumed() const
 {
     const Elements& elements = Impl::of(*this).elements;
     return std::all_of(elements.begin(), elements.end(),
-                       [](const Entry& entry) { return entry.element.consumed; });
+                       [](const Entry& entry) { return entry.consumed; });
 }
 
 void BlockConfiguration::delete_element(const std::string& prefix)
 {
     // Not only at the start of the key. Applications rely on what this removes, so it stays.
     // Held by BlockConfigurationDelete.MatchesThePrefixAnywhereInTheKey.
-    const auto matches = [&prefix](const std::string& key) {
-        return key.find(prefix) != std::string::npos &&
-               (prefix.empty() || key.size() == prefix.size() || key[prefix.size()] == '.');
-    };
-
-    Impl::of(*this).elements.erase_if(matches);
+    // The prefix may be the key of an element that goes.
+    Impl::of(*this).elements.erase_if([prefix = prefix](const std::string& key) {
+        return key.size() >= prefix.size() &&
+               (prefix.empty() || key.size() == prefix.size() || key[prefix.size()] == '.') &&
+               holds(key, prefix);
+    });
 }
 
 void BlockConfiguration::load(std::ifstream& /*in*/) {}

@@ -1,296 +1,343 @@
 #include "config/elements.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <new>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
-
-#include <sys/auxv.h>
 
 namespace Quorval {
 
 namespace {
 
-/// What makes the hashes of a process its own.
-struct Secret {
-    std::uint64_t seed = 0;
-    std::uint64_t factor = 0;
-};
+// Entries of a full block. A block of that many pointers is small for the allocator too.
+constexpr std::size_t kFull = 64;
+
+// The room of the first block.
+constexpr std::size_t kFewest = 4;
+
+// Up to so many entries are searched faster than hashed.
+constexpr std::size_t kFew = 8;
+
+constexpr std::size_t kWord = sizeof(std::uint64_t);
+static_assert(std::endian::native == std::endian::little);
 
 __extension__ using Wide = unsigned __int128;
 
-std::uint64_t fold(std::uint64_t a, std::uint64_t b)
+/// The product, its high half over its low one: every bit of both factors has a say.
+std::uint64_t mix(std::uint64_t a, std::uint64_t b)
 {
     const Wide product = static_cast<Wide>(a) * b;
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64U);
 }
 
-/// From the 16 bytes by chance that the system gives to every program. They do not go in as they
-/// are: the C library guards the stack with them.
-Secret make_secret() noexcept
+std::uint64_t load_word(const char* from)
 {
-    constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
-    std::array<std::uint64_t, 2> words{};
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): this is how the system hands it out
-    const auto* bytes = reinterpret_cast<const void*>(::getauxval(AT_RANDOM));
-    if (bytes != nullptr) {
-        std::memcpy(words.data(), bytes, sizeof words);
+    std::uint64_t word = 0;
+    std::memcpy(&word, from, sizeof word);
+    return word;
+}
+
+/// Whether `a` comes before `b`, by bytes. Compares a word at a time, the last one with what is
+/// known to be equal before it: nearly all of a search is spent here.
+[[gnu::always_inline]] inline bool is_less(std::string_view a, std::string_view b)
+{
+    const std::size_t common = std::min(a.size(), b.size());
+    if (common < kWord) {
+        return a < b;
     }
-    return {fold(words[0] ^ kOdd, words[1]), fold(words[0] ^ words[1], kOdd) | 1U};
-}
-
-// Before everything else: other objects of this kind may hold configurations.
-[[gnu::init_priority(101)]] const Secret secret = make_secret();
-
-std::uint64_t mix(std::uint64_t state)
-{
-    return fold(state, secret.factor);
-}
-
-/// Of the bits that least decide about the slot, and never that of a free one.
-unsigned char mark_of(std::uint32_t hash)
-{
-    constexpr unsigned kTaken = 0x80;
-    constexpr unsigned kShift = 25;
-    return static_cast<unsigned char>(kTaken | hash >> kShift);
+    for (std::size_t at = 0;; at = std::min(at + kWord, common - kWord)) {
+        const auto word_a = load_word(a.data() + at);
+        const auto word_b = load_word(b.data() + at);
+        if (word_a != word_b) {
+            return __builtin_bswap64(word_a) < __builtin_bswap64(word_b);
+        }
+        if (at + kWord == common) {
+            return a.size() < b.size();
+        }
+    }
 }
 
 }  // namespace
 
 std::uint32_t hash_of(const std::string& key)
 {
-    std::uint64_t state = secret.seed ^ key.size();
-    std::uint64_t word = 0;
-    const char* from = key.data();
-    std::size_t left = key.size();
-    for (; left >= sizeof word; left -= sizeof word, from += sizeof word) {
-        std::memcpy(&word, from, sizeof word);
-        state = mix(state ^ word);
-    }
-    for (word = 0; left > 0; --left) {
-        word = word << 8U | static_cast<unsigned char>(*from++);
-    }
-    state = mix(state ^ word);
-    // Once is not enough for keys of a few characters: with some factors they cluster.
-    return static_cast<std::uint32_t>(mix(state ^ secret.seed));
-}
+    constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
+    // Where the system has put the library, which cannot be told from outside.
+    static const char here = 0;
+    const std::uint64_t secret = (reinterpret_cast<std::uintptr_t>(&here) * kOdd) | 1U;
 
-/// The number of entries that so many slabs hold.
-std::size_t Elements::capacity(std::size_t slabs)
-{
-    const std::size_t places = slabs <= kSmallSlabs ? std::size_t{kFirstPlace} << slabs
-                                                    : (slabs - kSmallSlabs + 1) * kFullSlab;
-    return places - kFirstPlace;
-}
-
-const Entry& Elements::at_small(Index place) const
-{
-    const Index size = std::bit_floor(place);
-    return slabs_[static_cast<std::size_t>(std::countr_zero(size)) - 1][place - size];
+    std::uint64_t state = secret ^ key.size();
+    std::size_t done = 0;
+    for (; done + kWord <= key.size(); done += kWord) {
+        state = mix(state ^ load_word(key.data() + done), secret);
+    }
+    std::uint64_t rest = 0;
+    for (; done < key.size(); ++done) {
+        rest = rest << 8U | static_cast<unsigned char>(key[done]);
+    }
+    state = mix(state ^ rest, secret);
+    // Once is not enough for keys of a few characters: with some secrets they cluster.
+    return static_cast<std::uint32_t>(mix(state, kOdd));
 }
 
 Elements::Elements(const Elements& other)
 {
-    if (other.order_.size() != other.size_) {
-        for (const Entry& entry : other) {
-            put(entry.key, Element(entry.element));
-        }
-        return;
-    }
-    // Without gaps every entry keeps its place.
-    slabs_ = Slabs(other.slabs_);
-    slots_ = other.slots_;
-    marks_ = other.marks_;
-    order_ = other.order_;
-    sorted_ = other.sorted_;
-    size_ = other.size_;
-}
-
-/// The index of the entry of that key, kNone when there is none.
-Elements::Index Elements::index_of(const std::string& key, std::uint32_t hash) const
-{
-    if (slots_.empty()) {
-        return kNone;
-    }
-    const std::size_t mask = slots_.size() - 1;
-    const unsigned char mark = mark_of(hash);
-    for (std::size_t slot = hash & mask; marks_[slot] != kFree; slot = (slot + 1) & mask) {
-        if (marks_[slot] == mark) {
-            const Entry& entry = at(slots_[slot]);
-            if (entry.hash == hash && entry.key == key) {
-                return slots_[slot];
+    try {
+        blocks_.reserve(other.blocks_.size());
+        for (const Block& block : other.blocks_) {
+            Block& copy = blocks_.emplace_back();
+            copy.reserve(block.size());
+            for (const Entry* entry : block) {
+                copy.push_back(new Entry{entry->key, copy_value(entry->value), entry->consumed});
             }
         }
+    } catch (...) {
+        clear();
+        throw;
     }
-    return kNone;
+    size_ = other.size_;
 }
 
 const Entry* Elements::find(const std::string& key) const
 {
-    const Index index = index_of(key, hash_of(key));
-    return index != kNone ? &at(index) : nullptr;
+    if (size_ <= kFew) {
+        return entry_at(place_of(key), key);
+    }
+    if (table_.empty()) {
+        make_table();
+    }
+    const std::uint32_t hash = hash_of(key);
+    const std::size_t mask = table_.size() - 1;
+    std::size_t slot = hash & mask;
+    const Entry* entry = table_[slot];
+    while (entry != nullptr && (entry->hash != hash || entry->key != key)) {
+        slot = (slot + 1) & mask;
+        entry = table_[slot];
+    }
+    return entry;
 }
 
-Element& Elements::get_or_add(const std::string& key)
+void Elements::merge(const Elements& other)
 {
-    const std::uint32_t hash = hash_of(key);
-    if (const Index index = index_of(key, hash); index != kNone) {
-        return at(index).element;
+    Place place;
+    for (const Entry& entry : other) {
+        Value value = copy_value(entry.value);
+        place = put_at(place_near(place, entry.key), entry.key, std::move(value), entry.consumed);
     }
-    make_room();
-    Entry& entry = at(order_[size_]);
-    entry.key = key;
+}
+
+/// Where an entry of that key is, or would have to be: in the last block that does not begin behind
+/// it, maybe at its end.
+Elements::Place Elements::place_of(const std::string& key) const
+{
+    if (blocks_.empty()) {
+        return {};
+    }
+    if (is_less(blocks_.back().back()->key, key)) {
+        return {blocks_.size() - 1, blocks_.back().size()};
+    }
+    const auto begins_before = [&key](const Block& block) {
+        return !is_less(key, block.front()->key);
+    };
+    const auto block = std::partition_point(blocks_.begin() + 1, blocks_.end(), begins_before) - 1;
+    const auto is_before = [&key](const Entry* entry) { return is_less(entry->key, key); };
+    const auto found = std::partition_point(block->begin(), block->end(), is_before);
+    return {static_cast<std::size_t>(block - blocks_.begin()),
+            static_cast<std::size_t>(found - block->begin())};
+}
+
+/// The same for a key that may well follow the one at `place`.
+Elements::Place Elements::place_near(Place place, const std::string& key) const
+{
+    if (place.block < blocks_.size()) {
+        const Block& block = blocks_[place.block];
+        const std::size_t next = place.index + 1;
+        if (next < block.size() && is_less(block[place.index]->key, key) &&
+            !is_less(block[next]->key, key)) {
+            return {place.block, next};
+        }
+    }
+    return place_of(key);
+}
+
+/// The entry at a place, null when it has another key.
+Entry* Elements::entry_at(Place place, const std::string& key) const
+{
+    if (place.block == blocks_.size() || place.index == blocks_[place.block].size()) {
+        return nullptr;
+    }
+    Entry* entry = blocks_[place.block][place.index];
+    return entry->key == key ? entry : nullptr;
+}
+
+/// Stores an element at the place of its key, and gives the place where it is then.
+Elements::Place Elements::put_at(Place place, const std::string& key, Value&& value, bool consumed)
+{
+    if (Entry* entry = entry_at(place, key); entry != nullptr) {
+        entry->value = std::move(value);
+        entry->consumed = consumed;
+        return place;
+    }
+    std::unique_ptr<Entry> entry(new Entry{key, std::move(value), consumed});
+    make_room(place);
+    Block& block = blocks_[place.block];
+    block.insert(block.begin() + static_cast<std::ptrdiff_t>(place.index), entry.get());
     // From here on nothing fails.
-    entry.hash = hash;
-    take_slot(order_[size_]);
-    if (sorted_ == size_ && (size_ == 0 || at(order_[size_ - 1]).key < key)) {
-        ++sorted_;
-    }
     ++size_;
     ++changes_;
-    return entry.element;
+    if (!table_.empty()) {
+        add_to_table(entry.get());
+    }
+    static_cast<void>(entry.release());
+    return place;
+}
+
+/// Makes sure of a block that takes one more entry there.
+void Elements::make_room(Place& place)
+{
+    if (blocks_.empty()) {
+        Block first;
+        first.reserve(kFewest);
+        blocks_.push_back(std::move(first));
+    }
+    Block& block = blocks_[place.block];
+    if (block.size() < kFull) {
+        if (block.size() == block.capacity()) {
+            block.reserve(std::clamp(block.size() * 4, kFewest, kFull));
+        }
+        return;
+    }
+    // What comes in order leaves full blocks behind.
+    const std::size_t kept = place.index == kFull ? kFull : kFull / 2;
+    const auto full = blocks_.begin() + static_cast<std::ptrdiff_t>(place.block);
+    Block rest;
+    rest.reserve(kFull);
+    rest.assign(full->begin() + static_cast<std::ptrdiff_t>(kept), full->end());
+    const auto next = blocks_.insert(full + 1, std::move(rest));
+    (next - 1)->resize(kept);
+    if (place.index > kept || kept == kFull) {
+        place = {place.block + 1, place.index - kept};
+    }
+}
+
+void Elements::make_table() const
+{
+    // Room for half as many again, at three quarters.
+    table_.resize(std::bit_ceil(size_ * 2));
+    for (const Block& block : blocks_) {
+        for (Entry* entry : block) {
+            add_to_table(entry);
+        }
+    }
+}
+
+/// Adds an entry, whose key no other has. A table that is full has to be made again.
+void Elements::add_to_table(Entry* entry) const
+{
+    if (size_ > table_.size() / 4 * 3) {
+        table_ = Table();
+        return;
+    }
+    entry->hash = hash_of(entry->key);
+    const std::size_t mask = table_.size() - 1;
+    std::size_t slot = entry->hash & mask;
+    while (table_[slot] != nullptr) {
+        slot = (slot + 1) & mask;
+    }
+    table_[slot] = entry;
 }
 
 void Elements::prepend(const std::string& start)
 {
     std::vector<std::string> keys;
     keys.reserve(size_);
-    for (Index rank = 0; rank < size_; ++rank) {
-        keys.push_back(start + at(order_[rank]).key);
+    for (const Entry& entry : *this) {
+        keys.push_back(start + entry.key);
     }
     // From here on nothing fails, and the order stays.
-    for (Index rank = 0; rank < size_; ++rank) {
-        Entry& entry = at(order_[rank]);
-        entry.key.swap(keys[rank]);
-        entry.hash = hash_of(entry.key);
-    }
-    fill_slots();
-}
-
-/// Makes sure of a slot and of a place behind the entries in `order_`.
-void Elements::make_room()
-{
-    constexpr std::size_t kFewestSlots = 4;
-    if (size_ == order_.size()) {
-        if (size_ >= kNone - kFirstPlace) {
-            throw std::bad_alloc();
+    auto key = keys.begin();
+    for (const Block& block : blocks_) {
+        for (Entry* entry : block) {
+            entry->key.swap(*key++);
         }
-        const std::size_t slabs = slabs_.size();
-        if (size_ == capacity(slabs)) {
-            slabs_.emplace_back(capacity(slabs + 1) - capacity(slabs));
+    }
+    table_ = Table();
+}
+
+void Elements::clear() noexcept
+{
+    for (const Block& block : blocks_) {
+        for (const Entry* entry : block) {
+            delete entry;
         }
-        order_.push_back(size_);
-    }
-    if (std::size_t{size_} + 1 > slots_.size() / 4 * 3) {
-        const std::size_t count = std::max(slots_.size() * 2, kFewestSlots);
-        std::vector<Index> slots(count);
-        marks_.resize(count);
-        slots_.swap(slots);
-        fill_slots();
     }
 }
 
-void Elements::fill_slots()
+/// Ends the erasing of entries.
+void Elements::erased() noexcept
 {
-    std::fill(marks_.begin(), marks_.end(), kFree);
-    for (Index rank = 0; rank < size_; ++rank) {
-        take_slot(order_[rank]);
+    std::erase_if(blocks_, [](const Block& block) { return block.empty(); });
+    if (blocks_.empty()) {
+        blocks_ = Blocks();
     }
-}
-
-/// Gives an entry, whose key no other has, its slot.
-void Elements::take_slot(Index index)
-{
-    const std::uint32_t hash = at(index).hash;
-    const std::size_t mask = slots_.size() - 1;
-    std::size_t slot = hash & mask;
-    while (marks_[slot] != kFree) {
-        slot = (slot + 1) & mask;
-    }
-    slots_[slot] = index;
-    marks_[slot] = mark_of(hash);
-}
-
-/// Keeps so many of the sorted entries. The places of the others are there for new ones.
-void Elements::erase_behind(Index kept)
-{
-    if (kept == size_) {
-        return;
-    }
-    if (kept == 0) {
-        const Index changes = changes_;
-        *this = Elements();
-        changes_ = changes + 1;
-        return;
-    }
-    for (Index rank = kept; rank < size_; ++rank) {
-        // Moved out of its place, and not only replaced, it takes the memory of its key along.
-        const Entry erased = std::exchange(at(order_[rank]), Entry());
-    }
-    size_ = sorted_ = kept;
+    table_ = Table();
     ++changes_;
-    // To clear a table for far more would take the next ones too long.
-    while (slots_.size() / 8 > kept) {
-        slots_.resize(slots_.size() / 2);
-        marks_.resize(marks_.size() / 2);
-    }
-    fill_slots();
-}
-
-/// Writes nothing when there is nothing to do.
-void Elements::sort() const
-{
-    if (sorted_ == size_) {
-        return;
-    }
-    // So few are each put into place; more are sorted and merged.
-    constexpr std::ptrdiff_t kFew = 32;
-    const auto is_less = [this](Index a, Index b) { return at(a).key < at(b).key; };
-    const auto first = order_.begin();
-    const auto middle = first + sorted_;
-    const auto last = first + size_;
-    if (last - middle <= kFew) {
-        for (auto next = middle; next != last; ++next) {
-            std::rotate(std::upper_bound(first, next, *next, is_less), next, next + 1);
-        }
-    } else {
-        std::sort(middle, last, is_less);
-        std::inplace_merge(std::upper_bound(first, middle, *middle, is_less), middle, last,
-                           is_less);
-    }
-    sorted_ = size_;
 }
 
 Elements::Position Elements::begin() const
 {
-    sort();
-    return Position(*this, 0);
+    return Position(*this, Place());
 }
 
 Elements::Position Elements::end() const
 {
-    return Position(*this, kNone);
+    return Position(*this, Place{blocks_.size(), 0});
 }
 
 Elements::Position Elements::lower_bound(const std::string& key) const
 {
-    return Position(*this, rank_of(key));
+    return Position(*this, place_of(key));
 }
 
-/// The number of entries whose keys are less than `key`, which are the first ones.
-Elements::Index Elements::rank_of(const std::string& key) const
+void Elements::Position::move_to(Place place)
 {
-    sort();
-    const auto first = order_.begin();
-    const auto found = std::partition_point(first, first + size_,
-                                            [&](Index index) { return at(index).key < key; });
-    return static_cast<Index>(found - first);
+    const auto& blocks = elements_->blocks_;
+    if (place.block < blocks.size() && place.index == blocks[place.block].size()) {
+        place = {place.block + 1, 0};
+    }
+    if (place.block >= blocks.size()) {
+        entry_ = nullptr;
+        return;
+    }
+    const Block& block = blocks[place.block];
+    block_ = place.block;
+    next_ = block.data() + place.index;
+    end_ = block.data() + block.size();
+    entry_ = *next_++;
+}
+
+/// Finds its entry again where others have come or gone.
+void Elements::Position::refresh()
+{
+    if (changes_ != elements_->changes_) {
+        *this = elements_->lower_bound(entry_->key);
+    }
+}
+
+void Elements::Position::leave_block()
+{
+    refresh();
+    if (next_ != end_) {
+        entry_ = *next_++;
+    } else {
+        move_to({block_ + 1, 0});
+    }
 }
 
 }  // namespace Quorval

@@ -9,46 +9,31 @@
 #include <utility>
 #include <vector>
 
-#include <quorval/config.h>
-
 #include "config/value.h"
 
 namespace Quorval {
 
-struct Element {
-    Element() = default;
-    Element(const Element& other) : value(copy_value(other.value)), consumed(other.consumed) {}
-    Element(Element&&) noexcept = default;
-    Element& operator=(const Element& other) = delete;
-    Element& operator=(Element&&) noexcept = default;
-    ~Element() = default;
-
-    // Its padding holds the mark.
+/// An element and its full key. Stays where it is in memory until it is erased.
+struct Entry {
+    std::string key;
+    // Its padding holds what follows.
     [[no_unique_address]] Value value;
     // A typed getter has read the element since it was stored; getters are const.
     mutable bool consumed = false;
+    std::uint32_t hash = 0;  // of the key, while the entry is in the table
 };
-
-/// An element and its full key.
-struct Entry {
-    std::string key;
-    [[no_unique_address]] Element element;
-    std::uint32_t hash = 0;  // of the key; in the padding of the element
-};
-
-/// The hash of a key, another one in every process. Keys come out of files, and who makes a file
-/// must not be able to choose keys of one hash: each of them would be as slow to find as all of
-/// them are to walk.
-std::uint32_t hash_of(const std::string& key);
 
 static_assert(sizeof(Entry) == sizeof(std::string) + sizeof(Value));
 
-/// The elements of a configuration. Entries are found by a table of hashes and walked in the order
-/// of their keys, by bytes. An entry stays where it is in memory until it is erased; its place is
-/// there for another one then, until none is left at all.
+/// The hash of a key. It differs from process to process: whoever makes a file must not be able to
+/// choose keys of one hash, which would all be slow to find.
+std::uint32_t hash_of(const std::string& key);
+
+/// The elements of a configuration, in the order of their keys, by bytes.
 ///
-/// The order is made when it is asked for: entries that come sorted are in place at once, others
-/// wait at the end until the next walk. So a walk may write even in a const configuration.
+/// The order is a list of short lists, so that a new entry moves only a few others. What is looked
+/// up is found by a table of hashes, which the first look-up makes: one writes even in a const
+/// configuration.
 class Elements {
 public:
     class Position;
@@ -56,37 +41,43 @@ public:
     Elements() = default;
     Elements(const Elements& other);
     Elements& operator=(const Elements& other) = delete;
-    // What is moved from is only fit to be destroyed.
-    Elements& operator=(Elements&& other) noexcept = default;
-    ~Elements() = default;
+    ~Elements() { clear(); }
 
     std::size_t size() const { return size_; }
 
     /// The entry of exactly that key, null when there is none.
     const Entry* find(const std::string& key) const;
 
-    /// The element of that key, a new one where there is none. Nothing is changed when that fails.
-    Element& get_or_add(const std::string& key);
+    /// Stores an element over whatever has its key. Nothing is changed when that fails.
+    void put(const std::string& key, Value&& value, bool consumed = false)
+    {
+        put_at(place_of(key), key, std::move(value), consumed);
+    }
 
-    /// Stores an element under a key, over whatever was there. Nothing is changed when that fails.
-    void put(const std::string& key, Element&& element) { get_or_add(key) = std::move(element); }
+    /// Stores copies of all elements of `other` over those that have their keys, until that fails.
+    void merge(const Elements& other);
 
     /// Puts `start` before all keys. Nothing is changed when that fails.
     void prepend(const std::string& start);
 
-    /// Removes the entries whose key `is_erased` holds for. It is asked about all of them first,
-    /// so it may refer to one that goes.
+    /// Removes the entries whose key `is_erased` holds for. It must not refer to one of them.
     template <class Predicate>
     void erase_if(Predicate is_erased)
     {
-        sort();
-        Index kept = 0;
-        for (Index rank = 0; rank < size_; ++rank) {
-            if (!is_erased(at(order_[rank]).key)) {
-                std::swap(order_[kept++], order_[rank]);
-            }
+        const std::size_t before = size_;
+        for (Block& block : blocks_) {
+            std::erase_if(block, [&](const Entry* entry) {
+                const bool goes = is_erased(entry->key);
+                if (goes) {
+                    --size_;
+                    delete entry;  // NOLINT(cppcoreguidelines-owning-memory): owned by the block
+                }
+                return goes;
+            });
         }
-        erase_behind(kept);
+        if (size_ != before) {
+            erased();
+        }
     }
 
     /// A walk sees what is added during it, if that lies ahead.
@@ -97,51 +88,33 @@ public:
     Position lower_bound(const std::string& key) const;
 
 private:
-    using Index = std::uint32_t;
-    using Slabs = std::vector<std::vector<Entry>>;
+    // Owns its entries, of which there are some. Pointers that do so by themselves would be moved
+    // one by one.
+    using Block = std::vector<Entry*>;
+    using Blocks = std::vector<Block>;
+    using Table = std::vector<Entry*>;
 
-    static constexpr Index kNone = UINT32_MAX;
-    static constexpr unsigned char kFree = 0;
-    // Entries lie in slabs, so that they stay and are allocated together: 2, 4, 8, 16, 32, and from
-    // there on 64 each. Places are counted from 2, which makes the place of an entry in binary the
-    // number of its slab and the place in there.
-    static constexpr Index kFirstPlace = 2;
-    static constexpr Index kFullSlab = 64;
-    static constexpr Index kSmallSlabs = 5;
+    struct Place {
+        std::size_t block = 0;
+        std::size_t index = 0;
+    };
 
-    // A few instructions of every step of every walk.
-    [[gnu::always_inline]] const Entry& at(Index index) const
-    {
-        const Index place = index + kFirstPlace;
-        return place >= kFullSlab ? slabs_[kSmallSlabs - 1 + place / kFullSlab][place % kFullSlab]
-                                  : at_small(place);
-    }
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): this one is not const
-    Entry& at(Index index) { return const_cast<Entry&>(std::as_const(*this).at(index)); }
+    Place place_of(const std::string& key) const;
+    Place place_near(Place place, const std::string& key) const;
+    Entry* entry_at(Place place, const std::string& key) const;
+    Place put_at(Place place, const std::string& key, Value&& value, bool consumed);
+    void make_room(Place& place);
+    void make_table() const;
+    void add_to_table(Entry* entry) const;
+    void clear() noexcept;
+    void erased() noexcept;
 
-    static std::size_t capacity(std::size_t slabs);
-
-    const Entry& at_small(Index place) const;
-    Index index_of(const std::string& key, std::uint32_t hash) const;
-    Index rank_of(const std::string& key) const;
-    void make_room();
-    void take_slot(Index index);
-    void fill_slots();
-    void erase_behind(Index kept);
-    void sort() const;
-
-    Slabs slabs_;
-    // Where the entries are found: each at the slot of its hash or in the next free one. As many
-    // as a power of two, of which at least a quarter is free. The mark of a slot says that it is
-    // free, or tells its entry from most others without looking at them.
-    std::vector<Index> slots_;
-    std::vector<unsigned char> marks_;
-    // Places in the slabs: first those of the entries, then free ones. The first `sorted_` entries
-    // are in the order of their keys.
-    mutable std::vector<Index> order_;
-    mutable Index sorted_ = 0;
-    Index size_ = 0;
-    Index changes_ = 0;  // counts them, so that a position can tell whether its rank still holds
+    Blocks blocks_;
+    // Each entry lies at the slot of its hash or in the next free one, which is null. There are as
+    // many slots as a power of two, a quarter of them free; or none, and the table has to be made.
+    mutable Table table_;
+    std::size_t size_ = 0;
+    std::size_t changes_ = 0;  // counts them, so that a position can tell whether it still holds
 };
 
 /// A place in the order of the keys: on an entry, or at the end. It stays on its entry while
@@ -161,34 +134,28 @@ public:
 
     Position& operator++()
     {
-        find_rank();
-        move_to(rank_ + 1);
+        if (next_ != end_ && changes_ == elements_->changes_) {
+            entry_ = *next_++;
+        } else {
+            leave_block();
+        }
         return *this;
     }
 
-    /// Moves on to the first entry that `is_passed` does not hold for. It holds for this one, and
-    /// for no entry behind one that it does not hold for. A long way takes few questions.
+    /// Moves to the end.
+    void end() { entry_ = nullptr; }
+
+    /// Moves to the first entry behind this one that `is_passed` does not hold for. It holds for no
+    /// entry behind that one.
     template <class Predicate>
     void pass(Predicate is_passed)
     {
-        find_rank();
-        const auto passes = [&](Index index) { return is_passed(elements_->at(index)); };
-        const auto first = elements_->order_.begin();
-        const auto last = first + elements_->size_;
-        auto from = first + rank_;
-        // What is passed tends to be as much as the last time.
-        if (way_ < last - from && passes(from[way_ - 1]) && !passes(from[way_])) {
-            move_to(rank_ + static_cast<Index>(way_));
-            return;
-        }
-        std::ptrdiff_t step = 1;
-        while (step < last - from && passes(from[step])) {
-            from += step;
-            step *= 2;
-        }
-        const auto to = std::partition_point(from + 1, from + std::min(step, last - from), passes);
-        way_ = to - first - rank_;
-        move_to(static_cast<Index>(to - first));
+        do {
+            refresh();
+            next_ = std::partition_point(next_, end_,
+                                         [&](const Entry* entry) { return is_passed(*entry); });
+            ++*this;
+        } while (!is_end() && is_passed(*entry_));
     }
 
     friend bool operator==(const Position& a, const Position& b) { return a.entry_ == b.entry_; }
@@ -196,46 +163,23 @@ public:
 private:
     friend class Elements;
 
-    Position(const Elements& elements, Index rank)
+    Position(const Elements& elements, Place place)
         : elements_(&elements), changes_(elements.changes_)
     {
-        move_to(rank);
+        move_to(place);
     }
 
-    void move_to(Index rank)
-    {
-        rank_ = rank;
-        entry_ = rank < elements_->size_ ? &elements_->at(elements_->order_[rank]) : nullptr;
-    }
-
-    void find_rank()
-    {
-        if (changes_ != elements_->changes_) [[unlikely]] {
-            rank_ = elements_->rank_of(entry_->key);
-            changes_ = elements_->changes_;
-        }
-    }
+    void move_to(Place place);
+    void refresh();
+    void leave_block();
 
     const Elements* elements_;
     const Entry* entry_ = nullptr;  // null at the end
-    Index rank_ = 0;
-    Index changes_;
-    std::ptrdiff_t way_ = 1;  // the last time
-};
-
-struct BlockConfiguration::Impl {
-    Elements elements;
-
-    /// The record of a configuration; a moved-from one has none.
-    static const Impl& of(const BlockConfiguration& config);
-    static Impl& of(BlockConfiguration& config);
-
-    /// The element of exactly that key, null when there is none.
-    const Element* get_element(const std::string& key) const;
-
-    /// Stores a value under `key`, unread, over whatever was there.
-    /// @throws std::runtime_error  the key is not valid
-    void set(const std::string& key, Value&& value);
+    // The rest of its block.
+    const Entry* const* next_ = nullptr;
+    const Entry* const* end_ = nullptr;
+    std::size_t block_ = 0;
+    std::size_t changes_;
 };
 
 }  // namespace Quorval

@@ -7,7 +7,7 @@
 
 #include <quorval/config.h>
 
-#include "config/elements.h"
+#include "config/impl.h"
 
 namespace Quorval {
 
@@ -18,16 +18,25 @@ struct BlockConfiguration::KeyValue::Impl {
     std::variant<Value, Members, std::vector<Members>> content;
 
     template <class Content>
-    static std::shared_ptr<const Impl> make(StringWrapper key, Content content)
+    Impl(std::string&& its_key, Content&& its_content)
+        : key(std::move(its_key)), content(std::forward<Content>(its_content))
     {
-        return std::make_shared<const Impl>(Impl{std::move(key.value_), std::move(content)});
     }
+
+    template <class Content>
+    static std::shared_ptr<const Impl> make(StringWrapper&& key, Content&& content)
+    {
+        return std::make_shared<const Impl>(std::move(key.value_), std::forward<Content>(content));
+    }
+
+    /// Stores it and everything below it.
+    void set(BlockConfiguration& config, const std::string& prefix) const;
 
     static void set_all(BlockConfiguration& config, const std::string& prefix,
                         const Members& members)
     {
         for (const KeyValue& member : members) {
-            set_recursively(config, prefix, member);
+            member.impl_->set(config, prefix);
         }
     }
 };
@@ -149,13 +158,10 @@ BlockConfiguration::KeyValue& BlockConfiguration::KeyValue::operator=(const KeyV
 
 BlockConfiguration::KeyValue::~KeyValue() = default;
 
-// The value is one by the signature that plug-ins know.
-void BlockConfiguration::KeyValue::set_recursively(
-    BlockConfiguration& config, const std::string& prefix,
-    KeyValue value)  // NOLINT(performance-unnecessary-value-param)
+void BlockConfiguration::KeyValue::Impl::set(BlockConfiguration& config,
+                                             const std::string& prefix) const
 {
-    const std::string path = prefix + value.impl_->key;
-    const auto& content = value.impl_->content;
+    const std::string path = prefix + key;
     if (const auto* leaf = std::get_if<Value>(&content)) {
         BlockConfiguration::Impl::of(config).set(path, copy_value(*leaf));
     } else if (const auto* members = std::get_if<Impl::Members>(&content)) {
@@ -169,11 +175,19 @@ void BlockConfiguration::KeyValue::set_recursively(
     }
 }
 
+void BlockConfiguration::KeyValue::set_recursively(
+    BlockConfiguration& config, const std::string& prefix,
+    KeyValue value)  // NOLINT(performance-unnecessary-value-param): the signature is the interface
+{
+    value.impl_->set(config, prefix);
+}
+
 BlockConfiguration::BlockConfiguration(std::initializer_list<KeyValue> values)
     : BlockConfiguration()
 {
+    const std::string no_prefix;
     for (const KeyValue& value : values) {
-        KeyValue::set_recursively(*this, "", value);
+        value.impl_->set(*this, no_prefix);
     }
 }
 

@@ -5,17 +5,9 @@
 
 #include <quorval/config.h>
 
-#include "config/elements.h"
+#include "config/impl.h"
 
 namespace Quorval {
-
-bool equal(const Value& a, const Value& b)
-{
-    return visit_content(a, [&b](const auto& content) {
-        const auto* other = content_if<std::decay_t<decltype(content)>>(b);
-        return other != nullptr && content == *other;
-    });
-}
 
 bool BlockConfiguration::operator==(const BlockConfiguration& other) const
 {
@@ -23,7 +15,7 @@ bool BlockConfiguration::operator==(const BlockConfiguration& other) const
     const Elements& theirs = Impl::of(other).elements;
     return mine.size() == theirs.size() &&
            std::equal(mine.begin(), mine.end(), theirs.begin(), [](const Entry& a, const Entry& b) {
-               return a.key == b.key && equal(a.element.value, b.element.value);
+               return a.key == b.key && equal(a.value, b.value);
            });
 }
 
@@ -37,10 +29,7 @@ BlockConfiguration& BlockConfiguration::operator+=(const BlockConfiguration& oth
     if (this == &other) {
         return *this;
     }
-    Elements& mine = Impl::of(*this).elements;
-    for (const Entry& entry : Impl::of(other).elements) {
-        mine.put(entry.key, Element(entry.element));
-    }
+    Impl::of(*this).elements.merge(Impl::of(other).elements);
     return *this;
 }
 
@@ -66,8 +55,8 @@ BlockConfiguration BlockConfiguration::diff(const BlockConfiguration& other) con
         } else {
             other_entry = theirs.find(entry.key);
         }
-        if (other_entry == nullptr || !equal(entry.element.value, other_entry->element.value)) {
-            differing.put(entry.key, Element(entry.element));
+        if (other_entry == nullptr || !equal(entry.value, other_entry->value)) {
+            differing.put(entry.key, copy_value(entry.value), entry.consumed);
         }
     }
     return result;

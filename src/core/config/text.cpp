@@ -9,7 +9,7 @@
 
 #include <quorval/config.h>
 
-#include "config/elements.h"
+#include "config/impl.h"
 
 namespace Quorval {
 
@@ -103,8 +103,8 @@ std::ostream& operator<<(std::ostream& os, const BlockConfiguration& config)
     LineWriter line(os);
     for (const Entry& entry : BlockConfiguration::Impl::of(config).elements) {
         line.add(entry.key);
-        line.add(kTypeLabels[entry.element.value.index()]);
-        visit_content(entry.element.value, [&line](const auto& content) { line.write(content); });
+        line.add(kTypeLabels[entry.value.index()]);
+        visit_content(entry.value, [&line](const auto& content) { line.write(content); });
         line.end_line();
     }
     return os;

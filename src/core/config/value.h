@@ -14,12 +14,11 @@
 
 namespace Quorval {
 
-/// A value. The alternatives have the order of BlockConfiguration::Type. Strings and vectors lie
-/// behind a pointer, never null: elements stay small, and moving or replacing a value cannot fail.
-using Value =
-    std::variant<int, bool, double, std::unique_ptr<std::string>, std::unique_ptr<std::vector<int>>,
-                 std::unique_ptr<std::vector<double>>, std::unique_ptr<std::vector<std::string>>,
-                 std::unique_ptr<std::vector<bool>>>;
+/// A value. The alternatives have the order of BlockConfiguration::Type. A vector of bools lies
+/// behind a pointer, never null: it is the largest of all, and would make every element larger.
+/// Moving or replacing a value cannot fail.
+using Value = std::variant<int, bool, double, std::string, std::vector<int>, std::vector<double>,
+                           std::vector<std::string>, std::unique_ptr<std::vector<bool>>>;
 
 constexpr std::array<std::string_view, std::variant_size_v<Value>> kTypeNames = {
     "int", "bool", "double", "string", "IntVector", "DoubleVector", "StringVector", "BoolVector"};
@@ -27,14 +26,19 @@ constexpr std::array<std::string_view, std::variant_size_v<Value>> kTypeNames = 
 template <class T>
 constexpr bool kIsScalar = std::is_arithmetic_v<T>;
 
-/// The value that holds `content`, which has one of the eight types.
+/// Whether a value holds a T itself, not a pointer to it.
 template <class T>
-Value make_value(T content)
+constexpr bool kIsInside = !std::is_same_v<T, std::vector<bool>>;
+
+/// The value that holds `content`, which has one of the eight types.
+template <class Content>
+Value make_value(Content&& content)
 {
-    if constexpr (kIsScalar<T>) {
-        return content;
+    using T = std::decay_t<Content>;
+    if constexpr (kIsInside<T>) {
+        return Value(std::in_place_type<T>, std::forward<Content>(content));
     } else {
-        return std::make_unique<T>(std::move(content));
+        return std::make_unique<T>(std::forward<Content>(content));
     }
 }
 
@@ -42,7 +46,7 @@ Value make_value(T content)
 template <class T>
 const T* content_if(const Value& value)
 {
-    if constexpr (kIsScalar<T>) {
+    if constexpr (kIsInside<T>) {
         return std::get_if<T>(&value);
     } else {
         const auto* held = std::get_if<std::unique_ptr<T>>(&value);
@@ -56,23 +60,30 @@ decltype(auto) visit_content(const Value& value, Visitor&& visitor)
 {
     return std::visit(
         [&visitor](const auto& held) -> decltype(auto) {
-            if constexpr (kIsScalar<std::decay_t<decltype(held)>>) {
-                return visitor(held);
-            } else {
+            if constexpr (std::is_same_v<std::decay_t<decltype(held)>,
+                                         std::unique_ptr<std::vector<bool>>>) {
                 return visitor(*held);
+            } else {
+                return visitor(held);
             }
         },
         value);
 }
 
-/// std::variant could copy itself, but leaves its target broken when the copy of a string or a
-/// vector throws.
+/// A copy of a value, which cannot copy itself.
 inline Value copy_value(const Value& value)
 {
     return visit_content(value, [](const auto& content) { return make_value(content); });
 }
 
-bool equal(const Value& a, const Value& b);
+/// Whether both have the same type and content. A NaN equals nothing.
+inline bool equal(const Value& a, const Value& b)
+{
+    return visit_content(a, [&b](const auto& content) {
+        const auto* other = content_if<std::decay_t<decltype(content)>>(b);
+        return other != nullptr && content == *other;
+    });
+}
 
 /// The items of a vector of numbers as numbers of another type.
 template <class To, class From>

@@ -26,7 +26,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 
-#include "config/elements.h"
+#include "config/impl.h"
 #include "store/bools.h"
 
 namespace Quorval {
@@ -112,8 +112,8 @@ std::size_t size_of(const Elements& elements)
 {
     std::size_t size = 0;
     for (const Entry& entry : elements) {
-        size += size_of(entry.key) + size_of(kTypeNames[entry.element.value.index()]) +
-                visit_content(entry.element.value,
+        size += size_of(entry.key) + size_of(kTypeNames[entry.value.index()]) +
+                visit_content(entry.value,
                               [](const auto& content) { return size_of(content); });
     }
     return size;
@@ -448,15 +448,9 @@ private:
 template <class Content>
 Value read_value(Reader& reader)
 {
-    if constexpr (kIsScalar<Content>) {
-        Content content{};
-        reader.read(content);
-        return content;
-    } else {
-        auto content = std::make_unique<Content>();
-        reader.read(*content);
-        return content;
-    }
+    Content content{};
+    reader.read(content);
+    return make_value(std::move(content));
 }
 
 using ReadValue = Value (*)(Reader&);
@@ -522,8 +516,8 @@ POFStream& operator<<(POFStream& out, const BlockConfiguration& config)
     Writer writer(out, memory != nullptr);
     for (const Entry& entry : elements) {
         writer.write(entry.key);
-        writer.write(kTypeNames[entry.element.value.index()]);
-        visit_content(entry.element.value,
+        writer.write(kTypeNames[entry.value.index()]);
+        visit_content(entry.value,
                       [&writer](const auto& content) { writer.write(content); });
     }
     writer.flush();

@@ -1,0 +1,38 @@
+// The record of a configuration.
+#pragma once
+
+#include <cstring>
+#include <string>
+
+#include <quorval/config.h>
+
+#include "config/elements.h"
+#include "config/value.h"
+
+namespace Quorval {
+
+/// Whether `part` occurs anywhere in `text`.
+inline bool holds(const std::string& text, const std::string& part)
+{
+    return ::memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
+}
+
+struct BlockConfiguration::Impl {
+    Elements elements;
+
+    /// The record of a configuration; a moved-from one has none.
+    static const Impl& of(const BlockConfiguration& config);
+    static Impl& of(BlockConfiguration& config);
+
+    /// The element of exactly that key, null when there is none.
+    static const Entry* get_element(const BlockConfiguration& config, const std::string& key)
+    {
+        return config.impl_ ? config.impl_->elements.find(key) : nullptr;
+    }
+
+    /// Stores a value under `key`, unread, over whatever was there.
+    /// @throws std::runtime_error  the key is not valid
+    void set(const std::string& key, Value&& value);
+};
+
+}  // namespace Quorval
