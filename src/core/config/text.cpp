@@ -1,4 +1,5 @@
 #include <array>
+#include <cfenv>
 #include <charconv>
 #include <cstddef>
 #include <iostream>
@@ -67,7 +68,8 @@ private:
                                       std::ios::floatfield | std::ios::showpoint |
                                       std::ios::showpos | std::ios::uppercase;
         return (os.flags() & kNumberFlags) == std::ios::dec && os.precision() >= 0 &&
-               os.precision() <= kMaxPrecision && os.getloc() == std::locale::classic();
+               os.precision() <= kMaxPrecision && os.getloc() == std::locale::classic() &&
+               std::fegetround() == FE_TONEAREST;
     }
 
     template <class Scalar, class... Plain>

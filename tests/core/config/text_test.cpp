@@ -1,3 +1,4 @@
+#include <cfenv>
 #include <cstddef>
 #include <iomanip>
 #include <iostream>
@@ -194,6 +195,11 @@ TEST(ConfigText, FollowsTheFlagsOfTheStream)
          {"b (bool) = +1", "bv (BoolVector) = {+1, +0}", "d (double) = +0.5",
           "dv (DoubleVector) = {+3}", "i (int) = +255", "iv (IntVector) = {-1, +16}",
           "s (string) = 255"}},
+        {"showpoint",
+         [](std::ostream& os) { os << std::showpoint; },
+         {"b (bool) = 1", "bv (BoolVector) = {1, 0}", "d (double) = 0.500000",
+          "dv (DoubleVector) = {3.00000}", "i (int) = 255", "iv (IntVector) = {-1, 16}",
+          "s (string) = 255"}},
         {"fixed",
          [](std::ostream& os) { os << std::fixed << std::setprecision(3); },
          {"b (bool) = 1", "bv (BoolVector) = {1, 0}", "d (double) = 0.500",
@@ -238,6 +244,41 @@ TEST(ConfigText, FollowsThePrecisionOfTheStream)
               "BlockConfiguration:\nv (DoubleVector) = {0.10000000000000001}\n"
               "x (double) = 0.10000000000000001\n");
     EXPECT_EQ(os.precision(), 17);
+}
+
+// Numbers of few digits have an exponent where they are large.
+TEST(ConfigText, WritesExponentsInUpperCaseWhenTheStreamDoes)
+{
+    std::ostringstream os;
+    os << std::uppercase;
+
+    os << BlockConfiguration{{"v", {1e-7, 0.5}}, {"x", 1e9}};
+
+    EXPECT_EQ(os.str(),
+              "BlockConfiguration:\nv (DoubleVector) = {1E-07, 0.5}\nx (double) = 1E+09\n");
+}
+
+TEST(ConfigText, FollowsTheRoundingModeAsTheStreamDoes)
+{
+    struct Row {
+        int mode;
+        std::string text;
+    };
+    // The seventh digits are to be rounded.
+    const BlockConfiguration config = {{"v", {-1234567.0, 0.5}}, {"x", 1234567.0}};
+    const std::vector<Row> rows = {
+        {FE_TONEAREST, "v (DoubleVector) = {-1.23457e+06, 0.5}\nx (double) = 1.23457e+06\n"},
+        {FE_TOWARDZERO, "v (DoubleVector) = {-1.23456e+06, 0.5}\nx (double) = 1.23456e+06\n"},
+        {FE_UPWARD, "v (DoubleVector) = {-1.23456e+06, 0.5}\nx (double) = 1.23457e+06\n"},
+        {FE_DOWNWARD, "v (DoubleVector) = {-1.23457e+06, 0.5}\nx (double) = 1.23456e+06\n"}};
+
+    for (const Row& row : rows) {
+        const int before = std::fegetround();
+        ASSERT_EQ(std::fesetround(row.mode), 0);
+        const std::string text = text_of(config);
+        ASSERT_EQ(std::fesetround(before), 0);
+        EXPECT_EQ(text, "BlockConfiguration:\n" + row.text) << row.mode;
+    }
 }
 
 TEST(ConfigText, FollowsTheLocaleOfTheStream)
