@@ -174,7 +174,7 @@ public:
     void print() const;
 
     /// Do nothing, and never touch the stream: configurations are stored with PStore, in the
-    /// binary form. They stay because plug-ins were built against them.
+    /// binary form.
     void load(std::ifstream& in);
     void save(std::ofstream& out);
 
@@ -487,8 +487,8 @@ QUORVAL_EXPORT POFStream& operator<<(POFStream& out, const BlockConfiguration& c
 
 /// Reads the binary form up to the end of the input and stores its elements over those of
 /// `config`, unread. Elements that were stored before an exception stay. An end of the input
-/// between two elements, or in front of the value of one, ends the reading without a report. No
-/// more memory is taken than a small multiple of what the input really holds.
+/// between two elements, or inside the key or the type name of one, ends the reading without a
+/// report. No more memory is taken than a small multiple of what the input really holds.
 /// @throws std::runtime_error  the stream is not good, at the start or after an element: "Stream
 ///     entered a bad state"; a type is unknown: "The parameter <key> has an unknown type: <type>";
 ///     a key is not valid, with the text of BlockConfiguration::set()
