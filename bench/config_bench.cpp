@@ -290,23 +290,30 @@ template <class Library>
 void add_copy(const std::string& side)
 {
     struct State {
-        typename Library::Tree tree = make_tree<Library>(make_entries(kLarge));
+        std::vector<Entry> entries;
+        typename Library::Tree tree = Library::make();
         typename Library::Tree result = Library::make();
     };
-    add_time("copy/" + side, kLarge, [] {
-        auto state = std::make_shared<State>();
-        return Side{[state] { state->result = Library::copy(state->tree); },
-                    [state] {
-                        // Not by the comparison of the library, which is a case of its own.
-                        for (const Entry& entry : make_entries(kLarge)) {
-                            if (Library::get(state->result, entry) != entry.value) {
-                                return false;
+    const auto add = [&side](const std::string& name, Keys keys) {
+        add_time(name + "/" + side, kLarge, [keys] {
+            auto state = std::make_shared<State>();
+            state->entries = make_entries(kLarge, keys);
+            state->tree = make_tree<Library>(state->entries);
+            return Side{[state] { state->result = Library::copy(state->tree); },
+                        [state] {
+                            // Not by the comparison of the library, which is a case of its own.
+                            for (const Entry& entry : state->entries) {
+                                if (Library::get(state->result, entry) != entry.value) {
+                                    return false;
+                                }
                             }
-                        }
-                        return true;
-                    },
-                    [state] { state->result = Library::make(); }};
-    });
+                            return true;
+                        },
+                        [state] { state->result = Library::make(); }};
+        });
+    };
+    add("copy", Keys::Short);
+    add("copy_long_keys", Keys::Long);
 }
 
 template <class Library>
@@ -339,34 +346,39 @@ void add_merge(const std::string& side)
         typename Library::Tree added = Library::make();
         typename Library::Tree result = Library::make();
     };
-    add_time("merge/" + side, kLarge, [] {
-        auto state = std::make_shared<State>();
-        state->base = make_entries(kLarge);
-        state->more = state->base;
-        for (std::size_t index = 0; index < kLarge; ++index) {
-            state->more[index].value = -1 - state->more[index].value;
-            if (index % 2 == 1) {
-                state->more[index].leaf += "x";
-                state->more[index].key += "x";
+    const auto add = [&side](const std::string& name, Keys keys) {
+        add_time(name + "/" + side, kLarge, [keys] {
+            auto state = std::make_shared<State>();
+            state->base = make_entries(kLarge, keys);
+            state->more = state->base;
+            for (std::size_t index = 0; index < kLarge; ++index) {
+                state->more[index].value = -1 - state->more[index].value;
+                if (index % 2 == 1) {
+                    state->more[index].leaf += "x";
+                    state->more[index].key += "x";
+                }
             }
-        }
-        state->tree = make_tree<Library>(state->base);
-        state->added = make_tree<Library>(state->more);
-        return Side{[state] { Library::merge(state->result, state->added); },
-                    [state] {
-                        for (std::size_t index = 0; index < kLarge; ++index) {
-                            const bool is_kept = index % 2 == 1;
-                            const int expected = (is_kept ? state->base : state->more)[index].value;
-                            if (Library::get(state->result, state->base[index]) != expected ||
-                                Library::get(state->result, state->more[index]) !=
-                                    state->more[index].value) {
-                                return false;
+            state->tree = make_tree<Library>(state->base);
+            state->added = make_tree<Library>(state->more);
+            return Side{[state] { Library::merge(state->result, state->added); },
+                        [state] {
+                            for (std::size_t index = 0; index < kLarge; ++index) {
+                                const bool is_kept = index % 2 == 1;
+                                const int expected =
+                                    (is_kept ? state->base : state->more)[index].value;
+                                if (Library::get(state->result, state->base[index]) != expected ||
+                                    Library::get(state->result, state->more[index]) !=
+                                        state->more[index].value) {
+                                    return false;
+                                }
                             }
-                        }
-                        return true;
-                    },
-                    [state] { state->result = Library::copy(state->tree); }};
-    });
+                            return true;
+                        },
+                        [state] { state->result = Library::copy(state->tree); }};
+        });
+    };
+    add("merge", Keys::Short);
+    add("merge_long_keys", Keys::Long);
 }
 
 /// 10,000 elements, of which 100 differ.

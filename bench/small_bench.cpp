@@ -294,9 +294,51 @@ void add_fresh(std::size_t size, const std::string& side)
     });
 }
 
+/// One group among 10,000 elements: all keys are searched, few are found.
+template <class Config>
+void add_search(const std::string& side)
+{
+    constexpr std::size_t kLarge = 10'000;
+    struct Large {
+        Config config;
+        Config result;
+    };
+    const auto make = [] {
+        auto state = std::make_shared<Large>();
+        for (const Entry& entry : make_entries(kLarge)) {
+            state->config.set(entry.key, entry.value);
+        }
+        return state;
+    };
+    // n3.p4 holds as many as there are leaves.
+    const auto is_found = [](const Config& config) {
+        std::size_t count = 0;
+        for (const auto at = config.iterate(""); !at->is_end(); at->advance()) {
+            ++count;
+        }
+        return count > 10 && count < 30;
+    };
+    add_time("subtree/" + side, kLarge, [=] {
+        auto state = make();
+        return Side{[state] { state->result = state->config.getSubtree("n3.p4"); },
+                    [=] { return is_found(state->result); }};
+    });
+    add_time("delete/" + side, kLarge, [=] {
+        auto state = make();
+        return Side{[state] { state->result.delete_element("n3.p4"); },
+                    [=] {
+                        const auto before = state->config.iterate("n3.p4.");
+                        const auto after = state->result.iterate("n3.p4.");
+                        return !before->is_end() && after->is_end();
+                    },
+                    [state] { state->result = state->config; }};
+    });
+}
+
 template <class Config>
 void add_all(const std::string& side)
 {
+    add_search<Config>(side);
     for (const std::size_t size : {30, 100, 500}) {
         add_making<Config>(size, side);
         add_reading<Config>(size, side);

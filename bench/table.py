@@ -103,6 +103,11 @@ def is_memory(case):
     return case.startswith(("heap", "peak", "bytes"))
 
 
+def is_counted_only(case):
+    """Whether instructions are compared: of what happens once, no time can be taken."""
+    return case.startswith("fresh")
+
+
 def quantity(value, in_bytes):
     """A median with its unit, in three digits."""
     units = [(1e6, "MB"), (1e3, "kB"), (1, "B")] if in_bytes else [
@@ -124,10 +129,16 @@ def row_cells(row, results, missing):
     for name in (ours, theirs):
         if results.is_wrong(name):
             return [*head, "", "", "WRONG RESULT of " + name, goal, "", ""]
-    mine, other = results.median(ours), results.median(theirs)
-    unit = is_memory(row.case)
+    if is_counted_only(row.case):
+        mine, other = results.instructions(ours), results.instructions(theirs)
+        show = count
+    else:
+        mine, other = results.median(ours), results.median(theirs)
+
+        def show(value):
+            return quantity(value, is_memory(row.case))
     if row.peer in missing and mine is not None:
-        return [*head, quantity(mine, unit), "", f"peer is missing: {PACKAGES[row.peer]}", goal,
+        return [*head, show(mine), "", f"peer is missing: {PACKAGES[row.peer]}", goal,
                 "", ""]
     if mine is None or other is None:
         return [*head, "", "", NOT_MEASURED, goal, "", ""]
@@ -135,7 +146,7 @@ def row_cells(row, results, missing):
     verdict = "" if row.goal is None else ("yes" if ratio <= row.goal else "no")
     counts = [results.instructions(name) for name in (ours, theirs)]
     instructions = "" if None in counts else " / ".join(map(count, counts))
-    return [*head, quantity(mine, unit), quantity(other, unit),
+    return [*head, show(mine), show(other),
             f"{ratio:.3g}" if ratio < 10 else f"{ratio:.0f}", goal, verdict, instructions]
 
 
