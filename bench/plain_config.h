@@ -1,13 +1,13 @@
 // What one would write in place of a configuration: a map behind the same calls.
 #pragma once
 
+#include "workload.h"
+
 #include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "workload.h"
 
 namespace quorval_bench {
 

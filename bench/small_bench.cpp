@@ -1,5 +1,10 @@
 // Configurations of the size that they have: some dozen to some hundred elements of all types.
 
+#include <quorval/config.h>
+#include "harness.h"
+#include "plain_config.h"
+#include "workload.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
@@ -9,12 +14,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <quorval/config.h>
-
-#include "harness.h"
-#include "plain_config.h"
-#include "workload.h"
 
 namespace quorval_bench {
 

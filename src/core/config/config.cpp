@@ -1,12 +1,11 @@
 #include <quorval/config.h>
+#include "config/impl.h"
 
 #include <algorithm>
 #include <array>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
-
-#include "config/impl.h"
 
 namespace Quorval {
 

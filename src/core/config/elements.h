@@ -1,6 +1,8 @@
 // How the elements of a configuration are kept.
 #pragma once
 
+#include "config/value.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -8,8 +10,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "config/value.h"
 
 namespace Quorval {
 

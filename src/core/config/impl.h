@@ -1,13 +1,12 @@
 // The record of a configuration.
 #pragma once
 
-#include <cstring>
-#include <string>
-
 #include <quorval/config.h>
-
 #include "config/elements.h"
 #include "config/value.h"
+
+#include <cstring>
+#include <string>
 
 namespace Quorval {
 

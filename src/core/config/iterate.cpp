@@ -1,12 +1,11 @@
+#include <quorval/config.h>
+#include "config/impl.h"
+
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <variant>
 #include <vector>
-
-#include <quorval/config.h>
-
-#include "config/impl.h"
 
 namespace Quorval {
 

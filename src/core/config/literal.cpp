@@ -1,13 +1,12 @@
+#include <quorval/config.h>
+#include "config/impl.h"
+
 #include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <quorval/config.h>
-
-#include "config/impl.h"
 
 namespace Quorval {
 

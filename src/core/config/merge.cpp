@@ -1,11 +1,10 @@
+#include <quorval/config.h>
+#include "config/impl.h"
+
 #include <algorithm>
 #include <string>
 #include <type_traits>
 #include <utility>
-
-#include <quorval/config.h>
-
-#include "config/impl.h"
 
 namespace Quorval {
 

@@ -1,3 +1,6 @@
+#include <quorval/config.h>
+#include "config/impl.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
@@ -6,10 +9,6 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
-
-#include <quorval/config.h>
-
-#include "config/impl.h"
 
 namespace Quorval {
 

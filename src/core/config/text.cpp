@@ -1,3 +1,6 @@
+#include <quorval/config.h>
+#include "config/impl.h"
+
 #include <array>
 #include <cfenv>
 #include <charconv>
@@ -7,10 +10,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <quorval/config.h>
-
-#include "config/impl.h"
 
 namespace Quorval {
 

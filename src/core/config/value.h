@@ -1,6 +1,8 @@
 // The values of a configuration, and what all operations on them share.
 #pragma once
 
+#include <quorval/config.h>
+
 #include <array>
 #include <memory>
 #include <string>
@@ -9,8 +11,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <quorval/config.h>
 
 namespace Quorval {
 

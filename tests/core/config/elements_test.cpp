@@ -1,6 +1,12 @@
 // What no user sees of the storage: how well it finds elements, and the memory that it takes.
 // Replaces the allocation functions, so it is a program of its own.
 
+#include "config/elements.h"
+
+#include "support/allocations.h"
+
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -9,11 +15,6 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "config/elements.h"
-#include "support/allocations.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Prints the hash of a key in this process.
 
-#include <cstdio>
-
 #include "config/elements.h"
+
+#include <cstdio>
 
 int main()
 {

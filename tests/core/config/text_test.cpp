@@ -1,3 +1,9 @@
+#include <quorval/config.h>
+#include "core/config/contents.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <cfenv>
 #include <cstddef>
 #include <iomanip>
@@ -8,13 +14,6 @@
 #include <streambuf>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-
-#include "core/config/contents.h"
-#include "support/support.h"
 
 namespace {
 
