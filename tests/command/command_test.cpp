@@ -18,6 +18,19 @@ std::vector<std::string> split_list(const std::string& list)
     return words;
 }
 
+/// Without what the emulator says about a program that a signal ends.
+std::string without_emulator(const std::string& text)
+{
+    std::string rest;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        if (line.rfind("qemu: ", 0) != 0) {
+            rest += line + "\n";
+        }
+    }
+    return rest;
+}
+
 }  // namespace
 
 void CommandTest::write(const std::string& name, const std::string& text) const
@@ -39,6 +52,15 @@ ProcessOptions CommandTest::command(const std::vector<std::string>& arguments) c
                            {"NO_COLOR", std::nullopt},
                            {"TERM", "xterm"}};
     return options;
+}
+
+ProcessResult CommandTest::run(const std::vector<std::string>& arguments) const
+{
+    ProcessResult result = run_process(command(arguments));
+    if (*QUORVAL_EMULATOR != '\0') {
+        result.err = without_emulator(result.err);
+    }
+    return result;
 }
 
 void expect_result(const ProcessResult& result, int status, const std::string& out,

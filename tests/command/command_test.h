@@ -21,10 +21,7 @@ protected:
     /// `quorval` with these arguments.
     ProcessOptions command(const std::vector<std::string>& arguments) const;
 
-    ProcessResult run(const std::vector<std::string>& arguments) const
-    {
-        return run_process(command(arguments));
-    }
+    ProcessResult run(const std::vector<std::string>& arguments) const;
 
     std::string directory() const { return work_.path().string(); }
 
