@@ -39,7 +39,7 @@ is_one_of()
 declare -A package_groups=(
     [build]="g++ cmake make ninja-build libcereal-dev"
     [runtime]="libsystemd-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev"
-    [examples]="libsndfile1-dev libcli11-dev libsystemd-dev"
+    [examples]="libsndfile1-dev"
     [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3
         bash-completion fish graphviz zsh"
     [demo]="alsa-utils"

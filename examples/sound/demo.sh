@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
-# Runs the sound example on a real recording and shows what it does.
+# Shows the sound example at work on a real recording.
 set -euo pipefail
 
 usage()
 {
     cat <<'END'
-Usage: demo.sh BUILD_DIR
+usage: demo.sh QUORVAL PLUGIN_DIR OUTPUT_DIR
 
-Runs quorval-sound from BUILD_DIR, of the whole project or of the example alone, on a recording that
-a Debian package brings, and prints the configuration, the blocks and connections read back, the
-levels before and after, and where the output lies: in BUILD_DIR/demo. Run it twice to see that the
-meters remember the highest peak.
+Draws the graph loudness.toml, shows what is said of the mistakes in mistakes.toml, and runs the
+graph on a recording that a Debian package brings. QUORVAL is the command, PLUGIN_DIR the directory
+of sound.so. What comes of it lies in OUTPUT_DIR. Run it twice to see that the meters remember the
+highest peak.
 END
 }
 
@@ -38,27 +38,31 @@ if [[ "${1:-}" == "-h" || "${1:-}" == "--help" ]]; then
     usage
     exit 0
 fi
-if [[ $# -ne 1 ]]; then
+if [[ $# -ne 3 ]]; then
     usage >&2
     exit 2
 fi
 
-host="$1/quorval-sound"
-if [[ ! -x "$host" ]]; then
-    host="$1/examples/sound/quorval-sound"
-fi
-[[ -x "$host" ]] || fail "$host is missing: build it first"
-recording="$(find_recording)"
-mkdir -p "$1/demo"
-directory="$(cd "$1/demo" && pwd)"
-output="$directory/output.flac"
+quorval=$1
+plugins=(--plugin-path "$2")
+recording=$(find_recording)
+mkdir -p "$3"
+directory=$(cd "$3" && pwd)
+here=$(dirname "${BASH_SOURCE[0]}")
 
-echo "== A recording goes through a gain and a low-pass filter. The gain starts as 0.5; a line on"
-echo "== standard input changes it to 0.25."
-echo "Input:  $recording"
-echo "Output: $output"
+echo "== The graph, as quorval graph draws it for Mermaid:"
 echo
-"$host" --verbose --gain 0.5 --taps 0.25,0.5,0.25 --block-size 1024 --store "$directory/levels" \
-    "$recording" "$output" <<<"gain.factor 0.25"
+"$quorval" graph "${plugins[@]}" --format mermaid "$here/loudness.toml"
 echo
-echo "== Done. The output lies in $output"
+echo "== A graph with three mistakes, and what quorval check says:"
+echo
+status=0
+"$quorval" check "${plugins[@]}" "$here/mistakes.toml" 2>&1 || status=$?
+[[ $status -eq 3 ]] || fail "quorval check ended with the status $status"
+echo
+echo "== The graph runs on $recording:"
+echo
+"$quorval" run "${plugins[@]}" --state "$directory/levels" \
+    --set "source.path=$recording" --set "sink.path=$directory/out.flac" "$here/loudness.toml"
+echo
+echo "== Done. The output lies in $directory/out.flac"

@@ -1,419 +1,394 @@
-// The blocks of the sound plug-in, driven by hand.
-#include <quorval/pluginloader.h>
+// The blocks of the sound plug-in, each in a harness.
 #include <quorval/pstore.h>
+#include <quorval/runtime/testing.h>
 #include "examples/recording.h"
 #include "plugin/samples.h"
 #include "support/support.h"
-#include "tools.h"
 
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
-#include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 namespace {
 
-using Quorval::Block;
 using Quorval::BlockConfiguration;
-using Quorval::InPortInternal;
-using Quorval::OutPort;
-using Quorval::OutPortInternal;
+using Quorval::Harness;
 using quorval_test::expect_throw;
 using sound::SampleBlock;
-using Reports = std::vector<std::string>;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 
-class SoundBlock : public testing::Test {
-protected:
-    SoundBlock()
+/// A block of the plug-in, started.
+class SoundBlock : public Harness {
+public:
+    explicit SoundBlock(const std::string& type, const BlockConfiguration& config = {})
+        : Harness(QUORVAL_SOUND_PLUGIN, type, config)
     {
-        tools_->report = [this](const std::string& block, const std::string& finding) {
-            reports_.push_back(block + ": " + finding);
-        };
-        tools_->progress = [this](std::int64_t done, std::int64_t total) {
-            progress_.emplace_back(done, total);
-        };
-    }
-
-    /// The block lives as long as the test.
-    Block& create(const std::string& type, const BlockConfiguration& config)
-    {
-        created_.push_back(std::get<0>(loader_.create(type, config, "b")));
-        Block& block = *created_.back()->get_blocks().front();
-        block.set_tools(tools_);
-        return block;
+        start();
     }
 
     /// Hands a piece of mono sound to the block and runs it.
-    bool feed(Block& block, std::vector<double> samples, bool last = false)
+    void feed_samples(std::vector<double> samples, bool last = false)
     {
-        feed_.write({8000, 1, std::move(samples), last});
-        get_input(block).update(feed_);
-        const bool result = block.run();
-        block.reset_inports(false);
-        feed_.reset(false);
-        return result;
-    }
-    static InPortInternal& get_input(const Block& block)
-    {
-        return *block.get_inport("in").front().second.get_connectable();
-    }
-    static const SampleBlock& get_output(const Block& block)
-    {
-        return *static_cast<const SampleBlock*>(block.get_outport("out").second.get_data());
-    }
-    std::vector<double> filter(Block& block, std::vector<double> samples)
-    {
-        feed(block, std::move(samples));
-        return get_output(block).samples;
+        feed("in", SampleBlock{8000, 1, std::move(samples), last});
+        EXPECT_TRUE(step());
     }
 
-    quorval_test::TemporaryDirectory directory_;
-    quorval_test::ScopedEnvironment plugins_{"QUORVAL_PLUGIN_DIR", QUORVAL_SOUND_PLUGIN_DIR};
-    quorval_test::LogRecorder log_{LOGLEVEL_WARNING};
-    const Quorval::InitTools init_tools_{3};
-    Quorval::PluginLoader loader_{QUORVAL_SOUND_PLUGIN, init_tools_};
-    std::shared_ptr<Quorval::RuntimeTools> tools_ = std::make_shared<Quorval::RuntimeTools>();
-    Reports reports_;
-    std::vector<std::pair<std::int64_t, std::int64_t>> progress_;
-    OutPort<SampleBlock> feed_{"feed", Quorval::Datatype("sample-block")};
-    std::vector<Quorval::UniqueDlPtr<Quorval::Container>> created_;
+    /// What the block makes of a piece.
+    std::vector<double> filter(std::vector<double> samples)
+    {
+        feed_samples(std::move(samples));
+        EXPECT_TRUE(is_triggered("out"));
+        return output<SampleBlock>("out").samples;
+    }
 };
 
-TEST_F(SoundBlock, HasPortsOfOneType)
-{
-    const BlockConfiguration file{{"path", "x.wav"}};
-    using Info = std::unordered_map<std::string, Quorval::Datatype>;
-    const Info in{{"in", Quorval::Datatype("sample-block")}};
-    const Info out{{"out", Quorval::Datatype("sample-block")}};
-
-    EXPECT_TRUE(create("SoundFileSource", file).get_inports_info().empty());
-    EXPECT_EQ(create("SoundFileSource", file).get_outports_info(), out);
-    EXPECT_EQ(create("SoundFileSource", file).get_fdport_names(), std::vector<std::string>{"next"});
-    EXPECT_EQ(create("Gain", {}).get_inports_info(), in);
-    EXPECT_EQ(create("Gain", {}).get_outports_info(), out);
-    EXPECT_EQ(create("Fir", {}).get_inports_info(), in);
-    EXPECT_EQ(create("Fir", {}).get_outports_info(), out);
-    EXPECT_EQ(create("LevelMeter", {}).get_inports_info(), in);
-    EXPECT_TRUE(create("LevelMeter", {}).get_outports_info().empty());
-    EXPECT_EQ(create("SoundFileSink", file).get_inports_info(), in);
-}
-
-TEST_F(SoundBlock, ConsumesAllKeysThatItKnows)
-{
-    const std::vector<std::pair<std::string, BlockConfiguration>> table = {
-        {"SoundFileSource", {{"path", "x.wav"}, {"frames", 1}, {"pstore_path", "/x/"}}},
-        {"Gain", {{"factor", 1}, {"pstore_path", "/x/"}}},
-        {"Fir", {{"taps", {1, 2}}, {"pstore_path", "/x/"}}},
-        {"LevelMeter", {{"forget", true}, {"pstore_path", "/x/"}}},
-        {"SoundFileSink", {{"path", "x.wav"}, {"encoding", "float"}, {"pstore_path", "/x/"}}},
-    };
-
-    for (const auto& [type, config] : table) {
-        create(type, config);
-
-        EXPECT_TRUE(config.is_consumed()) << type;
-    }
-    EXPECT_TRUE(log_.lines().empty());
-}
-
-TEST_F(SoundBlock, WarnsAboutAKeyThatItDoesNotKnow)
+TEST(SoundPlugin, RefusesABadConfiguration)
 {
     const std::vector<std::tuple<std::string, BlockConfiguration, std::string>> table = {
-        {"SoundFileSource", {{"path", "x.wav"}, {"pth", 1}}, "frames, path"},
-        {"Gain", {{"factr", 1}}, "factor"},
-        {"Fir", {{"tap", 1}}, "taps"},
-        {"LevelMeter", {{"forgets", true}}, "forget, pstore_path"},
-        {"SoundFileSink", {{"path", "x.wav"}, {"format", "float"}}, "encoding, path"},
-    };
-
-    for (const auto& [type, config, known] : table) {
-        log_.clear();
-        create(type, config);
-
-        EXPECT_EQ(log_.texts(),
-                  (std::vector<std::string>{
-                      "b: the configuration holds an unknown key, known are " + known}))
-            << type;
-    }
-}
-
-TEST_F(SoundBlock, RefusesABadConfiguration)
-{
-    const std::string number = " is refused, allowed is a number from -1000 to 1000";
-    const std::string numbers = " is refused, allowed is a list of 1 to 1024 finite numbers";
-    const std::string whole = " is refused, allowed is a whole number from 1 to 65536";
-    const std::string name = " is refused, allowed is the name of a file";
-    const std::string encoding = " is refused, allowed is one of pcm16 pcm24 float";
-    const std::vector<std::tuple<std::string, BlockConfiguration, std::string>> table = {
-        {"SoundFileSource", {}, "b: path" + name},
-        {"SoundFileSource", {{"path", ""}}, "b: path (string) = " + name},
-        {"SoundFileSource", {{"path", 1}}, "b: path (int) = 1" + name},
-        {"SoundFileSource", {{"path", "x"}, {"frames", 0}}, "b: frames (int) = 0" + whole},
-        {"SoundFileSource", {{"path", "x"}, {"frames", 1.5}}, "b: frames (double) = 1.5" + whole},
-        {"Gain", {{"factor", "1"}}, "b: factor (string) = 1" + number},
-        {"Gain", {{"factor", true}}, "b: factor (bool) = 1" + number},
-        {"Gain", {{"factor", 1001}}, "b: factor (int) = 1001" + number},
-        {"Fir", {{"taps", std::vector<double>{}}}, "b: taps (DoubleVector) = {}" + numbers},
-        {"Fir", {{"taps", 1.0}}, "b: taps (double) = 1" + numbers},
-        {"Fir", {{"taps", {0.5, std::nan("")}}}, "b: taps (DoubleVector) = {0.5, nan}" + numbers},
-        {"LevelMeter",
-         {{"forget", "no"}},
-         "b: forget (string) = no is refused, allowed is true or false"},
-        {"SoundFileSink", {}, "b: path" + name},
+        {"SoundFileSource", {}, "'path' is missing"},
+        {"SoundFileSource",
+         {{"path", "x"}, {"frames", 0}},
+         "'frames' has to be from 1 to 65536, not 0"},
+        {"Gain", {{"factor", 1001}}, "'factor' has to be from -1000 to 1000, not 1001"},
+        {"Fir", {{"taps", std::vector<double>{}}}, "'taps' has to be of 1 to 1024 items, not 0"},
+        {"Fir",
+         {{"taps", {0.5, std::nan("")}}},
+         "'taps' has to be a finite number, not nan (item 1)"},
+        {"SoundFileSink", {}, "'path' is missing"},
         {"SoundFileSink",
-         {{"path", "x"}},
-         "b: path (string) = x is refused, allowed is a name that ends in .wav, .flac, .ogg or "
-         ".oga"},
-        {"SoundFileSink",
-         {{"path", "x.wav"}, {"encoding", 16}},
-         "b: encoding (int) = 16" + encoding},
+         {{"path", "x.mp3"}},
+         "'path' has to end in .wav, .flac, .ogg or .oga, not 'x.mp3'"},
         {"SoundFileSink",
          {{"path", "x.wav"}, {"encoding", "PCM16"}},
-         "b: encoding (string) = PCM16" + encoding},
+         "'encoding' has to be one of pcm16, pcm24, float, not 'PCM16'"},
+        {"SoundFileSink",
+         {{"path", "x.flac"}, {"encoding", "float"}},
+         "'encoding' cannot be float in a .flac file"},
     };
 
     for (const auto& [type, config, text] : table) {
         SCOPED_TRACE(type);
         expect_throw<std::invalid_argument>(
-            [&, &type = type, &config = config] { create(type, config); }, text);
+            [&, &type = type, &config = config] { Harness(QUORVAL_SOUND_PLUGIN, type, config); },
+            text);
     }
 }
 
-TEST_F(SoundBlock, TakesAsManyTapsAsItSays)
+TEST(SoundPlugin, TakesAsManyTapsAsItSays)
 {
-    EXPECT_NO_THROW(create("Fir", {{"taps", std::vector<double>(1024, 1.0)}}));
-    EXPECT_THROW(create("Fir", {{"taps", std::vector<double>(1025, 1.0)}}), std::invalid_argument);
+    EXPECT_NO_THROW(SoundBlock("Fir", {{"taps", std::vector<double>(1024, 1.0)}}));
+    EXPECT_THROW(SoundBlock("Fir", {{"taps", std::vector<double>(1025, 1.0)}}),
+                 std::invalid_argument);
 }
 
-TEST_F(SoundBlock, GainChangesBetweenTwoPieces)
+TEST(SoundGain, ChangesBetweenTwoPieces)
 {
-    Block& gain = create("Gain", {{"factor", 0.5}});
+    SoundBlock gain("Gain", {{"factor", 0.5}});
 
-    EXPECT_EQ(filter(gain, {0.5, -1}), (std::vector<double>{0.25, -0.5}));
-    gain.override_config({{"factor", 2}});
+    EXPECT_EQ(gain.filter({0.5, -1}), (std::vector<double>{0.25, -0.5}));
+    gain.reconfigure({{"factor", 2}});
 
-    EXPECT_EQ(filter(gain, {0.5, -1}), (std::vector<double>{1, -2}));
-    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ(gain.filter({0.5, -1}), (std::vector<double>{1, -2}));
+    EXPECT_TRUE(gain.messages().empty());
 }
 
-TEST_F(SoundBlock, GainPassesTheRestOfAPieceOn)
+TEST(SoundGain, PassesTheRestOfAPieceOn)
 {
-    Block& gain = create("Gain", {});
+    SoundBlock gain("Gain");
 
-    feed(gain, {0.5}, true);
+    gain.feed_samples({0.5}, true);
 
-    EXPECT_TRUE(gain.has_triggered_port());
-    EXPECT_EQ(get_output(gain).rate, 8000);
-    EXPECT_EQ(get_output(gain).channels, 1);
-    EXPECT_TRUE(get_output(gain).last);
-    EXPECT_EQ(get_output(gain).samples, std::vector<double>{0.5});
+    const auto& out = gain.output<SampleBlock>("out");
+    EXPECT_EQ(out.rate, 8000);
+    EXPECT_EQ(out.channels, 1);
+    EXPECT_TRUE(out.last);
+    EXPECT_EQ(out.samples, std::vector<double>{0.5});
 }
 
-TEST_F(SoundBlock, KeepsItsSettingsWhenAChangeIsRefused)
+TEST(SoundGain, KeepsItsFactorWhenAChangeIsRefused)
 {
-    Block& gain = create("Gain", {{"factor", 0.5}});
-    Block& fir = create("Fir", {{"taps", {2, 1}}});
-    gain.override_config({{"factor", 0.25}});
+    SoundBlock gain("Gain", {{"factor", 0.5}});
+    gain.reconfigure({{"factor", 0.25}});
 
-    EXPECT_THROW(gain.override_config({{"factor", "loud"}}), std::invalid_argument);
-    EXPECT_THROW(gain.override_config({{"factor", 1e9}}), std::invalid_argument);
-    EXPECT_THROW(fir.override_config({{"taps", std::vector<int>{}}}), std::invalid_argument);
+    EXPECT_THROW(gain.reconfigure({{"factor", "loud"}}), std::runtime_error);
+    EXPECT_THROW(gain.reconfigure({{"factor", 1e9}}), std::invalid_argument);
 
-    EXPECT_EQ(filter(gain, {1}), std::vector<double>{0.25});
-    EXPECT_EQ(filter(fir, {1, 0}), (std::vector<double>{2, 1}));
+    EXPECT_EQ(gain.filter({1}), std::vector<double>{0.25});
 }
 
-TEST_F(SoundBlock, FirRemembersThePiecesBefore)
+TEST(SoundFir, RemembersThePiecesBefore)
 {
-    Block& fir = create("Fir", {{"taps", {1.0, 0.5, 0.25}}});
+    SoundBlock fir("Fir", {{"taps", {1.0, 0.5, 0.25}}});
 
-    EXPECT_EQ(filter(fir, {1}), std::vector<double>{1});
-    EXPECT_EQ(filter(fir, {}), std::vector<double>{});
-    EXPECT_EQ(filter(fir, {0, 0, 0}), (std::vector<double>{0.5, 0.25, 0}));
+    EXPECT_EQ(fir.filter({1}), std::vector<double>{1});
+    EXPECT_EQ(fir.filter({}), std::vector<double>{});
+    EXPECT_EQ(fir.filter({0, 0, 0}), (std::vector<double>{0.5, 0.25, 0}));
 }
 
-TEST_F(SoundBlock, FirGoesOnWithMoreAndWithFewerTaps)
+TEST(SoundFir, GoesOnWithMoreAndWithFewerTaps)
 {
-    Block& fir = create("Fir", {{"taps", {1.0, 0.5}}});
+    SoundBlock fir("Fir", {{"taps", {1.0, 0.5}}});
 
-    EXPECT_EQ(filter(fir, {1, 2}), (std::vector<double>{1, 2.5}));
-    fir.override_config({{"taps", {0, 0, 1}}});
-    EXPECT_EQ(filter(fir, {4, 8}), (std::vector<double>{0, 2}));
-    fir.override_config({{"taps", {0, 1}}});
-    EXPECT_EQ(filter(fir, {16}), std::vector<double>{8});
-    fir.override_config({{"taps", {3}}});
+    EXPECT_EQ(fir.filter({1, 2}), (std::vector<double>{1, 2.5}));
+    fir.reconfigure({{"taps", {0, 0, 1}}});
+    EXPECT_EQ(fir.filter({4, 8}), (std::vector<double>{0, 2}));
+    fir.reconfigure({{"taps", {0, 1}}});
+    EXPECT_EQ(fir.filter({16}), std::vector<double>{8});
+    EXPECT_THROW(fir.reconfigure({{"taps", std::vector<int>{}}}), std::invalid_argument);
+    fir.reconfigure({{"taps", {3}}});
 
-    EXPECT_EQ(filter(fir, {1}), std::vector<double>{3});
+    EXPECT_EQ(fir.filter({1}), std::vector<double>{3});
 }
 
-TEST_F(SoundBlock, SourceAsksForItsNextRunUntilTheEnd)
+/// A directory for the files of a test.
+class SoundFiles : public testing::Test {
+protected:
+    std::string file(const std::string& name) const { return (directory_.path() / name).string(); }
+    bool is_empty() const { return std::filesystem::is_empty(directory_.path()); }
+
+    quorval_test::TemporaryDirectory directory_;
+};
+
+TEST_F(SoundFiles, SourceAsksForItsNextRunUntilTheEnd)
 {
-    const std::string path = directory_.path() / "in.wav";
-    quorval_test::write_recording(path, quorval_test::make_recording(1, 7));
-    Block& source = create("SoundFileSource", {{"path", path}});
-    Quorval::FdPort& next = *source.get_fdport("next");
-    source.start();
+    quorval_test::write_recording(file("in.wav"), quorval_test::make_recording(1, 7));
+    SoundBlock source("SoundFileSource", {{"path", file("in.wav")}, {"frames", 3}});
 
     std::vector<std::size_t> sizes;
-    bool last = false;
-    while (!last) {
-        next.trigger(true, false);
-        EXPECT_TRUE(source.run());
-        EXPECT_FALSE(next.is_triggered());
-        source.reset_fdports(false);
-        sizes.push_back(get_output(source).samples.size());
-        last = get_output(source).last;
+    std::vector<std::uint64_t> progress;
+    while (source.step()) {
+        sizes.push_back(source.output<SampleBlock>("out").samples.size());
+        progress.push_back(source.progress().first);
     }
 
     EXPECT_EQ(sizes, (std::vector<std::size_t>{3, 3, 1}));
-    using Progress = std::vector<std::pair<std::int64_t, std::int64_t>>;
-    EXPECT_EQ(progress_, (Progress{{3, 7}, {6, 7}, {7, 7}}));
+    EXPECT_EQ(progress, (std::vector<std::uint64_t>{3, 6, 7}));
+    EXPECT_EQ(source.progress().second, 7U);
+    EXPECT_TRUE(source.output<SampleBlock>("out").last);
+    EXPECT_TRUE(source.is_done());
+    EXPECT_EQ(source.messages(),
+              std::vector<std::string>{file("in.wav") + " has 1 channels, 8000 frames per second"});
 }
 
-TEST_F(SoundBlock, SourceReadsPiecesOfTheSizeThatWasSetLast)
+TEST_F(SoundFiles, SourceReadsPiecesOfTheSizeThatWasSetLast)
 {
-    const std::string path = directory_.path() / "in.wav";
     const quorval_test::Recording in = quorval_test::make_recording(1, 7);
-    quorval_test::write_recording(path, in);
-    Block& source = create("SoundFileSource", {{"path", path}, {"frames", 2}});
-    source.start();
-    source.get_fdport("next")->trigger(true, false);
-    source.run();
-    EXPECT_EQ(get_output(source).samples.size(), 2U);
+    quorval_test::write_recording(file("in.wav"), in);
+    SoundBlock source("SoundFileSource", {{"path", file("in.wav")}, {"frames", 2}});
+    source.step();
+    EXPECT_EQ(source.output<SampleBlock>("out").samples.size(), 2U);
 
-    source.override_config({{"frames", 5}});
-    source.get_fdport("next")->trigger(true, false);
-    source.run();
+    source.reconfigure({{"frames", 5}});
+    source.step();
 
-    EXPECT_EQ(get_output(source).samples,
+    EXPECT_EQ(source.output<SampleBlock>("out").samples,
               std::vector<double>(in.samples.begin() + 2, in.samples.end()));
-    EXPECT_TRUE(get_output(source).last);
+    EXPECT_TRUE(source.is_done());
+    expect_throw<std::invalid_argument>(
+        [&] {
+            source.reconfigure({{"path", "other.wav"}});
+        },
+        "'path' cannot be changed while the graph runs");
 }
 
-TEST_F(SoundBlock, MeterMeasuresOverAllPieces)
+TEST_F(SoundFiles, SourceNamesWhatIsWrongWithItsFile)
 {
-    Block& meter = create("LevelMeter", {});
-    meter.start();
+    std::filesystem::create_directory(file("directory"));
+    quorval_test::write_file(file("text"), "This is no sound.\n");
+    const std::vector<std::pair<std::string, std::string>> table = {
+        {file("missing"), "No such file or directory"},
+        {file("directory"), "not a regular file"},
+        {file("text"), "cannot be read as a sound file: Format not recognised"},
+    };
 
-    feed(meter, {0.1, -0.7});
-    feed(meter, {0.5, 0.5});
-    meter.stop();
-
-    EXPECT_EQ(reports_, Reports{"b: peak 0.700000 (-3.10 dBFS), RMS 0.500000 (-6.02 dBFS)"});
+    for (const auto& [path, text] : table) {
+        expect_throw<std::runtime_error>(
+            [&path = path] {
+                SoundBlock("SoundFileSource", {{"path", path}});
+            },
+            path + ": " + text);
+    }
 }
 
-TEST_F(SoundBlock, MeterStoresTheHighestPeak)
+TEST_F(SoundFiles, SinkShowsTheFileWhenItIsComplete)
 {
-    const std::string store = directory_.store_path();
-    Block& first = create("LevelMeter", {{"pstore_path", store}});
-    first.start();
-    feed(first, {0.75});
-    first.stop();
-    EXPECT_TRUE(Quorval::PStore(store).load("level") == BlockConfiguration({{"peak", 0.75}}));
-    reports_.clear();
+    SoundBlock sink("SoundFileSink", {{"path", file("out.wav")}});
 
-    Block& second = create("LevelMeter", {{"pstore_path", store}});
-    second.start();
-    feed(second, {0.5});
-    second.stop();
-
-    EXPECT_EQ(reports_, (Reports{"b: highest peak of earlier runs 0.750000 (-2.50 dBFS)",
-                                 "b: peak 0.500000 (-6.02 dBFS), RMS 0.500000 (-6.02 dBFS)",
-                                 "b: highest peak ever 0.750000 (-2.50 dBFS)"}));
-}
-
-TEST_F(SoundBlock, MeterStartsAfreshWhenConfiguredToForget)
-{
-    const std::string store = directory_.store_path();
-    Quorval::PStore(store).store("level", {{"peak", 0.75}});
-    Block& meter = create("LevelMeter", {{"pstore_path", store}, {"forget", true}});
-
-    meter.start();
-    feed(meter, {0.5});
-    meter.stop();
-
-    EXPECT_TRUE(Quorval::PStore(store).load("level") == BlockConfiguration({{"peak", 0.5}}));
-}
-
-TEST_F(SoundBlock, MeterRefusesAStoreWithoutALevel)
-{
-    const std::string store = directory_.store_path();
-    const std::string head = "cannot read " + store + "level: ";
-    Block& meter = create("LevelMeter", {{"pstore_path", store}});
-
-    Quorval::PStore(store).store("level", {{"peak", -0.5}});
-    expect_throw<std::runtime_error>([&] { meter.start(); }, head + "no level can be negative");
-    Quorval::PStore(store).store("level", {{"peak", std::nan("")}});
-    expect_throw<std::runtime_error>([&] { meter.start(); }, head + "no level can be negative");
-    Quorval::PStore(store).store("level", {{"peak", "loud"}});
-    expect_throw<std::runtime_error>(
-        [&] { meter.start(); },
-        head + "BlockConfiguration::getDouble failed, the parameter 'peak' is type: string");
-    Quorval::PStore(store).store("level", {});
-
-    expect_throw<std::runtime_error>(
-        [&] { meter.start(); },
-        head + "BlockConfiguration::getDouble failed, the parameter 'peak' does not exist");
-}
-
-TEST_F(SoundBlock, SinkShowsTheFileWhenItIsComplete)
-{
-    const std::string path = directory_.path() / "out.wav";
-    Block& sink = create("SoundFileSink", {{"path", path}});
-    sink.start();
-
-    EXPECT_TRUE(feed(sink, {0.5, 0.25}));
-    EXPECT_FALSE(feed(sink, {0.125}, true));
-    EXPECT_FALSE(std::filesystem::exists(path));
+    sink.feed_samples({0.5, 0.25});
+    sink.feed_samples({0.125}, true);
+    EXPECT_FALSE(std::filesystem::exists(file("out.wav")));
     sink.stop();
 
-    EXPECT_EQ(quorval_test::read_recording(path).samples, (std::vector<double>{0.5, 0.25, 0.125}));
-    EXPECT_EQ(reports_, Reports{"b: 3 frames written to " + path});
+    EXPECT_EQ(quorval_test::read_recording(file("out.wav")).samples,
+              (std::vector<double>{0.5, 0.25, 0.125}));
+    EXPECT_EQ(sink.messages(), std::vector<std::string>{"3 frames written to " + file("out.wav")});
 }
 
-TEST_F(SoundBlock, SinkDropsWhatIsNotComplete)
+TEST_F(SoundFiles, SinkCutsWhatIsTooLoudAndSaysSo)
 {
-    const std::string path = directory_.path() / "out.wav";
-    Block& sink = create("SoundFileSink", {{"path", path}});
-    feed(sink, {0.5, 0.25});
-    EXPECT_FALSE(std::filesystem::is_empty(directory_.path()));
+    SoundBlock sink("SoundFileSink", {{"path", file("out.wav")}});
+
+    sink.feed_samples({1.5, -1.5, 0.5}, true);
+    sink.stop();
+
+    EXPECT_EQ(quorval_test::read_recording(file("out.wav")).samples,
+              (std::vector<double>{32767.0 / 32768.0, -1, 0.5}));
+    EXPECT_EQ(sink.messages().front(), "2 samples were too loud and are clipped");
+}
+
+TEST_F(SoundFiles, SinkReplacesWhatASymbolicLinkLeadsTo)
+{
+    quorval_test::write_file(file("target.wav"), "old");
+    std::filesystem::create_symlink("target.wav", file("link.wav"));
+    SoundBlock sink("SoundFileSink", {{"path", file("link.wav")}});
+
+    sink.feed_samples({0.5}, true);
+    sink.stop();
+
+    EXPECT_TRUE(std::filesystem::is_symlink(file("link.wav")));
+    EXPECT_EQ(quorval_test::read_recording(file("target.wav")).samples, std::vector<double>{0.5});
+}
+
+TEST_F(SoundFiles, SinkDropsWhatIsNotComplete)
+{
+    SoundBlock sink("SoundFileSink", {{"path", file("out.wav")}});
+    sink.feed_samples({0.5, 0.25});
+    EXPECT_FALSE(is_empty());
 
     sink.stop();
 
-    EXPECT_TRUE(std::filesystem::is_empty(directory_.path()));
-    EXPECT_TRUE(reports_.empty());
+    EXPECT_TRUE(is_empty());
+    EXPECT_EQ(sink.messages(), std::vector<std::string>{"the recording did not come to its end: " +
+                                                        file("out.wav") + " is not written"});
 }
 
-TEST_F(SoundBlock, SinkTakesAnUnfinishedFileWithIt)
+TEST_F(SoundFiles, SinkTakesAnUnfinishedFileWithIt)
 {
-    Block& sink = create("SoundFileSink", {{"path", (directory_.path() / "out.ogg").string()}});
-    feed(sink, {0.5, 0.25}, true);
-    EXPECT_FALSE(std::filesystem::is_empty(directory_.path()));
-
-    created_.clear();
-
-    EXPECT_TRUE(std::filesystem::is_empty(directory_.path()));
+    {
+        SoundBlock sink("SoundFileSink", {{"path", file("out.ogg")}});
+        sink.feed_samples({0.5, 0.25}, true);
+        EXPECT_FALSE(is_empty());
+    }
+    EXPECT_TRUE(is_empty());
 }
 
-TEST_F(SoundBlock, SinkLeavesTheOldFileWhenItCannotReplaceIt)
+TEST_F(SoundFiles, SinkLeavesTheOldFileWhenItCannotReplaceIt)
 {
-    const std::string path = directory_.path() / "out.wav";
-    Block& sink = create("SoundFileSink", {{"path", path}});
-    feed(sink, {0.5}, true);
-    std::filesystem::create_directory(path);
+    {
+        SoundBlock sink("SoundFileSink", {{"path", file("out.wav")}});
+        sink.feed_samples({0.5}, true);
+        std::filesystem::create_directory(file("out.wav"));
 
-    expect_throw<std::system_error>([&] { sink.stop(); },
-                                    path + ": cannot be replaced: Is a directory");
-    created_.clear();
+        expect_throw<std::system_error>([&] { sink.stop(); },
+                                        file("out.wav") + ": cannot be replaced: Is a directory");
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(file("out.wav")));
+}
 
-    EXPECT_TRUE(std::filesystem::is_directory(path));
-    EXPECT_TRUE(std::filesystem::is_empty(path));
+TEST(SoundLevelMeter, MeasuresOverAllPieces)
+{
+    SoundBlock meter("LevelMeter");
+    CaptureStdout();
+
+    meter.feed_samples({0.1, -0.7});
+    meter.feed_samples({0.5, 0.5});
+    meter.stop();
+
+    EXPECT_EQ(GetCapturedStdout(),
+              "LevelMeter: peak 0.700000 (-3.10 dBFS), RMS 0.500000 (-6.02 dBFS)\n"
+              "LevelMeter: highest peak ever 0.700000 (-3.10 dBFS)\n");
+}
+
+TEST(SoundLevelMeter, ReportsSilenceAsNoLevelAtAll)
+{
+    SoundBlock meter("LevelMeter");
+    CaptureStdout();
+
+    meter.stop();
+
+    EXPECT_EQ(GetCapturedStdout(),
+              "LevelMeter: peak 0.000000 (-inf dBFS), RMS 0.000000 (-inf dBFS)\n"
+              "LevelMeter: highest peak ever 0.000000 (-inf dBFS)\n");
+}
+
+/// A meter that has seen a peak of 0.75 in an earlier run.
+class RememberingMeter : public testing::Test {
+protected:
+    explicit RememberingMeter(const BlockConfiguration& config = {}) : meter_("LevelMeter", config)
+    {
+        CaptureStdout();
+        meter_.feed_samples({0.75});
+        meter_.restart();
+        GetCapturedStdout();
+        CaptureStdout();
+    }
+    ~RememberingMeter() override { GetCapturedStdout(); }
+
+    Quorval::PStore& store() { return meter_.block().pstore(); }
+
+    SoundBlock meter_;
+};
+
+TEST_F(RememberingMeter, ReportsTheHighestPeakOfAllRuns)
+{
+    meter_.start();
+    meter_.feed_samples({0.5});
+    meter_.stop();
+
+    EXPECT_EQ(GetCapturedStdout(),
+              "LevelMeter: highest peak of earlier runs 0.750000 (-2.50 dBFS)\n"
+              "LevelMeter: peak 0.500000 (-6.02 dBFS), RMS 0.500000 (-6.02 dBFS)\n"
+              "LevelMeter: highest peak ever 0.750000 (-2.50 dBFS)\n");
+    CaptureStdout();
+}
+
+TEST_F(RememberingMeter, ForgetsWhenItIsTold)
+{
+    meter_.start();
+    meter_.reconfigure({{"forget", true}});
+    meter_.feed_samples({0.5});
+    meter_.stop();
+
+    EXPECT_EQ(store().load("level"), (BlockConfiguration{{"peak", 0.5}}));
+}
+
+TEST_F(RememberingMeter, RefusesAStoreWithoutALevel)
+{
+    const std::string head = "cannot read " + store().get_path() + "level: ";
+    const std::string getter = "BlockConfiguration::getDouble failed, the parameter 'peak' ";
+    const std::vector<std::pair<BlockConfiguration, std::string>> table = {
+        {{{"peak", -0.5}}, "no level can be negative"},
+        {{{"peak", std::nan("")}}, "no level can be negative"},
+        {{{"peak", "loud"}}, getter + "is type: string"},
+        {{}, getter + "does not exist"},
+    };
+
+    for (const auto& [content, text] : table) {
+        store().store("level", content);
+        expect_throw<std::runtime_error>([this] { meter_.start(); }, head + text);
+    }
+}
+
+/// A meter that drops what it remembered as soon as it starts.
+class ForgettingMeter : public RememberingMeter {
+protected:
+    ForgettingMeter() : RememberingMeter({{"forget", true}}) {}
+};
+
+TEST_F(ForgettingMeter, StartsAfresh)
+{
+    meter_.start();
+    meter_.feed_samples({0.5});
+    meter_.stop();
+
+    EXPECT_EQ(store().load("level"), (BlockConfiguration{{"peak", 0.5}}));
 }
 
 }  // namespace

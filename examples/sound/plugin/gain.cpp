@@ -1,7 +1,9 @@
+// Gain: the smallest block. Begin here.
 #include "blocks.h"
-#include "settings.h"
+#include "samples.h"
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 namespace sound {
@@ -10,39 +12,55 @@ using Quorval::BlockConfiguration;
 
 namespace {
 
-constexpr double kMostFactor = 1000;
-constexpr double kFactorAtFirst = 1;
+struct GainSettings {
+    double factor = 1;
+};
 
-double read_factor(const Settings& settings, double present)
+const Quorval::Settings<GainSettings>& gain_settings()
 {
-    return settings.get_number("factor", present, -kMostFactor, kMostFactor);
+    static const auto settings =
+        Quorval::Settings<GainSettings>("Multiplies every sample.")
+            .add("factor", &GainSettings::factor, "what samples are multiplied by")
+            .range(-1000, 1000)
+            .live();
+    return settings;
 }
+
+class Gain : public Quorval::Block {
+public:
+    Gain(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), settings_(gain_settings().read(config))
+    {
+    }
+
+    bool run() override
+    {
+        // Changed in place: after a few runs the vector has its size and nothing is allocated.
+        SampleBlock& block = out_->value();
+        block = in_->value();
+        std::transform(block.samples.begin(), block.samples.end(), block.samples.begin(),
+                       [this](double sample) { return sample * settings_.factor; });
+        out_->trigger();
+        return true;
+    }
+
+    void reconfigure(const BlockConfiguration& /*merged*/,
+                     const BlockConfiguration& override) override
+    {
+        settings_ = gain_settings().apply(settings_, override);
+    }
+
+private:
+    GainSettings settings_;
+    Input* in_ = Quorval::add_input<SampleBlock>(*this, "in");
+    Output* out_ = Quorval::add_output<SampleBlock>(*this, "out");
+};
 
 }  // namespace
 
-Gain::Gain(std::string name, const BlockConfiguration& config)
-    : Block(std::move(name), config), in_(add_input(*this, "in")), out_(add_output(*this, "out"))
+void register_gain(Quorval::IRegistry& registry)
 {
-    const Settings settings(get_name(), config);
-    factor_ = read_factor(settings, kFactorAtFirst);
-    settings.warn_about_unknown_keys("factor");
-}
-
-bool Gain::run()
-{
-    // Changed in place: after a few runs the vector has its size and nothing is allocated.
-    SampleBlock& block = out_.value();
-    block = in_.value();
-    std::transform(block.samples.begin(), block.samples.end(), block.samples.begin(),
-                   [this](double sample) { return sample * factor_; });
-    out_.trigger();
-    return true;
-}
-
-// Read from the override alone: what it does not name stays as an earlier one left it.
-void Gain::reconfigure(const BlockConfiguration& /*merged*/, const BlockConfiguration& override)
-{
-    factor_ = read_factor(Settings(get_name(), override), factor_);
+    Quorval::register_block<Gain>(registry, "Gain", gain_settings());
 }
 
 }  // namespace sound

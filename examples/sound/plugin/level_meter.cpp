@@ -1,14 +1,19 @@
+// LevelMeter: keeps a value in its store from one run of the graph to the next.
 #include <quorval/pstore.h>
+#include <quorval/runtime/tools.h>
 #include "blocks.h"
-#include "settings.h"
+#include "samples.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace sound {
@@ -17,7 +22,20 @@ using Quorval::BlockConfiguration;
 
 namespace {
 
-constexpr const char* kStoredName = "level";
+struct LevelMeterSettings {
+    bool forget = false;
+};
+
+const Quorval::Settings<LevelMeterSettings>& level_meter_settings()
+{
+    static const auto settings =
+        Quorval::Settings<LevelMeterSettings>(
+            "Prints the peak and the root mean square of all that it saw, when the graph stops; "
+            "with a state directory also the highest peak of all runs.")
+            .add("forget", &LevelMeterSettings::forget, "drop the highest peak of earlier runs")
+            .live();
+    return settings;
+}
 
 /// "0.500000 (-6.02 dBFS)"; silence is "0.000000 (-inf dBFS)".
 std::string to_text(double level)
@@ -32,79 +50,95 @@ std::string to_text(double level)
     return text.data();
 }
 
-bool read_forget(const Settings& settings)
-{
-    return settings.get_bool("forget", false);
-}
+class LevelMeter : public Quorval::Block {
+public:
+    LevelMeter(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), settings_(level_meter_settings().read(config))
+    {
+    }
+
+    void start() override
+    {
+        highest_peak_ = settings_.forget ? 0 : load_highest_peak();
+        if (highest_peak_ > 0) {
+            print("highest peak of earlier runs " + to_text(highest_peak_));
+        }
+    }
+
+    bool run() override
+    {
+        const SampleBlock& block = in_->value();
+        for (const double sample : block.samples) {
+            peak_ = std::max(peak_, std::abs(sample));
+            sum_of_squares_ += sample * sample;
+        }
+        samples_ += static_cast<std::int64_t>(block.samples.size());
+        return true;
+    }
+
+    void stop() override
+    {
+        const double mean = samples_ == 0 ? 0 : sum_of_squares_ / static_cast<double>(samples_);
+        print("peak " + to_text(peak_) + ", RMS " + to_text(std::sqrt(mean)));
+        if (has_store()) {
+            highest_peak_ = std::max(highest_peak_, peak_);
+            pstore().store(kStoredName, {{"peak", highest_peak_}});
+            print("highest peak ever " + to_text(highest_peak_));
+        }
+    }
+
+    void reconfigure(const BlockConfiguration& /*merged*/,
+                     const BlockConfiguration& override) override
+    {
+        settings_ = level_meter_settings().apply(settings_, override);
+        if (settings_.forget) {
+            highest_peak_ = 0;
+        }
+    }
+
+private:
+    static constexpr const char* kStoredName = "level";
+
+    bool has_store() { return !pstore().get_path().empty(); }
+
+    double load_highest_peak()
+    {
+        const std::string file = pstore().get_path() + kStoredName;
+        if (!has_store() || !std::filesystem::exists(file)) {
+            return 0;
+        }
+        try {
+            const double peak = pstore().load(kStoredName).getDouble("peak");
+            if (peak >= 0) {
+                return peak;
+            }
+        } catch (const std::exception& error) {
+            throw std::runtime_error("cannot read " + file + ": " + error.what());
+        }
+        throw std::runtime_error("cannot read " + file + ": no level can be negative");
+    }
+
+    void print(const std::string& finding)
+    {
+        std::cout << get_tools().path() << ": " << finding << std::endl;
+        if (!std::cout) {
+            throw std::runtime_error("cannot write to standard output");
+        }
+    }
+
+    LevelMeterSettings settings_;
+    Input* in_ = Quorval::add_input<SampleBlock>(*this, "in");
+    double peak_ = 0;
+    double highest_peak_ = 0;
+    double sum_of_squares_ = 0;
+    std::int64_t samples_ = 0;
+};
 
 }  // namespace
 
-LevelMeter::LevelMeter(std::string name, const BlockConfiguration& config)
-    : Block(std::move(name), config), in_(add_input(*this, "in"))
+void register_level_meter(Quorval::IRegistry& registry)
 {
-    const Settings settings(get_name(), config);
-    forget_ = read_forget(settings);
-    settings.warn_about_unknown_keys("forget, pstore_path");
-}
-
-bool LevelMeter::has_store()
-{
-    return !pstore().get_path().empty();
-}
-
-void LevelMeter::start()
-{
-    highest_peak_ = forget_ ? 0 : load_highest_peak();
-    if (highest_peak_ > 0) {
-        get_tools().report(get_name(), "highest peak of earlier runs " + to_text(highest_peak_));
-    }
-}
-
-double LevelMeter::load_highest_peak()
-{
-    const std::string file = pstore().get_path() + kStoredName;
-    if (!has_store() || !std::filesystem::exists(file)) {
-        return 0;
-    }
-    try {
-        const double peak = pstore().load(kStoredName).getDouble("peak");
-        if (peak >= 0) {
-            return peak;
-        }
-    } catch (const std::exception& error) {
-        throw std::runtime_error("cannot read " + file + ": " + error.what());
-    }
-    throw std::runtime_error("cannot read " + file + ": no level can be negative");
-}
-
-bool LevelMeter::run()
-{
-    const SampleBlock& block = in_.value();
-    for (const double sample : block.samples) {
-        peak_ = std::max(peak_, std::abs(sample));
-        sum_of_squares_ += sample * sample;
-    }
-    samples_ += static_cast<std::int64_t>(block.samples.size());
-    return true;
-}
-
-void LevelMeter::stop()
-{
-    const double mean = samples_ == 0 ? 0 : sum_of_squares_ / static_cast<double>(samples_);
-    get_tools().report(get_name(), "peak " + to_text(peak_) + ", RMS " + to_text(std::sqrt(mean)));
-    if (has_store()) {
-        highest_peak_ = std::max(highest_peak_, peak_);
-        pstore().store(kStoredName, {{"peak", highest_peak_}});
-        get_tools().report(get_name(), "highest peak ever " + to_text(highest_peak_));
-    }
-}
-
-void LevelMeter::reconfigure(const BlockConfiguration& /*merged*/,
-                             const BlockConfiguration& override)
-{
-    if (read_forget(Settings(get_name(), override))) {
-        highest_peak_ = 0;
-    }
+    Quorval::register_block<LevelMeter>(registry, "LevelMeter", level_meter_settings());
 }
 
 }  // namespace sound

@@ -1,10 +1,8 @@
 // What the ports of the sound blocks carry.
 #pragma once
 
-#include <quorval/block.h>
-#include <quorval/port.h>
+#include <quorval/settings.h>
 
-#include <string>
 #include <vector>
 
 namespace sound {
@@ -20,8 +18,9 @@ struct SampleBlock {
 using Input = Quorval::InPort<SampleBlock>;
 using Output = Quorval::OutPort<SampleBlock>;
 
-/// Add a port of the data type `sample-block` to a block, which owns it.
-Input& add_input(Quorval::Block& block, const std::string& name);
-Output& add_output(Quorval::Block& block, const std::string& name);
-
 }  // namespace sound
+
+template <>
+struct Quorval::PortType<sound::SampleBlock> {
+    static constexpr const char* name() { return "sample-block"; }
+};
