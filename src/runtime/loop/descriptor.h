@@ -1,10 +1,10 @@
 // An open file that is closed with its owner.
 #pragma once
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <system_error>
-
-#include <unistd.h>
 
 namespace Quorval::runtime {
 

@@ -1,15 +1,15 @@
 #include "loop/descriptor_ports.h"
 
-#include <algorithm>
-#include <array>
-#include <string>
-#include <string_view>
+#include <quorval/log.h>
 
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <quorval/log.h>
+#include <algorithm>
+#include <array>
+#include <string>
+#include <string_view>
 
 namespace Quorval::runtime {
 

@@ -1,14 +1,13 @@
 // The descriptor ports of the blocks of a graph.
 #pragma once
 
-#include <cstdint>
-#include <vector>
-
 #include <quorval/port.h>
-
 #include "loop/poller.h"
 #include "schedule/network.h"
 #include "schedule/wave.h"
+
+#include <cstdint>
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,8 +1,8 @@
 #include "loop/loop.h"
 
-#include <system_error>
-
 #include <sys/timerfd.h>
+
+#include <system_error>
 
 namespace Quorval::runtime {
 

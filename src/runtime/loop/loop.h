@@ -1,16 +1,16 @@
 // What a running graph waits for.
 #pragma once
 
+#include "loop/descriptor.h"
+#include "loop/poller.h"
+#include "loop/waker.h"
+
+#include <systemd/sd-event.h>
+
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <vector>
-
-#include <systemd/sd-event.h>
-
-#include "loop/descriptor.h"
-#include "loop/poller.h"
-#include "loop/waker.h"
 
 namespace Quorval::runtime {
 

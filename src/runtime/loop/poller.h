@@ -1,15 +1,14 @@
 // Which descriptors are ready.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <vector>
+#include <quorval/fdevent.h>
+#include "loop/descriptor.h"
 
 #include <sys/epoll.h>
 
-#include <quorval/fdevent.h>
-
-#include "loop/descriptor.h"
+#include <cstdint>
+#include <memory>
+#include <vector>
 
 namespace Quorval::runtime {
 

@@ -1,9 +1,9 @@
 #include "loop/waker.h"
 
+#include <sys/eventfd.h>
+
 #include <cerrno>
 #include <cstdint>
-
-#include <sys/eventfd.h>
 
 namespace Quorval::runtime {
 

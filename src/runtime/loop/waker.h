@@ -1,9 +1,9 @@
 // Wakes the thread that runs a graph.
 #pragma once
 
-#include <atomic>
-
 #include "loop/descriptor.h"
+
+#include <atomic>
 
 namespace Quorval::runtime {
 

@@ -1,10 +1,10 @@
 // The form of a message on standard error.
 #pragma once
 
+#include <quorval/log.h>
+
 #include <string>
 #include <string_view>
-
-#include <quorval/log.h>
 
 namespace Quorval::runtime {
 

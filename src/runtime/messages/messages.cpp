@@ -2,20 +2,20 @@
 #define SD_JOURNAL_SUPPRESS_LOCATION
 
 #include <quorval/runtime/messages.h>
+#include "messages/context.h"
+#include "messages/lines.h"
+
+#include <systemd/sd-journal.h>
+
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
 #include <vector>
-
-#include <sys/stat.h>
-#include <sys/uio.h>
-#include <systemd/sd-journal.h>
-#include <unistd.h>
-
-#include "messages/context.h"
-#include "messages/lines.h"
 
 namespace Quorval {
 

@@ -1,17 +1,17 @@
 #include "loop/descriptor_ports.h"
 
-#include <array>
-#include <string>
-#include <vector>
+#include "runtime/support/fakes.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include "runtime/support/fakes.h"
-#include "support/support.h"
+#include <array>
+#include <string>
+#include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;

@@ -1,13 +1,13 @@
 #include "loop/loop.h"
 
-#include <thread>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <thread>
+#include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;

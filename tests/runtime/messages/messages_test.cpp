@@ -1,16 +1,15 @@
 #include <quorval/runtime/messages.h>
+#include "messages/context.h"
+#include "support/support.h"
 
-#include <string>
-#include <thread>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include "messages/context.h"
-#include "support/support.h"
+#include <string>
+#include <thread>
+#include <vector>
 
 using namespace Quorval;
 using Quorval::runtime::ContextScope;
