@@ -1,12 +1,20 @@
 # How plug-ins are built, in this project and in those that use the installed package.
 include_guard(GLOBAL)
 
+# Of this project or its package; a project around it has another scope.
+set_property(GLOBAL PROPERTY QUORVAL_PLUGIN_VERSION "${quorval_VERSION}")
+
 # quorval_add_plugin(NAME SOURCES...)
 #
 # Adds the module NAME.so. It exports none of its own names but the entry point, and every symbol
-# that it needs is found when it is linked, not when it is loaded.
+# that it needs is found when it is linked, not when it is loaded. A note in it, in the section
+# .note.quorval, says what it was built with and for.
 function(quorval_add_plugin name)
-    add_library(${name} MODULE ${ARGN})
+    set(note "${CMAKE_CURRENT_FUNCTION_LIST_DIR}/QuorvalNote.cpp")
+    add_library(${name} MODULE ${ARGN} "${note}")
+    get_property(version GLOBAL PROPERTY QUORVAL_PLUGIN_VERSION)
+    set_source_files_properties("${note}" PROPERTIES
+        COMPILE_DEFINITIONS "QUORVAL_VERSION=\"${version}\"")
     set_target_properties(${name} PROPERTIES
         PREFIX ""
         SUFFIX ".so"

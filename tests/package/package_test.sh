@@ -102,6 +102,7 @@ installs_what_is_needed_and_no_more()
         quorvalConfig.cmake
         quorvalConfigVersion.cmake
         quorvalTargets.cmake
+        QuorvalNote.cpp
         QuorvalPlugin.cmake
     )
     if [[ ${RUNTIME} == ON ]]; then
