@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -106,11 +107,8 @@ Elements::Elements(const Elements& other)
 
 const Entry* Elements::find(const std::string& key) const
 {
-    if (size_ <= kFew) {
+    if (size_ <= kFew || !has_table()) {
         return entry_at(place_of(key), key);
-    }
-    if (table_.empty()) {
-        make_table();
     }
     const std::uint32_t hash = hash_of(key);
     const std::size_t mask = table_.size() - 1;
@@ -226,15 +224,24 @@ void Elements::make_room(Place& place)
     }
 }
 
-void Elements::make_table() const
+/// Makes the table where there is none. False when there is no memory for it.
+bool Elements::has_table() const
 {
-    // Room for half as many again, at three quarters.
-    table_.resize(std::bit_ceil(size_ * 2));
+    if (!table_.empty()) {
+        return true;
+    }
+    try {
+        // Room for half as many again, at three quarters.
+        table_.resize(std::bit_ceil(size_ * 2));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     for (const Block& block : blocks_) {
         for (Entry* entry : block) {
             add_to_table(entry);
         }
     }
+    return true;
 }
 
 /// Adds an entry, whose key no other has. A table that is full has to be made again.

@@ -33,7 +33,7 @@ std::uint32_t hash_of(const std::string& key);
 ///
 /// The order is a list of short lists, so that a new entry moves only a few others. What is looked
 /// up is found by a table of hashes, which the first look-up makes: one writes even in a const
-/// configuration.
+/// configuration. Where there is no memory for the table, the lists are searched.
 class Elements {
 public:
     class Position;
@@ -104,7 +104,7 @@ private:
     Entry* entry_at(Place place, const std::string& key) const;
     Place put_at(Place place, const std::string& key, Value&& value, bool consumed);
     void make_room(Place& place);
-    void make_table() const;
+    bool has_table() const;
     void add_to_table(Entry* entry) const;
     void clear() noexcept;
     void erased() noexcept;

@@ -47,15 +47,15 @@ BlockConfiguration BlockConfiguration::diff(const BlockConfiguration& other) con
     Elements& differing = Impl::of(result).elements;
     for (const Entry& entry : Impl::of(*this).elements) {
         // Most often the keys are the same, and both walks go in step.
-        const Entry* other_entry = nullptr;
-        if (!at.is_end() && at->key == entry.key) {
-            other_entry = &*at;
-            ++at;
-        } else {
-            other_entry = theirs.find(entry.key);
+        if (at.is_end() || at->key != entry.key) {
+            at = theirs.lower_bound(entry.key);
         }
-        if (other_entry == nullptr || !equal(entry.value, other_entry->value)) {
+        const bool has_key = !at.is_end() && at->key == entry.key;
+        if (!has_key || !equal(entry.value, at->value)) {
             differing.put(entry.key, copy_value(entry.value), entry.consumed);
+        }
+        if (has_key) {
+            ++at;
         }
     }
     return result;
