@@ -1,3 +1,9 @@
+#include <quorval/config.h>
+#include "core/config/contents.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -9,13 +15,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-
-#include "core/config/contents.h"
-#include "support/support.h"
 
 namespace {
 
@@ -719,6 +718,22 @@ TEST(BlockConfigurationDelete, MatchesThePrefixAnywhereInTheKey)
         config.delete_element(row.prefix);
 
         EXPECT_EQ(keys(config), row.left) << "prefix '" << row.prefix << "'";
+    }
+}
+
+// The sanitizers see whether a key is read behind its end, in the object of its string or
+// elsewhere.
+TEST(BlockConfigurationDelete, KeepsKeysThatAreShorterThanThePrefix)
+{
+    for (const std::size_t size : {1U, 15U, 16U, 40U, 200U}) {
+        const BlockConfiguration all = {{std::string(size, 'a'), 1}};
+        for (std::size_t more = 1; more < 100; ++more) {
+            BlockConfiguration config = all;
+
+            config.delete_element(std::string(size + more, 'a'));
+
+            EXPECT_EQ(config, all) << size << " and " << more;
+        }
     }
 }
 
