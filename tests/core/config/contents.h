@@ -1,12 +1,12 @@
 // Looks at a configuration without reading it: no mark changes.
 #pragma once
 
+#include <quorval/config.h>
+
 #include <exception>
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <quorval/config.h>
 
 namespace quorval_test {
 

@@ -1,3 +1,9 @@
+#include <quorval/config.h>
+#include "core/config/contents.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <iterator>
 #include <memory>
@@ -7,13 +13,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-
-#include "core/config/contents.h"
-#include "support/support.h"
 
 namespace {
 

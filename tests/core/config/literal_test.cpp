@@ -1,16 +1,15 @@
+#include <quorval/config.h>
+#include "core/config/contents.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-
-#include "core/config/contents.h"
-#include "support/support.h"
 
 namespace {
 

@@ -1,6 +1,10 @@
 // Configurations of thousands of elements, in which the storage grows, shrinks and is put in order
 // many times, held against a map.
 
+#include <quorval/config.h>
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
@@ -10,10 +14,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
 
 namespace {
 

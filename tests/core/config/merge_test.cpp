@@ -1,15 +1,14 @@
+#include <quorval/config.h>
+#include "core/config/contents.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <limits>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-
-#include "core/config/contents.h"
-#include "support/support.h"
 
 namespace {
 

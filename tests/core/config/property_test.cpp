@@ -1,5 +1,12 @@
 // Random histories of operations, held against a model written in the plainest way.
 
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "core/config/contents.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -16,14 +23,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "core/config/contents.h"
-#include "support/support.h"
 
 namespace {
 
