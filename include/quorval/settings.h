@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -510,7 +511,8 @@ private:
 {
     Setting& setting = last("range()");
     const auto is_int = [](double bound) {
-        return bound >= -2147483648.0 && bound <= 2147483647.0 &&
+        return bound >= std::numeric_limits<int>::min() &&
+               bound <= std::numeric_limits<int>::max() &&
                bound == static_cast<double>(static_cast<int>(bound));
     };
     if (!is_number(setting)) {

@@ -31,7 +31,7 @@ struct CsvSinkSettings {
 
 const Quorval::Settings<CsvSinkSettings>& csv_sink_settings()
 {
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<CsvSinkSettings>(
             "Writes a CSV file: a row for each wave in which a value came.")
             .add("path", &CsvSinkSettings::path, "the file")
@@ -42,7 +42,7 @@ const Quorval::Settings<CsvSinkSettings>& csv_sink_settings()
             .required()
             .add("append", &CsvSinkSettings::append,
                  "add rows to the file one by one; otherwise it is replaced when the graph stops");
-    return settings;
+    return kSettings;
 }
 
 /// What a symbolic link leads to is written, and not replaced itself.

@@ -32,7 +32,7 @@ struct CsvSourceSettings {
 const Quorval::Settings<CsvSourceSettings>& csv_source_settings()
 {
     constexpr double kHighest = 1e9;
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<CsvSourceSettings>(
             "Gives the numbers of a column of a CSV file, row by row. An empty cell gives nothing.")
             .add("path", &CsvSourceSettings::path, "the file; its first row names the columns")
@@ -41,7 +41,7 @@ const Quorval::Settings<CsvSourceSettings>& csv_source_settings()
             .required()
             .add("rate", &CsvSourceSettings::rate, "rows in a second; 0: as fast as they are taken")
             .range(0, kHighest);
-    return settings;
+    return kSettings;
 }
 
 /// @return false for a text that is no number

@@ -25,13 +25,13 @@ struct PrintSettings {
 
 const Quorval::Settings<PrintSettings>& print_settings()
 {
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<PrintSettings>("Prints each value as a line on standard output.")
             .add("type", &PrintSettings::type, "of the values")
             .choices({"bool", "int32", "int64", "float", "double", "string", "int32-vector",
                       "int64-vector", "float-vector", "double-vector"})
             .add("prefix", &PrintSettings::prefix, "what stands in front of each value");
-    return settings;
+    return kSettings;
 }
 
 void write(std::ostream& out, bool value)

@@ -20,13 +20,13 @@ struct ScaleSettings {
 
 const Quorval::Settings<ScaleSettings>& scale_settings()
 {
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<ScaleSettings>("Multiplies.")
             .add("factor", &ScaleSettings::factor, "what values are multiplied by")
             .live()
             .add("type", &ScaleSettings::type, "of the values")
             .choices({"double", "double-vector"});
-    return settings;
+    return kSettings;
 }
 
 void multiply(double& value, double factor)

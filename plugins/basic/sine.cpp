@@ -23,7 +23,7 @@ const Quorval::Settings<SineSettings>& sine_settings()
 {
     constexpr double kLowest = 1e-6;
     constexpr double kHighest = 1e9;
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<SineSettings>("Gives a sine, a value for each tick, from 0 on.")
             .add("frequency", &SineSettings::frequency, "of the sine, in Hz")
             .range(0, kHighest)
@@ -31,7 +31,7 @@ const Quorval::Settings<SineSettings>& sine_settings()
             .range(kLowest, kHighest)
             .add("amplitude", &SineSettings::amplitude, "the greatest value")
             .live();
-    return settings;
+    return kSettings;
 }
 
 class Sine : public Quorval::Block {

@@ -30,7 +30,7 @@ const Quorval::Settings<TimerSettings>& timer_settings()
 {
     constexpr double kShortest = 1e-6;
     constexpr double kLongest = 1e6;
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<TimerSettings>("Ticks: counts from 1, one more in each period.")
             .add("period", &TimerSettings::period, "in seconds")
             .range(kShortest, kLongest)
@@ -38,7 +38,7 @@ const Quorval::Settings<TimerSettings>& timer_settings()
             .live()
             .add("count", &TimerSettings::count, "how many ticks there are; 0: without an end")
             .range(0, std::numeric_limits<int>::max());
-    return settings;
+    return kSettings;
 }
 
 class Timer : public Quorval::Block {

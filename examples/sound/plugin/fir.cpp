@@ -20,14 +20,14 @@ struct FirSettings {
 const Quorval::Settings<FirSettings>& fir_settings()
 {
     constexpr int kMostTaps = 1024;
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<FirSettings>(
             "Filters each channel: y[n] = taps[0] x[n] + taps[1] x[n-1] + ..., with silence in "
             "front of the recording.")
             .add("taps", &FirSettings::taps, "the factors, that of the newest sample first")
             .length(1, kMostTaps)
             .live();
-    return settings;
+    return kSettings;
 }
 
 class Fir : public Quorval::Block {

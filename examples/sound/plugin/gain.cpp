@@ -18,12 +18,12 @@ struct GainSettings {
 
 const Quorval::Settings<GainSettings>& gain_settings()
 {
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<GainSettings>("Multiplies every sample.")
             .add("factor", &GainSettings::factor, "what samples are multiplied by")
             .range(-1000, 1000)
             .live();
-    return settings;
+    return kSettings;
 }
 
 class Gain : public Quorval::Block {

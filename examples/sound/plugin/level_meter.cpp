@@ -28,13 +28,13 @@ struct LevelMeterSettings {
 
 const Quorval::Settings<LevelMeterSettings>& level_meter_settings()
 {
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<LevelMeterSettings>(
             "Prints the peak and the root mean square of all that it saw, when the graph stops; "
             "with a state directory also the highest peak of all runs.")
             .add("forget", &LevelMeterSettings::forget, "drop the highest peak of earlier runs")
             .live();
-    return settings;
+    return kSettings;
 }
 
 /// "0.500000 (-6.02 dBFS)"; silence is "0.000000 (-inf dBFS)".

@@ -34,7 +34,7 @@ struct SoundFileSinkSettings {
 
 const Quorval::Settings<SoundFileSinkSettings>& sound_file_sink_settings()
 {
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<SoundFileSinkSettings>(
             "Writes a recording. The file appears whole, when the graph stops, and not at all "
             "when something failed.")
@@ -44,7 +44,7 @@ const Quorval::Settings<SoundFileSinkSettings>& sound_file_sink_settings()
             .add("encoding", &SoundFileSinkSettings::encoding,
                  "of the samples; float in .wav alone; an Ogg file is always Vorbis")
             .choices({"pcm16", "pcm24", "float"});
-    return settings;
+    return kSettings;
 }
 
 [[noreturn]] void fail_with_errno(const std::string& what)

@@ -29,14 +29,14 @@ struct SoundFileSourceSettings {
 const Quorval::Settings<SoundFileSourceSettings>& sound_file_source_settings()
 {
     constexpr int kMostFrames = 65536;
-    static const auto settings =
+    static const auto kSettings =
         Quorval::Settings<SoundFileSourceSettings>("Reads a recording, piece by piece.")
             .add("path", &SoundFileSourceSettings::path, "the file")
             .required()
             .add("frames", &SoundFileSourceSettings::frames, "the size of a piece")
             .range(1, kMostFrames)
             .live();
-    return settings;
+    return kSettings;
 }
 
 [[noreturn]] void fail(const std::string& path, const std::string& reason)

@@ -34,7 +34,6 @@ using runtime::Poller;
 using runtime::Wave;
 
 constexpr std::uint32_t kBlock = 0;  // the only one of its network
-const InitTools kInitTools{"test", false};
 constexpr std::chrono::nanoseconds kNever{-1};
 
 class TemporaryDirectory {
@@ -153,6 +152,13 @@ private:
     std::exception_ptr failure_;
 };
 
+/// Of all plug-ins, some of which stay loaded.
+const InitTools& init_tools()
+{
+    static const InitTools kTools{"test", false};
+    return kTools;
+}
+
 std::string find_plugin(const std::string& plugin)
 {
     if (plugin.find('/') != std::string::npos) {
@@ -160,7 +166,7 @@ std::string find_plugin(const std::string& plugin)
     }
     std::string searched;
     for (const std::string& directory : runtime::plugin_directories({})) {
-        const std::string file = directory + "/" + plugin;
+        std::string file = directory + "/" + plugin;
         if (std::filesystem::exists(file)) {
             return file;
         }
@@ -317,7 +323,7 @@ Harness::Harness(const std::string& plugin, const std::string& type,
                  const BlockConfiguration& config)
     : impl_(std::make_unique<Impl>())
 {
-    impl_->plugin = std::make_unique<Plugin>(find_plugin(plugin), kInitTools);
+    impl_->plugin = std::make_unique<Plugin>(find_plugin(plugin), init_tools());
     if (!impl_->plugin->has_type(type)) {
         throw std::runtime_error("plug-in '" + plugin + "' has no block type '" + type + "'");
     }
