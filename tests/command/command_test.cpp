@@ -7,12 +7,11 @@ namespace quorval_test {
 
 namespace {
 
-/// The words of a list of CMake.
-std::vector<std::string> split_list(const std::string& list)
+std::vector<std::string> split_words(const std::string& list)
 {
     std::vector<std::string> words;
     std::istringstream stream(list);
-    for (std::string word; std::getline(stream, word, ';');) {
+    for (std::string word; std::getline(stream, word, ' ');) {
         words.push_back(word);
     }
     return words;
@@ -41,7 +40,7 @@ void CommandTest::write(const std::string& name, const std::string& text) const
 ProcessOptions CommandTest::command(const std::vector<std::string>& arguments) const
 {
     ProcessOptions options;
-    options.command = split_list(QUORVAL_EMULATOR);
+    options.command = split_words(QUORVAL_EMULATOR);
     options.command.emplace_back(QUORVAL_COMMAND);
     options.command.insert(options.command.end(), arguments.begin(), arguments.end());
     options.directory = directory();
