@@ -1,3 +1,8 @@
+#include <quorval/config.h>
+#include "fuzz/input.h"
+#include "fuzz/model.h"
+#include "fuzz/targets.h"
+
 #include <algorithm>
 #include <array>
 #include <fstream>
@@ -10,12 +15,6 @@
 #include <utility>
 #include <vector>
 
-#include <quorval/config.h>
-
-#include "fuzz/input.h"
-#include "fuzz/model.h"
-#include "fuzz/targets.h"
-
 namespace quorval_fuzz {
 
 using Quorval::BlockConfiguration;
@@ -27,7 +26,7 @@ using Iterator = BlockConfiguration::Iterator;
 using Children = BlockConfiguration::SubtreeIterator;
 using Accessor = Children::Accessor;
 
-constexpr std::size_t kMostOperations = 16;
+constexpr std::size_t kMostOperations = 64;
 constexpr std::size_t kMostElements = 24;
 constexpr std::size_t kLongestKey = 120;
 // Elements may be added behind a walk for as long as the input wants it.

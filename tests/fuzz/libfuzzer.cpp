@@ -1,8 +1,8 @@
 // The entry point of libFuzzer, for the target that the build names.
+#include "fuzz/targets.h"
+
 #include <cstddef>
 #include <cstdint>
-
-#include "fuzz/targets.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

@@ -1,14 +1,13 @@
 #include "fuzz/model.h"
 
+#include <quorval/pstore.h>
+#include "fuzz/input.h"
+
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <type_traits>
-
-#include <quorval/pstore.h>
-
-#include "fuzz/input.h"
 
 namespace quorval_fuzz {
 
@@ -168,6 +167,9 @@ bool is_consumed(const Model& model)
 void check_same(const BlockConfiguration& config, const Model& model)
 {
     require(config.is_consumed() == is_consumed(model), "the marks together");
+    for (const auto& [key, element] : model) {
+        require(config.getTypeName(key) == type_name(element.value), "a look-up");
+    }
     const BlockConfiguration copy = config;
     auto expected = model.begin();
     for (auto it = copy.iterate(""); !it->is_end(); it->advance(), ++expected) {

@@ -1,13 +1,13 @@
 // A configuration as one would write it down first: a map, and each operation a plain loop over it.
 #pragma once
 
+#include <quorval/config.h>
+
 #include <ios>
 #include <map>
 #include <string>
 #include <variant>
 #include <vector>
-
-#include <quorval/config.h>
 
 namespace quorval_fuzz {
 

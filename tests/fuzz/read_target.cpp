@@ -1,16 +1,15 @@
+#include <quorval/config.h>
+#include "fuzz/input.h"
+#include "fuzz/model.h"
+#include "fuzz/targets.h"
+#include "support/allocations.h"
+
 #include <algorithm>
 #include <istream>
 #include <set>
 #include <sstream>
 #include <streambuf>
 #include <string>
-
-#include <quorval/config.h>
-
-#include "fuzz/input.h"
-#include "fuzz/model.h"
-#include "fuzz/targets.h"
-#include "support/allocations.h"
 
 namespace quorval_fuzz {
 

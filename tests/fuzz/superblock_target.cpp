@@ -1,3 +1,11 @@
+#include <quorval/block.h>
+#include <quorval/config.h>
+#include <quorval/datatype.h>
+#include <quorval/port.h>
+#include <quorval/superblock.h>
+#include "fuzz/input.h"
+#include "fuzz/targets.h"
+
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -6,15 +14,6 @@
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <quorval/block.h>
-#include <quorval/config.h>
-#include <quorval/datatype.h>
-#include <quorval/port.h>
-#include <quorval/superblock.h>
-
-#include "fuzz/input.h"
-#include "fuzz/targets.h"
 
 namespace quorval_fuzz {
 
