@@ -376,7 +376,7 @@ void BlockConfiguration::delete_element(const std::string& prefix)
     Impl::of(*this).elements.erase_if([prefix = prefix](const std::string& key) {
         return key.size() >= prefix.size() &&
                (prefix.empty() || key.size() == prefix.size() || key[prefix.size()] == '.') &&
-               holds(key, prefix);
+               key.find(prefix) != std::string::npos;
     });
 }
 

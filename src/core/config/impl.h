@@ -5,16 +5,9 @@
 #include "config/elements.h"
 #include "config/value.h"
 
-#include <cstring>
 #include <string>
 
 namespace Quorval {
-
-/// Whether `part` occurs anywhere in `text`.
-inline bool holds(const std::string& text, const std::string& part)
-{
-    return ::memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
-}
 
 struct BlockConfiguration::Impl {
     Elements elements;

@@ -37,7 +37,7 @@ BlockConfiguration BlockConfiguration::getSubtree(const std::string& prefix) con
     for (const Entry& entry : Impl::of(*this).elements) {
         // Not only at the start of the key. Applications rely on what this finds, so it stays.
         // Held by ConfigSubtree.MatchesThePrefixAnywhereInTheKey.
-        if (holds(entry.key, path)) {
+        if (entry.key.find(path) != std::string::npos) {
             found.put(entry.key.substr(path.size()), copy_value(entry.value));
         }
     }
