@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t kFull = 64;
 
 // The room of the first block.
-constexpr std::size_t kFewest = 4;
+constexpr std::size_t kFewest = 8;
 
 // Up to so many entries are searched faster than hashed.
 constexpr std::size_t kFew = 8;

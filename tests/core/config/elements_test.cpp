@@ -164,7 +164,7 @@ TEST(ElementsMemory, OfOneIsThatOfItsEntryAndLittleMore)
 {
     const std::size_t bytes = bytes_of([] { return make_elements(1); });
     EXPECT_GE(bytes, sizeof(Entry));
-    EXPECT_LE(bytes, sizeof(Entry) + 64);
+    EXPECT_LE(bytes, sizeof(Entry) + 96);
 }
 
 TEST(ElementsMemory, IsLittleMoreThanThatOfTheEntries)
