@@ -1,5 +1,11 @@
 // The binary form of configurations, and the memory that storing and loading it takes.
 
+#include <cereal/archives/binary.hpp>
+#include <cereal/types/map.hpp>
+#include <cereal/types/string.hpp>
+#include <cereal/types/variant.hpp>
+#include <cereal/types/vector.hpp>
+
 #include <cstddef>
 #include <fstream>
 #include <memory>
@@ -9,19 +15,12 @@
 #include <utility>
 #include <vector>
 
-#include <cereal/archives/binary.hpp>
-#include <cereal/types/map.hpp>
-#include <cereal/types/string.hpp>
-#include <cereal/types/variant.hpp>
-#include <cereal/types/vector.hpp>
-
 #ifdef QUORVAL_BENCH_HAS_PROTOBUF
 #include <google/protobuf/struct.pb.h>
 #endif
 
 #include <quorval/config.h>
 #include <quorval/pstore.h>
-
 #include "harness.h"
 #include "workload.h"
 

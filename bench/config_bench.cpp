@@ -27,7 +27,6 @@
 #endif
 
 #include <quorval/config.h>
-
 #include "harness.h"
 #include "workload.h"
 

@@ -1,6 +1,16 @@
 // Storing and loading a configuration, against the system calls that this takes, and against a map
 // behind the same streams.
 
+#include <cereal/archives/binary.hpp>
+#include <cereal/types/map.hpp>
+#include <cereal/types/string.hpp>
+#include <cereal/types/variant.hpp>
+#include <cereal/types/vector.hpp>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <fstream>
 #include <iterator>
@@ -10,23 +20,12 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cereal/archives/binary.hpp>
-#include <cereal/types/map.hpp>
-#include <cereal/types/string.hpp>
-#include <cereal/types/variant.hpp>
-#include <cereal/types/vector.hpp>
 #ifdef QUORVAL_BENCH_HAS_SQLITE
 #include <sqlite3.h>
 #endif
 
 #include <quorval/config.h>
 #include <quorval/pstore.h>
-
 #include "harness.h"
 #include "workload.h"
 
