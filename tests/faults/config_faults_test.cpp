@@ -404,7 +404,7 @@ TEST(ConfigurationOutOfMemory, LooksUpWithoutTheTableThatIsMadeThen)
 // Sizes at which the storage has to grow, and keys in front of all, among them and behind.
 TEST(ConfigurationOutOfMemory, SetsNothingWhereTheStorageCannotGrow)
 {
-    for (const int count : {0, 1, 4, 16, 64, 128}) {
+    for (const int count : {0, 1, 8, 32, 64, 128}) {
         for (const char* key : {"a-rather-long-key-in-front", "k103-a-rather-long-key", "z"}) {
             SCOPED_TRACE(std::to_string(count) + " and " + key);
             const auto prepare = [count] {
