@@ -99,7 +99,7 @@ template <class Number, class... Format>
 std::string format(Number number, Format... format)
 {
     constexpr std::size_t kLongest = 32;
-    char text[kLongest];  // NOLINT(modernize-avoid-c-arrays): std::array is one more header
+    char text[kLongest];  // NOLINT(*-avoid-c-arrays): std::array is one more header
     return std::string(text, std::to_chars(text, text + kLongest, number, format...).ptr);
 }
 
@@ -127,7 +127,7 @@ inline std::string to_whole_text(double number)
 /// The double that is written like the float: 0.1 and not 0.10000000149011612.
 [[gnu::cold]] inline double widen(float number)
 {
-    double wide = static_cast<double>(number);
+    auto wide = static_cast<double>(number);
     if (is_finite(wide)) {
         const std::string text = format(number);
         std::from_chars(text.data(), text.data() + text.size(), wide);
@@ -328,6 +328,7 @@ inline std::string to_text(const Setting& setting, double number)
 [[gnu::cold]] inline std::vector<double> widen_all(const std::vector<float>& numbers)
 {
     std::vector<double> wide;
+    wide.reserve(numbers.size());
     for (const float number : numbers) {
         wide.push_back(widen(number));
     }

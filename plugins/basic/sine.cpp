@@ -15,7 +15,7 @@ namespace {
 
 struct SineSettings {
     double frequency = 1;
-    double rate = 100;
+    double rate = 100;  // NOLINT(*-magic-numbers): the default
     double amplitude = 1;
 };
 

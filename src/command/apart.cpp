@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -43,12 +45,8 @@ int wait_for(pid_t child)
 /// The signals that the child itself reports.
 bool is_crash(int signal)
 {
-    for (const int crash : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
-        if (signal == crash) {
-            return true;
-        }
-    }
-    return false;
+    constexpr std::array kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+    return std::find(kCrashes.begin(), kCrashes.end(), signal) != kCrashes.end();
 }
 
 }  // namespace

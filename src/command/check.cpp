@@ -71,9 +71,10 @@ HelpText help_text()
 {
     return {"quorval check [OPTION...] FILE...",
             "Makes the graph of the files and says what is wrong with it. Nothing is started.",
-            kStatusHelp + std::string("\n"
-                                      "Example:\n"
-                                      "  quorval check --set left/gain.factor=0.25 loudness.toml")};
+            status_help() +
+                "\n"
+                "Example:\n"
+                "  quorval check --set left/gain.factor=0.25 loudness.toml"};
 }
 
 }  // namespace

@@ -11,10 +11,15 @@
 
 namespace {
 
+constexpr std::size_t kOptionWidth = 26;
+
 /// The help as the GNU tools have it: no headline over the usage, options without decoration.
 class HelpFormatter : public CLI::Formatter {
 public:
-    explicit HelpFormatter(std::string usage) : usage_(std::move(usage)) { column_width(26); }
+    explicit HelpFormatter(std::string usage) : usage_(std::move(usage))
+    {
+        column_width(kOptionWidth);
+    }
 
     std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override
     {

@@ -60,7 +60,7 @@ void show_diagnostics(const std::vector<Diagnostic>& diagnostics)
             text += show_place(diagnostic);
         }
     }
-    std::fwrite(text.data(), 1, text.size(), stderr);
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stderr));
 }
 
 std::string to_json(const std::vector<Diagnostic>& diagnostics)

@@ -1,5 +1,6 @@
 #include "duration.h"
 
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <ratio>
@@ -8,12 +9,12 @@
 std::optional<std::chrono::nanoseconds> parse_duration(const std::string& text)
 {
     using std::chrono::nanoseconds;
-    constexpr std::pair<const char*, nanoseconds> kUnits[] = {
+    constexpr std::array<std::pair<const char*, nanoseconds>, 4> kUnits = {{
         {"ms", std::chrono::milliseconds(1)},
         {"s", std::chrono::seconds(1)},
         {"m", std::chrono::minutes(1)},
         {"h", std::chrono::hours(1)},
-    };
+    }};
     constexpr nanoseconds kMost = std::chrono::hours(24 * 36525L);
 
     std::uint64_t number = 0;

@@ -11,6 +11,7 @@
 #include "picture.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -18,7 +19,7 @@
 
 namespace {
 
-constexpr const char* kFormats[] = {"dot", "json", "mermaid", "svg"};
+constexpr std::array kFormats = {"dot", "json", "mermaid", "svg"};
 
 void draw(const Picture& picture, const std::string& format)
 {
@@ -60,9 +61,10 @@ HelpText help_text()
 {
     return {"quorval graph [OPTION...] FILE...",
             "Draws the graph of the files on standard output. Nothing is started.",
-            kStatusHelp + std::string("\n"
-                                      "Example:\n"
-                                      "  quorval graph --format svg loudness.toml >loudness.svg")};
+            status_help() +
+                "\n"
+                "Example:\n"
+                "  quorval graph --format svg loudness.toml >loudness.svg"};
 }
 
 }  // namespace

@@ -22,12 +22,14 @@ void split_path(const std::string& list, std::vector<std::string>& directories)
 
 }  // namespace
 
-const char* const kStatusHelp =
-    "Exit status:\n"
-    "  0  done\n"
-    "  1  output could not be written, or a helper program is missing\n"
-    "  2  wrong use of the command line\n"
-    "  3  the graph or a plug-in is wrong\n";
+std::string status_help()
+{
+    return "Exit status:\n"
+           "  0  done\n"
+           "  1  output could not be written, or a helper program is missing\n"
+           "  2  wrong use of the command line\n"
+           "  3  the graph or a plug-in is wrong\n";
+}
 
 GraphLine::GraphLine(CommandLine& line)
 {

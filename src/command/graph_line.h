@@ -31,4 +31,4 @@ private:
 std::unique_ptr<Quorval::Graph> make_graph(const Quorval::GraphOptions& options);
 
 /// The part of a help text about the exit status of a command that runs nothing.
-extern const char* const kStatusHelp;
+std::string status_help();

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -63,9 +64,10 @@ pid_t start_dot(int in)
 
     std::string program = "dot";
     std::string format = "-Tsvg";
-    char* const arguments[] = {program.data(), format.data(), nullptr};
+    const std::array<char*, 3> arguments = {program.data(), format.data(), nullptr};
     pid_t child = 0;
-    const int error = ::posix_spawnp(&child, "dot", &actions, &attributes, arguments, ::environ);
+    const int error =
+        ::posix_spawnp(&child, "dot", &actions, &attributes, arguments.data(), ::environ);
     ::posix_spawnattr_destroy(&attributes);
     ::posix_spawn_file_actions_destroy(&actions);
     if (error == ENOENT || error == EACCES || error == ENOTDIR) {

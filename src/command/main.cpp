@@ -7,7 +7,9 @@
 #include <sys/auxv.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstddef>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -20,18 +22,20 @@ struct Command {
     int (*run)(const Arguments&);
 };
 
-constexpr Command kCommands[] = {
+constexpr std::array<Command, 3> kCommands = {{
     {"check", "look for what is wrong with a graph", check_command},
     {"graph", "draw a graph", graph_command},
     {"run", "run a graph", run_command},
-};
+}};
+
+constexpr std::size_t kNameWidth = 24;
 
 HelpText help_text()
 {
     std::string commands = "Commands:\n";
     for (const Command& command : kCommands) {
         std::string name = command.name;
-        name.resize(24, ' ');
+        name.resize(kNameWidth, ' ');
         commands += "  " + name + command.summary + "\n";
     }
     return {"quorval COMMAND [OPTION...] FILE...",
@@ -106,7 +110,7 @@ int main(int argc, char* argv[])
 {
     open_standard_streams();
     // A reader that goes away is output that cannot be written.
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     if (has_rights_of_another()) {
         say_error("set-user-ID use is refused");
         return kWrongUse;

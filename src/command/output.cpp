@@ -25,7 +25,7 @@ int close_standard_output()
     std::cout.flush();
     const bool was_bad = !std::cout || std::ferror(stdout) != 0;
     const int error = errno;
-    if (std::fclose(stdout) != 0) {
+    if (std::fclose(stdout) != 0) {  // NOLINT(cppcoreguidelines-owning-memory)
         return errno;
     }
     // The call that failed may be long gone.
@@ -36,7 +36,8 @@ int close_standard_output()
 
 void write_output(const std::string& text)
 {
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    // What fails shows when the output is closed.
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stdout));
 }
 
 bool close_output()
@@ -52,7 +53,7 @@ void say_error(const std::string& text)
 {
     // In one call, so that lines of several processes do not mix.
     const std::string line = "quorval: error: " + escape_controls(text) + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
 }
 
 bool has_terminal()

@@ -11,6 +11,7 @@ namespace {
 
 constexpr const char* kWipe = "\r\033[K";
 constexpr std::size_t kUsualWidth = 80;
+constexpr double kPercent = 100;
 
 std::size_t terminal_width()
 {
@@ -27,19 +28,19 @@ std::string describe_progress(const std::string& path, std::uint64_t done, std::
         return path + ": " + std::to_string(done);
     }
     const double share = static_cast<double>(std::min(done, total)) / static_cast<double>(total);
-    return path + ": " + std::to_string(static_cast<int>(100 * share)) + " %";
+    return path + ": " + std::to_string(static_cast<int>(kPercent * share)) + " %";
 }
 
 ProgressLine::~ProgressLine()
 {
     if (is_shown_) {
-        std::fputs(kWipe, stderr);
+        static_cast<void>(std::fputs(kWipe, stderr));
     }
 }
 
 void ProgressLine::show(const std::string& path, std::uint64_t done, std::uint64_t total)
 {
     const std::string text = describe_progress(path, done, total).substr(0, terminal_width() - 1);
-    std::fputs((kWipe + text + "\r").c_str(), stderr);
+    static_cast<void>(std::fputs((kWipe + text + "\r").c_str(), stderr));
     is_shown_ = true;
 }

@@ -1,23 +1,24 @@
 #include "text.h"
 
-#include <locale.h>
-
+#include <clocale>
 #include <cstddef>
 #include <cwchar>
 
 namespace {
 
 constexpr unsigned kTabWidth = 8;
+constexpr unsigned char kBlank = 0x20;
+constexpr unsigned char kDelete = 0x7f;
 
 bool is_control(unsigned char byte)
 {
-    return byte < 0x20 || byte == 0x7f;
+    return byte < kBlank || byte == kDelete;
 }
 
 std::string to_hex(unsigned char byte)
 {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    return {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 0xfU]};
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    return {'\\', 'x', kDigits[byte / kDigits.size()], kDigits[byte % kDigits.size()]};
 }
 
 /// How wide characters are does not depend on the language of the user.
@@ -32,8 +33,8 @@ private:
     /// Null, which changes nothing, where the system has no such locale.
     static locale_t utf8()
     {
-        static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-        return locale;
+        static const locale_t kLocale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+        return kLocale;
     }
 
     locale_t before_;

@@ -80,7 +80,7 @@ std::string GraphFile::read()
         if (size + kStep > text.size()) {
             text.resize(2 * size + kStep);
         }
-        const ssize_t count = ::read(fd_, &text[size], text.size() - size);
+        const ssize_t count = ::read(fd_, text.data() + size, text.size() - size);
         if (count < 0 && errno == EINTR) {
             continue;
         }

@@ -86,7 +86,8 @@ private:
         }
         const auto [seen, is_new] = is_open_.try_emplace(file.identity(), false);
         if (!is_new) {
-            if (seen->second) {
+            // What is still open was entered from a file.
+            if (seen->second && include != nullptr) {
                 reading_.problems.add_error(*include, "'" + name + "' includes itself");
             }
             return;
@@ -154,6 +155,7 @@ Reading read_graph(const std::vector<std::string>& files,
                    const std::vector<std::string>& assignments)
 {
     std::vector<std::string> targets;
+    targets.reserve(assignments.size());
     for (const std::string& assignment : assignments) {
         targets.push_back(target_of(assignment));
     }

@@ -64,6 +64,7 @@ LoadedGraph load_graph(const GraphOptions& options)
     if (graph.reading->problems.has_errors()) {
         throw GraphError(std::move(diagnostics));
     }
+    // cppcheck-suppress accessMoved  // what was moved from went with the exception
     graph.warnings = std::move(diagnostics);
     return graph;
 }
