@@ -1,12 +1,12 @@
 // How a block loads and stores its state: `state DIRECTORY/` meets a damaged file and goes on.
+#include <quorval/config.h>
+#include <quorval/log.h>
+#include <quorval/pstore.h>
+
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>
-
-#include <quorval/config.h>
-#include <quorval/log.h>
-#include <quorval/pstore.h>
 
 using namespace Quorval;
 

@@ -1,6 +1,8 @@
 // The hierarchical, typed configuration of blocks.
 #pragma once
 
+#include <quorval/export.h>
+
 #include <cstddef>
 #include <initializer_list>
 #include <iosfwd>
@@ -10,8 +12,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <quorval/export.h>
 
 namespace Quorval {
 

@@ -1,14 +1,14 @@
 // The store directory in which a block keeps its state, and the streams on the files in it.
 #pragma once
 
+#include <quorval/config.h>
+#include <quorval/export.h>
+
 #include <filesystem>
 #include <fstream>
 #include <ostream>
 #include <sstream>
 #include <string>
-
-#include <quorval/config.h>
-#include <quorval/export.h>
 
 namespace Quorval {
 

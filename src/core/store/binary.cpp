@@ -1,3 +1,14 @@
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "config/impl.h"
+#include "store/bools.h"
+
+#include <cereal/archives/binary.hpp>
+#include <cereal/details/helpers.hpp>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -16,18 +27,6 @@
 #include <typeinfo>
 #include <utility>
 #include <vector>
-
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cereal/archives/binary.hpp>
-#include <cereal/details/helpers.hpp>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "config/impl.h"
-#include "store/bools.h"
 
 namespace Quorval {
 
@@ -113,8 +112,7 @@ std::size_t size_of(const Elements& elements)
     std::size_t size = 0;
     for (const Entry& entry : elements) {
         size += size_of(entry.key) + size_of(kTypeNames[entry.value.index()]) +
-                visit_content(entry.value,
-                              [](const auto& content) { return size_of(content); });
+                visit_content(entry.value, [](const auto& content) { return size_of(content); });
     }
     return size;
 }
@@ -517,8 +515,7 @@ POFStream& operator<<(POFStream& out, const BlockConfiguration& config)
     for (const Entry& entry : elements) {
         writer.write(entry.key);
         writer.write(kTypeNames[entry.value.index()]);
-        visit_content(entry.value,
-                      [&writer](const auto& content) { writer.write(content); });
+        visit_content(entry.value, [&writer](const auto& content) { writer.write(content); });
     }
     writer.flush();
     return out;

@@ -1,10 +1,9 @@
+#include <quorval/pstore.h>
+#include "store/path.h"
+
 #include <filesystem>
 #include <fstream>
 #include <string>
-
-#include <quorval/pstore.h>
-
-#include "store/path.h"
 
 namespace Quorval {
 

@@ -1,14 +1,14 @@
-#include <cerrno>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <system_error>
+#include <quorval/pstore.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <quorval/pstore.h>
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
 
 namespace Quorval {
 

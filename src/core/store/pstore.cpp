@@ -1,9 +1,8 @@
+#include <quorval/config.h>
 #include <quorval/pstore.h>
 
 #include <stdexcept>
 #include <string>
-
-#include <quorval/config.h>
 
 namespace Quorval {
 

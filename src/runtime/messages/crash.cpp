@@ -1,3 +1,8 @@
+#include <quorval/runtime/crash.h>
+#include "messages/context.h"
+
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -5,12 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include <unistd.h>
-
-#include <quorval/runtime/crash.h>
-
-#include "messages/context.h"
 
 namespace Quorval {
 

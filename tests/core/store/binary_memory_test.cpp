@@ -1,4 +1,12 @@
 // The memory that reading and writing the binary form take.
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "core/store/binary_form.h"
+#include "support/allocations.h"
+#include "support/support.h"
+
+#include <cereal/cereal.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <istream>
@@ -8,15 +16,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <cereal/cereal.hpp>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "core/store/binary_form.h"
-#include "support/allocations.h"
-#include "support/support.h"
 
 using Quorval::BlockConfiguration;
 using Quorval::POFStream;

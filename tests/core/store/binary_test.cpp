@@ -1,4 +1,15 @@
 // The binary form of configurations.
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "core/store/binary_form.h"
+#include "support/support.h"
+
+#include <cereal/cereal.hpp>
+
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <climits>
 #include <csignal>
@@ -16,18 +27,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <pthread.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cereal/cereal.hpp>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "core/store/binary_form.h"
-#include "support/support.h"
 
 using Quorval::BlockConfiguration;
 using Quorval::POFStream;

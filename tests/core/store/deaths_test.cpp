@@ -1,4 +1,12 @@
 // What a reader finds when a process dies while it stores, or has not finished yet.
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "core/store/system_calls.h"
+#include "support/support.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -6,15 +14,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "core/store/system_calls.h"
-#include "support/support.h"
 
 using Quorval::BlockConfiguration;
 using Quorval::PStore;

@@ -1,3 +1,9 @@
+#include <quorval/pstore.h>
+#include "support/support.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -10,13 +16,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <quorval/pstore.h>
-
-#include "support/support.h"
 
 using Quorval::PIFStream;
 using quorval_test::open_descriptors;

@@ -1,4 +1,12 @@
 // The system calls of a POFStream: their order, and what each of their failures leads to.
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "core/store/system_calls.h"
+#include "support/support.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -9,15 +17,6 @@
 #include <string>
 #include <system_error>
 #include <vector>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "core/store/system_calls.h"
-#include "support/support.h"
 
 using Quorval::POFStream;
 using quorval_test::expect_throw;

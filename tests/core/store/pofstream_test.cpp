@@ -1,3 +1,11 @@
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "support/support.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <exception>
@@ -13,15 +21,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "support/support.h"
 
 using Quorval::POFStream;
 using quorval_test::expect_throw;

@@ -1,3 +1,9 @@
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "support/support.h"
+
+#include <cereal/cereal.hpp>
+
 #include <filesystem>
 #include <ios>
 #include <iterator>
@@ -5,13 +11,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <cereal/cereal.hpp>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "support/support.h"
 
 using Quorval::BlockConfiguration;
 using Quorval::PStore;

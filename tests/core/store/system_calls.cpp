@@ -3,15 +3,15 @@
 
 #include "core/store/system_calls.h"
 
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <stdexcept>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <stdexcept>
 
 namespace quorval_test {
 

@@ -1,15 +1,15 @@
+#include "core/store/untyped_buffer.h"
+
+#include <quorval/config.h>
+#include <quorval/pstore.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
 #include <istream>
 #include <memory>
 #include <sstream>
 #include <string>
-
-#include <gtest/gtest.h>
-
-#include <quorval/config.h>
-#include <quorval/pstore.h>
-
-#include "core/store/untyped_buffer.h"
-#include "support/support.h"
 
 using Quorval::BlockConfiguration;
 

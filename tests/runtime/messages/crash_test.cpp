@@ -1,12 +1,11 @@
-#include <csignal>
-#include <cstdlib>
-#include <string>
+#include <quorval/runtime/crash.h>
+#include "messages/context.h"
 
 #include <gtest/gtest.h>
 
-#include <quorval/runtime/crash.h>
-
-#include "messages/context.h"
+#include <csignal>
+#include <cstdlib>
+#include <string>
 
 namespace {
 
