@@ -62,6 +62,16 @@ ProcessResult CommandTest::run(const std::vector<std::string>& arguments) const
     return result;
 }
 
+void CommandTest::set_variable(ProcessOptions& options, const std::string& name,
+                               const std::string& value)
+{
+    if (*QUORVAL_EMULATOR == '\0') {
+        options.environment.emplace_back(name, value);
+    } else {
+        options.command.insert(options.command.begin() + 1, {"-E", name + "=" + value});
+    }
+}
+
 void expect_result(const ProcessResult& result, int status, const std::string& out,
                    const std::string& err)
 {

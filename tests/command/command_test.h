@@ -23,6 +23,10 @@ protected:
 
     ProcessResult run(const std::vector<std::string>& arguments) const;
 
+    /// Sets a variable of the environment of `quorval` that does not concern the emulator.
+    static void set_variable(ProcessOptions& options, const std::string& name,
+                             const std::string& value);
+
     std::string directory() const { return work_.path().string(); }
 
 private:

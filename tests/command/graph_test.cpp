@@ -189,7 +189,7 @@ TEST_F(Graph, IsDrawnByGraphviz)
 TEST_F(Graph, NeedsGraphvizForSvg)
 {
     ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
-    options.environment.emplace_back("PATH", directory());
+    set_variable(options, "PATH", directory());
 
     expect_result(run_process(options), 1, "",
                   "quorval: error: svg needs the program 'dot' of Graphviz\n");
@@ -200,7 +200,7 @@ TEST_F(Graph, FailsWhenGraphvizFails)
     write("dot", "#!/bin/sh\nexit 5\n");
     std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
     ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
-    options.environment.emplace_back("PATH", directory());
+    set_variable(options, "PATH", directory());
 
     expect_result(run_process(options), 1, "", "quorval: error: 'dot' failed with exit status 5\n");
 }

@@ -129,7 +129,7 @@ TEST_F(Main, FailsWhenStandardOutputIsClosed)
 TEST_F(Main, RefusesSetUserIdUse)
 {
     ProcessOptions options = command({"--version"});
-    options.environment.emplace_back("LD_PRELOAD", QUORVAL_TEST_SECURE);
+    set_variable(options, "LD_PRELOAD", QUORVAL_TEST_SECURE);
     // The runtime of the sanitizer wants to be first.
     options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0");
 
