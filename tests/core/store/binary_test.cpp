@@ -1387,6 +1387,12 @@ namespace {
 // Less than the smallest that some systems allow for, and enough for the calls of the system.
 constexpr std::size_t kSmallStack = std::size_t{48} * 1024;
 
+/// A small stack, or the smallest that this system allows for.
+std::size_t small_stack()
+{
+    return std::max(kSmallStack, static_cast<std::size_t>(PTHREAD_STACK_MIN));
+}
+
 /// Ends the process with 0 when `action` ran to its end in a thread of a small stack.
 [[noreturn]] void exit_after_running_on_a_small_stack(void (*action)())
 {
@@ -1394,7 +1400,7 @@ constexpr std::size_t kSmallStack = std::size_t{48} * 1024;
     pthread_attr_init(&attributes);
     pthread_attr_setguardsize(&attributes, std::size_t{1024} * 1024);
     pthread_t thread = {};
-    const bool is_made = pthread_attr_setstacksize(&attributes, kSmallStack) == 0 &&
+    const bool is_made = pthread_attr_setstacksize(&attributes, small_stack()) == 0 &&
                          pthread_create(
                              &thread, &attributes,
                              [](void* function) -> void* {
