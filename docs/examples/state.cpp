@@ -19,7 +19,7 @@ BlockConfiguration load_state(PStore& store)
         return BlockConfiguration();  // the first start
     }
     try {
-        const BlockConfiguration state = store.load("state");
+        BlockConfiguration state = store.load("state");
         if (state.getInt("zz", 0) == kLast) {
             return state;
         }

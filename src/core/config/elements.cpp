@@ -70,8 +70,8 @@ std::uint32_t hash_of(const std::string& key)
 {
     constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
     // Where the system has put the library, which cannot be told from outside.
-    static const char here = 0;
-    const std::uint64_t secret = (reinterpret_cast<std::uintptr_t>(&here) * kOdd) | 1U;
+    static const char kHere = 0;
+    const std::uint64_t secret = (reinterpret_cast<std::uintptr_t>(&kHere) * kOdd) | 1U;
 
     std::uint64_t state = secret ^ key.size();
     std::size_t done = 0;
@@ -95,6 +95,8 @@ Elements::Elements(const Elements& other)
             Block& copy = blocks_.emplace_back();
             copy.reserve(block.size());
             for (const Entry* entry : block) {
+                // Room is there, so nothing fails between the two.
+                // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
                 copy.push_back(new Entry{entry->key, copy_value(entry->value), entry->consumed});
             }
         }
@@ -281,7 +283,7 @@ void Elements::clear() noexcept
 {
     for (const Block& block : blocks_) {
         for (const Entry* entry : block) {
-            delete entry;
+            delete entry;  // NOLINT(cppcoreguidelines-owning-memory)
         }
     }
 }

@@ -107,6 +107,14 @@ private:
     std::vector<std::size_t> outer_;  // the same of the brackets around it
 };
 
+/// Whether a byte of UTF-8 is another than the first of its character.
+bool is_continuation(char byte)
+{
+    constexpr unsigned kMask = 0xC0;
+    constexpr unsigned kMark = 0x80;
+    return (static_cast<unsigned char>(byte) & kMask) == kMark;
+}
+
 /// The place of a byte.
 Place place_of(std::string_view text, std::size_t position, std::uint32_t source)
 {
@@ -115,7 +123,7 @@ Place place_of(std::string_view text, std::size_t position, std::uint32_t source
         if (c == '\n') {
             ++place.line;
             place.column = 1;
-        } else if ((static_cast<unsigned char>(c) & 0xC0U) != 0x80U) {
+        } else if (!is_continuation(c)) {
             ++place.column;
         }
     }

@@ -26,27 +26,27 @@ using Keys = std::vector<std::string>;
 
 const Keys& keys_of_a_graph()
 {
-    static const Keys keys = {"blocks", "connections", "format",     "include",
-                              "name",   "on_error",    "superblocks"};
-    return keys;
+    static const Keys kKeys = {"blocks", "connections", "format",     "include",
+                               "name",   "on_error",    "superblocks"};
+    return kKeys;
 }
 
 const Keys& keys_of_a_kind()
 {
-    static const Keys keys = {"blocks", "connections", "inports", "outports"};
-    return keys;
+    static const Keys kKeys = {"blocks", "connections", "inports", "outports"};
+    return kKeys;
 }
 
 const Keys& keys_of_a_member()
 {
-    static const Keys keys = {"config", "on_error", "type"};
-    return keys;
+    static const Keys kKeys = {"config", "on_error", "type"};
+    return kKeys;
 }
 
 const Keys& keys_of_a_connection()
 {
-    static const Keys keys = {"delayed", "delivery", "from", "to"};
-    return keys;
+    static const Keys kKeys = {"delayed", "delivery", "from", "to"};
+    return kKeys;
 }
 
 /// A table of the format: a few known keys.

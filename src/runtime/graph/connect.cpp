@@ -63,6 +63,7 @@ std::vector<std::string> sorted_names(const std::unordered_map<std::string, Data
 std::vector<std::string> names_of(const std::vector<ExposedDescription>& ports)
 {
     std::vector<std::string> names;
+    names.reserve(ports.size());
     for (const ExposedDescription& port : ports) {
         names.push_back(port.name);
     }
@@ -72,7 +73,7 @@ std::vector<std::string> names_of(const std::vector<ExposedDescription>& ports)
 /// "; did you mean '<near>'?", or "; it has <a>, <b>".
 std::string advice(const std::string& name, const std::vector<std::string>& known)
 {
-    const std::string near = suggestion(name, known);
+    std::string near = suggestion(name, known);
     if (!near.empty()) {
         return near;
     }

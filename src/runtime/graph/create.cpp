@@ -148,6 +148,8 @@ private:
         if (config.is_consumed()) {
             return;
         }
+        // To look at a value marks it as read.
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
         const BlockConfiguration copy = config;
         if (adds_store) {
             copy.getString(kStoreKey);

@@ -96,6 +96,7 @@ bool check_declared(const std::vector<Quorval::Setting>& declared, const PlainBl
                     const BlockConfiguration& config, Problems& problems)
 {
     // A copy: to look at a value marks it as read.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const BlockConfiguration copy = config;
     return DeclaredCheck(declared, block, problems).check(copy);
 }
