@@ -28,8 +28,8 @@ class QUORVAL_EXPORT GraphError : public std::runtime_error {
 public:
     /// @param diagnostics  all findings, warnings too, in the order in which they are shown
     explicit GraphError(std::vector<Diagnostic> diagnostics);
-    GraphError(const GraphError&);
-    GraphError& operator=(const GraphError&);
+    GraphError(const GraphError& other);
+    GraphError& operator=(const GraphError& other);
     ~GraphError() override;
 
     const std::vector<Diagnostic>& diagnostics() const noexcept;

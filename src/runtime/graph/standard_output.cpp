@@ -13,15 +13,20 @@ namespace {
 void flush()
 {
     std::cout.flush();
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
+}
+
+/// A copy of standard output, to which nothing is left to be written.
+int copy_standard_output()
+{
+    flush();
+    return ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 }
 
 }  // namespace
 
-StandardOutputScope::StandardOutputScope()
+StandardOutputScope::StandardOutputScope() : saved_(copy_standard_output())
 {
-    flush();
-    saved_ = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
     if (saved_ >= 0) {
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
     }

@@ -12,7 +12,7 @@ public:
     ~StandardOutputScope();
 
 private:
-    int saved_ = -1;
+    int saved_;
 };
 
 }  // namespace Quorval::runtime
