@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace Quorval {
 
@@ -37,14 +39,10 @@ public:
 
     Line& operator<<(int number)
     {
-        char digits[12];
-        char* first = digits + sizeof digits - 1;
-        *first = '\0';
-        do {
-            *--first = static_cast<char>('0' + number % 10);
-            number /= 10;
-        } while (number != 0);
-        return *this << first;
+        constexpr std::size_t kLongest = 12;
+        std::array<char, kLongest> digits{};  // the last one ends the text
+        std::to_chars(digits.data(), digits.data() + digits.size() - 1, number);
+        return *this << digits.data();
     }
 
     void write()
@@ -87,7 +85,7 @@ void report_signal(int signal)
     line << "signal " << signal << " (SIG" << (name != nullptr ? name : "?") << ")";
     line.write();
     // The handler is gone, and the signal is not blocked.
-    ::raise(signal);
+    static_cast<void>(::raise(signal));
 }
 
 bool is_running(const Context& where)
@@ -95,12 +93,8 @@ bool is_running(const Context& where)
     if (where.plugin != nullptr) {
         return false;
     }
-    for (const char* operation : {"start", "run", "stop", "reconfigure"}) {
-        if (std::strcmp(where.operation, operation) == 0) {
-            return true;
-        }
-    }
-    return false;
+    constexpr std::array<std::string_view, 4> kRunning = {"start", "run", "stop", "reconfigure"};
+    return std::find(kRunning.begin(), kRunning.end(), where.operation) != kRunning.end();
 }
 
 void report_exit()
