@@ -40,11 +40,11 @@ public:
 
 private:
     struct Entry {
-        FdPort* port;
-        std::uint32_t block;
-        bool is_event_port;
-        bool can_count;           // the event port is on an event descriptor
-        bool is_file;             // always ready
+        FdPort* port = nullptr;
+        std::uint32_t block = 0;
+        bool is_event_port = false;
+        bool can_count = false;   // the event port is on an event descriptor
+        bool is_file = false;     // always ready
         bool is_counted = false;  // the run has begun with a count of one
         bool was_reported = false;
         int waves_in_a_row = 0;  // in which the port was readable

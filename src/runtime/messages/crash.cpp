@@ -20,7 +20,7 @@ namespace {
 using runtime::Context;
 using runtime::context;
 
-constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+constexpr std::array kSignals = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
 constexpr std::size_t kStackSize = 65536;
 constexpr int kFailedRun = 1;
 constexpr int kWrongGraph = 3;
@@ -53,7 +53,7 @@ public:
     }
 
 private:
-    std::array<char, 8192> text_;
+    std::array<char, 8192> text_{};
     std::size_t length_ = 0;
 };
 
@@ -106,7 +106,7 @@ void report_exit()
     Line line;
     line << "quorval: fatal: ";
     append_culprit(line, where, "called exit");
-    std::fflush(nullptr);
+    static_cast<void>(std::fflush(nullptr));
     line.write();
     ::_exit(is_running(where) ? kFailedRun : kWrongGraph);
 }
@@ -128,7 +128,7 @@ void report_crashes()
     for (const int signal : kSignals) {
         ::sigaction(signal, &action, nullptr);
     }
-    std::atexit(report_exit);
+    static_cast<void>(std::atexit(report_exit));
 }
 
 }  // namespace Quorval

@@ -16,7 +16,6 @@ namespace {
 using runtime::LoadedBlock;
 using runtime::LoadedGraph;
 using runtime::Loop;
-using runtime::Node;
 using runtime::Runner;
 using runtime::Signals;
 using runtime::Wire;

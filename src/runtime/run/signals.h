@@ -3,9 +3,8 @@
 
 #include "loop/waker.h"
 
-#include <signal.h>
-
 #include <array>
+#include <csignal>
 #include <memory>
 
 namespace Quorval::runtime {

@@ -246,7 +246,8 @@ Cycle make_cycle(const Subgraph& graph, std::size_t closing)
 /// closed them are gone, as long as it is cheap to look for more and to show them.
 std::vector<Cycle> find_cycles(const Subgraph& graph)
 {
-    std::size_t may_look_at = 20000000;                 // edges
+    constexpr std::size_t kMostEdges = 20000000;
+    std::size_t may_look_at = kMostEdges;
     std::size_t may_show = 4 * graph.edges.size() + 4;  // blocks
     std::vector<Subgraph> parts;
     split(graph, parts);

@@ -166,7 +166,7 @@ std::string find_plugin(const std::string& plugin)
     }
     std::string searched;
     for (const std::string& directory : runtime::plugin_directories({})) {
-        std::string file = directory + "/" + plugin;
+        const std::filesystem::path file = std::filesystem::path(directory) / plugin;
         if (std::filesystem::exists(file)) {
             return file;
         }
