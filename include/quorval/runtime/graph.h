@@ -41,6 +41,8 @@ struct GraphOptions {
     /// most ten times a second; see RuntimeTools::progress(). May be empty.
     std::function<void(const std::string& path, std::uint64_t done, std::uint64_t total)>
         on_progress;
+    /// Whether the runs of blocks are timed, for statistics().
+    bool times_runs = false;
 };
 
 /// A plain block of a graph.
@@ -61,6 +63,17 @@ struct ConnectionInfo {
     std::string input;
     std::string type;         ///< of the output
     bool is_delayed = false;  ///< the reader runs before its source
+};
+
+/// What a block has done while the graph ran.
+struct BlockStatistics {
+    std::string path;            ///< the names from the graph down to it with "/" between
+    std::uint64_t runs = 0;      ///< those that failed too
+    std::uint64_t failures = 0;  ///< of its runs, and of its ports
+    /// Of all its runs; 0 where runs were not timed, like those below.
+    std::chrono::nanoseconds total{0};
+    std::chrono::nanoseconds longest{0};
+    std::chrono::nanoseconds percentile_99{0};  ///< at most a quarter too long
 };
 
 /// How a run ended.
@@ -105,6 +118,9 @@ public:
     /// @throws std::logic_error  "the graph cannot be run: it has run already", or "...: it was
     ///     made to be looked at"
     RunResult run();
+
+    /// What each block has done in run(), in the order in which they run; empty before its end.
+    std::vector<BlockStatistics> statistics() const;
 
     /// Makes run() stop in order, or return at once when it has not begun. From any thread, and
     /// from a signal handler.

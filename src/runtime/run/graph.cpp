@@ -1,10 +1,13 @@
 #include <quorval/runtime/graph.h>
 #include "graph/loaded_graph.h"
 #include "loop/loop.h"
+#include "observe/observer.h"
+#include "observe/statistics.h"
 #include "run/runner.h"
 #include "run/signals.h"
 
 #include <atomic>
+#include <memory>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
@@ -16,6 +19,7 @@ namespace {
 using runtime::LoadedBlock;
 using runtime::LoadedGraph;
 using runtime::Loop;
+using runtime::Observer;
 using runtime::Runner;
 using runtime::Signals;
 using runtime::Wire;
@@ -50,6 +54,7 @@ struct Graph::Impl {
     LoadedGraph graph;  // behind those two: blocks may use them until they are destroyed
     std::atomic<bool> has_stop{false};
     bool has_run = false;
+    std::vector<BlockStatistics> statistics;
 
     explicit Impl(GraphOptions given)
         : options(std::move(given)),
@@ -115,8 +120,23 @@ RunResult Graph::run()
     if (std::exchange(impl_->has_run, true)) {
         throw_cannot_run("it has run already");
     }
-    return Runner(impl_->options, impl_->graph, *impl_->loop, impl_->signals.get(), impl_->has_stop)
-        .run();
+    const runtime::Network& network = impl_->graph.network;
+    std::unique_ptr<Observer> observer;
+    Runner runner(impl_->options, impl_->graph, *impl_->loop, impl_->signals.get(),
+                  impl_->has_stop);
+    if (impl_->options.times_runs) {
+        observer = std::make_unique<Observer>(network.nodes.size(), Loop::now);
+        runner.life().wave().set_probe(observer.get());
+    }
+    const RunResult result = runner.run();
+    impl_->statistics =
+        gather_statistics(network, runner.life().wave(), observer ? &observer->times() : nullptr);
+    return result;
+}
+
+std::vector<BlockStatistics> Graph::statistics() const
+{
+    return impl_->statistics;
 }
 
 void Graph::stop() noexcept

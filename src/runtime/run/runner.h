@@ -30,6 +30,8 @@ public:
     /// Once.
     RunResult run();
 
+    Life& life() { return life_; }
+
 private:
     struct Progress {
         const std::string* path = nullptr;  // null: told already

@@ -174,6 +174,9 @@ void Wave::look_at_outputs(std::uint32_t block)
 bool Wave::run()
 {
     ++waves_;
+    if (probe_ != nullptr) {
+        probe_->wave_begins();
+    }
     const ContextScope scope(nullptr, nullptr);
     Context& present = context();
     for (std::uint32_t block = 0; visits_.take_lowest(block);) {
@@ -321,6 +324,9 @@ bool Wave::reset()
     }
     visited_count_ = 0;
     reset_outputs();
+    if (probe_ != nullptr) {
+        probe_->wave_ends();
+    }
     return is_well;
 }
 

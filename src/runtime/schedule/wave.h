@@ -37,8 +37,11 @@ protected:
     ~IWaveEvents() = default;
 };
 
-/// Watches each run, to measure it.
+/// Watches waves and each run in them, to measure them.
 struct IRunProbe {
+    virtual void wave_begins() = 0;
+    /// After the resets.
+    virtual void wave_ends() = 0;
     virtual void run_begins(std::uint32_t block) = 0;
     virtual void run_ends(std::uint32_t block, bool has_failed) = 0;
 

@@ -74,6 +74,30 @@ TEST_F(GraphTest, RunsToItsEnd)
                 ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
 }
 
+TEST_F(GraphTest, CountsRunsAndTimesThemWhereItIsTold)
+{
+    make(kCounting);
+    EXPECT_THAT(graph->statistics(), IsEmpty());
+    graph->run();
+    GraphOptions options;
+    options.times_runs = true;
+
+    const std::vector<BlockStatistics> counted = graph->statistics();
+    make(kCounting, options).run();
+    const std::vector<BlockStatistics> timed = graph->statistics();
+
+    ASSERT_EQ(counted.size(), 2U);
+    EXPECT_EQ(counted[1].path, "tell");
+    EXPECT_EQ(counted[1].runs, 2U);
+    EXPECT_EQ(counted[1].failures, 0U);
+    EXPECT_EQ(counted[1].total, 0ns);
+    ASSERT_EQ(timed.size(), 2U);
+    EXPECT_EQ(timed[1].runs, 2U);
+    EXPECT_GT(timed[1].total, 0ns);
+    EXPECT_LE(timed[1].longest, timed[1].total);
+    EXPECT_LE(timed[1].percentile_99, timed[1].longest);
+}
+
 TEST_F(GraphTest, ShowsItsBlocksAndConnections)
 {
     make(kCounting);

@@ -45,6 +45,8 @@ public:
         lines.back() += ": " + text;
     }
     void block_is_done(std::uint32_t block) override { add("done", block); }
+    void wave_begins() override { lines.emplace_back("wave begins"); }
+    void wave_ends() override { lines.emplace_back("wave ends"); }
     void run_begins(std::uint32_t block) override { add("begins", block); }
     void run_ends(std::uint32_t block, bool has_failed) override
     {
@@ -501,7 +503,7 @@ TEST(WaveContext, NamesTheBlockThatRuns)
     EXPECT_EQ(context().path, nullptr);
 }
 
-TEST(WaveProbe, SeesEachRun)
+TEST(WaveProbe, SeesTheWaveAndEachRun)
 {
     FakeGraph graph;
     graph.add("a");
@@ -514,8 +516,9 @@ TEST(WaveProbe, SeesEachRun)
 
     run_wave(wave);
 
-    EXPECT_THAT(recorder.lines, ElementsAre("begins 0", "ends 0", "begins 1", "fails 1",
-                                            "failed 1: an unknown exception"));
+    EXPECT_THAT(recorder.lines,
+                ElementsAre("wave begins", "begins 0", "ends 0", "begins 1", "fails 1",
+                            "failed 1: an unknown exception", "wave ends"));
 }
 
 TEST(WaveAllocations, AreNone)

@@ -1,0 +1,20 @@
+#include "observe/observer.h"
+
+namespace Quorval::runtime {
+
+void Observer::run_begins(std::uint32_t /*block*/)
+{
+    if (is_between_) {
+        begin_ = now_();
+    }
+}
+
+void Observer::run_ends(std::uint32_t block, bool has_failed)
+{
+    const Time end = now_();
+    times_.add(block, static_cast<std::uint64_t>((end - begin_).count()));
+    begin_ = end;
+    is_between_ = has_failed;  // to report a failure takes its time
+}
+
+}  // namespace Quorval::runtime

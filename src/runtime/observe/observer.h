@@ -1,0 +1,36 @@
+// Watches the runs of blocks.
+#pragma once
+
+#include "observe/run_times.h"
+#include "schedule/wave.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace Quorval::runtime {
+
+/// Times each run. The clock is read once for a run that follows another one in its wave: the end
+/// of one is then the beginning of the next, which so includes taking its inputs over.
+class Observer final : public IRunProbe {
+public:
+    using Time = std::chrono::nanoseconds;
+
+    /// @param now  of a monotonic clock
+    Observer(std::size_t blocks, Time (*now)()) : now_(now), times_(blocks) {}
+
+    void wave_begins() override { is_between_ = true; }
+    void wave_ends() override {}
+    void run_begins(std::uint32_t block) override;
+    void run_ends(std::uint32_t block, bool has_failed) override;
+
+    const RunTimes& times() const { return times_; }
+
+private:
+    Time (*now_)();
+    RunTimes times_;
+    Time begin_{};
+    bool is_between_ = true;  // two runs, so that the clock has to be read for the next one
+};
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,78 @@
+#include "observe/observer.h"
+
+#include "support/allocations.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+using Quorval::runtime::Observer;
+using std::chrono::nanoseconds;
+
+namespace {
+
+nanoseconds present{0};
+int readings = 0;
+
+/// A clock that a test sets; it counts how often it was read.
+nanoseconds read_clock()
+{
+    ++readings;
+    return present;
+}
+
+class ObserverTest : public ::testing::Test {
+protected:
+    ObserverTest() { readings = 0; }
+
+    void run(std::uint32_t block, int from, int to, bool has_failed = false)
+    {
+        present = nanoseconds(from);
+        observer.run_begins(block);
+        present = nanoseconds(to);
+        observer.run_ends(block, has_failed);
+    }
+
+    Observer observer{3, read_clock};
+};
+
+TEST_F(ObserverTest, TimesARunFromTheEndOfTheOneBefore)
+{
+    observer.wave_begins();
+    run(0, 100, 110);
+    run(2, 111, 140);
+    observer.wave_ends();
+
+    EXPECT_EQ(observer.times().total(0), 10U);
+    EXPECT_EQ(observer.times().total(1), 0U);
+    EXPECT_EQ(observer.times().total(2), 30U);
+    EXPECT_EQ(readings, 3);
+}
+
+TEST_F(ObserverTest, LeavesOutWhatLiesBetweenWavesAndBehindFailures)
+{
+    observer.wave_begins();
+    run(0, 100, 110, true);
+    run(1, 500, 520);
+    observer.wave_ends();
+    observer.wave_begins();
+    run(0, 1000, 1003);
+
+    EXPECT_EQ(observer.times().total(0), 13U);
+    EXPECT_EQ(observer.times().longest(0), 10U);
+    EXPECT_EQ(observer.times().total(1), 20U);
+}
+
+TEST_F(ObserverTest, AllocatesNothing)
+{
+    const std::size_t count = quorval_test::allocations_of([this] {
+        observer.wave_begins();
+        run(0, 100, 110);
+        run(1, 110, 120);
+        observer.wave_ends();
+    });
+
+    EXPECT_EQ(count, 0U);
+}
+
+}  // namespace
