@@ -1,5 +1,8 @@
 #include "plugins/plugin.h"
 
+#include <quorval/log.h>
+#include "plugins/note.h"
+
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -37,9 +40,13 @@ constexpr const char* kEntryPoint = "lib_register_cpp";
 
 }  // namespace
 
-Plugin::Plugin(const std::string& file, const InitTools& tools)
-    : tools_(tools), library_(std::make_shared<DlLoader>(file))
+Plugin::Plugin(const std::string& file, const InitTools& tools) : tools_(tools)
 {
+    const PluginFacts facts = look_at_plugin(file);
+    if (!facts.obstacle.empty()) {
+        throw std::runtime_error(facts.obstacle);
+    }
+    library_ = std::make_shared<DlLoader>(file);
     const std::string filename = std::filesystem::path(file).filename().string();
     const auto entry_point =
         reinterpret_cast<int (*)(IRegistry&)>(library_->get_fn_address(kEntryPoint));
@@ -53,6 +60,10 @@ Plugin::Plugin(const std::string& file, const InitTools& tools)
     }
     if (result != 0) {
         throw_entry_point_failed(filename);
+    }
+    if (!facts.note) {
+        ilog(LOGLEVEL_INFO) << "plug-in '" << std::filesystem::path(file).stem().string()
+                            << "' has no note: what it was built with is not known";
     }
 }
 

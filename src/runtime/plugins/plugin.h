@@ -24,11 +24,13 @@ public:
         std::string, const BlockConfiguration&, const InitTools&)>;
 
     /// Loads a plug-in and lets it register its types. A constructor that throws closes it again;
-    /// no exception of the plug-in's own leaves it.
+    /// no exception of the plug-in's own leaves it. One without a note is told of at
+    /// LOGLEVEL_INFO.
     /// @param file   with its directory
     /// @param tools  must outlive the plug-in
-    /// @throws std::runtime_error  with the texts of PluginLoader, that of what the plug-in threw,
-    ///     or "an unknown exception"
+    /// @throws std::runtime_error  it does not fit this runtime: "it was built for <interface or
+    ///     machine>, and this is <...>", "not a regular file"; with the texts of PluginLoader, that
+    ///     of what the plug-in threw, or "an unknown exception"
     Plugin(const std::string& file, const InitTools& tools);
     Plugin(const Plugin&) = delete;
     Plugin& operator=(const Plugin&) = delete;
