@@ -9,10 +9,17 @@ namespace sound {
 
 /// A piece of a recording.
 struct SampleBlock {
-    int rate;                     ///< frames per second
-    int channels;                 ///< samples per frame
+    int rate = 0;                 ///< frames per second
+    int channels = 0;             ///< samples per frame
     std::vector<double> samples;  ///< frame after frame; full scale is from -1 to 1
-    bool last;                    ///< whether the recording ends with this piece
+    bool last = false;            ///< whether the recording ends with this piece
+
+    /// For its codec.
+    template <class Archive>
+    void serialize(Archive& archive)
+    {
+        archive(rate, channels, samples, last);
+    }
 };
 
 using Input = Quorval::InPort<SampleBlock>;

@@ -1,6 +1,7 @@
 #include "plugins/plugin.h"
 
 #include <quorval/log.h>
+#include "plugins/codecs.h"
 #include "plugins/note.h"
 
 #include <filesystem>
@@ -26,6 +27,11 @@ constexpr const char* kEntryPoint = "lib_register_cpp";
 [[noreturn]] void throw_registered_twice(const std::string& type)
 {
     throw std::runtime_error("Try to register block " + type + " twice.");
+}
+
+[[noreturn]] void throw_codec_registered_twice(const std::string& type)
+{
+    throw std::runtime_error("Try to register codec " + type + " twice.");
 }
 
 [[noreturn]] void throw_registers_types()
@@ -86,6 +92,13 @@ void Plugin::describe_block(const std::string& type, const BlockConfiguration& d
     const auto found = types_.find(type);
     if (found != types_.end()) {
         found->second.settings = Quorval::read_settings(description);
+    }
+}
+
+void Plugin::add_codec(const std::string& type, const Codec& codec)
+{
+    if (find_standard_codec(type) != nullptr || !codecs_.try_emplace(type, codec).second) {
+        throw_codec_registered_twice(type);
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <quorval/block.h>
+#include <quorval/codec.h>
 #include <quorval/config.h>
 #include <quorval/dlloader.h>
 #include <quorval/pluginloader.h>
@@ -18,7 +19,7 @@ namespace Quorval::runtime {
 
 /// Holds one plug-in loaded, keeps what it registers, and makes blocks of its types. It does what
 /// PluginLoader does, without an environment variable. Stays where it is.
-class Plugin : public IRegistry, public IDescriptionRegistry {
+class Plugin : public IRegistry, public IDescriptionRegistry, public ICodecRegistry {
 public:
     using CreateFn = std::function<std::unique_ptr<Container>(
         std::string, const BlockConfiguration&, const InitTools&)>;
@@ -41,6 +42,9 @@ public:
     /// @throws what is wrong with a description that is none
     void describe_block(const std::string& type, const BlockConfiguration& description) override;
 
+    /// @throws std::runtime_error  as ICodecRegistry says, also for a standard type
+    void add_codec(const std::string& type, const Codec& codec) override;
+
     bool has_type(const std::string& type) const { return types_.count(type) > 0; }
 
     /// In the order of bytes.
@@ -48,6 +52,9 @@ public:
 
     /// The settings that a type declares, null where it declares none.
     const std::vector<Quorval::Setting>* settings_of(const std::string& type) const;
+
+    /// The codecs that it registered, by data type.
+    const std::map<std::string, Codec>& codecs() const { return codecs_; }
 
     /// Makes a block and calls its setup().
     /// @param type    one that the plug-in has
@@ -65,6 +72,7 @@ private:
     };
     // Behind the library, so that they are destroyed first: create functions are code of it.
     std::map<std::string, Type> types_;
+    std::map<std::string, Codec> codecs_;
 };
 
 /// Calls `action`.

@@ -2,6 +2,7 @@
 
 #include "description/file.h"
 #include "messages/context.h"
+#include "plugins/codecs.h"
 
 #include <sys/stat.h>
 
@@ -45,7 +46,13 @@ const PluginSet::Found& PluginSet::get(const std::string& name)
     return found->second;
 }
 
-PluginSet::Found PluginSet::look_for(const std::string& name) const
+const Codec* PluginSet::find_codec(const std::string& type) const
+{
+    const auto found = codecs_.find(type);
+    return found != codecs_.end() ? &found->second : find_standard_codec(type);
+}
+
+PluginSet::Found PluginSet::look_for(const std::string& name)
 {
     std::string list;
     for (const std::string& directory : directories_) {
@@ -61,7 +68,7 @@ PluginSet::Found PluginSet::look_for(const std::string& name) const
     return {nullptr, "there is no plug-in '" + name + "' in " + list};
 }
 
-PluginSet::Found PluginSet::load(const std::string& name, const std::string& file) const
+PluginSet::Found PluginSet::load(const std::string& name, const std::string& file)
 {
     Found found;
     const LoadScope scope(name.c_str());
@@ -69,6 +76,8 @@ PluginSet::Found PluginSet::load(const std::string& name, const std::string& fil
         text_of_failure([&] { found.plugin = std::make_unique<Plugin>(file, tools_); });
     if (!failure.empty()) {
         found.problem = "plug-in '" + name + "' cannot be loaded: " + failure;
+    } else {
+        codecs_.insert(found.plugin->codecs().begin(), found.plugin->codecs().end());
     }
     return found;
 }

@@ -27,13 +27,19 @@ public:
     /// @param name  without directory and ending
     const Found& get(const std::string& name);
 
+    /// The codec of a data type: that of the runtime, or of the plug-in that was loaded first of
+    /// those that have one.
+    /// @return null where there is none; lives as long as the set
+    const Codec* find_codec(const std::string& type) const;
+
 private:
-    Found look_for(const std::string& name) const;
-    Found load(const std::string& name, const std::string& file) const;
+    Found look_for(const std::string& name);
+    Found load(const std::string& name, const std::string& file);
 
     std::vector<std::string> directories_;
     const InitTools& tools_;
     std::unordered_map<std::string, Found> found_;
+    std::unordered_map<std::string, Codec> codecs_;
 };
 
 }  // namespace Quorval::runtime

@@ -1,4 +1,5 @@
 // Plug-ins that cannot be used, each built with another REGISTER.
+#include <quorval/codec.h>
 #include <quorval/pluginloader.h>
 
 #include <memory>
@@ -14,6 +15,11 @@ namespace {
         "Gain", [](std::string name, const BlockConfiguration&, const InitTools&) {
             return std::make_unique<Block>(std::move(name));
         });
+}
+
+[[maybe_unused]] void add_codec(IRegistry& registry, const char* type)
+{
+    register_codec<int>(registry, type);
 }
 
 /// An exception whose code goes with the plug-in.

@@ -1,5 +1,6 @@
 // The blocks that the tests make graphs of, the awkward ones too.
 #include <quorval/block.h>
+#include <quorval/codec.h>
 #include <quorval/config.h>
 #include <quorval/pluginloader.h>
 #include <quorval/port.h>
@@ -101,6 +102,17 @@ struct Declared : Block {
     }
 };
 
+/// A data type of the plug-in's own.
+struct Label {
+    std::string text;
+
+    template <class Archive>
+    void serialize(Archive& archive)
+    {
+        archive(text);
+    }
+};
+
 struct Prints : Block {
     explicit Prints(const std::string& name) : Block(name) { std::puts("printed by a block"); }
     ~Prints() override { std::puts("printed at the end"); }
@@ -153,6 +165,7 @@ int lib_register_cpp(IRegistry& registry)
     add(registry, "Stores",
         [](Name name, Config config, Tools) { return std::make_unique<Block>(name, config); });
     register_block<Declared>(registry, "Declared", declared_settings());
+    register_codec<Label>(registry, "label");
     add_awkward(registry);
     return 0;
 }
