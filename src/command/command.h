@@ -18,5 +18,6 @@ using Arguments = std::vector<std::string>;
 /// Each gives the exit status.
 /// @throws UsageError  the command line is wrong
 int check_command(const Arguments& arguments);
+int config_command(const Arguments& arguments);
 int graph_command(const Arguments& arguments);
 int run_command(const Arguments& arguments);

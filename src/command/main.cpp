@@ -22,8 +22,9 @@ struct Command {
     int (*run)(const Arguments&);
 };
 
-constexpr std::array<Command, 3> kCommands = {{
+constexpr std::array<Command, 4> kCommands = {{
     {"check", "look for what is wrong with a graph", check_command},
+    {"config", "look at store files, and change them", config_command},
     {"graph", "draw a graph", graph_command},
     {"run", "run a graph", run_command},
 }};
@@ -48,7 +49,7 @@ HelpText help_text()
                 "  0  done\n"
                 "  1  failed while running, or output could not be written\n"
                 "  2  wrong use of the command line\n"
-                "  3  the graph or a plug-in is wrong\n"
+                "  3  the graph, a plug-in or a store file is wrong\n"
                 "\n"
                 "Example:\n"
                 "  quorval run loudness.toml"};

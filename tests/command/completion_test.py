@@ -16,7 +16,7 @@ import unittest
 QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 COMPLETIONS = pathlib.Path(sys.argv.pop()).resolve()
 
-COMMANDS = ["check", "graph", "run"]
+COMMANDS = ["check", "config", "graph", "run"]
 
 
 def options_of(command):
@@ -46,6 +46,9 @@ class Completion(unittest.TestCase):
         self.assertEqual(complete("quorval graph --format "), ["dot", "json", "mermaid", "svg"])
         self.assertEqual(complete("quorval run --state "), ["folder"])
         self.assertEqual(complete("quorval run --for "), [])
+        self.assertEqual(complete("quorval config "),
+                         ["diff", "export", "get", "import", "set", "show", "unset"])
+        self.assertIn("graph.toml", complete("quorval config show "))
         files = complete("quorval check ")
         self.assertIn("graph.toml", files)
         self.assertNotIn("other.txt", files)
@@ -116,9 +119,11 @@ class Completion(unittest.TestCase):
     def test_completes_in_zsh(self):
         terminal = self.start_zsh()
         for begun, completed in (
-                ("c", "check"), ("g", "graph"), ("r", "run"), ("--v", "--version"),
+                ("ch", "check"), ("co", "config"), ("g", "graph"), ("r", "run"), ("--v", "--version"),
                 ("check --str", "check --strict"), ("check --j", "check --json"),
                 ("check gr", "check graph.toml"),
+                ("config sh", "config show"), ("config get --r", "config get --raw"),
+                ("config show oth", "config show other.txt"),
                 ("graph --format=s", "graph --format=svg"), ("graph --format mer",
                                                              "graph --format mermaid"),
                 ("run --qu", "run --quiet"), ("run --verb", "run --verbose"),
@@ -132,8 +137,9 @@ class Completion(unittest.TestCase):
     def test_names_all_options_for_zsh(self):
         text = (COMPLETIONS / "_quorval").read_text()
         for command in COMMANDS:
-            part = text.split("\n    common=(")[1].split("\n    )")[0]
-            part += text.split(f"\n    {command})\n")[1].split(";;")[0]
+            part = text.split(f"\n    {command})\n")[1].split(";;")[0]
+            if "$common" in part:
+                part += text.split("\n    common=(")[1].split("\n    )")[0]
             named = sorted(set(re.findall(r"--[a-z-]+[a-z]", re.sub(r"\([^)]*--[^)]*\)", "", part))))
             self.assertEqual(named, options_of(command))
 

@@ -118,6 +118,7 @@ installs_what_is_needed_and_no_more()
             fish/vendor_completions.d/quorval.fish
             man1/quorval.1
             man1/quorval-check.1
+            man1/quorval-config.1
             man1/quorval-graph.1
             man1/quorval-run.1
             man5/quorval-graph.5

@@ -7,7 +7,7 @@ _quorval()
 
     local command=${words[1]}
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'check graph run --help --version' -- "${cur}")
+        mapfile -t COMPREPLY < <(compgen -W 'check config graph run --help --version' -- "${cur}")
         return
     fi
 
@@ -29,11 +29,18 @@ _quorval()
     if [[ ${cur} == -* ]]; then
         local options='--help --set --plugin-path'
         case ${command} in
+        config) options='--help --raw' ;;
         check) options+=' --strict --json' ;;
         graph) options+=' --format' ;;
         run) options+=' --state --for --quiet --verbose' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
+    elif [[ ${command} == config ]]; then
+        if ((cword == 2)); then
+            mapfile -t COMPREPLY < <(compgen -W 'diff export get import set show unset' -- "${cur}")
+        else
+            _filedir
+        fi
     else
         _filedir toml
     fi

@@ -1,22 +1,30 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check graph run
+set -l commands check config graph run
+set -l graph_commands check graph run
 
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a check \
     -d 'Look for what is wrong with a graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a config \
+    -d 'Look at store files, and change them'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
 complete -c quorval -s h -l help -d 'Print usage, options, exit status and an example'
 
-complete -c quorval -n "__fish_seen_subcommand_from $commands" -l set -x \
+complete -c quorval -n "__fish_seen_subcommand_from $graph_commands" -l set -x \
     -d 'Give a block another value'
-complete -c quorval -n "__fish_seen_subcommand_from $commands" -l plugin-path -x \
+complete -c quorval -n "__fish_seen_subcommand_from $graph_commands" -l plugin-path -x \
     -a '(__fish_complete_directories)' -d 'Look for plug-ins in these directories first'
 
 complete -c quorval -n '__fish_seen_subcommand_from check' -l strict -d 'Let warnings count'
 complete -c quorval -n '__fish_seen_subcommand_from check' -l json -d 'Write what is found as JSON'
+
+complete -c quorval -n '__fish_seen_subcommand_from config' -l raw -d 'Print a string bare'
+set -l actions diff export get import set show unset
+complete -c quorval -f -a "$actions" \
+    -n "__fish_seen_subcommand_from config; and not __fish_seen_subcommand_from $actions"
 
 complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
     -a 'dot json mermaid svg' -d 'Kind of picture'

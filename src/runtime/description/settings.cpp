@@ -5,6 +5,7 @@
 #include "description/toml.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <limits>
 #include <optional>
@@ -267,18 +268,22 @@ bool is_blank_behind(std::string_view text, const toml::source_position& end)
     }
     std::size_t at = line_begin;
     for (toml::source_index column = 1; at < text.size() && column < end.column; ++at) {
-        const bool is_last_byte =
-            at + 1 >= text.size() || (static_cast<unsigned char>(text[at + 1]) & 0xC0U) != 0x80U;
+        const bool is_last_byte = at + 1 >= text.size() || !is_continuation(text[at + 1]);
         column += is_last_byte ? 1 : 0;
     }
     return text.find_first_not_of(" \t\r\n", at) == std::string_view::npos;
+}
+
+std::string value_document(const std::string& text)
+{
+    return "v = " + text;
 }
 
 /// The TOML value that a text is, in a table of its own under the key "v". Nothing where it is
 /// none.
 std::optional<toml::table> parse_value(const std::string& text)
 {
-    const std::string document = "v = " + text;
+    const std::string document = value_document(text);
     Problems ignored;
     std::optional<toml::table> table = parse_toml(document, 0, ignored);
     if (!table || table->size() != 1 || !table->contains("v") ||
@@ -287,6 +292,63 @@ std::optional<toml::table> parse_value(const std::string& text)
     }
     return table;
 }
+
+/// A NaN, and where it stands.
+struct Nan {
+    double* value;
+    Place place;
+};
+
+std::vector<Nan> find_nans(std::vector<Setting>& settings)
+{
+    std::vector<Nan> nans;
+    const auto add = [&nans](double& value, const Place& place) {
+        if (std::isnan(value)) {
+            nans.push_back({&value, place});
+        }
+    };
+    for (Setting& setting : settings) {
+        if (auto* const number = std::get_if<double>(&setting.value)) {
+            add(*number, setting.value_place);
+        } else if (auto* const items = std::get_if<std::vector<double>>(&setting.value)) {
+            for (std::size_t i = 0; i < items->size(); ++i) {
+                add((*items)[i], setting.item_places[i]);
+            }
+        }
+    }
+    return nans;
+}
+
+/// Goes through a text once.
+class TextWalker {
+public:
+    explicit TextWalker(std::string_view text) : text_(text) {}
+
+    /// @param place  not before the last one that was asked for
+    char character_at(const Place& place)
+    {
+        while (at_ < text_.size() && (line_ < place.line || column_ < place.column)) {
+            step();
+        }
+        return at_ < text_.size() ? text_[at_] : '\0';
+    }
+
+private:
+    void step()
+    {
+        if (text_[at_++] == '\n') {
+            ++line_;
+            column_ = 1;
+        } else if (at_ >= text_.size() || !is_continuation(text_[at_])) {
+            ++column_;
+        }
+    }
+
+    std::string_view text_;
+    std::size_t at_ = 0;
+    std::uint32_t line_ = 1;
+    std::uint32_t column_ = 1;
+};
 
 }  // namespace
 
@@ -299,18 +361,37 @@ std::vector<Setting> read_settings(const toml::table& config,
     return settings;
 }
 
+std::vector<Setting> read_value(const std::string& key, const std::string& text, Problems& problems)
+{
+    const std::optional<toml::table> table = parse_value(text);
+    const toml::value<std::string> bare(text);
+    const toml::node& node = table ? *table->get("v") : static_cast<const toml::node&>(bare);
+    std::vector<Setting> settings;
+    Flattener(problems, settings).add(key, {}, node);
+    restore_signs(settings, value_document(text));
+    return settings;
+}
+
+void restore_signs(std::vector<Setting>& settings, std::string_view text)
+{
+    std::vector<Nan> nans = find_nans(settings);
+    std::sort(nans.begin(), nans.end(),
+              [](const Nan& a, const Nan& b) { return a.place < b.place; });
+    TextWalker walker(text);
+    for (const Nan& nan : nans) {
+        if (walker.character_at(nan.place) == '-') {
+            *nan.value = std::copysign(*nan.value, -1.0);
+        }
+    }
+}
+
 std::vector<Assignment> read_assignment(const std::string& text, std::uint32_t source,
                                         Problems& problems)
 {
     const AssignmentParts parts = take_apart(text);
-    const std::optional<toml::table> table = parse_value(parts.value);
-    const toml::value<std::string> bare(parts.value);
-    const toml::node& node = table ? *table->get("v") : static_cast<const toml::node&>(bare);
-
     const Place place{source, 0, 0};
-    std::vector<Setting> settings;
     Problems found;
-    Flattener(found, settings).add(parts.key, place, node);
+    std::vector<Setting> settings = read_value(parts.key, parts.value, found);
     for (const Problem& problem : found.sorted()) {
         problems.add_error(place, problem.text);
     }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -18,6 +19,16 @@ namespace Quorval::runtime {
 /// @return by key, in the order of bytes, each key once
 std::vector<Setting> read_settings(const toml::table& config,
                                    const std::vector<std::uint32_t>& ranks, Problems& problems);
+
+/// The elements of a configuration that a value stands for: one, or several for a table. Their
+/// places are those in the text.
+/// @param text  a value of TOML; what is none is taken as a string
+std::vector<Setting> read_value(const std::string& key, const std::string& text,
+                                Problems& problems);
+
+/// Gives each NaN the sign that it has in the text, which the parser drops.
+/// @param settings  read from the text, with their places
+void restore_signs(std::vector<Setting>& settings, std::string_view text);
 
 /// Takes `PATH.KEY=VALUE` apart. A value that is a table gives several.
 /// @param source  where the assignment stands in the list of sources

@@ -107,14 +107,6 @@ private:
     std::vector<std::size_t> outer_;  // the same of the brackets around it
 };
 
-/// Whether a byte of UTF-8 is another than the first of its character.
-bool is_continuation(char byte)
-{
-    constexpr unsigned kMask = 0xC0;
-    constexpr unsigned kMark = 0x80;
-    return (static_cast<unsigned char>(byte) & kMask) == kMark;
-}
-
 /// The place of a byte.
 Place place_of(std::string_view text, std::size_t position, std::uint32_t source)
 {
@@ -138,6 +130,13 @@ void append(toml::array& former, toml::array&& later)
 }
 
 }  // namespace
+
+bool is_continuation(char byte)
+{
+    constexpr unsigned kMask = 0xC0;
+    constexpr unsigned kMark = 0x80;
+    return (static_cast<unsigned char>(byte) & kMask) == kMark;
+}
 
 std::optional<toml::table> parse_toml(const std::string& text, std::uint32_t source,
                                       Problems& problems)

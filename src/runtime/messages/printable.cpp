@@ -28,15 +28,14 @@ std::size_t control_length(const std::string& text, std::size_t at)
     return c < kFirstPrintable || c == kDelete ? 1 : 0;
 }
 
+}  // namespace
+
 void append_hex(std::string& out, unsigned char c)
 {
     constexpr std::string_view kDigits = "0123456789ABCDEF";
-    out += "\\x";
     out += kDigits[c / kDigits.size()];
     out += kDigits[c % kDigits.size()];
 }
-
-}  // namespace
 
 std::string printable(const std::string& text)
 {
@@ -45,6 +44,7 @@ std::string printable(const std::string& text)
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t length = control_length(text, at);
         for (std::size_t i = 0; i < length; ++i) {
+            out += "\\x";
             append_hex(out, byte(text, at + i));
         }
         if (length == 0) {
