@@ -13,7 +13,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <system_error>
@@ -28,7 +27,7 @@ namespace {
         ::_exit(kFailed);
     }
     Quorval::report_crashes();
-    std::exit(run_and_close_output(work));
+    end_process(run_and_close_output(work));
 }
 
 int wait_for(pid_t child)

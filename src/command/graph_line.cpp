@@ -47,6 +47,7 @@ Quorval::GraphOptions GraphLine::graph_options(std::vector<std::string> files) c
     Quorval::GraphOptions options;
     options.files = std::move(files);
     options.assignments = assignments_;
+    options.keeps_plugins = true;
     for (const std::string& list : plugin_paths_) {
         split_path(list, options.plugin_path);
     }

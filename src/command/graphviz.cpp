@@ -19,6 +19,11 @@ namespace {
     throw std::system_error(error, std::generic_category(), call);
 }
 
+[[noreturn]] void throw_missing()
+{
+    throw std::runtime_error("svg needs the program 'dot' of Graphviz");
+}
+
 /// A file without a name that holds a text, to be read from its beginning.
 class MemoryFile {
 public:
@@ -59,6 +64,7 @@ pid_t start_dot(int in)
     sigset_t signals;
     ::sigemptyset(&signals);
     ::sigaddset(&signals, SIGPIPE);
+    ::sigaddset(&signals, SIGXFSZ);
     ::posix_spawnattr_setsigdefault(&attributes, &signals);
     ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
 
@@ -71,7 +77,7 @@ pid_t start_dot(int in)
     ::posix_spawnattr_destroy(&attributes);
     ::posix_spawn_file_actions_destroy(&actions);
     if (error == ENOENT || error == EACCES || error == ENOTDIR) {
-        throw std::runtime_error("svg needs the program 'dot' of Graphviz");
+        throw_missing();
     }
     if (error != 0) {
         throw_failed("posix_spawnp", error);
@@ -93,6 +99,10 @@ void draw_svg(const std::string& dot)
     }
     if (WIFSIGNALED(state)) {
         throw std::runtime_error("'dot' was ended by signal " + std::to_string(WTERMSIG(state)));
+    }
+    constexpr int kNotFound = 127;  // where a program is found missing only in the child
+    if (WEXITSTATUS(state) == kNotFound) {
+        throw_missing();
     }
     if (WEXITSTATUS(state) != 0) {
         throw std::runtime_error("'dot' failed with exit status " +

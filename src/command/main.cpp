@@ -110,12 +110,13 @@ void open_standard_streams()
 int main(int argc, char* argv[])
 {
     open_standard_streams();
-    // A reader that goes away is output that cannot be written.
+    // A reader that goes away is output that cannot be written, and so is a file at its limit.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
     if (has_rights_of_another()) {
         say_error("set-user-ID use is refused");
         return kWrongUse;
     }
     const Arguments arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-    return run_and_close_output([&] { return run_command_line(arguments); });
+    end_process(run_and_close_output([&] { return run_command_line(arguments); }));
 }

@@ -8,7 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <iterator>
+#include <system_error>
 
 namespace {
 
@@ -32,6 +35,13 @@ int close_standard_output()
     return !was_bad ? 0 : error != 0 ? error : EIO;
 }
 
+bool has_other_threads()
+{
+    std::error_code error;
+    const std::filesystem::directory_iterator threads("/proc/self/task", error);
+    return !error && std::distance(begin(threads), end(threads)) > 1;
+}
+
 }  // namespace
 
 void write_output(const std::string& text)
@@ -47,6 +57,15 @@ bool close_output()
         say_error(std::string("cannot write to standard output: ") + std::strerror(error));
     }
     return error == 0;
+}
+
+void end_process(int status)
+{
+    if (has_other_threads()) {
+        static_cast<void>(std::fflush(nullptr));
+        ::_exit(status);
+    }
+    std::exit(status);
 }
 
 void say_error(const std::string& text)

@@ -10,6 +10,10 @@ void write_output(const std::string& text);
 /// @return whether everything was written, by blocks too; if not, it was said
 bool close_output();
 
+/// Ends the process when standard output is closed. Where a plug-in left a thread behind, at once,
+/// so that the thread does not meet objects that are destroyed already.
+[[noreturn]] void end_process(int status);
+
 /// Writes `quorval: error: TEXT` to standard error.
 void say_error(const std::string& text);
 

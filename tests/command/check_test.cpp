@@ -173,9 +173,8 @@ TEST_F(Check, NamesTheBlockThatCrashes)
                   "quorval: fatal: block 'a/b' crashed in create: signal 11 (SIGSEGV)\n");
     expect_result(check_trouble("setup", "crash"), 3, "",
                   "quorval: fatal: block 'a/b' crashed in create: signal 11 (SIGSEGV)\n");
-    // All blocks go at once.
     expect_result(check_trouble("destructor", "crash"), 3, "",
-                  "quorval: fatal: signal 11 (SIGSEGV)\n");
+                  "quorval: fatal: block 'a/b' crashed in destroy: signal 11 (SIGSEGV)\n");
 }
 
 TEST_F(Check, NamesThePluginThatCrashes)
@@ -195,6 +194,8 @@ TEST_F(Check, NamesWhoEndsTheProcess)
                   "quorval: fatal: block 'a/b' called exit in create\n");
     expect_result(run({"check", "exits.toml"}), 3, "",
                   "quorval: fatal: plug-in 'exits' called exit while it was loaded\n");
+    expect_result(check_trouble("destructor", "exit"), 3, "",
+                  "quorval: fatal: block 'a/b' called exit in destroy\n");
 }
 
 TEST_F(Check, ReportsASignalThatNobodyCatches)

@@ -203,6 +203,10 @@ TEST_F(Graph, FailsWhenGraphvizFails)
     set_variable(options, "PATH", directory());
 
     expect_result(run_process(options), 1, "", "quorval: error: 'dot' failed with exit status 5\n");
+    // What a program that could not be started leaves, where that shows in the child alone.
+    write("dot", "#!/bin/sh\nexit 127\n");
+    expect_result(run_process(options), 1, "",
+                  "quorval: error: svg needs the program 'dot' of Graphviz\n");
 }
 
 TEST_F(Graph, RefusesAnotherFormat)

@@ -122,6 +122,63 @@ TEST_F(Run, NamesTheBlockThatEndsTheProcess)
                   "quorval: fatal: block 'a/b' called exit in run\n");
     expect_result(run_trouble("constructor", "exit"), 3, "",
                   "quorval: fatal: block 'a/b' called exit in create\n");
+    write_trouble("destructor", "exit");
+    expect_result(run({"run", "--for", "1ms", "trouble.toml"}), 1, "b started\nb stopped\n",
+                  "quorval: fatal: block 'a/b' called exit in destroy\n");
+}
+
+TEST_F(Run, NamesThePluginThatEndsTheProcessFromAThread)
+{
+    expect_result(run_trouble("run", "exit in thread"), 1, "b started\n",
+                  "quorval: fatal: plug-in 'trouble' called exit\n");
+    expect_result(run_trouble("constructor", "exit in thread"), 3, "",
+                  "quorval: fatal: plug-in 'trouble' called exit\n");
+}
+
+TEST_F(Run, EndsInOrderWhereAPluginLeftAThreadBehind)
+{
+    for (const std::string where : {"constructor", "run", "stop"}) {
+        write_trouble(where, "leave thread");
+
+        expect_result(run({"run", "--for", "1ms", "trouble.toml"}), 0, "b started\nb stopped\n",
+                      "");
+    }
+}
+
+TEST_F(Run, NamesTheBlockWhoseDestructorCrashes)
+{
+    write_trouble("destructor", "crash");
+    write("more.toml", R"(format = 1
+blocks.b.type = "numbers:Odd"
+blocks.a-b.type = "numbers:Odd"
+superblocks.kind.blocks.a.type = "numbers:Odd"
+superblocks.kind.blocks.c.type = "numbers:Odd"
+)");
+
+    const ProcessResult result = run({"run", "-q", "--for", "1ms", "trouble.toml", "more.toml"});
+
+    EXPECT_EQ(result.signal, SIGSEGV);
+    EXPECT_EQ(result.err, "quorval: fatal: block 'a/b' crashed in destroy: signal 11 (SIGSEGV)\n");
+}
+
+TEST_F(Run, FindsWordsForAnExceptionWithoutAny)
+{
+    expect_result(run_trouble("start", "throw nothing"), 1, "",
+                  "quorval: error: block 'a/b' failed in start: an exception without a text\n");
+    expect_result(run_trouble("constructor", "throw nothing"), 3, "",
+                  "trouble.toml:3:38: error: block 'a/b' cannot be created: an exception without a "
+                  "text\n");
+}
+
+TEST_F(Run, FailsWhenAFileReachesTheLimitOfItsSize)
+{
+    ProcessOptions options = command({"run", "numbers.toml"});
+    options.out_file = directory() + "/out";
+    options.command.insert(options.command.begin(),
+                           {"sh", "-c", "ulimit -f 0 && exec \"$@\"", "sh"});
+
+    expect_result(run_process(options), 1, "",
+                  "quorval: error: cannot write to standard output: File too large\n");
 }
 
 TEST_F(Run, ShowsMessagesByTheirLevel)

@@ -43,6 +43,9 @@ struct GraphOptions {
         on_progress;
     /// Whether the runs of blocks are timed, for statistics().
     bool times_runs = false;
+    /// The code of plug-ins stays loaded until the process ends, so that a thread that one left
+    /// behind does no harm.
+    bool keeps_plugins = false;
 };
 
 /// A plain block of a graph.

@@ -32,8 +32,12 @@ std::string list_of(const std::vector<std::string>& types)
 class Creator {
 public:
     Creator(const Expansion& expansion, const CreationOptions& options, PluginSet& plugins,
-            Problems& problems)
-        : expansion_(expansion), options_(options), plugins_(plugins), problems_(problems)
+            Destruction& destruction, Problems& problems)
+        : expansion_(expansion),
+          options_(options),
+          plugins_(plugins),
+          destruction_(destruction),
+          problems_(problems)
     {
     }
 
@@ -91,6 +95,7 @@ private:
         }
         made_.blocks[index] = dynamic_cast<Block*>(container.get());
         made_.superblocks[place.composite]->add_block(std::move(container));
+        destruction_.add(place.path);
         warn_of_unread_keys(place, config, adds_store);
     }
 
@@ -127,12 +132,13 @@ private:
         return true;
     }
 
-    static UniqueDlPtr<Container> make(const Plugin& plugin, const PlainBlock& place,
-                                       const std::string& type, const BlockConfiguration& config)
+    UniqueDlPtr<Container> make(const Plugin& plugin, const PlainBlock& place,
+                                const std::string& type, const BlockConfiguration& config)
     {
         const ContextScope scope(place.path.c_str(), "create");
         const std::string& name = place.member->name;
-        UniqueDlPtr<Container> container = plugin.create(type, name, config);
+        UniqueDlPtr<Container> container = plugin.create(
+            type, name, config, [&destruction = destruction_] { destruction.next(); });
         if (dynamic_cast<Block*>(container.get()) == nullptr) {
             throw_no_plain_block();
         }
@@ -164,6 +170,7 @@ private:
     const Expansion& expansion_;
     const CreationOptions& options_;
     PluginSet& plugins_;
+    Destruction& destruction_;
     Problems& problems_;
     Creation made_;
 };
@@ -171,9 +178,10 @@ private:
 }  // namespace
 
 Creation create_blocks(const Expansion& expansion, const CreationOptions& options,
-                       PluginSet& plugins, Superblock& root, Problems& problems)
+                       PluginSet& plugins, Superblock& root, Destruction& destruction,
+                       Problems& problems)
 {
-    return Creator(expansion, options, plugins, problems).create(root);
+    return Creator(expansion, options, plugins, destruction, problems).create(root);
 }
 
 }  // namespace Quorval::runtime

@@ -3,6 +3,7 @@
 
 #include <quorval/superblock.h>
 #include "description/problem.h"
+#include "graph/destruction.h"
 #include "graph/expansion.h"
 #include "graph/loaded_graph.h"
 #include "plugins/plugin_set.h"
@@ -31,8 +32,10 @@ struct CreationOptions {
 };
 
 /// Makes superblocks and blocks.
-/// @param root  of the graph, which owns all of it
+/// @param root         of the graph, which owns all of it
+/// @param destruction  learns of the blocks; outlives them
 Creation create_blocks(const Expansion& expansion, const CreationOptions& options,
-                       PluginSet& plugins, Superblock& root, Problems& problems);
+                       PluginSet& plugins, Superblock& root, Destruction& destruction,
+                       Problems& problems);
 
 }  // namespace Quorval::runtime

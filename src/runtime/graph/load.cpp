@@ -24,8 +24,10 @@ LoadedGraph read(const GraphOptions& options)
     graph.init_tools = std::make_unique<InitTools>();
     graph.init_tools->graph = graph.name;
     graph.init_tools->is_dry = options.is_dry;
-    graph.plugins =
-        std::make_unique<PluginSet>(plugin_directories(options.plugin_path), *graph.init_tools);
+    graph.plugins = std::make_unique<PluginSet>(plugin_directories(options.plugin_path),
+                                                *graph.init_tools, options.keeps_plugins);
+    graph.destruction = std::make_unique<Destruction>();
+    graph.begin_of_destruction.reset(graph.destruction.get());
     graph.superblock = std::make_unique<Superblock>(graph.name);
     return graph;
 }
@@ -39,7 +41,7 @@ void build(LoadedGraph& graph, const GraphOptions& options)
     }
     Creation made =
         create_blocks(expansion, {find_state_directory(options.state_directory), options.is_dry},
-                      *graph.plugins, *graph.superblock, problems);
+                      *graph.plugins, *graph.superblock, *graph.destruction, problems);
     std::vector<std::uint32_t> order;
     graph.network = connect_blocks(expansion, made, problems, order);
     for (const std::uint32_t i : order) {

@@ -7,6 +7,7 @@
 #include <quorval/runtime/tools.h>
 #include <quorval/superblock.h>
 #include "description/read.h"
+#include "graph/destruction.h"
 #include "graph/expansion.h"
 #include "plugins/plugin_set.h"
 #include "schedule/network.h"
@@ -40,12 +41,14 @@ struct LoadedGraph {
     std::unique_ptr<Reading> reading;  ///< files and assignments, for showing places
     std::unique_ptr<InitTools> init_tools;
     std::unique_ptr<PluginSet> plugins;
+    std::unique_ptr<Destruction> destruction;
     std::unique_ptr<Superblock> superblock;
     std::string name;
     OnError on_error = OnError::Stop;
     Network network;
     std::vector<LoadedBlock> blocks;  ///< as the nodes of the network
     std::vector<Diagnostic> warnings;
+    std::unique_ptr<Destruction, BeginDestruction> begin_of_destruction;  ///< last: it goes first
 };
 
 /// Reads files, loads plug-ins, makes blocks and checks all of it.

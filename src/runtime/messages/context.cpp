@@ -9,4 +9,10 @@ Context& context()
     return current;
 }
 
+std::atomic<bool>& was_started()
+{
+    static std::atomic<bool> is_set{false};
+    return is_set;
+}
+
 }  // namespace Quorval::runtime

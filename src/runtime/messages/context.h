@@ -2,6 +2,8 @@
 // the last line of a process that crashes.
 #pragma once
 
+#include <atomic>
+
 namespace Quorval::runtime {
 
 /// Plain pointers, so that a signal handler can read them at any time.
@@ -13,6 +15,10 @@ struct Context {
 
 /// The context of the present thread.
 Context& context();
+
+/// Whether a graph of the process was started, so that a thread without a context may be one that
+/// a block made.
+std::atomic<bool>& was_started();
 
 /// Sets the context for its lifetime and puts back the one before.
 class ContextScope {

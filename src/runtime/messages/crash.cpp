@@ -1,6 +1,8 @@
 #include <quorval/runtime/crash.h>
 #include "messages/context.h"
+#include "messages/plugin_code.h"
 
+#include <execinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 namespace Quorval {
@@ -19,6 +22,8 @@ namespace {
 
 using runtime::Context;
 using runtime::context;
+using runtime::find_plugin_code;
+using runtime::was_started;
 
 constexpr std::array kSignals = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
 constexpr std::size_t kStackSize = 65536;
@@ -88,24 +93,50 @@ void report_signal(int signal)
     static_cast<void>(::raise(signal));
 }
 
+/// Whether the graph was started before what happened there.
 bool is_running(const Context& where)
 {
     if (where.plugin != nullptr) {
         return false;
     }
+    const std::string_view operation = where.operation != nullptr ? where.operation : "";
+    if (operation.empty() || operation == "destroy") {
+        return was_started();
+    }
     constexpr std::array<std::string_view, 4> kRunning = {"start", "run", "stop", "reconfigure"};
-    return std::find(kRunning.begin(), kRunning.end(), where.operation) != kRunning.end();
+    return std::find(kRunning.begin(), kRunning.end(), operation) != kRunning.end();
 }
 
+/// The plug-in whose code called what the present function was called for.
+std::string find_caller()
+{
+    std::array<void*, 64> frames{};
+    const int count = ::backtrace(frames.data(), static_cast<int>(frames.size()));
+    for (int at = 0; at < count; ++at) {
+        std::string plugin = find_plugin_code(frames[static_cast<std::size_t>(at)]);
+        if (!plugin.empty()) {
+            return plugin;
+        }
+    }
+    return {};
+}
+
+/// Names who called exit(): a block in an operation, else a plug-in, in a thread of its own for
+/// example.
 void report_exit()
 {
     const Context where = context();
-    if (!is_in_plugin(where)) {
+    const std::string caller = is_in_plugin(where) ? std::string() : find_caller();
+    if (!is_in_plugin(where) && caller.empty()) {
         return;
     }
     Line line;
     line << "quorval: fatal: ";
-    append_culprit(line, where, "called exit");
+    if (caller.empty()) {
+        append_culprit(line, where, "called exit");
+    } else {
+        line << "plug-in '" << caller.c_str() << "' called exit";
+    }
     static_cast<void>(std::fflush(nullptr));
     line.write();
     ::_exit(is_running(where) ? kFailedRun : kWrongGraph);

@@ -1,8 +1,11 @@
 #include "plugins/plugin.h"
 
 #include <quorval/log.h>
+#include "messages/plugin_code.h"
 #include "plugins/codecs.h"
 #include "plugins/note.h"
+
+#include <dlfcn.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -44,21 +47,41 @@ constexpr const char* kEntryPoint = "lib_register_cpp";
     throw std::runtime_error("Create function returned no block for " + type);
 }
 
+/// Once loaded, it is not unloaded whoever closes it.
+void keep_loaded(const std::string& file)
+{
+    if (void* handle = ::dlopen(file.c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE)) {
+        ::dlclose(handle);
+    }
+}
+
+/// A share of a library that tells when it is given back.
+std::shared_ptr<DlLoader> watched(const std::shared_ptr<DlLoader>& library,
+                                  const std::function<void()>& gone)
+{
+    return {library.get(), [library, gone](DlLoader* /*library*/) { gone(); }};
+}
+
 }  // namespace
 
-Plugin::Plugin(const std::string& file, const InitTools& tools) : tools_(tools)
+Plugin::Plugin(const std::string& file, const InitTools& tools, bool is_kept) : tools_(tools)
 {
     const PluginFacts facts = look_at_plugin(file);
     if (!facts.obstacle.empty()) {
         throw std::runtime_error(facts.obstacle);
     }
     library_ = std::make_shared<DlLoader>(file);
+    if (is_kept) {
+        keep_loaded(file);
+    }
     const std::string filename = std::filesystem::path(file).filename().string();
     const auto entry_point =
         reinterpret_cast<int (*)(IRegistry&)>(library_->get_fn_address(kEntryPoint));
     if (entry_point == nullptr) {
         throw_no_entry_point(filename);
     }
+    note_plugin_code(reinterpret_cast<const void*>(entry_point),
+                     std::filesystem::path(file).stem().string());
     int result = 0;
     const std::string failure = text_of_failure([&] { result = entry_point(*this); });
     if (!failure.empty()) {
@@ -118,9 +141,11 @@ const std::vector<Quorval::Setting>* Plugin::settings_of(const std::string& type
 }
 
 UniqueDlPtr<Container> Plugin::create(const std::string& type, const std::string& name,
-                                      const BlockConfiguration& config) const
+                                      const BlockConfiguration& config,
+                                      const std::function<void()>& gone) const
 {
-    UniqueDlPtr<Container> block(library_, types_.at(type).create(name, config, tools_));
+    UniqueDlPtr<Container> block(gone ? watched(library_, gone) : library_,
+                                 types_.at(type).create(name, config, tools_));
     if (!block) {
         throw_no_block(type);
     }
@@ -134,8 +159,8 @@ std::string text_of_failure(const std::function<void()>& action)
         action();
         return {};
     } catch (const std::exception& error) {
-        const std::string text = error.what();
-        return text.empty() ? "an exception without a text" : text;
+        const char* text = error.what();
+        return text != nullptr && *text != '\0' ? text : "an exception without a text";
     } catch (...) {
         return "an unknown exception";
     }

@@ -27,12 +27,13 @@ public:
     /// Loads a plug-in and lets it register its types. A constructor that throws closes it again;
     /// no exception of the plug-in's own leaves it. One without a note is told of at
     /// LOGLEVEL_INFO.
-    /// @param file   with its directory
-    /// @param tools  must outlive the plug-in
+    /// @param file     with its directory
+    /// @param tools    must outlive the plug-in
+    /// @param is_kept  whether its code stays loaded until the process ends
     /// @throws std::runtime_error  it does not fit this runtime: "it was built for <interface or
     ///     machine>, and this is <...>", "not a regular file"; with the texts of PluginLoader, that
     ///     of what the plug-in threw, or "an unknown exception"
-    Plugin(const std::string& file, const InitTools& tools);
+    Plugin(const std::string& file, const InitTools& tools, bool is_kept = false);
     Plugin(const Plugin&) = delete;
     Plugin& operator=(const Plugin&) = delete;
     ~Plugin() override;
@@ -59,9 +60,11 @@ public:
     /// Makes a block and calls its setup().
     /// @param type    one that the plug-in has
     /// @param config  is read by the block, which leaves its marks
+    /// @param gone    called when the block was destroyed, or could not be made; may be empty
     /// @throws what the block throws, and what PluginLoader::create() does
     UniqueDlPtr<Container> create(const std::string& type, const std::string& name,
-                                  const BlockConfiguration& config) const;
+                                  const BlockConfiguration& config,
+                                  const std::function<void()>& gone = {}) const;
 
 private:
     const InitTools& tools_;

@@ -32,8 +32,8 @@ bool is_there(const std::string& file)
 
 }  // namespace
 
-PluginSet::PluginSet(std::vector<std::string> directories, const InitTools& tools)
-    : directories_(std::move(directories)), tools_(tools)
+PluginSet::PluginSet(std::vector<std::string> directories, const InitTools& tools, bool are_kept)
+    : directories_(std::move(directories)), tools_(tools), are_kept_(are_kept)
 {
 }
 
@@ -73,7 +73,7 @@ PluginSet::Found PluginSet::load(const std::string& name, const std::string& fil
     Found found;
     const LoadScope scope(name.c_str());
     const std::string failure =
-        text_of_failure([&] { found.plugin = std::make_unique<Plugin>(file, tools_); });
+        text_of_failure([&] { found.plugin = std::make_unique<Plugin>(file, tools_, are_kept_); });
     if (!failure.empty()) {
         found.problem = "plug-in '" + name + "' cannot be loaded: " + failure;
     } else {

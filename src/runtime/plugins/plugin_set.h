@@ -16,7 +16,8 @@ class PluginSet {
 public:
     /// @param directories  see plugin_directories()
     /// @param tools        must outlive the set
-    PluginSet(std::vector<std::string> directories, const InitTools& tools);
+    /// @param are_kept     whether their code stays loaded until the process ends
+    PluginSet(std::vector<std::string> directories, const InitTools& tools, bool are_kept = false);
 
     /// What came of looking for a plug-in.
     struct Found {
@@ -38,6 +39,7 @@ private:
 
     std::vector<std::string> directories_;
     const InitTools& tools_;
+    bool are_kept_;
     std::unordered_map<std::string, Found> found_;
     std::unordered_map<std::string, Codec> codecs_;
 };

@@ -125,6 +125,7 @@ Life::~Life()
 
 bool Life::start()
 {
+    was_started() = true;
     for (std::size_t block = network_.nodes.size(); block-- > 0;) {
         if (is_stopping_ || world_.must_stop()) {
             request_stop();

@@ -37,7 +37,8 @@ std::string text_of_present_exception()
     try {
         throw;
     } catch (const std::exception& error) {
-        return error.what();
+        const char* text = error.what();
+        return text != nullptr && *text != '\0' ? text : "an exception without a text";
     } catch (...) {
         return "an unknown exception";
     }

@@ -9,10 +9,12 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -21,8 +23,27 @@ using Quorval::Block;
 using Quorval::BlockConfiguration;
 using Quorval::Datatype;
 
+/// Its text is no text.
+class Wordless : public std::exception {
+public:
+    const char* what() const noexcept override { return nullptr; }
+};
+
+/// Uses code and objects of the plug-in.
+[[noreturn]] void work_for_ever()
+{
+    static const std::string kText(1000, 'x');
+    for (;;) {
+        const std::string copy = kText;
+        if (copy.size() != kText.size() || copy.back() != 'x') {
+            std::abort();
+        }
+        std::this_thread::yield();
+    }
+}
+
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
-/// "say" or "kill".
+/// "say", "kill", "exit in thread", "leave thread" or "throw nothing".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -93,6 +114,15 @@ private:
             Quorval::ilog(LOGLEVEL_WARNING) << "a warning";
             Quorval::ilog(LOGLEVEL_INFO) << "a note";
             Quorval::ilog(LOGLEVEL_DEBUG) << "a detail";
+        }
+        if (what_ == "throw nothing") {
+            throw Wordless();
+        }
+        if (what_ == "exit in thread") {
+            std::thread([] { std::exit(0); }).join();
+        }
+        if (what_ == "leave thread") {
+            std::thread(work_for_ever).detach();
         }
         if (what_ == "hang") {
             std::cerr << "hanging" << std::endl;
