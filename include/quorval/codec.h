@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace Quorval {
 
@@ -28,13 +29,15 @@ struct Codec {
     /// @throws what serializing throws
     void (*encode)(const void* value, std::string& bytes) = nullptr;
 
-    /// Makes a new value.
-    /// @return never null
+    /// Makes a new value, value-initialised.
+    std::shared_ptr<void> (*make)() = nullptr;
+
+    /// Replaces the value at `value`, which stays as it is when this throws.
     /// @throws std::runtime_error  the bytes are not those of a value: "the value ends too early",
     ///     "the value has no byte order", "the value has a list that is longer than itself", "the
     ///     value is nested too deeply", "the value ends too late"
     /// @throws what serializing throws
-    std::shared_ptr<void> (*decode)(std::string_view bytes) = nullptr;
+    void (*decode)(std::string_view bytes, void* value) = nullptr;
 };
 
 /// What a registry is, too, that takes codecs: register_codec() asks for it with a dynamic_cast.
@@ -250,30 +253,35 @@ void encode(const void* value, std::string& bytes)
     encoder(*static_cast<const T*>(value));
 }
 
+/// Not by std::make_shared, which would keep a plug-in loaded for ever; see quorval_add_plugin().
 template <class T>
-std::shared_ptr<void> decode(std::string_view bytes)
+std::shared_ptr<void> make()
+{
+    return std::make_unique<T>();
+}
+
+template <class T>
+void decode(std::string_view bytes, void* value)
 {
     Decoder decoder(bytes);
-    // Not by std::make_shared, which would keep a plug-in loaded for ever; see
-    // quorval_add_plugin().
-    std::shared_ptr<T> value = std::make_unique<T>();
-    decoder(*value);
+    T decoded{};
+    decoder(decoded);
     decoder.finish();
-    return value;
+    *static_cast<T*>(value) = std::move(decoded);
 }
 
 }  // namespace codec_detail
 
-/// The codec of a C++ type that can be made without arguments and has one of cereal's functions,
-/// such as `template <class Archive> void serialize(Archive& archive)`. What comes out of decode()
-/// is a T. Its bytes are the same on each machine where the numbers in T have the same size.
+/// The codec of a C++ type that can be made without arguments, be assigned, and has one of cereal's
+/// functions, such as `template <class Archive> void serialize(Archive& archive)`. Its bytes are
+/// the same on each machine where the numbers in T have the same size.
 ///
 /// A list whose items take no bytes, and values in one another more than 250 deep, are refused by
 /// decode().
 template <class T>
 constexpr Codec make_codec()
 {
-    return {&codec_detail::encode<T>, &codec_detail::decode<T>};
+    return {&codec_detail::encode<T>, &codec_detail::make<T>, &codec_detail::decode<T>};
 }
 
 /// Lets values of a data type be recorded, and sent to other machines, by a registry that takes

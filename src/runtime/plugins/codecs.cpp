@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -45,14 +46,20 @@ void encode(const Codec& codec, const void* value, std::string& bytes)
     run_contained([&] { codec.encode(value, bytes); });
 }
 
-std::shared_ptr<const void> decode(const Codec& codec, std::string_view bytes)
+DecodedOutPort::DecodedOutPort(const std::string& name, Datatype type, const Codec& codec)
+    : OutPortInternal(name, std::move(type)), codec_(codec)
 {
-    std::shared_ptr<const void> value;
-    run_contained([&] { value = codec.decode(bytes); });
-    if (value == nullptr) {
+    run_contained([&] { value_ = codec_.make(); });
+    if (value_ == nullptr) {
         throw std::runtime_error("the codec made no value");
     }
-    return value;
+}
+
+void DecodedOutPort::write(std::string_view bytes)
+{
+    run_contained([&] { codec_.decode(bytes, value_.get()); });
+    data_ = value_.get();
+    triggered_ = true;
 }
 
 }  // namespace Quorval::runtime

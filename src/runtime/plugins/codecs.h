@@ -2,6 +2,7 @@
 #pragma once
 
 #include <quorval/codec.h>
+#include <quorval/port.h>
 
 #include <memory>
 #include <string>
@@ -17,10 +18,21 @@ const Codec* find_standard_codec(const std::string& type);
 ///     exception"; no exception of a plug-in's own leaves it
 void encode(const Codec& codec, const void* value, std::string& bytes);
 
-/// Makes a value.
-/// @return never null; to be let go before the plug-in of the codec
-/// @throws std::runtime_error  the codec failed, as above; or it made none: "the codec made no
-///     value"
-std::shared_ptr<const void> decode(const Codec& codec, std::string_view bytes);
+/// An output whose values come from outside. Its value has one place, as that of an OutPort.
+class DecodedOutPort : public OutPortInternal {
+public:
+    /// @param codec  must outlive the port
+    /// @throws std::runtime_error  the codec failed, as above; or it made none: "the codec made no
+    ///     value"
+    DecodedOutPort(const std::string& name, Datatype type, const Codec& codec);
+
+    /// Takes a value over and publishes it.
+    /// @throws std::runtime_error  the codec failed, as above; the port is as it was
+    void write(std::string_view bytes);
+
+private:
+    const Codec& codec_;
+    std::shared_ptr<void> value_;
+};
 
 }  // namespace Quorval::runtime

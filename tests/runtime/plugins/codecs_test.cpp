@@ -18,9 +18,12 @@
 namespace {
 
 using Quorval::Codec;
+using Quorval::Datatype;
+using Quorval::runtime::DecodedOutPort;
 using Quorval::runtime::find_standard_codec;
 using Quorval::runtime::PluginSet;
 using quorval_test::expect_throw;
+using namespace std::string_literals;
 
 TEST(Codecs, AreThereForTheStandardTypes)
 {
@@ -40,31 +43,62 @@ TEST(Codecs, BringAValueBack)
     std::string bytes = "what was there before";
 
     Quorval::runtime::encode(codec, &value, bytes);
-    const auto decoded = Quorval::runtime::decode(codec, bytes);
+    DecodedOutPort port("out", Datatype("double-vector"), codec);
+    port.write(bytes);
 
-    EXPECT_EQ(*static_cast<const std::vector<double>*>(decoded.get()), value);
+    EXPECT_TRUE(port.is_triggered());
+    EXPECT_EQ(*static_cast<const std::vector<double>*>(port.get_data()), value);
+}
+
+TEST(DecodedOutPort, HasNoValueBeforeTheFirstAndThenOnePlaceForAll)
+{
+    DecodedOutPort port("out", Datatype("bool"), *find_standard_codec("bool"));
+    EXPECT_EQ(port.get_data(), nullptr);
+    EXPECT_FALSE(port.is_triggered());
+
+    port.write("\x01\x01"s);
+    const auto* const place = static_cast<const bool*>(port.get_data());
+    EXPECT_TRUE(*place);
+    port.write("\x01\x00"s);
+
+    EXPECT_EQ(port.get_data(), place);
+    EXPECT_FALSE(*place);
+}
+
+TEST(DecodedOutPort, KeepsItsValueWhenTheNextOneIsNone)
+{
+    DecodedOutPort port("out", Datatype("string"), *find_standard_codec("string"));
+    port.write("\x01\x01\x00\x00\x00\x00\x00\x00\x00x"s);
+    port.reset(false);
+
+    expect_throw<std::runtime_error>([&] { port.write("\x01\x01"s); }, "the value ends too early");
+
+    EXPECT_FALSE(port.is_triggered());
+    EXPECT_EQ(*static_cast<const std::string*>(port.get_data()), "x");
 }
 
 TEST(Codecs, AreContainedWhenTheyThrow)
 {
     const Codec throws = {
         [](const void*, std::string&) { throw 42; },
-        [](std::string_view) -> std::shared_ptr<void> { throw std::bad_alloc(); },
+        [] { return std::shared_ptr<void>(std::make_shared<int>()); },
+        [](std::string_view, void*) { throw std::bad_alloc(); },
     };
     std::string bytes;
 
     expect_throw<std::runtime_error>([&] { Quorval::runtime::encode(throws, nullptr, bytes); },
                                      "an unknown exception");
-    expect_throw<std::runtime_error>([&] { Quorval::runtime::decode(throws, ""); },
-                                     "std::bad_alloc");
+    DecodedOutPort port("out", Datatype("int32"), throws);
+    expect_throw<std::runtime_error>([&] { port.write(""); }, "std::bad_alloc");
 }
 
 TEST(Codecs, HaveToMakeAValue)
 {
-    const Codec none = {nullptr, [](std::string_view) { return std::shared_ptr<void>(); }};
+    const Codec none = {nullptr, [] { return std::shared_ptr<void>(); }, nullptr};
 
-    expect_throw<std::runtime_error>([&] { Quorval::runtime::decode(none, ""); },
-                                     "the codec made no value");
+    expect_throw<std::runtime_error>(
+        [&] { const DecodedOutPort port("out", Datatype("int32"), none); },
+        "the codec made no value");
 }
 
 class PluginCodecs : public testing::Test {
