@@ -132,7 +132,7 @@ class Dev(unittest.TestCase):
 
     def test_options_without_their_value_are_refused(self):
         for command, option in (("build", "--preset"), ("build", "-D"), ("test", "--preset"),
-                                ("test", "-D"), ("clean", "--preset")):
+                                ("test", "--programs"), ("test", "-D"), ("clean", "--preset")):
             with self.subTest(command=command, option=option):
                 self.assert_usage_error(self.dev(command, option), f"{option} takes")
 
