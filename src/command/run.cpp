@@ -58,7 +58,8 @@ int run_graph(const Quorval::GraphOptions& options, loglevel level)
         graph = make_graph(options);
     } catch (const Quorval::GraphError& error) {
         show_diagnostics(error.diagnostics());
-        return kWrongGraph;
+        // Without any the wait for a pipe was ended by a signal.
+        return error.diagnostics().empty() ? kDone : kWrongGraph;
     }
     messages.set_graph(graph->name());
     if (level >= LOGLEVEL_WARNING) {

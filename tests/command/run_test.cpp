@@ -1,8 +1,14 @@
 #include "command/command_test.h"
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -213,6 +219,58 @@ TEST_F(Run, StopsInOrderOnASignal)
         process.send(signal);
 
         expect_result(process.wait(), 0, "b started\nb stopped\n", "");
+    }
+}
+
+TEST_F(Run, StopsOnASignalWhereABlockBlocksIt)
+{
+    for (const auto& [where, operation] :
+         {std::pair("constructor", "create"), {"setup", "create"}, {"start", "start"}}) {
+        write_trouble(where, "block");
+        Process process(command({"run", "trouble.toml"}));
+        ASSERT_TRUE(process.wait_for("b started\n"));
+
+        process.send(SIGTERM);
+
+        expect_result(
+            process.wait(), 0, "b started\nb stopped\n",
+            std::string("quorval: warning: a/b: block 'a/b' blocked SIGINT, SIGTERM, SIGHUP "
+                        "in ") +
+                operation + ": taken back\n");
+    }
+}
+
+TEST_F(Run, StopsOnASignalWhereABlockBlocksItWhileItRuns)
+{
+    write_trouble("run", "block");
+    write("more.toml", "format = 1\nblocks.z.type = \"trouble:Trouble\"\n");
+    Process process(command({"run", "trouble.toml", "more.toml"}));
+    ASSERT_TRUE(process.wait_for("taken back\n"));
+
+    process.send(SIGTERM);
+
+    expect_result(process.wait(), 0, "z started\nb started\nb stopped\nz stopped\n",
+                  "quorval: warning: a block blocked SIGINT, SIGTERM, SIGHUP: taken back\n");
+}
+
+TEST_F(Run, IsEndedBySignalsWhileItReadsAPipe)
+{
+    const std::string pipe = directory() + "/pipe.toml";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const int writer = ::open(pipe.c_str(), O_RDWR | O_CLOEXEC);
+        write("first.toml", "format = 1\ninclude = [\"pipe.toml\"]\n");
+        Process process(command({"run", "first.toml"}));
+        // Read means that the wait for more has begun or will.
+        ASSERT_EQ(::write(writer, "#", 1), 1);
+        for (int left = 1; left > 0;) {
+            ASSERT_EQ(::ioctl(writer, FIONREAD, &left), 0);
+        }
+
+        process.send(signal);
+
+        expect_result(process.wait(), 0, "", "");
+        ::close(writer);
     }
 }
 

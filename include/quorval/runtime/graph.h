@@ -90,7 +90,8 @@ enum class RunResult {
 class QUORVAL_EXPORT Graph {
 public:
     /// Reads the files, makes the blocks and checks all of it.
-    /// @throws GraphError             something is wrong with the files, with all errors found
+    /// @throws GraphError             something is wrong with the files, with all errors found;
+    ///     with none where a signal came while a pipe was read, see GraphOptions::takes_signals
     /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE:
     ///     "'<text>' is not of the form PATH.KEY=VALUE"
     /// @throws std::logic_error       another graph of the process takes the signals already:

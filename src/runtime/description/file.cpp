@@ -68,10 +68,11 @@ bool GraphFile::accept(const struct stat& status)
     }
     identity_ = {status.st_dev, status.st_ino};
     is_refused_ = is_refused_for_root(status);
+    is_pipe_ = S_ISFIFO(status.st_mode);
     return true;
 }
 
-std::string GraphFile::read()
+std::string GraphFile::read(IPatience* patience)
 {
     constexpr std::size_t kStep = std::size_t{16} * 1024;
     std::string text;
@@ -79,6 +80,9 @@ std::string GraphFile::read()
     while (true) {
         if (size + kStep > text.size()) {
             text.resize(2 * size + kStep);
+        }
+        if (is_pipe_ && patience != nullptr && !patience->wait_readable(fd_)) {
+            throw Interrupted();
         }
         const ssize_t count = ::read(fd_, text.data() + size, text.size() - size);
         if (count < 0 && errno == EINTR) {

@@ -4,16 +4,30 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <exception>
 #include <string>
 #include <utility>
 
 namespace Quorval::runtime {
+
+/// Reading was given up.
+struct Interrupted final : std::exception {};
 
 /// Whether somebody else than root may write to a file or directory, and this process is root's.
 bool is_refused_for_root(const struct stat& status);
 
 /// "'<path>' is writable by others: refused for root"
 std::string text_of_refusal(const std::string& path);
+
+/// Waits for the writer of a pipe, until it has to end.
+struct IPatience {
+    /// Waits until the descriptor is readable.
+    /// @return false: it is not to be waited for any longer
+    virtual bool wait_readable(int fd) = 0;
+
+protected:
+    ~IPatience() = default;
+};
 
 /// An open graph file. Opening never waits.
 class GraphFile {
@@ -35,7 +49,9 @@ public:
     bool is_refused() const { return is_refused_; }
 
     /// All that it holds, from the beginning. What goes wrong is told by error().
-    std::string read();
+    /// @param patience  asked before each read of a pipe; null: the writer is waited for
+    /// @throws Interrupted  it has come to its end
+    std::string read(IPatience* patience = nullptr);
 
 private:
     int open(const std::string& path);
@@ -45,6 +61,7 @@ private:
     std::string error_;
     Identity identity_{};
     bool is_refused_ = false;
+    bool is_pipe_ = false;
 };
 
 }  // namespace Quorval::runtime

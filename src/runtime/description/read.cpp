@@ -22,7 +22,7 @@ namespace {
 /// Reads files and what they include, each once.
 class FileReader {
 public:
-    explicit FileReader(Reading& reading) : reading_(reading) {}
+    FileReader(Reading& reading, IPatience* patience) : reading_(reading), patience_(patience) {}
 
     /// Reads a file of the command line, then all that is included below it.
     void read(const std::string& name)
@@ -97,7 +97,7 @@ private:
             reading_.is_whole = false;
             return;
         }
-        std::string text = file.read();
+        std::string text = file.read(patience_);
         if (!file.error().empty()) {
             report_unreadable(name, file.error(), include);
             return;
@@ -142,6 +142,7 @@ private:
     }
 
     Reading& reading_;
+    IPatience* patience_;
     std::vector<toml::table> trees_;  // by source
     std::vector<OpenFile> open_;      // each is included by the one before it
     // The files that were met, and whether they are among the open ones.
@@ -152,7 +153,7 @@ private:
 }  // namespace
 
 Reading read_graph(const std::vector<std::string>& files,
-                   const std::vector<std::string>& assignments)
+                   const std::vector<std::string>& assignments, IPatience* patience)
 {
     std::vector<std::string> targets;
     targets.reserve(assignments.size());
@@ -161,7 +162,7 @@ Reading read_graph(const std::vector<std::string>& files,
     }
 
     Reading reading;
-    FileReader reader(reading);
+    FileReader reader(reading, patience);
     for (const std::string& file : files) {
         reader.read(file);
     }

@@ -5,6 +5,7 @@
 #include "graph/unread.h"
 #include "graph/values.h"
 #include "messages/context.h"
+#include "messages/signal_mask.h"
 
 #include <exception>
 #include <memory>
@@ -142,6 +143,7 @@ private:
         if (dynamic_cast<Block*>(container.get()) == nullptr) {
             throw_no_plain_block();
         }
+        give_back_signals();
         if (container->get_name() != name) {
             container->set_name(name);
         }

@@ -15,10 +15,19 @@ namespace Quorval::runtime {
 
 namespace {
 
-LoadedGraph read(const GraphOptions& options)
+Reading read_files(const GraphOptions& options, IPatience* patience)
+{
+    try {
+        return read_graph(options.files, options.assignments, patience);
+    } catch (const Interrupted&) {
+        throw GraphError({});
+    }
+}
+
+LoadedGraph read(const GraphOptions& options, IPatience* patience)
 {
     LoadedGraph graph;
-    graph.reading = std::make_unique<Reading>(read_graph(options.files, options.assignments));
+    graph.reading = std::make_unique<Reading>(read_files(options, patience));
     graph.name = graph.reading->description.name;
     graph.on_error = graph.reading->description.on_error;
     graph.init_tools = std::make_unique<InitTools>();
@@ -52,12 +61,12 @@ void build(LoadedGraph& graph, const GraphOptions& options)
 
 }  // namespace
 
-LoadedGraph load_graph(const GraphOptions& options)
+LoadedGraph load_graph(const GraphOptions& options, IPatience* patience)
 {
     // Before the graph, so that blocks may also print while they are destroyed.
     const std::optional<StandardOutputScope> scope =
         options.is_dry ? std::optional<StandardOutputScope>(std::in_place) : std::nullopt;
-    LoadedGraph graph = read(options);
+    LoadedGraph graph = read(options, patience);
     if (graph.reading->is_whole) {
         build(graph, options);
     }

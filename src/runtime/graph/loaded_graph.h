@@ -52,9 +52,11 @@ struct LoadedGraph {
 };
 
 /// Reads files, loads plug-ins, makes blocks and checks all of it.
-/// @throws GraphError             something is wrong, with all that was found
+/// @param patience  waits for the writers of pipes; may be null
+/// @throws GraphError             something is wrong, with all that was found; with nothing where
+///     it was not to be waited for a pipe any longer
 /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE: "'<text>' is
 ///     not of the form PATH.KEY=VALUE"
-LoadedGraph load_graph(const GraphOptions& options);
+LoadedGraph load_graph(const GraphOptions& options, IPatience* patience = nullptr);
 
 }  // namespace Quorval::runtime

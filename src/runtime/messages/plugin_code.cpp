@@ -17,8 +17,8 @@ struct Plugins {
 /// Never destroyed: it is asked while the process ends.
 Plugins& plugins()
 {
-    static auto* const all = new Plugins;  // NOLINT(cppcoreguidelines-owning-memory)
-    return *all;
+    static auto* const kAll = new Plugins;  // NOLINT(cppcoreguidelines-owning-memory)
+    return *kAll;
 }
 
 const void* base_of(const void* address)

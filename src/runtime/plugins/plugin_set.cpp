@@ -2,6 +2,7 @@
 
 #include "description/file.h"
 #include "messages/context.h"
+#include "messages/signal_mask.h"
 #include "plugins/codecs.h"
 
 #include <sys/stat.h>
@@ -74,6 +75,7 @@ PluginSet::Found PluginSet::load(const std::string& name, const std::string& fil
     const LoadScope scope(name.c_str());
     const std::string failure =
         text_of_failure([&] { found.plugin = std::make_unique<Plugin>(file, tools_, are_kept_); });
+    give_back_signals();
     if (!failure.empty()) {
         found.problem = "plug-in '" + name + "' cannot be loaded: " + failure;
     } else {

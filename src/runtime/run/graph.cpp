@@ -60,7 +60,7 @@ struct Graph::Impl {
         : options(std::move(given)),
           loop(options.is_dry ? nullptr : std::make_unique<Loop>()),
           signals(take_signals(options, loop.get())),
-          graph(runtime::load_graph(options))
+          graph(runtime::load_graph(options, signals.get()))
     {
     }
 };

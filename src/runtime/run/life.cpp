@@ -2,6 +2,7 @@
 
 #include <quorval/log.h>
 #include "messages/context.h"
+#include "messages/signal_mask.h"
 
 #include <atomic>
 #include <utility>
@@ -149,6 +150,7 @@ void Life::start_block(std::uint32_t block)
     try {
         const ContextScope scope(node.path.c_str(), "start");
         node.block->start();
+        give_back_signals();
         is_started_[block] = true;
         if (ports_.collect(block)) {
             wave_.has_descriptors(block);
@@ -211,6 +213,17 @@ void Life::step()
         fail();
     }
     is_in_wave_ = false;
+    check_signals();
+}
+
+/// A block may have blocked signals; to ask costs a system call, so not behind each wave.
+void Life::check_signals()
+{
+    constexpr std::chrono::seconds kPause(1);
+    if (wave_time_ >= next_check_of_signals_) {
+        next_check_of_signals_ = wave_time_ + kPause;
+        give_back_signals();
+    }
 }
 
 void Life::take_requests()

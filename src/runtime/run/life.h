@@ -93,6 +93,7 @@ private:
     void add_source(std::uint32_t block);
     void take_requests();
     void take_timers(Time now);
+    void check_signals();
     void block_failed(std::uint32_t block, const std::string& text) override;
     void block_is_done(std::uint32_t block) override;
 
@@ -111,6 +112,7 @@ private:
     std::size_t live_sources_ = 0;
     bool has_sources_ = false;
     Time wave_time_{};
+    Time next_check_of_signals_{};
     bool is_in_wave_ = false;
     bool is_stopping_ = false;
     bool has_failed_ = false;

@@ -15,10 +15,11 @@ namespace {
 
 using Blocks = std::map<std::string, const PlainBlock*>;
 
-ReadGraph read(const GraphOptions& options)
+ReadGraph read(const GraphOptions& options, IPatience& patience)
 {
     ReadGraph graph;
-    graph.reading = std::make_unique<Reading>(read_graph(options.files, options.assignments));
+    graph.reading =
+        std::make_unique<Reading>(read_graph(options.files, options.assignments, &patience));
     if (graph.reading->is_whole) {
         graph.expansion = expand(graph.reading->description, graph.reading->problems);
     }
@@ -188,14 +189,23 @@ std::vector<Change> find_changes(const ReadGraph& before, const ReadGraph& now,
     return changes;
 }
 
-Reload::Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides)
-    : options_(options), graph_(graph), overrides_(overrides)
+Reload::Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides,
+               IPatience& patience)
+    : options_(options), graph_(graph), overrides_(overrides), patience_(patience)
 {
 }
 
 void Reload::run()
 {
-    ReadGraph now = read(options_);
+    try {
+        apply(read(options_, patience_));
+    } catch (const Interrupted&) {
+        return;  // the graph stops
+    }
+}
+
+void Reload::apply(ReadGraph now)
+{
     if (now.reading->problems.has_errors()) {
         for (const Diagnostic& one : to_diagnostics(now.reading->problems, now.reading->sources)) {
             refuse(to_string(one));

@@ -32,15 +32,20 @@ std::vector<Change> find_changes(const ReadGraph& before, const ReadGraph& now,
 class Reload {
 public:
     /// All must outlive the object.
-    Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides);
+    /// @param patience  waits for the writers of pipes
+    Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides,
+           IPatience& patience);
 
     /// Logs what comes of it. When something cannot be applied, nothing is.
     void run();
 
 private:
+    void apply(ReadGraph now);
+
     const GraphOptions& options_;
     const LoadedGraph& graph_;
     Overrides& overrides_;
+    IPatience& patience_;
     ReadGraph applied_;  // empty before the first run()
 };
 

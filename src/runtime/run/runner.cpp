@@ -31,7 +31,7 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
       overrides_(graph.network, configs_of(graph), life_)
 {
     if (signals_ != nullptr) {
-        reload_.emplace(options, graph, overrides_);
+        reload_.emplace(options, graph, overrides_, *signals_);
     }
 }
 

@@ -1,5 +1,9 @@
 #include "run/signals.h"
 
+#include "messages/signal_mask.h"
+
+#include <poll.h>
+
 #include <atomic>
 #include <stdexcept>
 #include <utility>
@@ -45,6 +49,7 @@ Signals::Signals(std::shared_ptr<Waker> waker) : waker_(std::move(waker))
     }
     stop_came = false;
     reload_came = false;
+    watch_signals();
     for (std::size_t at = 0; at < kSignals.size(); ++at) {
         ::sigaction(kSignals[at], nullptr, &before_[at]);
         set_action(kSignals[at], kSignals[at] == SIGPIPE ? SIG_IGN : note);
@@ -53,6 +58,7 @@ Signals::Signals(std::shared_ptr<Waker> waker) : waker_(std::move(waker))
 
 Signals::~Signals()
 {
+    forget_signals();
     for (std::size_t at = 0; at < kSignals.size(); ++at) {
         ::sigaction(kSignals[at], &before_[at], nullptr);
     }
@@ -70,6 +76,21 @@ bool Signals::has_stop() const
 bool Signals::take_reload()
 {
     return reload_came.exchange(false);
+}
+
+bool Signals::wait_readable(int fd)
+{
+    std::array<pollfd, 2> waited{{{fd, POLLIN, 0}, {waker_->fd(), POLLIN, 0}}};
+    while (!has_stop()) {
+        const bool sleeps = waker_->begin_sleep();
+        ::poll(waited.data(), waited.size(), sleeps ? -1 : 0);
+        waker_->end_sleep();
+        waker_->drain();
+        if (waited[0].revents != 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace Quorval::runtime

@@ -43,7 +43,7 @@ public:
 }
 
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
-/// "say", "kill", "exit in thread", "leave thread" or "throw nothing".
+/// "say", "kill", "block", "exit in thread", "leave thread" or "throw nothing".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -117,6 +117,11 @@ private:
         }
         if (what_ == "throw nothing") {
             throw Wordless();
+        }
+        if (what_ == "block") {
+            sigset_t all;
+            ::sigfillset(&all);
+            ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
         }
         if (what_ == "exit in thread") {
             std::thread([] { std::exit(0); }).join();
