@@ -16,7 +16,7 @@ import unittest
 QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 COMPLETIONS = pathlib.Path(sys.argv.pop()).resolve()
 
-COMMANDS = ["check", "config", "graph", "run"]
+COMMANDS = ["check", "config", "graph", "new", "run"]
 
 
 def options_of(command):
@@ -119,7 +119,7 @@ class Completion(unittest.TestCase):
     def test_completes_in_zsh(self):
         terminal = self.start_zsh()
         for begun, completed in (
-                ("ch", "check"), ("co", "config"), ("g", "graph"), ("r", "run"), ("--v", "--version"),
+                ("ch", "check"), ("co", "config"), ("g", "graph"), ("n", "new"), ("r", "run"), ("--v", "--version"),
                 ("check --str", "check --strict"), ("check --j", "check --json"),
                 ("check gr", "check graph.toml"),
                 ("config sh", "config show"), ("config get --r", "config get --raw"),

@@ -120,6 +120,7 @@ installs_what_is_needed_and_no_more()
             man1/quorval-check.1
             man1/quorval-config.1
             man1/quorval-graph.1
+            man1/quorval-new.1
             man1/quorval-run.1
             man5/quorval-graph.5
         )
@@ -345,6 +346,40 @@ runs_graphs_as_installed()
     "${CXX}" -std=c++17 "${compile_flags[@]}" "${flags[@]}" \
         "${SOURCE}/docs/examples/numbers/main.cpp" -o "${work}/main" "${libraries[@]}"
     LD_LIBRARY_PATH=$(pkg-config --variable=libdir quorval-runtime) runs_numbers "${work}/main"
+}
+
+# What `quorval new` writes, used as its README says. A NAME that build systems use themselves is
+# no trouble.
+#
+# builds_a_new_plugin COMPILER NAME
+builds_a_new_plugin()
+{
+    unset QUORVAL_PLUGIN_DIR QUORVAL_PLUGIN_PATH
+    local prefix=${work}/prefix name=$2 lines
+    install_to "${prefix}"
+    export PATH=${prefix}/bin:${PATH} CMAKE_PREFIX_PATH=${prefix} CXX=$1
+    export CXXFLAGS="${CXXFLAGS} -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror"
+    quorval new "${name}"
+    cd "${name}"
+    lines=$(grep -E '^(cmake|ctest|quorval) ' README.md)
+    [[ $(wc -l <<<"${lines}") == 5 ]] || fail "the README does not show five lines"
+    bash -exc "${lines}" >"${work}/log" 2>&1 || fail "$(cat "${work}/log")"
+    cat "${work}/log"
+    ! grep -i warning "${work}/log" || fail "there are warnings"
+    grep -qxF '100% tests passed, 0 tests failed out of 1' "${work}/log" || fail "tests did not run"
+    grep -qxF '4 blocks, 3 connections: no problem found' "${work}/log" || fail "nothing was checked"
+    # Five values by each of the two runs.
+    [[ $(grep -cxE '0|0\.[0-9]+' "${work}/log") == 10 ]] || fail "the graph did not run"
+}
+
+builds_a_new_plugin_with_gcc()
+{
+    builds_a_new_plugin g++ test
+}
+
+builds_a_new_plugin_with_clang()
+{
+    builds_a_new_plugin "${CLANGXX}" my-filter_2
 }
 
 knows_its_components()

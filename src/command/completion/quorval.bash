@@ -7,7 +7,7 @@ _quorval()
 
     local command=${words[1]}
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'check config graph run --help --version' -- "${cur}")
+        mapfile -t COMPREPLY < <(compgen -W 'check config graph new run --help --version' -- "${cur}")
         return
     fi
 
@@ -30,6 +30,7 @@ _quorval()
         local options='--help --set --plugin-path'
         case ${command} in
         config) options='--help --raw' ;;
+        new) options='--help' ;;
         check) options+=' --strict --json' ;;
         graph) options+=' --format' ;;
         run) options+=' --state --for --quiet --verbose' ;;
@@ -41,7 +42,7 @@ _quorval()
         else
             _filedir
         fi
-    else
+    elif [[ ${command} != new ]]; then
         _filedir toml
     fi
 } && complete -F _quorval quorval

@@ -1,6 +1,6 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check config graph run
+set -l commands check config graph new run
 set -l graph_commands check graph run
 
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
@@ -10,6 +10,8 @@ complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a check \
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a config \
     -d 'Look at store files, and change them'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a new \
+    -d 'Write a plug-in to begin with'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
 complete -c quorval -s h -l help -d 'Print usage, options, exit status and an example'
 
@@ -28,6 +30,8 @@ complete -c quorval -f -a "$actions" \
 
 complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
     -a 'dot json mermaid svg' -d 'Kind of picture'
+
+complete -c quorval -f -n '__fish_seen_subcommand_from new'
 
 complete -c quorval -n '__fish_seen_subcommand_from run' -l state -x \
     -a '(__fish_complete_directories)' -d 'Keep the state of the blocks below this directory'
