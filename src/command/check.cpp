@@ -84,6 +84,8 @@ int check_command(const Arguments& arguments)
     CommandLine line(help_text());
     GraphLine graph_line(line);
     CheckOptions options;
+    std::string machine;
+    add_machine(line, machine);
     line.add_flag("--strict", options.is_strict, "let warnings count: exit status 3");
     line.add_flag("--json", options.wants_json, "write what is found as JSON to standard output");
     const auto files = line.read(arguments);
@@ -92,5 +94,6 @@ int check_command(const Arguments& arguments)
     }
     Quorval::GraphOptions graph_options = graph_line.graph_options(*files);
     graph_options.is_dry = true;
+    graph_options.machine = machine;
     return run_apart([&] { return check(graph_options, options); });
 }

@@ -43,6 +43,21 @@ void append(std::string& text, const Folder& folder, const Picture& picture,
     }
 }
 
+/// A machine is a cluster of its own. No path has a blank, so that its name is that of no block.
+void append_machine(std::string& text, const std::string& machine, const Folder& folder,
+                    const Picture& picture)
+{
+    if (machine.empty()) {
+        append(text, folder, picture, "    ");
+        return;
+    }
+    text += "    subgraph " + quote("cluster_machine " + machine) + " {\n";
+    text += "        label=" + quote("machine " + machine) + ";\n";
+    text += "        style=rounded;\n";
+    append(text, folder, picture, "        ");
+    text += "    }\n";
+}
+
 }  // namespace
 
 std::string to_dot(const Picture& picture)
@@ -50,7 +65,9 @@ std::string to_dot(const Picture& picture)
     std::string text = "digraph " + quote(picture.name) + " {\n";
     text += "    rankdir=LR;\n";
     text += "    node [shape=box];\n";
-    append(text, sort_into_folders(picture.blocks), picture, "    ");
+    for (const auto& [machine, folder] : sort_into_machines(picture.blocks)) {
+        append_machine(text, machine, folder, picture);
+    }
     for (const Quorval::ConnectionInfo& wire : picture.wires) {
         text += "    " + quote(wire.from_path) + " -> " + quote(wire.to_path) +
                 " [label=" + quote(wire.output + " -> " + wire.input, wire.type) +

@@ -54,6 +54,12 @@ Quorval::GraphOptions GraphLine::graph_options(std::vector<std::string> files) c
     return options;
 }
 
+void add_machine(CommandLine& line, std::string& machine)
+{
+    line.add_value("--machine", machine, "NAME",
+                   "the blocks of this machine alone, of a graph of several");
+}
+
 std::unique_ptr<Quorval::Graph> make_graph(const Quorval::GraphOptions& options)
 {
     try {

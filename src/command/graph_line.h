@@ -24,10 +24,14 @@ private:
     std::vector<std::string> plugin_paths_;
 };
 
+/// Adds the option --machine.
+void add_machine(CommandLine& line, std::string& machine);
+
 /// Makes the graph.
 /// @throws GraphError  something is wrong with the files
 /// @throws UsageError  an assignment is not of the form PATH.KEY=VALUE:
-///     "'<text>' is not of the form PATH.KEY=VALUE"
+///     "'<text>' is not of the form PATH.KEY=VALUE"; or the machine is none of the graph, or
+///     missing
 std::unique_ptr<Quorval::Graph> make_graph(const Quorval::GraphOptions& options);
 
 /// The part of a help text about the exit status of a command that runs nothing.

@@ -1,11 +1,11 @@
 #include "hierarchy.h"
 
-Folder sort_into_folders(const std::vector<Quorval::BlockInfo>& blocks)
+Machines sort_into_machines(const std::vector<Quorval::BlockInfo>& blocks)
 {
-    Folder top;
+    Machines machines;
     for (std::size_t i = 0; i < blocks.size(); ++i) {
         const std::string& path = blocks[i].path;
-        Folder* folder = &top;
+        Folder* folder = &machines[blocks[i].machine];
         std::size_t begin = 0;
         for (std::size_t end = path.find('/'); end != std::string::npos;
              end = path.find('/', begin)) {
@@ -15,5 +15,5 @@ Folder sort_into_folders(const std::vector<Quorval::BlockInfo>& blocks)
         }
         folder->blocks[path.substr(begin)] = i;
     }
-    return top;
+    return machines;
 }

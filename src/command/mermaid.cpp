@@ -49,6 +49,18 @@ public:
         }
     }
 
+    void append_machine(const std::string& machine, const Folder& folder)
+    {
+        if (machine.empty()) {
+            append(folder, "    ");
+            return;
+        }
+        text_ += "    subgraph m" + std::to_string(machine_count_++) + "[\"" +
+                 escape("machine " + machine) + "\"]\n";
+        append(folder, "        ");
+        text_ += "    end\n";
+    }
+
     void append(const Quorval::ConnectionInfo& wire)
     {
         text_ += "    " + ids_[wire.from_path] + (wire.is_delayed ? " -.->|" : " -->|") +
@@ -63,6 +75,7 @@ private:
     std::string text_ = "flowchart LR\n";
     std::map<std::string, std::string> ids_;  // by path
     std::size_t folder_count_ = 0;
+    std::size_t machine_count_ = 0;
 };
 
 }  // namespace
@@ -70,7 +83,9 @@ private:
 std::string to_mermaid(const Picture& picture)
 {
     Writer writer(picture);
-    writer.append(sort_into_folders(picture.blocks), "    ");
+    for (const auto& [machine, folder] : sort_into_machines(picture.blocks)) {
+        writer.append_machine(machine, folder);
+    }
     for (const Quorval::ConnectionInfo& wire : picture.wires) {
         writer.append(wire);
     }

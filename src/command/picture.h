@@ -13,10 +13,10 @@ struct Picture {
     std::vector<Quorval::ConnectionInfo> wires;  ///< in the order in which they are taken over
 };
 
-/// For Graphviz: superblocks are clusters, delayed connections dashed.
+/// For Graphviz: machines and superblocks are clusters, delayed connections dashed.
 std::string to_dot(const Picture& picture);
 
-/// For Mermaid: superblocks are subgraphs, delayed connections dotted.
+/// For Mermaid: machines and superblocks are subgraphs, delayed connections dotted.
 std::string to_mermaid(const Picture& picture);
 
 /// `{"format": 1, "name", "blocks", "connections"}`.

@@ -99,6 +99,8 @@ int run_command(const Arguments& arguments)
     GraphLine graph_line(line);
     std::string state;
     std::string duration;
+    std::string machine;
+    bool is_local = false;
     Verbosity verbosity;
     line.add_value("--state", state, "DIR",
                    "keep the state of the blocks below DIR (default: the first of "
@@ -108,6 +110,8 @@ int run_command(const Arguments& arguments)
                        "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
     line.add_flag("-q,--quiet", verbosity.is_quiet, "write errors alone");
     line.add_count("-v,--verbose", verbosity.verbose_count, "write notes too; twice: details");
+    add_machine(line, machine);
+    line.add_flag("--local", is_local, "run the blocks of all machines here, without a broker");
     const auto files = line.read(arguments);
     if (!files.has_value()) {
         return kDone;
@@ -115,6 +119,11 @@ int run_command(const Arguments& arguments)
     Quorval::GraphOptions options = graph_line.graph_options(*files);
     options.state_directory = state;
     options.takes_signals = true;
+    options.machine = machine;
+    options.is_local = is_local;
+    if (is_local && !machine.empty()) {
+        throw UsageError("--machine and --local exclude each other");
+    }
     if (has_duration->count() > 0) {
         options.run_for = read_duration(duration);
     }

@@ -252,3 +252,22 @@ TEST_F(Check, HasColoursOnATerminal)
 }
 
 }  // namespace
+
+TEST_F(Check, LooksAtAllMachinesOrAtOne)
+{
+    write("machines.toml", R"(format = 1
+connections = ["count.out -> double.in", "double.out -> print.in"]
+machines = { edge = {}, hub = {} }
+link.broker = "mqtt://localhost"
+blocks.count = { type = "numbers:Count", machine = "edge" }
+blocks.double = { type = "numbers:Double", machine = "hub" }
+blocks.print = { type = "numbers:Print", machine = "hub" }
+)");
+
+    expect_result(run({"check", "machines.toml"}), 0, "3 blocks, 2 connections: no problem found\n",
+                  "");
+    expect_result(run({"check", "--machine", "hub", "machines.toml"}), 0,
+                  "2 blocks, 1 connections: no problem found\n", "");
+    expect_wrong_use(run({"check", "--machine", "hup", "machines.toml"}),
+                     "there is no machine 'hup'; did you mean 'hub'?");
+}

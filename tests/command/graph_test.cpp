@@ -79,6 +79,60 @@ TEST_F(Graph, IsDrawnForMermaid)
                   "");
 }
 
+constexpr const char* kMachines = R"(format = 1
+connections = ["count.out -> twice.in", "twice.out -> print.in"]
+machines = { edge = {}, hub = {} }
+blocks.count = { type = "numbers:Count", machine = "edge", config.count = 2 }
+blocks.twice = { type = "pair", machine = "edge" }
+blocks.print = { type = "numbers:Print", machine = "hub" }
+[superblocks.pair]
+inports.in = "first.in"
+outports.out = "first.out"
+blocks.first.type = "numbers:Double"
+)";
+
+TEST_F(Graph, ShowsMachinesAsClusters)
+{
+    write("machines.toml", kMachines);
+
+    expect_result(run({"graph", "machines.toml"}), 0, R"(digraph "machines" {
+    rankdir=LR;
+    node [shape=box];
+    subgraph "cluster_machine edge" {
+        label="machine edge";
+        style=rounded;
+        "count" [label="count\nnumbers:Count"];
+        subgraph "cluster_twice" {
+            label="twice";
+            "twice/first" [label="first\nnumbers:Double"];
+        }
+    }
+    subgraph "cluster_machine hub" {
+        label="machine hub";
+        style=rounded;
+        "print" [label="print\nnumbers:Print"];
+    }
+    "count" -> "twice/first" [label="out -> in\nint32"];
+    "twice/first" -> "print" [label="out -> in\nint32"];
+}
+)",
+                  "");
+    expect_result(run({"graph", "--format", "mermaid", "machines.toml"}), 0, R"(flowchart LR
+    subgraph m0["machine edge"]
+        b0["count<br/>numbers:Count"]
+        subgraph s0["twice"]
+            b1["first<br/>numbers:Double"]
+        end
+    end
+    subgraph m1["machine hub"]
+        b2["print<br/>numbers:Print"]
+    end
+    b0 -->|"out -#62; in<br/>int32"| b1
+    b1 -->|"out -#62; in<br/>int32"| b2
+)",
+                  "");
+}
+
 TEST_F(Graph, IsWrittenAsJson)
 {
     expect_result(run({"graph", "--format", "json", "nested.toml"}), 0,

@@ -373,3 +373,34 @@ TEST_F(Run, ShowsProgressOnATerminal)
 }
 
 }  // namespace
+
+namespace {
+
+constexpr const char* kMachines = R"(format = 1
+connections = ["count.out -> print.in"]
+machines = { edge = {}, hub = {} }
+blocks.count = { type = "numbers:Count", machine = "edge", config.count = 2 }
+blocks.print = { type = "numbers:Print", machine = "hub" }
+)";
+
+}  // namespace
+
+TEST_F(Run, NeedsTheNameOfAMachineWhereThereAreSeveral)
+{
+    write("machines.toml", kMachines);
+
+    expect_wrong_use(run({"run", "machines.toml"}),
+                     "one of the machines edge, hub has to be named with --machine, or --local be "
+                     "given");
+    expect_wrong_use(run({"run", "--machine", "hup", "machines.toml"}),
+                     "there is no machine 'hup'; did you mean 'hub'?");
+    expect_wrong_use(run({"run", "--machine", "hub", "--local", "machines.toml"}),
+                     "--machine and --local exclude each other");
+}
+
+TEST_F(Run, RunsAllMachinesInOneProcess)
+{
+    write("machines.toml", kMachines);
+
+    expect_result(run({"run", "--local", "machines.toml"}), 0, "1\n2\n", "");
+}

@@ -46,6 +46,11 @@ struct GraphOptions {
     /// The code of plug-ins stays loaded until the process ends, so that a thread that one left
     /// behind does no harm.
     bool keeps_plugins = false;
+    /// The part of the graph that is made: the blocks of this machine. Empty: all blocks. A graph
+    /// of several machines that is to run needs it, or `is_local`.
+    std::string machine;
+    /// All machines of the graph are this process.
+    bool is_local = false;
 };
 
 /// A plain block of a graph.
@@ -56,6 +61,7 @@ struct BlockInfo {
     std::map<std::string, std::string> outports;
     std::map<std::string, std::string> fdports;
     BlockConfiguration config;  ///< what the block was made with
+    std::string machine;        ///< that it belongs to; empty where the graph has none
 };
 
 /// A connection between two plain blocks.
@@ -93,7 +99,9 @@ public:
     /// @throws GraphError             something is wrong with the files, with all errors found;
     ///     with none where a signal came while a pipe was read, see GraphOptions::takes_signals
     /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE:
-    ///     "'<text>' is not of the form PATH.KEY=VALUE"
+    ///     "'<text>' is not of the form PATH.KEY=VALUE"; or a machine is not one of the graph, or
+    ///     one is needed: "there is no machine '<name>'", "one of the machines <a>, <b> has to be
+    ///     named with --machine, or --local be given"
     /// @throws std::logic_error       another graph of the process takes the signals already:
     ///     "another graph takes the signals"
     /// @throws std::system_error      there are no descriptors left for the event loop

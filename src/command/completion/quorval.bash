@@ -20,7 +20,7 @@ _quorval()
         _filedir -d
         return
         ;;
-    --set | --for)
+    --set | --for | --machine)
         return
         ;;
     esac
@@ -31,9 +31,9 @@ _quorval()
         case ${command} in
         config) options='--help --raw' ;;
         new) options='--help' ;;
-        check) options+=' --strict --json' ;;
+        check) options+=' --machine --strict --json' ;;
         graph) options+=' --format' ;;
-        run) options+=' --state --for --quiet --verbose' ;;
+        run) options+=' --state --for --machine --local --quiet --verbose' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
     elif [[ ${command} == config ]]; then

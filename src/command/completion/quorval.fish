@@ -28,6 +28,11 @@ set -l actions diff export get import set show unset
 complete -c quorval -f -a "$actions" \
     -n "__fish_seen_subcommand_from config; and not __fish_seen_subcommand_from $actions"
 
+complete -c quorval -n '__fish_seen_subcommand_from check run' -l machine -x \
+    -d 'Take the blocks of this machine alone'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l local \
+    -d 'Run the blocks of all machines here'
+
 complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
     -a 'dot json mermaid svg' -d 'Kind of picture'
 

@@ -45,6 +45,9 @@ struct MemberDescription {
     bool misses_type = false;     ///< nothing was written that could be meant as its type
     std::vector<Setting> config;  ///< by key, each once
     std::optional<OnError> on_error;
+    std::string machine;  ///< that it runs on; of a member of the graph, empty where none is given
+    Place machine_place;  ///< line 0: none is given
+    bool misses_machine = false;  ///< nothing was written that could be meant as its machine
 };
 
 /// One end of a connection, or the inner end of an exposed port.
@@ -82,6 +85,23 @@ struct CompositeDescription {
     std::size_t find_member(std::string_view name) const;
 };
 
+/// How values travel between machines.
+struct LinkDescription {
+    Place place;       ///< of the table; line 0: there is none
+    std::string host;  ///< of the broker; empty: none is given
+    int port = 0;
+    bool is_encrypted = false;
+    std::string broker;  ///< as it was written, for messages
+    // Files; empty: none.
+    std::string ca;
+    std::string cert;
+    std::string key;
+    std::string user;
+    std::string password_file;
+    std::size_t queue = 10'000;      ///< values that wait, for each output that is sent as "all"
+    std::size_t limit = 16'777'216;  ///< bytes of one value
+};
+
 /// `PATH.KEY=VALUE`, taken apart.
 struct Assignment {
     std::string path;
@@ -95,6 +115,9 @@ struct GraphDescription {
     std::map<std::string, CompositeDescription> kinds;  ///< of superblocks, by name
     bool has_broken_kinds = false;  ///< they are missing because they are wrong, which is reported
     std::vector<Assignment> assignments;
+    std::vector<std::string> machines;  ///< names, in the order of bytes; none: there is but one
+    bool has_broken_machines = false;   ///< some are missing because they are wrong, likewise
+    LinkDescription link;
 };
 
 /// What the places of a description refer to.

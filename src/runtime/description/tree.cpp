@@ -1,6 +1,7 @@
 #include "description/tree.h"
 
 #include <quorval/runtime/suggest.h>
+#include "description/broker.h"
 #include "description/names.h"
 #include "description/settings.h"
 #include "description/suggest.h"
@@ -21,13 +22,28 @@ namespace {
 
 constexpr const char* kArrow = " -> ";
 constexpr std::int64_t kFormat = 1;
+constexpr std::int64_t kLongestQueue = 1'000'000'000;
+constexpr std::int64_t kHighestLimit = 268'000'000;  // a message of MQTT has 256 MiB at most
 
 using Keys = std::vector<std::string>;
 
 const Keys& keys_of_a_graph()
 {
-    static const Keys kKeys = {"blocks", "connections", "format",     "include",
-                               "name",   "on_error",    "superblocks"};
+    static const Keys kKeys = {"blocks",   "connections", "format",   "include",    "link",
+                               "machines", "name",        "on_error", "superblocks"};
+    return kKeys;
+}
+
+const Keys& keys_of_a_link()
+{
+    static const Keys kKeys = {"broker",        "ca",    "cert", "key", "limit",
+                               "password_file", "queue", "user"};
+    return kKeys;
+}
+
+const Keys& keys_of_a_machine()
+{
+    static const Keys kKeys = {};
     return kKeys;
 }
 
@@ -37,10 +53,11 @@ const Keys& keys_of_a_kind()
     return kKeys;
 }
 
-const Keys& keys_of_a_member()
+const Keys& keys_of_a_member(bool is_at_top)
 {
     static const Keys kKeys = {"config", "on_error", "type"};
-    return kKeys;
+    static const Keys kKeysAtTop = {"config", "machine", "on_error", "type"};
+    return is_at_top ? kKeysAtTop : kKeys;
 }
 
 const Keys& keys_of_a_connection()
@@ -169,7 +186,11 @@ public:
         GraphDescription description;
         description.name = read_name(record);
         description.on_error = read_on_error(record).value_or(OnError::Stop);
-        read_inside(record, description.graph);
+        read_inside(record, description.graph, true);
+        read_machines(record, description);
+        if (const toml::table* link = record.get_table("link")) {
+            read_link(*link, description.link);
+        }
         if (const toml::table* kinds = record.get_table("superblocks")) {
             for (auto&& [key, node] : *kinds) {
                 description.kinds.emplace(key.str(), read_kind(key, node));
@@ -218,12 +239,70 @@ private:
         return node.as_table();
     }
 
-    void read_inside(const Record& record, CompositeDescription& inside)
+    void read_machines(const Record& record, GraphDescription& description)
+    {
+        const toml::table* machines = record.get_table("machines");
+        description.has_broken_machines = machines == nullptr && record.get("machines") != nullptr;
+        if (machines == nullptr) {
+            return;
+        }
+        for (auto&& [key, node] : *machines) {
+            if (const toml::table* table = check_table(key, node)) {
+                Record(*table, keys_of_a_machine(), problems_).report_unknown_keys();
+            }
+            description.machines.emplace_back(key.str());
+        }
+    }
+
+    void read_link(const toml::table& table, LinkDescription& link)
+    {
+        const Record record(table, keys_of_a_link(), problems_);
+        record.report_unknown_keys();
+        if (const auto* broker = record.get_string("broker")) {
+            read_broker(*broker, link);
+        }
+        for (const auto& [key, text] :
+             {std::pair("ca", &link.ca), std::pair("cert", &link.cert), std::pair("key", &link.key),
+              std::pair("user", &link.user), std::pair("password_file", &link.password_file)}) {
+            if (const auto* value = record.get_string(key)) {
+                *text = **value;
+            }
+        }
+        read_size(record, "queue", kLongestQueue, link.queue);
+        read_size(record, "limit", kHighestLimit, link.limit);
+        link.place = place_of(table);
+    }
+
+    void read_broker(const toml::value<std::string>& text, LinkDescription& link)
+    {
+        if (!parse_broker(*text, link)) {
+            problems_.add_error(
+                place_of(text),
+                "'" + *text + "' is not of the form mqtt://HOST:PORT or mqtts://HOST:PORT");
+        }
+    }
+
+    void read_size(const Record& record, const char* key, std::int64_t most, std::size_t& size)
+    {
+        const auto* value = record.get_integer(key);
+        if (value == nullptr) {
+            return;
+        }
+        if (**value < 1 || **value > most) {
+            problems_.add_error(place_of(*value),
+                                "'" + std::string(key) + "' has to be from 1 to " +
+                                    std::to_string(most) + ", not " + std::to_string(**value));
+            return;
+        }
+        size = static_cast<std::size_t>(**value);
+    }
+
+    void read_inside(const Record& record, CompositeDescription& inside, bool is_at_top = false)
     {
         if (const toml::table* blocks = record.get_table("blocks")) {
             inside.members.reserve(blocks->size());
             for (auto&& [key, node] : *blocks) {
-                inside.members.push_back(read_member(key, node));
+                inside.members.push_back(read_member(key, node, is_at_top));
             }
         } else {
             inside.is_broken = record.get("blocks") != nullptr;
@@ -252,7 +331,7 @@ private:
         return kind;
     }
 
-    MemberDescription read_member(const toml::key& key, const toml::node& node)
+    MemberDescription read_member(const toml::key& key, const toml::node& node, bool is_at_top)
     {
         MemberDescription member;
         member.name = key.str();
@@ -261,14 +340,26 @@ private:
         if (table == nullptr) {
             return member;
         }
-        const Record record(*table, keys_of_a_member(), problems_);
+        const Record record(*table, keys_of_a_member(is_at_top), problems_);
         record.report_unknown_keys();
         read_type(record, member);
         member.on_error = read_on_error(record);
+        if (is_at_top) {
+            read_machine(record, member);
+        }
         if (const toml::table* config = record.get_table("config")) {
             member.config = read_settings(*config, ranks_, problems_);
         }
         return member;
+    }
+
+    static void read_machine(const Record& record, MemberDescription& member)
+    {
+        member.misses_machine = record.misses("machine");
+        if (const auto* machine = record.get_string("machine")) {
+            member.machine = **machine;
+            member.machine_place = place_of(*machine);
+        }
     }
 
     void read_type(const Record& record, MemberDescription& member)

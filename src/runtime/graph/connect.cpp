@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,7 +20,7 @@ namespace Quorval::runtime {
 
 namespace {
 
-/// A port of a plain block.
+/// A port of a plain block, null where that is elsewhere.
 template <class PortType>
 struct PortRef {
     std::uint32_t block = 0;
@@ -97,9 +98,11 @@ std::size_t find_port(const std::vector<ExposedDescription>& ports, const std::s
 
 class Connector {
 public:
-    Connector(const Expansion& expansion, const Creation& made, Problems& problems)
+    Connector(const Expansion& expansion, const Creation& made, const ConnectionRules& rules,
+              Problems& problems)
         : expansion_(expansion),
           made_(made),
+          rules_(rules),
           problems_(problems),
           exposed_(expansion.composites.size()),
           is_excused_(expansion.blocks.size())
@@ -192,6 +195,9 @@ private:
     std::optional<std::vector<Input>> find_plain_inputs(std::uint32_t block,
                                                         const EndDescription& end)
     {
+        if (expansion_.blocks[block].is_elsewhere) {
+            return std::vector<Input>{{block, nullptr, &end.port}};
+        }
         const Block* made = made_.blocks[block];
         if (made == nullptr) {
             return std::nullopt;
@@ -236,6 +242,9 @@ private:
 
     std::optional<Output> find_plain_output(std::uint32_t block, const EndDescription& end)
     {
+        if (expansion_.blocks[block].is_elsewhere) {
+            return Output{block, nullptr, &end.port};
+        }
         const Block* made = made_.blocks[block];
         if (made == nullptr) {
             return std::nullopt;
@@ -263,7 +272,9 @@ private:
             exposed.outputs.push_back(
                 port.ends.empty() ? std::nullopt : find_output(composite, port.ends.front()));
         }
-        record_exposed(composite);
+        if (!expansion_.composites[composite].is_elsewhere) {
+            record_exposed(composite);
+        }
     }
 
     ExposedInput expose_input(std::size_t composite, const ExposedDescription& port)
@@ -276,7 +287,7 @@ private:
             exposed.is_known = exposed.is_known && inputs.has_value();
             for (const Input& input : inputs.value_or(std::vector<Input>())) {
                 // One that is exposed twice under one name is fed once.
-                if (known.insert(input.port).second) {
+                if (input.port == nullptr || known.insert(input.port).second) {
                     exposed.inputs.push_back(input);
                 }
             }
@@ -332,12 +343,90 @@ private:
         for (const Input& input : *inputs) {
             if (!output) {
                 fed_by_.try_emplace(input.port, kUnknown);
-            } else if (fits(connection, *output, input) && feed(connection, *output, input)) {
+            } else if (output->port == nullptr || input.port == nullptr) {
+                cut(connection, *output, input);
+            } else if (check_codec(connection, *output, input) &&
+                       fits(connection, *output, input) && feed(connection, *output, input)) {
+                add_wire(connection, *output, input);
                 made_.superblocks[written.composite]->add_connection(
                     *made_.blocks[output->block], *output->name, *made_.blocks[input.block],
                     *input.name);
             }
         }
+    }
+
+    // --- between machines ---
+
+    bool keeps_all(const ConnectionDescription& connection) const
+    {
+        return connection.delivery == Delivery::All;
+    }
+
+    /// Takes a connection apart of which one end at least is elsewhere.
+    void cut(const ConnectionDescription& connection, const Output& output, const Input& input)
+    {
+        if (output.port != nullptr) {
+            if (check_codec(connection, output.port->get_datatype().get_name())) {
+                add_exit(connection, output);
+            }
+        } else if (input.port != nullptr) {
+            const Datatype& type = input.port->get_datatype();
+            if (!type.is_generic() && !check_codec(connection, type.get_name())) {
+                fed_by_.try_emplace(input.port, kUnknown);
+            } else if (feed(connection, output, input)) {
+                add_entry_wire(connection, output, input);
+            }
+        }
+    }
+
+    /// Reports a type that cannot leave its machine, of a connection whose ends are both here.
+    bool check_codec(const ConnectionDescription& connection, const Output& output,
+                     const Input& input)
+    {
+        const std::string& from = expansion_.blocks[output.block].machine;
+        const std::string& to = expansion_.blocks[input.block].machine;
+        const bool is_fine = from == to || from.empty() || to.empty() || rules_.is_local ||
+                             check_codec(connection, output.port->get_datatype().get_name());
+        if (!is_fine) {
+            fed_by_.try_emplace(input.port, kUnknown);
+        }
+        return is_fine;
+    }
+
+    bool check_codec(const ConnectionDescription& connection, const std::string& type)
+    {
+        const bool has_codec = rules_.plugins.find_codec(type) != nullptr;
+        if (!has_codec) {
+            problems_.add_error(connection.place, "there is no codec for " + type);
+        }
+        return has_codec;
+    }
+
+    void add_exit(const ConnectionDescription& connection, const Output& output)
+    {
+        const auto [exit, is_new] =
+            exits_.try_emplace(output.port, static_cast<std::uint32_t>(network_.exits.size()));
+        if (is_new) {
+            network_.exits.push_back({output.block, *output.name, output.port, false});
+        }
+        Exit& made = network_.exits[exit->second];
+        made.keeps_all = made.keeps_all || keeps_all(connection);
+    }
+
+    void add_entry_wire(const ConnectionDescription& connection, const Output& output,
+                        const Input& input)
+    {
+        const auto [found, is_new] = entries_.try_emplace(
+            std::pair(output.block, *output.name), static_cast<std::uint32_t>(entries_.size()));
+        if (is_new) {
+            const Datatype& type = input.port->get_datatype();
+            network_.entries.push_back({path_of(output.block), *output.name,
+                                        std::make_shared<RemoteOutput>(*output.name, type), false});
+        }
+        Entry& entry = network_.entries[found->second];
+        entry.keeps_all = entry.keeps_all || keeps_all(connection);
+        network_.entry_wires.push_back(
+            {found->second, input.block, input.port, connection.is_delayed});
     }
 
     template <class PortType>
@@ -360,20 +449,25 @@ private:
         return false;
     }
 
+    /// Whether the input is free for the output.
     bool feed(const ConnectionDescription& connection, const Output& output, const Input& input)
     {
-        const auto wire = static_cast<std::uint32_t>(network_.wires.size());
+        const auto wire = static_cast<std::uint32_t>(sources_.size());
         const auto [fed, is_new] = fed_by_.try_emplace(input.port, wire);
         if (!is_new && fed->second != kUnknown) {
             report_fed_twice(connection, input, sources_[fed->second]);
             return false;
         }
         fed->second = wire;
+        sources_.push_back(output);
+        return true;
+    }
+
+    void add_wire(const ConnectionDescription& connection, const Output& output, const Input& input)
+    {
         network_.wires.push_back(
             {output.block, input.block, output.port, input.port, connection.is_delayed});
         places_.push_back(connection.place);
-        sources_.push_back(output);
-        return true;
     }
 
     void report_fed_twice(const ConnectionDescription& connection, const Input& input,
@@ -427,6 +521,10 @@ private:
             problems_.add_error(places_[cycle.wire],
                                 "the connections make a cycle: " + to_string(cycle, network_));
         }
+        const auto end = std::remove_if(
+            order.nodes.begin(), order.nodes.end(),
+            [this](std::uint32_t block) { return expansion_.blocks[block].is_elsewhere; });
+        order.nodes.erase(end, order.nodes.end());
         if (order.cycles.empty()) {
             arrange(network_, order);
         }
@@ -439,12 +537,16 @@ private:
 
     const Expansion& expansion_;
     const Creation& made_;
+    const ConnectionRules& rules_;
     Problems& problems_;
     std::vector<ExposedPorts> exposed_;  // by composite
     Network network_;
-    std::vector<Place> places_;    // of the wires
-    std::vector<Output> sources_;  // likewise
-    // The wire of each input; unknown where the connection to it is wrong.
+    std::vector<Place> places_;  // of the wires
+    // What feeds inputs, in the order in which that was written.
+    std::vector<Output> sources_;
+    std::unordered_map<const OutPortInternal*, std::uint32_t> exits_;
+    std::map<std::pair<std::uint32_t, std::string>, std::uint32_t> entries_;  // by block and port
+    // The source of each input; unknown where the connection to it is wrong.
     std::unordered_map<const InPortInternal*, std::uint32_t> fed_by_;
     // What misses a connection may do so because of an error that was reported.
     std::vector<bool> is_excused_;
@@ -458,10 +560,11 @@ private:
 
 }  // namespace
 
-Network connect_blocks(const Expansion& expansion, const Creation& made, Problems& problems,
+Network connect_blocks(const Expansion& expansion, const Creation& made,
+                       const ConnectionRules& rules, Problems& problems,
                        std::vector<std::uint32_t>& order)
 {
-    return Connector(expansion, made, problems).connect(order);
+    return Connector(expansion, made, rules, problems).connect(order);
 }
 
 }  // namespace Quorval::runtime

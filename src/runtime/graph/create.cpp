@@ -61,6 +61,10 @@ public:
 private:
     void add_superblock(const Composite& composite)
     {
+        if (composite.is_elsewhere) {
+            made_.superblocks.push_back(nullptr);
+            return;
+        }
         auto superblock = std::make_unique<Superblock>(composite.member->name);
         made_.superblocks.push_back(superblock.get());
         made_.superblocks[composite.parent]->add_block(
@@ -70,6 +74,9 @@ private:
     void add_block(std::size_t index)
     {
         const PlainBlock& place = expansion_.blocks[index];
+        if (place.is_elsewhere) {
+            return;
+        }
         const std::string& type = place.member->type;
         const std::size_t colon = type.find(':');
         const Plugin* plugin = find_plugin(place, type.substr(0, colon), type.substr(colon + 1));

@@ -19,8 +19,8 @@ constexpr const char* kStoreKey = "pstore_path";
 
 /// What was made of an expansion, index by index.
 struct Creation {
-    std::vector<Superblock*> superblocks;  ///< of the composites
-    std::vector<Block*> blocks;            ///< null: it could not be made, which is reported
+    std::vector<Superblock*> superblocks;  ///< of the composites; null: it is elsewhere
+    std::vector<Block*> blocks;  ///< null: it is elsewhere, or could not be made, which is reported
     std::vector<BlockConfiguration> configs;
     std::vector<std::string> state_directories;
 };

@@ -19,7 +19,7 @@ public:
 
     Expansion expand()
     {
-        result_.composites.push_back({"", nullptr, &description_.graph, 0, {}});
+        result_.composites.push_back({"", nullptr, &description_.graph, 0, {}, "", false});
         handed_down_.emplace_back();
         on_error_.push_back(description_.on_error);
         for (std::uint32_t i = 0; i < result_.composites.size(); ++i) {
@@ -50,15 +50,19 @@ private:
         if (member.misses_type) {
             problems_.add_error(member.name_place, "block '" + path + "' has no type");
         }
+        if (parent == 0) {
+            check_machine(member);
+        }
         if (member.type.empty() || size_.closes_cycle(member)) {
             return {};
         }
         std::vector<SettingRef> settings = own_settings(member);
         settings.insert(settings.end(), from_outside.begin(), from_outside.end());
         const OnError on_error = member.on_error.value_or(on_error_[parent]);
+        std::string machine = parent == 0 ? member.machine : result_.composites[parent].machine;
         if (member.type.find(':') != std::string::npos) {
-            result_.blocks.push_back(
-                {std::move(path), &member, on_error, std::move(settings), parent});
+            result_.blocks.push_back({std::move(path), &member, on_error, std::move(settings),
+                                      parent, std::move(machine), false});
             return {MemberRef::Kind::Plain, static_cast<std::uint32_t>(result_.blocks.size() - 1)};
         }
         const auto kind = description_.kinds.find(member.type);
@@ -66,11 +70,28 @@ private:
             report_no_kind(member);
             return {};
         }
-        result_.composites.push_back({std::move(path), &member, &kind->second, parent, {}});
+        result_.composites.push_back(
+            {std::move(path), &member, &kind->second, parent, {}, std::move(machine), false});
         handed_down_.push_back(std::move(settings));
         on_error_.push_back(on_error);
         return {MemberRef::Kind::Composite,
                 static_cast<std::uint32_t>(result_.composites.size() - 1)};
+    }
+
+    void check_machine(const MemberDescription& member)
+    {
+        const std::vector<std::string>& machines = description_.machines;
+        if (description_.has_broken_machines) {
+            return;
+        }
+        if (member.misses_machine && !machines.empty()) {
+            problems_.add_error(member.name_place, "block '" + member.name + "' has no machine");
+        } else if (member.machine_place.line != 0 &&
+                   !std::binary_search(machines.begin(), machines.end(), member.machine)) {
+            problems_.add_error(member.machine_place,
+                                "there is no machine '" + member.machine + "'" +
+                                    suggester_.suggest(member.machine, machines));
+        }
     }
 
     void report_no_kind(const MemberDescription& member)

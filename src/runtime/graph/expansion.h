@@ -28,6 +28,8 @@ struct PlainBlock {
     OnError on_error = OnError::Stop;
     std::vector<SettingRef> settings;  ///< by key, each once: the one that counts
     std::uint32_t composite = 0;       ///< that it is in
+    std::string machine;               ///< empty: there is none
+    bool is_elsewhere = false;         ///< it belongs to another machine than is asked for
 };
 
 /// What a member has become.
@@ -45,6 +47,8 @@ struct Composite {
     const CompositeDescription* inside = nullptr;
     std::uint32_t parent = 0;        ///< of the graph: itself
     std::vector<MemberRef> members;  ///< as those inside
+    std::string machine;        ///< of what is inside; empty: there is none, or it is the graph
+    bool is_elsewhere = false;  ///< as that of a block
 };
 
 /// Refers to the description that it was made from.

@@ -2,6 +2,7 @@
 #include "graph/create.h"
 #include "graph/diagnostics.h"
 #include "graph/loaded_graph.h"
+#include "graph/machines.h"
 #include "graph/standard_output.h"
 #include "graph/state.h"
 #include "plugins/search.h"
@@ -45,14 +46,19 @@ void build(LoadedGraph& graph, const GraphOptions& options)
 {
     Problems& problems = graph.reading->problems;
     Expansion expansion = expand(graph.reading->description, problems);
+    check_link(graph.reading->description.link, problems);
     if (expansion.composites.empty()) {
         return;
     }
+    mark_elsewhere(expansion, options.machine);
     Creation made =
         create_blocks(expansion, {find_state_directory(options.state_directory), options.is_dry},
                       *graph.plugins, *graph.superblock, *graph.destruction, problems);
     std::vector<std::uint32_t> order;
-    graph.network = connect_blocks(expansion, made, problems, order);
+    graph.network = connect_blocks(expansion, made,
+                                   {graph.reading->description, *graph.plugins, options.is_local},
+                                   problems, order);
+    check_broker(graph.reading->description.link, graph.network, problems);
     for (const std::uint32_t i : order) {
         graph.blocks.push_back({std::move(expansion.blocks[i]), std::move(made.configs[i]),
                                 std::move(made.state_directories[i])});
@@ -68,6 +74,7 @@ LoadedGraph load_graph(const GraphOptions& options, IPatience* patience)
         options.is_dry ? std::optional<StandardOutputScope>(std::in_place) : std::nullopt;
     LoadedGraph graph = read(options, patience);
     if (graph.reading->is_whole) {
+        check_machine(options, graph.reading->description);
         build(graph, options);
     }
     std::vector<Diagnostic> diagnostics =

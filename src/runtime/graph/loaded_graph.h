@@ -56,7 +56,7 @@ struct LoadedGraph {
 /// @throws GraphError             something is wrong, with all that was found; with nothing where
 ///     it was not to be waited for a pipe any longer
 /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE: "'<text>' is
-///     not of the form PATH.KEY=VALUE"
+///     not of the form PATH.KEY=VALUE"; or as check_machine() says
 LoadedGraph load_graph(const GraphOptions& options, IPatience* patience = nullptr);
 
 }  // namespace Quorval::runtime

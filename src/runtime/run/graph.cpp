@@ -86,10 +86,10 @@ std::vector<BlockInfo> Graph::blocks() const
     for (std::size_t at = 0; at < impl_->graph.blocks.size(); ++at) {
         const LoadedBlock& loaded = impl_->graph.blocks[at];
         const Block& block = *impl_->graph.network.nodes[at].block;
-        infos.push_back({loaded.place.path, loaded.place.member->type,
-                         type_names(block.get_inports_info()),
-                         type_names(block.get_outports_info()),
-                         type_names(block.get_fdports_info()), loaded.config});
+        infos.push_back(
+            {loaded.place.path, loaded.place.member->type, type_names(block.get_inports_info()),
+             type_names(block.get_outports_info()), type_names(block.get_fdports_info()),
+             loaded.config, loaded.place.machine});
     }
     return infos;
 }

@@ -99,6 +99,9 @@ std::string find_difference(const PlainBlock& before, const PlainBlock& now)
     if (before.on_error != now.on_error) {
         return "'on_error' of block '" + now.path + "' was changed";
     }
+    if (before.machine != now.machine) {
+        return "the machine of block '" + now.path + "' was changed";
+    }
     const auto settings = settings_of(now);
     for (const auto& setting : settings_of(before)) {
         if (settings.count(setting.first) == 0) {

@@ -340,12 +340,13 @@ std::string to_string(const Cycle& cycle, const Network& network)
 void arrange(Network& network, const Order& order)
 {
     std::vector<Node> nodes;
-    nodes.reserve(network.nodes.size());
+    nodes.reserve(order.nodes.size());
+    std::vector<std::uint32_t> position(network.nodes.size());
     for (const std::uint32_t node : order.nodes) {
+        position[node] = static_cast<std::uint32_t>(nodes.size());
         nodes.push_back(std::move(network.nodes[node]));
     }
     network.nodes = std::move(nodes);
-    const std::vector<std::uint32_t> position = invert(order.nodes);
     for (Wire& wire : network.wires) {
         wire.from = position[wire.from];
         wire.to = position[wire.to];
@@ -354,6 +355,14 @@ void arrange(Network& network, const Order& order)
         return std::forward_as_tuple(a.to, a.input->get_name()) <
                std::forward_as_tuple(b.to, b.input->get_name());
     });
+    for (EntryWire& wire : network.entry_wires) {
+        wire.to = position[wire.to];
+    }
+    std::stable_sort(network.entry_wires.begin(), network.entry_wires.end(),
+                     [](const EntryWire& a, const EntryWire& b) { return a.to < b.to; });
+    for (Exit& exit : network.exits) {
+        exit.from = position[exit.from];
+    }
 }
 
 }  // namespace Quorval::runtime

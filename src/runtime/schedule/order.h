@@ -37,7 +37,7 @@ std::string to_string(const Cycle& cycle, const Network& network);
 
 /// Brings a network into the order of its records: the nodes as `order` has them, the wires by
 /// reader and then by the name of the input.
-/// @param order  of this network, without a cycle
+/// @param order  of this network, without a cycle; nodes that it leaves out go, they have no wires
 void arrange(Network& network, const Order& order);
 
 }  // namespace Quorval::runtime

@@ -198,7 +198,7 @@ void keep_loaded(std::unique_ptr<Plugin> plugin)
 class Runner {
 public:
     Runner(Block& block, const std::shared_ptr<Tools>& tools)
-        : network_{{{tools->path(), &block, false}}, {}},
+        : network_{{{tools->path(), &block, false}}, {}, {}, {}, {}},
           ports_(network_),
           wave_(network_, ports_, events_),
           tools_(tools)

@@ -1,0 +1,30 @@
+// The part of a graph that belongs to one machine.
+#pragma once
+
+#include <quorval/runtime/graph.h>
+#include "description/description.h"
+#include "description/problem.h"
+#include "graph/expansion.h"
+#include "schedule/network.h"
+
+#include <string>
+
+namespace Quorval::runtime {
+
+/// Whether a graph that is looked at or run as `options` say is taken apart as they say.
+/// @throws std::invalid_argument  there is no such machine: "there is no machine '<name>'", with
+///     the near one; or one is needed: "one of the machines <a>, <b> has to be named with
+///     --machine, or --local be given"
+void check_machine(const GraphOptions& options, const GraphDescription& description);
+
+/// Reports keys that are missing beside others.
+void check_link(const LinkDescription& link, Problems& problems);
+
+/// Reports a part of a graph that exchanges values without a broker.
+void check_broker(const LinkDescription& link, const Network& network, Problems& problems);
+
+/// Marks what belongs to another machine.
+/// @param machine  empty: nothing does
+void mark_elsewhere(Expansion& expansion, const std::string& machine);
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,257 @@
+// Graphs of several machines: what can be wrong with them, and how they are cut.
+#include "description/broker.h"
+#include "runtime/support/graph_files.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+using Quorval::GraphOptions;
+using Quorval::runtime::Entry;
+using Quorval::runtime::Exit;
+using Quorval::runtime::LinkDescription;
+using Quorval::runtime::load_graph;
+using Quorval::runtime::LoadedGraph;
+using Quorval::runtime::Node;
+using Quorval::runtime::parse_broker;
+using quorval_test::expect_throw;
+using quorval_test::GraphFiles;
+
+using Lines = std::vector<std::string>;
+
+namespace {
+
+constexpr const char* kGraph = R"(format = 1
+connections = [
+    { from = "source.out", to = "left.in", delivery = "all" },
+    "left.out -> sink.in",
+    "source.out -> sink.other",
+]
+machines = { edge = {}, hub = {} }
+link.broker = "mqtt://localhost"
+blocks.source = { type = "parts:Ports", machine = "edge", config.outputs = ["out:double"] }
+blocks.left = { type = "channel", machine = "hub" }
+blocks.sink = { type = "parts:Ports", machine = "hub", config.inputs = ["in:double", "other:double"] }
+[superblocks.channel]
+connections = ["a.out -> b.in"]
+inports.in = "a.in"
+outports.out = "b.out"
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+)";
+
+LoadedGraph load_part(GraphFiles& files, const std::string& machine)
+{
+    files.write("g.toml", kGraph);
+    GraphOptions options = files.options();
+    options.machine = machine;
+    return load_graph(options);
+}
+
+std::vector<std::string> paths_of(const LoadedGraph& graph)
+{
+    std::vector<std::string> paths;
+    for (const Node& node : graph.network.nodes) {
+        paths.push_back(node.path);
+    }
+    return paths;
+}
+
+/// What checking finds in a text that stands from line 2 on.
+Lines check(const std::string& text)
+{
+    GraphFiles files;
+    files.write("g.toml", "format = 1\n" + text);
+    GraphOptions options = files.options();
+    options.is_dry = true;
+    return files.findings(options);
+}
+
+/// The same for a text from line 3 on, of a graph of two machines.
+Lines findings_for(const std::string& text)
+{
+    return check("machines = { edge = {}, hub = {} }\n" + text);
+}
+
+}  // namespace
+
+TEST(Machines, KeepTheBlocksOfOne)
+{
+    GraphFiles files;
+
+    const LoadedGraph edge = load_part(files, "edge");
+
+    EXPECT_EQ(paths_of(edge), Lines{"source"});
+    EXPECT_TRUE(edge.network.wires.empty());
+    EXPECT_TRUE(edge.network.entries.empty());
+    ASSERT_EQ(edge.network.exits.size(), 1U);
+    const Exit& exit = edge.network.exits.front();
+    EXPECT_EQ(exit.port, "out");
+    EXPECT_TRUE(exit.keeps_all);
+}
+
+TEST(Machines, TakeInWhatOthersSend)
+{
+    GraphFiles files;
+
+    const LoadedGraph hub = load_part(files, "hub");
+
+    EXPECT_EQ(paths_of(hub), (Lines{"left/a", "left/b", "sink"}));
+    EXPECT_EQ(hub.network.wires.size(), 2U);
+    EXPECT_TRUE(hub.network.exits.empty());
+    ASSERT_EQ(hub.network.entries.size(), 1U);
+    const Entry& entry = hub.network.entries.front();
+    EXPECT_EQ(entry.path, "source");
+    EXPECT_EQ(entry.port, "out");
+    EXPECT_TRUE(entry.keeps_all);
+    ASSERT_EQ(hub.network.entry_wires.size(), 2U);
+    EXPECT_EQ(hub.network.entry_wires[0].to, 0U);
+    EXPECT_EQ(hub.network.entry_wires[1].to, 2U);
+    EXPECT_TRUE(hub.warnings.empty());
+}
+
+TEST(Machines, AreOneGraphWhereNoneIsNamed)
+{
+    GraphFiles files;
+    files.write("g.toml", kGraph);
+    GraphOptions options = files.options();
+    options.is_local = true;
+
+    const LoadedGraph graph = load_graph(options);
+
+    EXPECT_EQ(paths_of(graph), (Lines{"source", "left/a", "left/b", "sink"}));
+    EXPECT_EQ(graph.network.wires.size(), 4U);
+    EXPECT_TRUE(graph.network.exits.empty());
+}
+
+TEST(Machines, HaveToBeNamedToRun)
+{
+    GraphFiles files;
+    files.write("g.toml", kGraph);
+    GraphOptions options = files.options();
+
+    expect_throw<std::invalid_argument>(
+        [&] { load_graph(options); },
+        "one of the machines edge, hub has to be named with --machine, or --local be given");
+    options.machine = "hup";
+    expect_throw<std::invalid_argument>([&] { load_graph(options); },
+                                        "there is no machine 'hup'; did you mean 'hub'?");
+}
+
+TEST(MachineProblems, AreFoundInTheFile)
+{
+    EXPECT_EQ(findings_for("blocks.a.type = \"parts:Gain\""),
+              Lines{"g.toml:3:8: error: block 'a' has no machine"});
+    EXPECT_EQ(findings_for("blocks.a = { type = \"parts:Gain\", machine = \"hup\" }"),
+              Lines{"g.toml:3:45: error: there is no machine 'hup'; did you mean 'hub'?"});
+    EXPECT_EQ(findings_for("blocks.a = { type = \"parts:Gain\", machine = 3 }"),
+              Lines{"g.toml:3:45: error: 'machine' has to be a string"});
+    EXPECT_EQ(findings_for("superblocks.k.blocks.a = { type = \"parts:Gain\", machine = \"hub\" }"),
+              Lines{"g.toml:3:49: error: unknown key 'machine'"});
+}
+
+TEST(MachineProblems, AreFoundInTheListOfMachines)
+{
+    EXPECT_EQ(check("machines = 1"), Lines{"g.toml:2:12: error: 'machines' has to be a table"});
+    EXPECT_EQ(check("machines.a = 1"), Lines{"g.toml:2:14: error: 'a' has to be a table"});
+    EXPECT_EQ(check("machines.a.host = 1"), Lines{"g.toml:2:12: error: unknown key 'host'"});
+    EXPECT_EQ(
+        check("machines.\"a b\" = {}"),
+        Lines{"g.toml:2:10: error: 'a b' is not a valid name (letters, digits, '_' and '-')"});
+    EXPECT_EQ(check("blocks.a = { type = \"parts:Gain\", machine = \"hub\" }"),
+              Lines{"g.toml:2:45: error: there is no machine 'hub'"});
+}
+
+TEST(MachineProblems, AreFoundInTheLink)
+{
+    EXPECT_EQ(findings_for("link = 1"), Lines{"g.toml:3:8: error: 'link' has to be a table"});
+    EXPECT_EQ(findings_for("link.brocker = \"\""),
+              Lines{"g.toml:3:6: error: unknown key 'brocker'; did you mean 'broker'?"});
+    EXPECT_EQ(findings_for("link.queue = 0"),
+              Lines{"g.toml:3:14: error: 'queue' has to be from 1 to 1000000000, not 0"});
+    EXPECT_EQ(findings_for("link.limit = 300000000"),
+              Lines{"g.toml:3:14: error: 'limit' has to be from 1 to 268000000, not 300000000"});
+    EXPECT_EQ(findings_for("link.ca = 1"), Lines{"g.toml:3:11: error: 'ca' has to be a string"});
+    EXPECT_EQ(findings_for("[link]\ncert = \"a\""), Lines{"g.toml:3:1: error: missing key 'key'"});
+    EXPECT_EQ(findings_for("[link]\npassword_file = \"a\""),
+              Lines{"g.toml:3:1: error: missing key 'user'"});
+    EXPECT_EQ(findings_for("link.broker = \"http://a\""),
+              Lines{"g.toml:3:15: error: 'http://a' is not of the form mqtt://HOST:PORT or "
+                    "mqtts://HOST:PORT"});
+}
+
+TEST(MachineProblems, AreTypesThatCannotLeave)
+{
+    const std::string text = R"(connections = ["a.out -> b.in"]
+blocks.a = { type = "parts:Ports", machine = "edge", config.outputs = ["out:odd"] }
+blocks.b = { type = "parts:Ports", machine = "hub", config.inputs = ["in:odd"] }
+link.broker = "mqtt://localhost"
+)";
+    const Lines expected = {"g.toml:3:16: error: there is no codec for odd"};
+    GraphFiles files;
+    files.write("g.toml", "format = 1\nmachines = { edge = {}, hub = {} }\n" + text);
+    GraphOptions options = files.options();
+
+    EXPECT_EQ(findings_for(text), expected);
+    for (const char* machine : {"edge", "hub"}) {
+        options.machine = machine;
+        EXPECT_EQ(files.findings(options), expected) << machine;
+    }
+    options.machine.clear();
+    options.is_local = true;
+    EXPECT_EQ(files.findings(options), Lines{});
+}
+
+TEST(MachineProblems, AreFoundBetweenThem)
+{
+    GraphFiles files;
+    files.write("g.toml", R"(format = 1
+connections = ["a.out -> b.in", "c.out -> b.in"]
+machines = { edge = {}, hub = {} }
+link.broker = "mqtt://localhost"
+blocks.a = { type = "parts:Gain", machine = "edge" }
+blocks.b = { type = "parts:Gain", machine = "hub" }
+blocks.c = { type = "parts:Gain", machine = "edge" }
+)");
+    GraphOptions options = files.options();
+    options.machine = "hub";
+
+    EXPECT_EQ(files.findings(options), Lines{"g.toml:2:33: error: b.in is already fed by a.out"});
+}
+
+TEST(MachineProblems, AreConnectionsWithoutALink)
+{
+    GraphFiles files;
+    files.write("g.toml", R"(format = 1
+connections = ["a.out -> b.in"]
+machines = { edge = {}, hub = {} }
+blocks.a = { type = "parts:Gain", machine = "edge" }
+blocks.b = { type = "parts:Gain", machine = "hub" }
+)");
+    GraphOptions options = files.options();
+    options.machine = "hub";
+
+    EXPECT_EQ(files.findings(options), Lines{"g.toml:1:1: error: missing key 'link.broker'"});
+}
+
+TEST(Broker, IsAHostAndAPort)
+{
+    const auto parse = [](const std::string& text) {
+        LinkDescription link;
+        return parse_broker(text, link) ? link.host + " " + std::to_string(link.port) +
+                                              (link.is_encrypted ? " encrypted" : "")
+                                        : "refused";
+    };
+
+    EXPECT_EQ(parse("mqtt://localhost"), "localhost 1883");
+    EXPECT_EQ(parse("mqtts://broker.example"), "broker.example 8883 encrypted");
+    EXPECT_EQ(parse("mqtt://10.0.0.1:1"), "10.0.0.1 1");
+    EXPECT_EQ(parse("mqtt://[fe80::1%eth0]:65535"), "fe80::1%eth0 65535");
+    EXPECT_EQ(parse("mqtt://[::1]"), "::1 1883");
+    for (const char* text :
+         {"", "localhost", "mqtt:/localhost", "mqtt://", "mqtt://a:", "mqtt://a:0",
+          "mqtt://a:65536", "mqtt://a:1x", "mqtt://a/b", "mqtt://[::1", "mqtt://u@a",
+          "mqtt://[::1]x", "mqtt://a b", "MQTT://a"}) {
+        EXPECT_EQ(parse(text), "refused") << text;
+    }
+}
