@@ -2,7 +2,9 @@
 #include <quorval/config.h>
 #include <quorval/log.h>
 #include <quorval/pstore.h>
+#include <quorval/state.h>
 
+#include <cmath>
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
@@ -10,36 +12,29 @@
 
 using namespace Quorval;
 
-constexpr int kLast = 1;
+// The version of what the elements mean. In the first one "level" was a gain in decibels.
+constexpr int kVersion = 2;
 
-BlockConfiguration load_state(PStore& store)
+BlockConfiguration migrate(const BlockConfiguration& state, int version)
 {
-    const std::string file = store.get_path() + "state";
-    if (!std::filesystem::exists(file)) {
-        return BlockConfiguration();  // the first start
+    if (version == 1) {
+        return {{"gain", std::pow(10, state.getDouble("level", 0) / 20)}};
     }
+    return state;  // 0: a file without a seal
+}
+
+BlockConfiguration load_or_begin(PStore& store)
+{
     try {
-        BlockConfiguration state = store.load("state");
-        if (state.getInt("zz", 0) == kLast) {
-            return state;
-        }
-        ilog(LOGLEVEL_WARNING) << file << " is cut";
+        return load_state(store, "state", kVersion, migrate).value_or(BlockConfiguration());
     } catch (const std::ios_base::failure&) {
         throw;  // it cannot be opened, which says nothing about what is in it
     } catch (const std::runtime_error& error) {
-        ilog(LOGLEVEL_WARNING) << file << " is damaged: " << error.what();
+        ilog(LOGLEVEL_WARNING) << error.what();
     }
+    const std::string file = store.get_path() + "state";
     std::filesystem::rename(file, file + ".damaged");  // for whoever looks into it
     return BlockConfiguration();
-}
-
-void store_state(PStore& store, BlockConfiguration state)
-{
-    state.set("zz", kLast);  // the last in the order of the keys, so it is missing in a cut file
-    store.store("state", state);
-    if (store.load("state") != state) {
-        throw std::runtime_error("No room for the state in " + store.get_path());
-    }
 }
 
 int main(int argc, char** argv)
@@ -49,12 +44,14 @@ int main(int argc, char** argv)
         return 2;
     }
     PStore store(argv[1]);
-    std::cout << load_state(store).getDouble("gain", 1) << " at first\n";
-    store_state(store, {{"gain", 0.5}});
-    std::cout << load_state(store).getDouble("gain", 1) << " again\n";
+    std::cout << load_or_begin(store).getDouble("gain", 1) << " at first\n";
+    save_state(store, "state", {{"level", 20.0}}, 1);
+    std::cout << load_or_begin(store).getDouble("gain", 1) << " of the first version\n";
+    save_state(store, "state", {{"gain", 0.5}}, kVersion);
+    std::cout << load_or_begin(store).getDouble("gain", 1) << " again\n";
 
     const std::string file = store.get_path() + "state";
     std::filesystem::resize_file(file, std::filesystem::file_size(file) - 1);
-    std::cout << load_state(store).getDouble("gain", 1) << " after damage\n";
+    std::cout << load_or_begin(store).getDouble("gain", 1) << " after damage\n";
     return std::filesystem::exists(file + ".damaged") ? 0 : 1;
 }

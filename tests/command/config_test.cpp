@@ -1,5 +1,6 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
+#include <quorval/state.h>
 #include "command/command_test.h"
 
 #include <filesystem>
@@ -246,6 +247,29 @@ TEST_F(Config, ShowsNoControlCharactersOfADamagedKey)
         run({"config", "show", "state"}), 3, "BlockConfiguration:\n",
         "state: error: the file is damaged: Parameter name '\\x1Bey' not valid (should be "
         "[a-z0-9_.-]).\n");
+}
+
+TEST_F(Config, KeepsTheSealOfAState)
+{
+    Quorval::PStore states(directory() + "/");
+    Quorval::save_state(states, "state", {{"gain", 0.5}, {"old", 1}}, 3);
+
+    expect_result(run({"config", "set", "state", "gain=0.25"}), 0, "", "");
+    expect_result(run({"config", "unset", "state", "old"}), 0, "", "");
+
+    EXPECT_EQ(Quorval::load_state(states, "state", 3), BlockConfiguration({{"gain", 0.25}}));
+    EXPECT_EQ(Quorval::get_state_version(load("state")), 3);
+}
+
+TEST_F(Config, TellsThatAStateIsCut)
+{
+    Quorval::PStore states(directory() + "/");
+    Quorval::save_state(states, "state", {{"gain", 0.5}, {"old", 1}});
+    const std::string last = "\3" + std::string(7, '\0') + "old";
+    write("state", content("state").substr(0, content("state").rfind(last)));
+
+    expect_wrong({"config", "get", "state", "gain"},
+                 "state: error: the file is damaged: it holds 1 of 2 elements");
 }
 
 TEST_F(Config, SaysWhichFileCannotBeReadOrWritten)

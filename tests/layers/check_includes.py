@@ -13,7 +13,7 @@ import sys
 INCLUDE = re.compile(r'^\s*#\s*include\s*[<"]([^>"]+)[>"]', re.MULTILINE)
 
 RUNTIME = r"quorval/runtime/"
-KIT = r"quorval/(settings|codec)\.h"
+KIT = r"quorval/(settings|codec|state)\.h"
 LIBRARIES_OF_RUNTIME = r"systemd/|toml\+\+/"
 LIBRARIES_OF_COMMAND = r"CLI/|nlohmann/"
 PLUGINS = r"(\.\./)*plugins/"
@@ -22,7 +22,7 @@ PLUGINS = r"(\.\./)*plugins/"
 LAYERS = {
     "core": (["include/quorval/*.h", "src/core/**/*"],
              [RUNTIME, KIT, LIBRARIES_OF_RUNTIME, LIBRARIES_OF_COMMAND, PLUGINS]),
-    "kit": (["include/quorval/settings.h", "include/quorval/codec.h"],
+    "kit": (["include/quorval/settings.h", "include/quorval/codec.h", "include/quorval/state.h"],
             [RUNTIME, LIBRARIES_OF_RUNTIME, LIBRARIES_OF_COMMAND, PLUGINS]),
     "runtime": (["include/quorval/runtime/*.h", "src/runtime/**/*"],
                 # It has a folder `plugins` of its own.

@@ -15,14 +15,15 @@ struct StoreContent {
 };
 
 /// Reads a store file as far as that goes. More than PStore::load() does it tell whether bytes are
-/// left behind the last whole record.
+/// left behind the last whole record, and whether the seal of a state is right, see state.h.
 /// @throws std::runtime_error  it cannot be read: "cannot read: <text of errno>", or "cannot read:
 ///     not a regular file"
 QUORVAL_EXPORT StoreContent read_store_file(const std::string& file);
 
 /// Replaces a store file, or makes it, through a POFStream on another name in the same folder. More
 /// than PStore::store() does it see to it that all of the content is on the disk before the old
-/// file goes. A link is followed, the owner of an old file stays, its mode becomes 0600.
+/// file goes. A link is followed, the owner of an old file stays, its mode becomes 0600. A
+/// configuration with the seal of a state is sealed again.
 /// @throws std::runtime_error  the name ends in "/": "the name of a file is missing"; what is there
 ///     is no file: "not a regular file"; only a part could be written: "there is no room for it"
 /// @throws std::system_error   a system call failed

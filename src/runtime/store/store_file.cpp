@@ -2,6 +2,7 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 #include <quorval/runtime/config_files.h>
+#include <quorval/state.h>
 #include "description/file.h"
 
 #include <fcntl.h>
@@ -216,13 +217,17 @@ StoreContent read_store_file(const std::string& file)
     if (left > 0) {
         content.damage = std::to_string(left) + " bytes after the last whole record";
     }
+    if (content.damage.empty()) {
+        content.damage = find_state_damage(content.config);
+    }
     return content;
 }
 
 void write_store_file(const std::string& file, const BlockConfiguration& config)
 {
     const Replacement replacement(fs::weakly_canonical(fs::absolute(file)));
-    replacement.write(config);
+    const int version = get_state_version(config);
+    replacement.write(version > 0 ? seal_state(config, version) : config);
     replacement.commit();
 }
 
