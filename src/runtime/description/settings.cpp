@@ -23,6 +23,11 @@ namespace {
     throw std::invalid_argument("'" + text + "' is not of the form PATH.KEY=VALUE");
 }
 
+[[noreturn]] void throw_no_setting(const std::string& text)
+{
+    throw std::invalid_argument("'" + text + "' is not of the form KEY=VALUE");
+}
+
 /// Why a key is not valid, in the words of the configuration; empty for one that is.
 std::string complaint_about(const std::string& key)
 {
@@ -403,6 +408,15 @@ std::vector<Assignment> read_assignment(const std::string& text, std::uint32_t s
         assignments.push_back({parts.path, std::move(setting)});
     }
     return assignments;
+}
+
+std::vector<Setting> read_setting_assignment(const std::string& text, Problems& problems)
+{
+    const std::size_t equals = text.find('=');
+    if (equals == 0 || equals == std::string::npos) {
+        throw_no_setting(text);
+    }
+    return read_value(text.substr(0, equals), text.substr(equals + 1), problems);
 }
 
 std::string target_of(const std::string& assignment)

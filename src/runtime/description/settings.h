@@ -36,6 +36,10 @@ void restore_signs(std::vector<Setting>& settings, std::string_view text);
 std::vector<Assignment> read_assignment(const std::string& text, std::uint32_t source,
                                         Problems& problems);
 
+/// Takes `KEY=VALUE` apart, likewise. Places mean nothing.
+/// @throws std::invalid_argument  "'<text>' is not of the form KEY=VALUE"
+std::vector<Setting> read_setting_assignment(const std::string& text, Problems& problems);
+
 /// `PATH.KEY` of an assignment.
 /// @throws std::invalid_argument  "'<text>' is not of the form PATH.KEY=VALUE"
 std::string target_of(const std::string& assignment);

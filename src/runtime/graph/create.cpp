@@ -16,11 +16,6 @@ namespace Quorval::runtime {
 
 namespace {
 
-[[noreturn]] void throw_no_plain_block()
-{
-    throw std::runtime_error("it is no plain block");
-}
-
 std::string list_of(const std::vector<std::string>& types)
 {
     std::string list;
@@ -110,7 +105,7 @@ private:
     const Plugin* find_plugin(const PlainBlock& place, const std::string& name,
                               const std::string& type)
     {
-        const PluginSet::Found& found = plugins_.get(name);
+        const LoadedPlugin& found = plugins_.get(name);
         if (found.plugin == nullptr) {
             problems_.add_error(place.member->type_place, found.problem);
             return nullptr;
@@ -147,9 +142,7 @@ private:
         const std::string& name = place.member->name;
         UniqueDlPtr<Container> container = plugin.create(
             type, name, config, [&destruction = destruction_] { destruction.next(); });
-        if (dynamic_cast<Block*>(container.get()) == nullptr) {
-            throw_no_plain_block();
-        }
+        to_block(*container);
         give_back_signals();
         if (container->get_name() != name) {
             container->set_name(name);

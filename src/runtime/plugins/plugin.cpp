@@ -42,6 +42,11 @@ constexpr const char* kEntryPoint = "lib_register_cpp";
     throw std::runtime_error("PluginLoader cannot load plugins that register types.");
 }
 
+[[noreturn]] void throw_no_plain_block()
+{
+    throw std::runtime_error("it is no plain block");
+}
+
 [[noreturn]] void throw_no_block(const std::string& type)
 {
     throw std::runtime_error("Create function returned no block for " + type);
@@ -100,7 +105,7 @@ Plugin::~Plugin() = default;
 
 void Plugin::register_block_create_fn(const std::string& type, CreateFn fn)
 {
-    if (!types_.try_emplace(type, Type{std::move(fn), std::nullopt}).second) {
+    if (!types_.try_emplace(type, Type{std::move(fn), std::nullopt, {}}).second) {
         throw_registered_twice(type);
     }
 }
@@ -115,6 +120,7 @@ void Plugin::describe_block(const std::string& type, const BlockConfiguration& d
     const auto found = types_.find(type);
     if (found != types_.end()) {
         found->second.settings = Quorval::read_settings(description);
+        found->second.description = description;
     }
 }
 
@@ -140,6 +146,12 @@ const std::vector<Quorval::Setting>* Plugin::settings_of(const std::string& type
     return settings ? &*settings : nullptr;
 }
 
+const BlockConfiguration* Plugin::description_of(const std::string& type) const
+{
+    const Type& record = types_.at(type);
+    return record.settings ? &record.description : nullptr;
+}
+
 UniqueDlPtr<Container> Plugin::create(const std::string& type, const std::string& name,
                                       const BlockConfiguration& config,
                                       const std::function<void()>& gone) const
@@ -151,6 +163,15 @@ UniqueDlPtr<Container> Plugin::create(const std::string& type, const std::string
     }
     block->setup(config);
     return block;
+}
+
+Block& to_block(Container& container)
+{
+    auto* const block = dynamic_cast<Block*>(&container);
+    if (block == nullptr) {
+        throw_no_plain_block();
+    }
+    return *block;
 }
 
 std::string text_of_failure(const std::function<void()>& action)

@@ -54,6 +54,9 @@ public:
     /// The settings that a type declares, null where it declares none.
     const std::vector<Quorval::Setting>* settings_of(const std::string& type) const;
 
+    /// What a type said about its settings, null where it declares none.
+    const BlockConfiguration* description_of(const std::string& type) const;
+
     /// The codecs that it registered, by data type.
     const std::map<std::string, Codec>& codecs() const { return codecs_; }
 
@@ -72,11 +75,16 @@ private:
     struct Type {
         CreateFn create;
         std::optional<std::vector<Quorval::Setting>> settings;
+        BlockConfiguration description;
     };
     // Behind the library, so that they are destroyed first: create functions are code of it.
     std::map<std::string, Type> types_;
     std::map<std::string, Codec> codecs_;
 };
+
+/// The block that a plug-in made.
+/// @throws std::runtime_error  it is something else: "it is no plain block"
+Block& to_block(Container& container);
 
 /// Calls `action`.
 /// @return the text of what it threw, a copy that outlives the code which threw; "an unknown

@@ -1,6 +1,7 @@
 // The plug-ins of one graph.
 #pragma once
 
+#include <quorval/runtime/plugin.h>
 #include "plugins/plugin.h"
 
 #include <memory>
@@ -9,6 +10,17 @@
 #include <vector>
 
 namespace Quorval::runtime {
+
+/// What came of loading a plug-in.
+struct LoadedPlugin {
+    std::unique_ptr<Plugin> plugin;  ///< null when it cannot be used
+    std::string problem;             ///< why
+};
+
+/// Loads a plug-in that was looked for.
+/// @param tools    must outlive it
+/// @param is_kept  whether its code stays loaded until the process ends
+LoadedPlugin load_plugin(const PluginFile& file, const InitTools& tools, bool is_kept);
 
 /// Finds and loads plug-ins, each once, when it is first asked for. Must outlive all blocks that
 /// come from them.
@@ -19,14 +31,8 @@ public:
     /// @param are_kept     whether their code stays loaded until the process ends
     PluginSet(std::vector<std::string> directories, const InitTools& tools, bool are_kept = false);
 
-    /// What came of looking for a plug-in.
-    struct Found {
-        std::unique_ptr<Plugin> plugin;  ///< null when it cannot be used
-        std::string problem;             ///< why
-    };
-
     /// @param name  without directory and ending
-    const Found& get(const std::string& name);
+    const LoadedPlugin& get(const std::string& name);
 
     /// The codec of a data type: that of the runtime, or of the plug-in that was loaded first of
     /// those that have one.
@@ -34,13 +40,12 @@ public:
     const Codec* find_codec(const std::string& type) const;
 
 private:
-    Found look_for(const std::string& name);
-    Found load(const std::string& name, const std::string& file);
+    LoadedPlugin load(const std::string& name);
 
     std::vector<std::string> directories_;
     const InitTools& tools_;
     bool are_kept_;
-    std::unordered_map<std::string, Found> found_;
+    std::unordered_map<std::string, LoadedPlugin> found_;
     std::unordered_map<std::string, Codec> codecs_;
 };
 

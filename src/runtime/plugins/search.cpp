@@ -1,10 +1,17 @@
 #include "plugins/search.h"
 
-#include <dlfcn.h>
+#include "description/file.h"
+#include "description/names.h"
 
+#include <dlfcn.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
+#include <system_error>
 
 namespace Quorval::runtime {
 
@@ -25,6 +32,38 @@ std::string environment(const char* name)
     return value != nullptr ? value : "";
 }
 
+std::string join(const std::string& directory, const std::string& file)
+{
+    return directory + (directory.back() == '/' ? "" : "/") + file;
+}
+
+bool is_refused(const std::string& directory)
+{
+    struct stat status {};
+    return ::stat(directory.c_str(), &status) == 0 && is_refused_for_root(status);
+}
+
+bool is_there(const std::string& file)
+{
+    struct stat status {};
+    return ::stat(file.c_str(), &status) == 0;
+}
+
+/// The names of the plug-ins that lie in a directory.
+std::set<std::string> names_in(const std::string& directory)
+{
+    std::set<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::filesystem::path path = entry->path();
+        if (path.extension() == ".so" && is_name(path.stem().string()) && is_there(path)) {
+            names.insert(path.stem().string());
+        }
+    }
+    return names;
+}
+
 }  // namespace
 
 std::vector<std::string> plugin_directories(const std::vector<std::string>& given)
@@ -34,6 +73,35 @@ std::vector<std::string> plugin_directories(const std::vector<std::string>& give
     append(directories, split_path(environment("QUORVAL_PLUGIN_PATH")));
     append(directories, {environment("QUORVAL_PLUGIN_DIR"), installed_plugin_directory()});
     return directories;
+}
+
+PluginFile find_plugin(const std::string& name, const std::vector<std::string>& directories)
+{
+    std::string list;
+    for (const std::string& directory : directories) {
+        const std::string file = join(directory, name + ".so");
+        if (is_refused(directory)) {
+            return {name, is_there(file) ? file : "", text_of_refusal(directory)};
+        }
+        if (is_there(file)) {
+            return {name, file, ""};
+        }
+        list += (list.empty() ? "" : ":") + directory;
+    }
+    return {name, "", "there is no plug-in '" + name + "' in " + list};
+}
+
+std::vector<PluginFile> list_plugins(const std::vector<std::string>& directories)
+{
+    std::set<std::string> names;
+    for (const std::string& directory : directories) {
+        names.merge(names_in(directory));
+    }
+    std::vector<PluginFile> plugins;
+    for (const std::string& name : names) {
+        plugins.push_back(find_plugin(name, directories));
+    }
+    return plugins;
 }
 
 std::vector<std::string> split_path(const std::string& list)
