@@ -20,5 +20,6 @@ using Arguments = std::vector<std::string>;
 int check_command(const Arguments& arguments);
 int config_command(const Arguments& arguments);
 int graph_command(const Arguments& arguments);
+int inspect_command(const Arguments& arguments);
 int new_command(const Arguments& arguments);
 int run_command(const Arguments& arguments);

@@ -1,26 +1,7 @@
 #include "graph_line.h"
 
-#include <algorithm>
-#include <cstddef>
 #include <stdexcept>
 #include <utility>
-
-namespace {
-
-/// The parts of a list whose parts are parted by ":", without the empty ones.
-void split_path(const std::string& list, std::vector<std::string>& directories)
-{
-    std::size_t begin = 0;
-    while (begin <= list.size()) {
-        const std::size_t end = std::min(list.find(':', begin), list.size());
-        if (end > begin) {
-            directories.push_back(list.substr(begin, end - begin));
-        }
-        begin = end + 1;
-    }
-}
-
-}  // namespace
 
 std::string status_help()
 {
@@ -31,12 +12,10 @@ std::string status_help()
            "  3  the graph or a plug-in is wrong\n";
 }
 
-GraphLine::GraphLine(CommandLine& line)
+GraphLine::GraphLine(CommandLine& line) : plugin_path_(line)
 {
     line.add_list("--set", assignments_, "PATH.KEY=VALUE",
                   "gives a block another value; may be repeated");
-    line.add_list("--plugin-path", plugin_paths_, "DIRS",
-                  "look for plug-ins in these directories first, parted by ':'");
 }
 
 Quorval::GraphOptions GraphLine::graph_options(std::vector<std::string> files) const
@@ -48,9 +27,7 @@ Quorval::GraphOptions GraphLine::graph_options(std::vector<std::string> files) c
     options.files = std::move(files);
     options.assignments = assignments_;
     options.keeps_plugins = true;
-    for (const std::string& list : plugin_paths_) {
-        split_path(list, options.plugin_path);
-    }
+    options.plugin_path = plugin_path_.directories();
     return options;
 }
 

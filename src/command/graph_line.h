@@ -3,6 +3,7 @@
 
 #include <quorval/runtime/graph.h>
 #include "command_line.h"
+#include "plugin_path.h"
 
 #include <memory>
 #include <string>
@@ -21,7 +22,7 @@ public:
 
 private:
     std::vector<std::string> assignments_;
-    std::vector<std::string> plugin_paths_;
+    PluginPathOption plugin_path_;
 };
 
 /// Adds the option --machine.

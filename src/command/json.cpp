@@ -1,5 +1,6 @@
 // Graphs for other programs.
 #include <quorval/config.h>
+#include "json_value.h"
 #include "picture.h"
 
 #include <nlohmann/json.hpp>
@@ -12,34 +13,11 @@ namespace {
 using nlohmann::json;
 using Quorval::BlockConfiguration;
 
-json to_value(const BlockConfiguration& config, const std::string& key)
-{
-    switch (config.getType(key)) {
-        case BlockConfiguration::Type::Int:
-            return config.getInt(key);
-        case BlockConfiguration::Type::Bool:
-            return config.getBool(key);
-        case BlockConfiguration::Type::Double:
-            return config.getDouble(key);
-        case BlockConfiguration::Type::String:
-            return config.getString(key);
-        case BlockConfiguration::Type::IntVector:
-            return config.getIntVector(key);
-        case BlockConfiguration::Type::DoubleVector:
-            return config.getDoubleVector(key);
-        case BlockConfiguration::Type::StringVector:
-            return config.getStringVector(key);
-        case BlockConfiguration::Type::BoolVector:
-            return config.getBoolVector(key);
-    }
-    return nullptr;
-}
-
 json to_json(const BlockConfiguration& config)
 {
     json members = json::object();
     for (const auto element = config.iterate(""); !element->is_end(); element->advance()) {
-        members[element->key()] = to_value(config, element->key());
+        members[element->key()] = to_json_value(config, element->key());
     }
     return members;
 }

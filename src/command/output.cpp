@@ -2,6 +2,7 @@
 
 #include "text.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,11 @@ std::string variable(const char* name)
 {
     const char* value = std::getenv(name);
     return value == nullptr ? "" : value;
+}
+
+bool wants_colours()
+{
+    return variable("NO_COLOR").empty() && variable("TERM") != "dumb";
 }
 
 /// Flushes and closes; gives the number of the error, 0 for none.
@@ -82,5 +88,16 @@ bool has_terminal()
 
 bool has_colours()
 {
-    return has_terminal() && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+    return has_terminal() && wants_colours();
+}
+
+bool has_output_colours()
+{
+    return ::isatty(STDOUT_FILENO) == 1 && wants_colours();
+}
+
+unsigned output_width()
+{
+    winsize size{};
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }

@@ -23,3 +23,9 @@ bool has_terminal();
 /// Whether what goes to standard error may have colours: on a terminal that knows them, and unless
 /// the user said NO_COLOR.
 bool has_colours();
+
+/// Whether what goes to standard output may have colours, likewise.
+bool has_output_colours();
+
+/// How many columns standard output has; 0 where it is no terminal.
+unsigned output_width();

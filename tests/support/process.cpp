@@ -39,10 +39,12 @@ Stream open_pipe()
 }
 
 /// A terminal that passes on what is written as it is.
-Stream open_terminal()
+Stream open_terminal(unsigned short columns)
 {
     Stream stream;
-    check(::openpty(&stream.reader, &stream.writer, nullptr, nullptr, nullptr), "openpty");
+    winsize size{};
+    size.ws_col = columns;
+    check(::openpty(&stream.reader, &stream.writer, nullptr, nullptr, &size), "openpty");
     termios settings{};
     check(::tcgetattr(stream.writer, &settings), "tcgetattr");
     ::cfmakeraw(&settings);
@@ -101,8 +103,8 @@ void read_from(int& fd, std::string& text)
 
 Process::Process(const ProcessOptions& options)
 {
-    const Stream out = open_pipe();
-    const Stream err = options.err_is_terminal ? open_terminal() : open_pipe();
+    const Stream out = options.out_columns > 0 ? open_terminal(options.out_columns) : open_pipe();
+    const Stream err = options.err_is_terminal ? open_terminal(0) : open_pipe();
     int out_writer = out.writer;
     if (!options.out_file.empty()) {
         ::close(out.writer);

@@ -23,10 +23,11 @@ struct ProcessOptions {
     std::vector<std::string> command;  ///< program and arguments
     /// Changes of the environment; without a value the variable is removed.
     std::vector<std::pair<std::string, std::optional<std::string>>> environment;
-    std::string directory;         ///< to work in; empty: that of the test
-    std::string out_file;          ///< standard output goes there in place of `out`
-    std::vector<int> closed;       ///< descriptors that are closed
-    bool err_is_terminal = false;  ///< standard error is a terminal
+    std::string directory;           ///< to work in; empty: that of the test
+    std::string out_file;            ///< standard output goes there in place of `out`
+    std::vector<int> closed;         ///< descriptors that are closed
+    bool err_is_terminal = false;    ///< standard error is a terminal
+    unsigned short out_columns = 0;  ///< not 0: standard output is a terminal of this width
 };
 
 /// A running program. The destructor kills what still runs.

@@ -7,7 +7,7 @@ _quorval()
 
     local command=${words[1]}
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'check config graph new run --help --version' -- "${cur}")
+        mapfile -t COMPREPLY < <(compgen -W 'check config graph inspect new run --help --version' -- "${cur}")
         return
     fi
 
@@ -33,6 +33,7 @@ _quorval()
         new) options='--help' ;;
         check) options+=' --machine --strict --json' ;;
         graph) options+=' --format' ;;
+        inspect) options+=' --json' ;;
         run) options+=' --state --for --machine --local --quiet --verbose' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
@@ -42,7 +43,7 @@ _quorval()
         else
             _filedir
         fi
-    elif [[ ${command} != new ]]; then
+    elif [[ ${command} != new && ${command} != inspect ]]; then
         _filedir toml
     fi
 } && complete -F _quorval quorval

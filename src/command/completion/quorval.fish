@@ -1,6 +1,6 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check config graph new run
+set -l commands check config graph inspect new run
 set -l graph_commands check graph run
 
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
@@ -10,6 +10,8 @@ complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a check \
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a config \
     -d 'Look at store files, and change them'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a inspect \
+    -d 'Show what plug-ins offer'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a new \
     -d 'Write a plug-in to begin with'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
@@ -35,6 +37,13 @@ complete -c quorval -n '__fish_seen_subcommand_from run' -l local \
 
 complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
     -a 'dot json mermaid svg' -d 'Kind of picture'
+
+complete -c quorval -f -n '__fish_seen_subcommand_from inspect'
+complete -c quorval -n '__fish_seen_subcommand_from inspect' -l set -x \
+    -d 'Make blocks with this setting'
+complete -c quorval -n '__fish_seen_subcommand_from inspect' -l plugin-path -x \
+    -a '(__fish_complete_directories)' -d 'Look for plug-ins in these directories first'
+complete -c quorval -n '__fish_seen_subcommand_from inspect' -l json -d 'Write everything as JSON'
 
 complete -c quorval -f -n '__fish_seen_subcommand_from new'
 

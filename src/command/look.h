@@ -1,0 +1,31 @@
+// Looking at plug-ins, each in a process of its own.
+#pragma once
+
+#include <quorval/runtime/plugin.h>
+
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+/// What is wanted to be known of plug-ins.
+struct LookOptions {
+    bool makes_blocks = true;              ///< to know the ports; else the declarations alone
+    std::string type;                      ///< this one alone; empty: all
+    std::vector<std::string> assignments;  ///< `KEY=VALUE`, what blocks are made with
+    std::chrono::milliseconds limit = std::chrono::seconds(10);  ///< for one plug-in
+};
+
+/// What there is to say of a plug-in.
+struct Look {
+    /// `{"name", "file", "note", "types", "problem"}`; what does not apply is left out.
+    nlohmann::json plugin;
+    bool is_usable =
+        true;  ///< it was loaded, and none of its code crashed, ended the process or hung
+};
+
+/// Loads a plug-in and makes a block of each of its types, in a process that may crash or hang.
+/// What the plug-in prints goes to standard error.
+/// @throws std::system_error  there can be no further process
+Look look_at(const Quorval::PluginFile& file, const LookOptions& options);

@@ -1,0 +1,74 @@
+#include "look.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+namespace {
+
+using nlohmann::json;
+using Quorval::PluginFile;
+
+PluginFile file_of(const std::string& name, const std::string& directory = QUORVAL_TEST_PLUGIN_DIR)
+{
+    return {name, directory + "/" + name + ".so", ""};
+}
+
+TEST(LookAt, GivesUpWhenTheTimeIsUp)
+{
+    LookOptions options;
+    options.limit = std::chrono::milliseconds(1);
+    const Look look = look_at(file_of("hangs", QUORVAL_TEST_PLUGIN_DIR "/slow"), options);
+
+    EXPECT_FALSE(look.is_usable);
+    EXPECT_EQ(look.plugin["problem"], "plug-in 'hangs' was not loaded within 0 seconds");
+    EXPECT_EQ(look.plugin["note"]["interface"], 0);
+    EXPECT_FALSE(look.plugin.contains("types"));
+}
+
+/// The limit leaves time to load, and is the same for all types.
+TEST(LookAt, NamesTheTypesThatTheTimeDidNotReachTo)
+{
+    LookOptions options;
+    options.limit = std::chrono::seconds(5);
+    options.assignments = {"where=constructor", "what=hang"};
+    const Look look = look_at(file_of("trouble"), options);
+
+    EXPECT_FALSE(look.is_usable);
+    EXPECT_FALSE(look.plugin.contains("problem"));
+    ASSERT_EQ(look.plugin["types"].size(), 1U);
+    EXPECT_EQ(look.plugin["types"][0]["problem"],
+              "block 'Trouble' was not created within 5 seconds");
+}
+
+TEST(LookAt, MakesNoBlocksWhereNoneAreWanted)
+{
+    LookOptions options;
+    options.makes_blocks = false;
+    const Look look = look_at(file_of("shapes"), options);
+
+    EXPECT_TRUE(look.is_usable);
+    ASSERT_EQ(look.plugin["types"].size(), 5U);
+    EXPECT_EQ(look.plugin["types"][0], (json{{"type", "Crash"}}));
+    EXPECT_EQ(look.plugin["types"][2]["summary"], "Has a bit of everything.");
+    EXPECT_FALSE(look.plugin["types"][2].contains("inports"));
+}
+
+TEST(LookAt, GoesOnBehindATypeThatEndsTheProcess)
+{
+    const Look look = look_at(file_of("shapes"), {});
+
+    EXPECT_FALSE(look.is_usable);
+    const json& types = look.plugin["types"];
+    ASSERT_EQ(types.size(), 5U);
+    EXPECT_EQ(types[0]["problem"], "block 'Crash' crashed in create: signal 11 (SIGSEGV)");
+    EXPECT_EQ(types[1]["problem"], "block 'Exit' called exit in create");
+    EXPECT_EQ(types[2]["problem"], "'count' is missing");
+    EXPECT_EQ(types[3]["problem"],
+              "block 'Plain' cannot be created: BlockConfiguration::getString failed, "
+              "the parameter 'path' does not exist");
+    EXPECT_EQ(types[4]["problem"], "block 'Super' cannot be created: it is no plain block");
+}
+
+}  // namespace
