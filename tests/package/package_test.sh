@@ -382,6 +382,16 @@ builds_a_new_plugin_with_clang()
     builds_a_new_plugin "${CLANGXX}" my-filter_2
 }
 
+follows_the_tutorial()
+{
+    unset QUORVAL_PLUGIN_DIR QUORVAL_PLUGIN_PATH
+    install_to "${work}/prefix"
+    export PATH=${work}/prefix/bin:${PATH} CMAKE_PREFIX_PATH=${work}/prefix CXX CXXFLAGS
+    mkdir "${work}/tutorial"
+    cd "${work}/tutorial"
+    python3 "${SOURCE}/tests/docs/follow_tutorial.py" "${SOURCE}/docs/tutorial.md"
+}
+
 knows_its_components()
 {
     install_to "${work}/prefix"

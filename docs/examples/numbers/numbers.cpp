@@ -1,8 +1,5 @@
 #include <quorval/runtime/tools.h>
 #include <quorval/settings.h>
-
-#include <iostream>
-
 using namespace Quorval;
 
 struct Options {
@@ -26,19 +23,8 @@ struct Count : Block {
     OutPort<double>* out = add_output<double>(*this, "out");
 };
 
-struct Print : Block {
-    using Block::Block;
-    bool run() override
-    {
-        std::cout << in->value() << '\n';
-        return true;
-    }
-    InPort<double>* in = add_input<double>(*this, "in");
-};
-
 int lib_register_cpp(IRegistry& registry)
 {
     register_block<Count>(registry, "Count", settings);
-    register_block<Print>(registry, "Print", Settings<Options>("Prints."));
     return 0;
 }
