@@ -10,9 +10,11 @@
 #include "graph_line.h"
 #include "output.h"
 #include "progress.h"
+#include "statistics.h"
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,7 +67,11 @@ int run_graph(const Quorval::GraphOptions& options, loglevel level)
     if (level >= LOGLEVEL_WARNING) {
         show_diagnostics(graph->warnings());
     }
-    return to_status(graph->run());
+    const RunResult result = graph->run();
+    if (options.times_runs) {
+        static_cast<void>(std::fputs(to_table(graph->statistics()).c_str(), stderr));
+    }
+    return to_status(result);
 }
 
 std::chrono::nanoseconds read_duration(const std::string& text)
@@ -101,6 +107,8 @@ int run_command(const Arguments& arguments)
     std::string duration;
     std::string machine;
     bool is_local = false;
+    std::string trace_file;
+    bool shows_statistics = false;
     Verbosity verbosity;
     line.add_value("--state", state, "DIR",
                    "keep the state of the blocks below DIR (default: the first of "
@@ -108,6 +116,10 @@ int run_command(const Arguments& arguments)
     const CLI::Option* has_duration =
         line.add_value("--for", duration, "DURATION",
                        "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
+    line.add_flag("--stats", shows_statistics,
+                  "write how often blocks ran, failed, and how long that took, at the end");
+    line.add_value("--trace", trace_file, "FILE",
+                   "write each run of a block to FILE, for viewers of trace events");
     line.add_flag("-q,--quiet", verbosity.is_quiet, "write errors alone");
     line.add_count("-v,--verbose", verbosity.verbose_count, "write notes too; twice: details");
     add_machine(line, machine);
@@ -118,6 +130,8 @@ int run_command(const Arguments& arguments)
     }
     Quorval::GraphOptions options = graph_line.graph_options(*files);
     options.state_directory = state;
+    options.times_runs = shows_statistics;
+    options.trace_file = trace_file;
     options.takes_signals = true;
     options.machine = machine;
     options.is_local = is_local;

@@ -41,7 +41,9 @@ TEST_F(Main, PrintsHelpForEachCommand)
     const std::vector<std::pair<std::string, std::vector<std::string>>> commands = {
         {"check", {"--set", "--plugin-path", "--strict", "--json"}},
         {"graph", {"--set", "--plugin-path", "--format"}},
-        {"run", {"--set", "--plugin-path", "--state", "--for", "-q,--quiet", "-v,--verbose"}},
+        {"run",
+         {"--set", "--plugin-path", "--state", "--for", "--stats", "--trace", "-q,--quiet",
+          "-v,--verbose"}},
     };
     for (const auto& [command, options] : commands) {
         SCOPED_TRACE(command);

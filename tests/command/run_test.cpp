@@ -1,5 +1,7 @@
 #include "command/command_test.h"
 
+#include <nlohmann/json.hpp>
+
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -7,8 +9,10 @@
 
 #include <csignal>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -348,6 +352,57 @@ TEST_F(Run, KeepsStateInTheFirstOfStateDirectory)
 
     EXPECT_TRUE(fs::is_directory(fs::path(directory()) / "first" / "a.b"));
     EXPECT_FALSE(fs::exists(fs::path(directory()) / "second"));
+}
+
+TEST_F(Run, ShowsStatisticsAtItsEnd)
+{
+    const ProcessResult result = run({"run", "--stats", "numbers.toml"});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "2\n4\n6\n");
+    const std::string time = " +[0-9.]+ (ns|us|ms|s)";
+    EXPECT_TRUE(std::regex_match(result.err, std::regex("block +runs +failures +total +max +99 %\n"
+                                                        "count +3 +0" +
+                                                        time + time + time +
+                                                        "\n"
+                                                        "double +3 +0" +
+                                                        time + time + time +
+                                                        "\n"
+                                                        "print +3 +0" +
+                                                        time + time + time + "\n")))
+        << result.err;
+}
+
+TEST_F(Run, ShowsStatisticsWhereABlockFailed)
+{
+    write_trouble("run", "throw");
+
+    const ProcessResult result = run({"run", "--stats", "trouble.toml"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("\na/b       1         1 "), std::string::npos) << result.err;
+}
+
+TEST_F(Run, WritesATrace)
+{
+    expect_result(run({"run", "--trace", "trace.json", "numbers.toml"}), 0, "2\n4\n6\n", "");
+
+    const auto events = nlohmann::json::parse(quorval_test::read_file(directory() + "/trace.json"));
+    std::vector<std::string> names;
+    for (const auto& event : events) {
+        names.push_back(event["ph"].get<std::string>() + " " + event["name"].get<std::string>());
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"M process_name", "X count", "X double", "X print",
+                                               "C wave", "X count", "X double", "X print", "C wave",
+                                               "X count", "X double", "X print", "C wave"}));
+}
+
+TEST_F(Run, FailsWhenTheTraceCannotBeWritten)
+{
+    expect_result(run({"run", "--trace", "no/trace.json", "numbers.toml"}), 1, "",
+                  "quorval: error: 'no/trace.json' cannot be written: No such file or directory\n");
+    expect_result(run({"run", "--trace", "/dev/full", "numbers.toml"}), 1, "2\n4\n6\n",
+                  "quorval: error: '/dev/full' cannot be written: No space left on device\n");
 }
 
 TEST_F(Run, FailsWhenTheOutputOfBlocksCannotBeWritten)

@@ -43,6 +43,11 @@ struct GraphOptions {
         on_progress;
     /// Whether the runs of blocks are timed, for statistics().
     bool times_runs = false;
+    /// A file to which run() writes trace events, a slice for each run of a block and a counter for
+    /// each wave: a JSON array that viewers of traces open, also where it is cut off at its end. A
+    /// file that exists is emptied; one that cannot be written is logged, and the run has failed.
+    /// Runs are timed then too. Empty: none.
+    std::string trace_file;
     /// The code of plug-ins stays loaded until the process ends, so that a thread that one left
     /// behind does no harm.
     bool keeps_plugins = false;

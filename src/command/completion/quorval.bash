@@ -20,6 +20,10 @@ _quorval()
         _filedir -d
         return
         ;;
+    --trace)
+        _filedir
+        return
+        ;;
     --set | --for | --machine)
         return
         ;;
@@ -34,7 +38,7 @@ _quorval()
         check) options+=' --machine --strict --json' ;;
         graph) options+=' --format' ;;
         inspect) options+=' --json' ;;
-        run) options+=' --state --for --machine --local --quiet --verbose' ;;
+        run) options+=' --state --for --machine --local --stats --trace --quiet --verbose' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
     elif [[ ${command} == config ]]; then

@@ -50,5 +50,9 @@ complete -c quorval -f -n '__fish_seen_subcommand_from new'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l state -x \
     -a '(__fish_complete_directories)' -d 'Keep the state of the blocks below this directory'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l for -x -d 'Stop after this time'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l stats \
+    -d 'Show what blocks did at the end'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l trace -r \
+    -d 'Write each run of a block to this file'
 complete -c quorval -n '__fish_seen_subcommand_from run' -s q -l quiet -d 'Write errors alone'
 complete -c quorval -n '__fish_seen_subcommand_from run' -s v -l verbose -d 'Write notes too'

@@ -1,3 +1,4 @@
+#include <quorval/log.h>
 #include <quorval/runtime/graph.h>
 #include "graph/loaded_graph.h"
 #include "loop/loop.h"
@@ -8,7 +9,9 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 
@@ -22,6 +25,7 @@ using runtime::Loop;
 using runtime::Observer;
 using runtime::Runner;
 using runtime::Signals;
+using runtime::Trace;
 using runtime::Wire;
 
 [[noreturn]] void throw_cannot_run(const char* why)
@@ -62,6 +66,29 @@ struct Graph::Impl {
           signals(take_signals(options, loop.get())),
           graph(runtime::load_graph(options, signals.get()))
     {
+    }
+
+    /// @throws std::system_error  the trace cannot be written
+    RunResult run()
+    {
+        const runtime::Network& network = graph.network;
+        std::optional<Trace> trace;
+        if (!options.trace_file.empty()) {
+            trace.emplace(options.trace_file, graph.name, network);
+        }
+        std::optional<Observer> observer;
+        Runner runner(options, graph, *loop, signals.get(), has_stop);
+        if (options.times_runs || trace) {
+            observer.emplace(network.nodes.size(), Loop::now, trace ? &*trace : nullptr);
+            runner.life().wave().set_probe(&*observer);
+        }
+        const RunResult result = runner.run();
+        statistics = gather_statistics(network, runner.life().wave(),
+                                       observer ? &observer->times() : nullptr);
+        if (trace) {
+            trace->finish();
+        }
+        return result;
     }
 };
 
@@ -120,18 +147,12 @@ RunResult Graph::run()
     if (std::exchange(impl_->has_run, true)) {
         throw_cannot_run("it has run already");
     }
-    const runtime::Network& network = impl_->graph.network;
-    std::unique_ptr<Observer> observer;
-    Runner runner(impl_->options, impl_->graph, *impl_->loop, impl_->signals.get(),
-                  impl_->has_stop);
-    if (impl_->options.times_runs) {
-        observer = std::make_unique<Observer>(network.nodes.size(), Loop::now);
-        runner.life().wave().set_probe(observer.get());
+    try {
+        return impl_->run();
+    } catch (const std::system_error& error) {
+        logger(LOGLEVEL_ERROR, "%s", error.what());
+        return RunResult::Failed;
     }
-    const RunResult result = runner.run();
-    impl_->statistics =
-        gather_statistics(network, runner.life().wave(), observer ? &observer->times() : nullptr);
-    return result;
 }
 
 std::vector<BlockStatistics> Graph::statistics() const

@@ -1,5 +1,7 @@
 #include "schedule/wave.h"
 
+#include "schedule/probes.h"
+
 #include <algorithm>
 #include <exception>
 #include <unordered_map>
@@ -175,6 +177,7 @@ void Wave::look_at_outputs(std::uint32_t block)
 bool Wave::run()
 {
     ++waves_;
+    probe_wave_begin();
     if (probe_ != nullptr) {
         probe_->wave_begins();
     }
@@ -201,11 +204,18 @@ bool Wave::visit_block(std::uint32_t block, Context& present)
     visited_[visited_count_++] = block;
     Slot& slot = slots_[block];
     present = {slot.path, "run"};
+    bool is_due = false;
     try {
-        if (take_over(slot, *(&slot + 1), block)) {
+        is_due = take_over(slot, *(&slot + 1), block);
+        if (is_due) {
+            probe_run_begin(slot.path);
             run_block(slot, block);
+            probe_run_end(slot.path, 0);
         }
     } catch (...) {
+        if (is_due) {
+            probe_run_end(slot.path, 1);
+        }
         return contain_failure(block, text_of_present_exception());
     }
     return true;
@@ -328,6 +338,7 @@ bool Wave::reset()
     if (probe_ != nullptr) {
         probe_->wave_ends();
     }
+    probe_wave_end();
     return is_well;
 }
 

@@ -1,0 +1,65 @@
+#include "statistics.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+
+namespace {
+
+constexpr std::size_t kColumns = 6;
+using Row = std::array<std::string, kColumns>;
+
+/// Three digits at least, and the unit that leaves one to three in front of the point.
+std::string to_text(std::chrono::nanoseconds time)
+{
+    constexpr double kThousand = 1000;
+    constexpr std::array kUnits = {"ns", "us", "ms", "s"};
+    auto value = static_cast<double>(time.count());
+    std::size_t unit = 0;
+    for (; unit + 1 < kUnits.size() && value >= kThousand; ++unit) {
+        value /= kThousand;
+    }
+    std::array<char, 32> text{};
+    static_cast<void>(std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.2f %s",
+                                    value, kUnits[unit]));
+    return text.data();
+}
+
+Row to_row(const Quorval::BlockStatistics& block)
+{
+    return {block.path,           std::to_string(block.runs), std::to_string(block.failures),
+            to_text(block.total), to_text(block.longest),     to_text(block.percentile_99)};
+}
+
+/// The first column begins at the left, the others end at the right.
+std::string to_line(const Row& row, const std::array<std::size_t, kColumns>& widths)
+{
+    std::string line = row[0] + std::string(widths[0] - row[0].size(), ' ');
+    for (std::size_t column = 1; column < kColumns; ++column) {
+        line += "  " + std::string(widths[column] - row[column].size(), ' ') + row[column];
+    }
+    return line + "\n";
+}
+
+}  // namespace
+
+std::string to_table(const std::vector<Quorval::BlockStatistics>& statistics)
+{
+    std::vector<Row> rows = {{"block", "runs", "failures", "total", "max", "99 %"}};
+    for (const Quorval::BlockStatistics& block : statistics) {
+        rows.push_back(to_row(block));
+    }
+    std::array<std::size_t, kColumns> widths{};
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column < kColumns; ++column) {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    std::string table;
+    for (const Row& row : rows) {
+        table += to_line(row, widths);
+    }
+    return table;
+}

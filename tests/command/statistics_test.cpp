@@ -1,0 +1,25 @@
+#include "statistics.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+TEST(StatisticsTable, HasALineForEachBlock)
+{
+    EXPECT_EQ(to_table({{"count", 3, 0, 999ns, 500ns, 7ns},
+                        {"left/gain", 1000000, 12, 61s, 1500us, 1234ns}}),
+              "block         runs  failures    total      max     99 %\n"
+              "count            3         0   999 ns   500 ns     7 ns\n"
+              "left/gain  1000000        12  61.00 s  1.50 ms  1.23 us\n");
+}
+
+TEST(StatisticsTable, OfNothingIsItsTitles)
+{
+    EXPECT_EQ(to_table({}), "block  runs  failures  total  max  99 %\n");
+}
+
+}  // namespace
