@@ -465,8 +465,8 @@ private:
 
     void add_wire(const ConnectionDescription& connection, const Output& output, const Input& input)
     {
-        network_.wires.push_back(
-            {output.block, input.block, output.port, input.port, connection.is_delayed});
+        network_.wires.push_back({output.block, input.block, output.port, input.port,
+                                  connection.is_delayed, input.name});
         places_.push_back(connection.place);
     }
 

@@ -128,7 +128,7 @@ std::vector<ConnectionInfo> Graph::connections() const
     infos.reserve(network.wires.size());
     for (const Wire& wire : network.wires) {
         infos.push_back({network.nodes[wire.from].path, wire.output->get_name(),
-                         network.nodes[wire.to].path, wire.input->get_name(),
+                         network.nodes[wire.to].path, wire.input_name(),
                          wire.output->get_datatype().get_name(), wire.is_delayed});
     }
     return infos;

@@ -25,6 +25,13 @@ struct Wire {
     OutPortInternal* output = nullptr;
     InPortInternal* input = nullptr;
     bool is_delayed = false;  // the reader runs before its source
+    // Under which the block has the port that leads to the input; null: the input's own.
+    const std::string* port_name = nullptr;
+
+    const std::string& input_name() const
+    {
+        return port_name != nullptr ? *port_name : input->get_name();
+    }
 };
 
 /// An output of a block on another machine, with the value that came last. Blocks read the value,

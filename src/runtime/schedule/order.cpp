@@ -352,8 +352,8 @@ void arrange(Network& network, const Order& order)
         wire.to = position[wire.to];
     }
     std::sort(network.wires.begin(), network.wires.end(), [](const Wire& a, const Wire& b) {
-        return std::forward_as_tuple(a.to, a.input->get_name()) <
-               std::forward_as_tuple(b.to, b.input->get_name());
+        return std::forward_as_tuple(a.to, a.input_name()) <
+               std::forward_as_tuple(b.to, b.input_name());
     });
     for (EntryWire& wire : network.entry_wires) {
         wire.to = position[wire.to];

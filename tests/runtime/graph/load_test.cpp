@@ -64,7 +64,7 @@ Lines wires_of(const LoadedGraph& graph)
     for (const Wire& wire : graph.network.wires) {
         wires.push_back(graph.network.nodes[wire.from].path + "." + wire.output->get_name() +
                         (wire.is_delayed ? " ~> " : " -> ") + graph.network.nodes[wire.to].path +
-                        "." + wire.input->get_name());
+                        "." + wire.input_name());
     }
     return wires;
 }
@@ -254,6 +254,18 @@ blocks.b.type = "parts:Gain"
 
     EXPECT_EQ(wires_of(graph), (Lines{"s.out -> k/inner/a.in", "s.out -> k/inner/b.in"}));
     EXPECT_EQ(graph.superblock->get_connections().size(), 2U);
+}
+
+TEST(LoadGraph, NamesInputsAsTheirBlocksDo)
+{
+    GraphFiles files;
+    const LoadedGraph graph = files.load(R"(
+connections = ["a.out -> b.in"]
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Leads"
+)");
+
+    EXPECT_EQ(wires_of(graph), (Lines{"a.out -> b.in"}));
 }
 
 TEST(LoadGraph, BearsExposedInputsThatMultiply)

@@ -402,7 +402,7 @@ TEST(TypeProblems, TellTheTypesThatAPluginHas)
                      "has none"}));
     EXPECT_EQ(findings_for_type("parts:gain"),
               (Lines{"g.toml:3:10: error: plug-in 'parts' has no block type 'gain'; it has "
-                     "Composite, Declared, Empty, Gain, Late, Null, Ports, Prints, Renamed, "
+                     "Composite, Declared, Empty, Gain, Late, Leads, Null, Ports, Prints, Renamed, "
                      "Stores, Tells, Throws, ThrowsANumber, ThrowsInSetup, ThrowsItsOwn"}));
 }
 

@@ -28,6 +28,17 @@ struct Gain : Block {
     }
 };
 
+/// Has an input "in" that leads to one of another name.
+struct Leads : Block {
+    struct Lead : InPortProvider {
+        Lead() : InPortProvider("in", Datatype("double"), true) {}
+        InPortInternal* get_connectable() override { return &end; }
+        InPort<double> end{"end", Datatype("double")};
+    };
+
+    explicit Leads(const std::string& name) : Block(name) { add_inport(std::make_unique<Lead>()); }
+};
+
 /// Has the ports that its configuration lists, as "name:type"; reads everything.
 struct Ports : Block {
     Ports(const std::string& name, const BlockConfiguration& config) : Block(name, config)
@@ -159,6 +170,7 @@ int lib_register_cpp(IRegistry& registry)
         [](Name name, Config config, Tools) { return std::make_unique<Gain>(name, config); });
     add(registry, "Ports",
         [](Name name, Config config, Tools) { return std::make_unique<Ports>(name, config); });
+    add(registry, "Leads", [](Name name, Config, Tools) { return std::make_unique<Leads>(name); });
     add(registry, "Late", [](Name name, Config, Tools) { return std::make_unique<Late>(name); });
     add(registry, "Prints",
         [](Name name, Config, Tools) { return std::make_unique<Prints>(name); });
