@@ -26,6 +26,7 @@ struct Setting {
     Place key_place;                 ///< of the last component of the key
     Place value_place;               ///< of the value
     std::vector<Place> item_places;  ///< of the items of a list that stands in a file
+    bool is_wrong = false;           ///< has no value, because of what is reported
 };
 
 /// What becomes of the graph when a block fails.
@@ -38,12 +39,12 @@ enum class Delivery { Latest, All };
 struct MemberDescription {
     std::string name;
     Place name_place;
-    /// "PLUGIN:TYPE" or the name of a kind of superblock. Empty: there is none that could be used,
-    /// which is reported.
-    std::string type;
+    std::string type;  ///< "PLUGIN:TYPE" or the name of a kind of superblock
     Place type_place;
-    bool misses_type = false;     ///< nothing was written that could be meant as its type
-    std::vector<Setting> config;  ///< by key, each once
+    bool has_type = false;         ///< it can be used; what is wrong otherwise is reported
+    bool misses_type = false;      ///< nothing was written that could be meant as its type
+    std::vector<Setting> config;   ///< by key, each once
+    bool is_config_wrong = false;  ///< as a whole, which is reported
     std::optional<OnError> on_error;
     std::string machine;  ///< that it runs on; of a member of the graph, empty where none is given
     Place machine_place;  ///< line 0: none is given
@@ -65,12 +66,12 @@ struct ConnectionDescription {
     Delivery delivery = Delivery::Latest;
 };
 
-/// A port of a superblock, and the ports of members behind it; an output has one. None: they are
-/// wrong, which is reported.
+/// A port of a superblock, and the ports of members behind it; an output has one.
 struct ExposedDescription {
     std::string name;
     Place name_place;
     std::vector<EndDescription> ends;
+    bool is_broken = false;  ///< ends are missing because they are wrong, which is reported
 };
 
 /// The inside of the graph, or of a kind of superblock.
@@ -80,6 +81,7 @@ struct CompositeDescription {
     std::vector<ExposedDescription> inports;         ///< by name, likewise
     std::vector<ExposedDescription> outports;
     bool is_broken = false;  ///< parts of it are missing because they are wrong, which is reported
+    bool misses_connections = false;  ///< likewise
 
     /// Where a member stands in the list, or the length of the list when there is none of the name.
     std::size_t find_member(std::string_view name) const;

@@ -33,7 +33,9 @@ GraphFile::GraphFile(const std::string& path)
 {
     // Looked at first: to open a device may already do something.
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) {
+    if (path.find('\0') != std::string::npos) {
+        error_ = text_of(ENOENT);  // the system would stop at the zero
+    } else if (::stat(path.c_str(), &status) != 0) {
         error_ = text_of(errno);
     } else if (accept(status)) {
         fd_ = open(path);

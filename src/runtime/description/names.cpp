@@ -1,5 +1,7 @@
 #include "description/names.h"
 
+#include "description/toml.h"
+
 #include <algorithm>
 #include <filesystem>
 
@@ -16,11 +18,22 @@ bool is_name(std::string_view text)
     return !text.empty() && std::all_of(text.begin(), text.end(), is_name_character);
 }
 
+bool is_key(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return is_name_character(c) || c == '.'; });
+}
+
 std::string name_of_file(const std::string& file)
 {
-    std::string name = std::filesystem::path(file).stem().string();
-    std::replace_if(
-        name.begin(), name.end(), [](char c) { return !is_name_character(c); }, '_');
+    std::string name;
+    for (const char c : std::filesystem::path(file).stem().string()) {
+        if (is_name_character(c)) {
+            name += c;
+        } else if (!is_continuation(c)) {
+            name += '_';
+        }
+    }
     return name.empty() ? "_" : name;
 }
 

@@ -31,8 +31,7 @@ namespace {
 /// Why a key is not valid, in the words of the configuration; empty for one that is.
 std::string complaint_about(const std::string& key)
 {
-    const auto is_valid = [](char c) { return is_name_character(c) || c == '.'; };
-    if (std::all_of(key.begin(), key.end(), is_valid)) {
+    if (is_key(key)) {
         return {};
     }
     try {
@@ -108,9 +107,12 @@ public:
             add_list_of_tables(key, *node.as_array());
         } else if (std::string complaint = complaint_about(key); !complaint.empty()) {
             problems_.add_error(key_place, std::move(complaint));
-        } else if (std::optional<Value> value = to_value(key, node)) {
-            settings_.push_back({std::move(key), std::move(*value), key_place, place_of(node),
-                                 places_of_items(node)});
+            settings_.push_back({std::move(key), Value(), key_place, place_of(node), {}, true});
+        } else {
+            std::optional<Value> value = to_value(key, node);
+            const bool is_wrong = !value;
+            settings_.push_back({std::move(key), std::move(value).value_or(Value()), key_place,
+                                 place_of(node), places_of_items(node), is_wrong});
         }
     }
 

@@ -93,8 +93,8 @@ public:
 
     const toml::node* get(std::string_view key) const { return table_.get(key); }
 
-    /// Whether a key is missing, and not just misspelt.
-    bool misses(const std::string& key) const
+    /// Whether nothing is there that could be meant as a key.
+    bool is_absent(const std::string& key) const
     {
         return !table_.contains(key) && meant_.count(key) == 0;
     }
@@ -196,7 +196,7 @@ public:
                 description.kinds.emplace(key.str(), read_kind(key, node));
             }
         } else {
-            description.has_broken_kinds = record.get("superblocks") != nullptr;
+            description.has_broken_kinds = !record.is_absent("superblocks");
         }
         return description;
     }
@@ -242,7 +242,7 @@ private:
     void read_machines(const Record& record, GraphDescription& description)
     {
         const toml::table* machines = record.get_table("machines");
-        description.has_broken_machines = machines == nullptr && record.get("machines") != nullptr;
+        description.has_broken_machines = machines == nullptr && !record.is_absent("machines");
         if (machines == nullptr) {
             return;
         }
@@ -305,13 +305,16 @@ private:
                 inside.members.push_back(read_member(key, node, is_at_top));
             }
         } else {
-            inside.is_broken = record.get("blocks") != nullptr;
+            inside.is_broken = !record.is_absent("blocks");
         }
         if (const toml::array* connections = record.get_list("connections")) {
             inside.connections.reserve(connections->size());
             for (const toml::node& node : *connections) {
                 read_connection(node, inside.connections);
             }
+            inside.misses_connections = inside.connections.size() < connections->size();
+        } else {
+            inside.misses_connections = !record.is_absent("connections");
         }
     }
 
@@ -349,13 +352,15 @@ private:
         }
         if (const toml::table* config = record.get_table("config")) {
             member.config = read_settings(*config, ranks_, problems_);
+        } else {
+            member.is_config_wrong = !record.is_absent("config");
         }
         return member;
     }
 
     static void read_machine(const Record& record, MemberDescription& member)
     {
-        member.misses_machine = record.misses("machine");
+        member.misses_machine = record.is_absent("machine");
         if (const auto* machine = record.get_string("machine")) {
             member.machine = **machine;
             member.machine_place = place_of(*machine);
@@ -364,7 +369,7 @@ private:
 
     void read_type(const Record& record, MemberDescription& member)
     {
-        member.misses_type = record.misses("type");
+        member.misses_type = record.is_absent("type");
         const auto* type = record.get_string("type");
         if (type == nullptr) {
             return;
@@ -377,6 +382,7 @@ private:
             problems_.add_error(member.type_place, "'" + text + "' is not of the form PLUGIN:TYPE");
         } else if (is_name(member.name)) {
             member.type = text;
+            member.has_type = true;
         }
     }
 
@@ -440,7 +446,7 @@ private:
     std::optional<EndDescription> read_end(const Record& record, const char* key,
                                            const Place& table)
     {
-        if (record.misses(key)) {
+        if (record.is_absent(key)) {
             problems_.add_error(table, "missing key '" + std::string(key) + "'");
         }
         const auto* text = record.get_string(key);
@@ -473,7 +479,7 @@ private:
     {
         const toml::table* table = record.get_table(key);
         if (table == nullptr) {
-            return record.get(key) == nullptr;
+            return record.is_absent(key);
         }
         const bool is_input = std::string_view(key) == "inports";
         for (auto&& [name, node] : *table) {
@@ -492,6 +498,7 @@ private:
         const toml::array* list = is_input ? node.as_array() : nullptr;
         if (list == nullptr) {
             read_exposed_end(port, node, is_input ? "a string or a list" : "a string");
+            port.is_broken = port.ends.empty();
             return;
         }
         if (list->empty()) {
@@ -500,9 +507,7 @@ private:
         for (const toml::node& item : *list) {
             read_exposed_end(port, item, "a string");
         }
-        if (port.ends.size() != list->size()) {
-            port.ends.clear();
-        }
+        port.is_broken = list->empty() || port.ends.size() < list->size();
     }
 
     void read_exposed_end(ExposedDescription& port, const toml::node& node, const char* kind)
@@ -531,7 +536,7 @@ FileHead read_head(const toml::table& tree, std::uint32_t source, Problems& prob
 {
     FileHead head;
     const Record record(tree, keys_of_a_graph(), problems);
-    if (record.misses("format")) {
+    if (record.is_absent("format")) {
         problems.add_error({source, 1, 1}, "missing key 'format'");
     } else if (const auto* format = record.get_integer("format")) {
         head.is_supported = **format == kFormat;

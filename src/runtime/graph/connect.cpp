@@ -31,14 +31,9 @@ struct PortRef {
 using Input = PortRef<InPortInternal>;
 using Output = PortRef<OutPortInternal>;
 
-/// What stands behind one exposed port. Unknown: it is wrong, which is reported.
-struct ExposedInput {
-    std::vector<Input> inputs;
-    bool is_known = false;
-};
-
+/// What stands behind the exposed ports of a superblock, without what is wrong, which is reported.
 struct ExposedPorts {
-    std::vector<ExposedInput> inputs;
+    std::vector<std::vector<Input>> inputs;
     std::vector<std::optional<Output>> outputs;
 };
 
@@ -111,7 +106,9 @@ public:
 
     Network connect(std::vector<std::uint32_t>& order)
     {
-        is_all_excused_ = problems_.has_errors();
+        is_all_excused_ = std::any_of(
+            expansion_.composites.begin(), expansion_.composites.end(),
+            [](const Composite& composite) { return composite.inside->misses_connections; });
         // From the inside out: what is exposed leads to what is exposed further in.
         for (std::size_t i = expansion_.composites.size(); i-- > 0;) {
             expose(i);
@@ -169,12 +166,12 @@ private:
 
     const std::string& path_of(std::uint32_t block) const { return expansion_.blocks[block].path; }
 
-    /// The inputs behind an end; nothing where it is wrong, which is reported.
-    std::optional<std::vector<Input>> find_inputs(std::size_t composite, const EndDescription& end)
+    /// The inputs behind an end, without what is wrong, which is reported.
+    std::vector<Input> find_inputs(std::size_t composite, const EndDescription& end)
     {
         const std::optional<MemberRef> member = find_member(composite, end);
         if (!member || member->kind == MemberRef::Kind::Nothing) {
-            return std::nullopt;
+            return {};
         }
         if (member->kind == MemberRef::Kind::Plain) {
             return find_plain_inputs(member->index, end);
@@ -186,21 +183,19 @@ private:
             if (!inner.inside->is_broken) {
                 report_no_port(end, "input", inner.path, names_of(inner.inside->inports));
             }
-            return std::nullopt;
+            return {};
         }
-        const ExposedInput& exposed = exposed_[member->index].inputs[at];
-        return exposed.is_known ? std::optional(exposed.inputs) : std::nullopt;
+        return exposed_[member->index].inputs[at];
     }
 
-    std::optional<std::vector<Input>> find_plain_inputs(std::uint32_t block,
-                                                        const EndDescription& end)
+    std::vector<Input> find_plain_inputs(std::uint32_t block, const EndDescription& end)
     {
         if (expansion_.blocks[block].is_elsewhere) {
             return std::vector<Input>{{block, nullptr, &end.port}};
         }
         const Block* made = made_.blocks[block];
         if (made == nullptr) {
-            return std::nullopt;
+            return {};
         }
         const ContextScope scope(path_of(block).c_str(), "connect");
         try {
@@ -216,7 +211,7 @@ private:
             is_excused_[block] = true;
             report_no_port(end, "input", path_of(block),
                            sorted_names(made->Block::get_inports_info()));
-            return std::nullopt;
+            return {};
         }
     }
 
@@ -277,18 +272,16 @@ private:
         }
     }
 
-    ExposedInput expose_input(std::size_t composite, const ExposedDescription& port)
+    std::vector<Input> expose_input(std::size_t composite, const ExposedDescription& port)
     {
-        ExposedInput exposed;
-        exposed.is_known = !port.ends.empty();
+        is_all_excused_ = is_all_excused_ || port.is_broken;
+        std::vector<Input> exposed;
         std::unordered_set<const InPortInternal*> known;
         for (const EndDescription& end : port.ends) {
-            const auto inputs = find_inputs(composite, end);
-            exposed.is_known = exposed.is_known && inputs.has_value();
-            for (const Input& input : inputs.value_or(std::vector<Input>())) {
+            for (const Input& input : find_inputs(composite, end)) {
                 // One that is exposed twice under one name is fed once.
                 if (input.port == nullptr || known.insert(input.port).second) {
-                    exposed.inputs.push_back(input);
+                    exposed.push_back(input);
                 }
             }
         }
@@ -300,7 +293,7 @@ private:
         const CompositeDescription& inside = *expansion_.composites[composite].inside;
         Superblock& superblock = *made_.superblocks[composite];
         for (std::size_t i = 0; i < inside.inports.size(); ++i) {
-            for (const Input& input : exposed_[composite].inputs[i].inputs) {
+            for (const Input& input : exposed_[composite].inputs[i]) {
                 superblock.add_inport(inside.inports[i].name, *made_.blocks[input.block],
                                       *input.name);
             }
@@ -335,12 +328,7 @@ private:
     {
         const ConnectionDescription& connection = *written.connection;
         const std::optional<Output> output = find_output(written.composite, connection.from);
-        const std::optional<std::vector<Input>> inputs =
-            find_inputs(written.composite, connection.to);
-        if (!inputs) {
-            return;
-        }
-        for (const Input& input : *inputs) {
+        for (const Input& input : find_inputs(written.composite, connection.to)) {
             if (!output) {
                 fed_by_.try_emplace(input.port, kUnknown);
             } else if (output->port == nullptr || input.port == nullptr) {

@@ -92,14 +92,22 @@ private:
             container = make(*plugin, place, type.substr(colon + 1), config);
         });
         if (!failure.empty()) {
-            problems_.add_error(place.member->type_place,
-                                "block '" + place.path + "' cannot be created: " + failure);
+            report_failure(place, failure);
             return;
         }
         made_.blocks[index] = dynamic_cast<Block*>(container.get());
         made_.superblocks[place.composite]->add_block(std::move(container));
         destruction_.add(place.path);
         warn_of_unread_keys(place, config, adds_store);
+    }
+
+    void report_failure(const PlainBlock& place, const std::string& text)
+    {
+        // Without what is wrong in its configuration the block may have had no chance.
+        if (!place.lacks_settings()) {
+            problems_.add_error(place.member->type_place,
+                                "block '" + place.path + "' cannot be created: " + text);
+        }
     }
 
     const Plugin* find_plugin(const PlainBlock& place, const std::string& name,
@@ -124,7 +132,9 @@ private:
     {
         bool has_store = false;
         for (const SettingRef& ref : place.settings) {
-            set_value(config, std::string(ref.key()), ref.setting->value);
+            if (!ref.setting->is_wrong) {
+                set_value(config, std::string(ref.key()), ref.setting->value);
+            }
             has_store = has_store || ref.key() == kStoreKey;
         }
         if (has_store || options_.state_directory.empty()) {

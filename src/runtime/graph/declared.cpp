@@ -1,5 +1,7 @@
 #include "graph/declared.h"
 
+#include <quorval/runtime/suggest.h>
+#include "description/names.h"
 #include "description/suggest.h"
 #include "graph/create.h"
 
@@ -27,7 +29,7 @@ public:
         for (const Quorval::Setting& setting : declared_) {
             if (has_value(config, setting)) {
                 check_value(config, setting);
-            } else if (setting.is_required) {
+            } else if (setting.is_required && !is_excused(setting.key)) {
                 report(block_.member->name_place, "'" + setting.key + "' is missing");
             }
         }
@@ -44,11 +46,28 @@ private:
         for (const SettingRef& ref : block_.settings) {
             const std::string key(ref.key());
             if (known.count(key) == 0 && key != kStoreKey) {
-                report(ref.setting->key_place, "block type '" + block_.member->type +
-                                                   "' has no setting '" + key + "'" +
-                                                   suggestion(key, {known.begin(), known.end()}));
+                check_unknown_key(ref, {known.begin(), known.end()});
+            } else if (ref.setting->is_wrong) {
+                meant_.insert(key);
             }
         }
+    }
+
+    void check_unknown_key(const SettingRef& ref, const std::vector<std::string>& known)
+    {
+        const std::string key(ref.key());
+        meant_.insert(find_near(key, known));
+        if (is_key(key)) {
+            report(ref.setting->key_place, "block type '" + block_.member->type +
+                                               "' has no setting '" + key + "'" +
+                                               suggestion(key, known));
+        }
+    }
+
+    /// Whether a key is missing because of what is reported.
+    bool is_excused(const std::string& key) const
+    {
+        return block_.is_config_wrong || meant_.count(key) > 0;
     }
 
     void check_value(const BlockConfiguration& config, const Quorval::Setting& setting)
@@ -87,6 +106,7 @@ private:
     const std::vector<Quorval::Setting>& declared_;
     const PlainBlock& block_;
     Problems& problems_;
+    std::unordered_set<std::string> meant_;  // by keys that are wrong
     bool is_right_ = true;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -61,6 +62,7 @@ std::vector<Diagnostic> to_diagnostics(const Problems& problems, const std::vect
         readers.emplace_back(source.text);
     }
     std::vector<Diagnostic> diagnostics;
+    std::set<std::string> shown;
     for (Problem& problem : problems.sorted()) {
         const Place& place = problem.place;
         Diagnostic diagnostic;
@@ -69,6 +71,10 @@ std::vector<Diagnostic> to_diagnostics(const Problems& problems, const std::vect
         diagnostic.column = place.column;
         diagnostic.is_error = problem.severity == Severity::Error;
         diagnostic.text = printable(problem.text);
+        // One file can be several sources, when it cannot be read; an assignment can be repeated.
+        if (!shown.insert(to_string(diagnostic)).second) {
+            continue;
+        }
         if (place.line > 0) {
             diagnostic.source_line = readers[place.source].get(place.line);
         }

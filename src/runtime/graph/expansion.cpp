@@ -22,6 +22,7 @@ public:
         result_.composites.push_back({"", nullptr, &description_.graph, 0, {}, "", false});
         handed_down_.emplace_back();
         on_error_.push_back(description_.on_error);
+        is_config_wrong_.push_back(false);
         for (std::uint32_t i = 0; i < result_.composites.size(); ++i) {
             expand_composite(i);
         }
@@ -53,16 +54,17 @@ private:
         if (parent == 0) {
             check_machine(member);
         }
-        if (member.type.empty() || size_.closes_cycle(member)) {
+        if (!member.has_type || size_.closes_cycle(member)) {
             return {};
         }
         std::vector<SettingRef> settings = own_settings(member);
         settings.insert(settings.end(), from_outside.begin(), from_outside.end());
         const OnError on_error = member.on_error.value_or(on_error_[parent]);
         std::string machine = parent == 0 ? member.machine : result_.composites[parent].machine;
+        const bool is_config_wrong = member.is_config_wrong || is_config_wrong_[parent];
         if (member.type.find(':') != std::string::npos) {
             result_.blocks.push_back({std::move(path), &member, on_error, std::move(settings),
-                                      parent, std::move(machine), false});
+                                      parent, std::move(machine), false, is_config_wrong});
             return {MemberRef::Kind::Plain, static_cast<std::uint32_t>(result_.blocks.size() - 1)};
         }
         const auto kind = description_.kinds.find(member.type);
@@ -74,6 +76,7 @@ private:
             {std::move(path), &member, &kind->second, parent, {}, std::move(machine), false});
         handed_down_.push_back(std::move(settings));
         on_error_.push_back(on_error);
+        is_config_wrong_.push_back(is_config_wrong);
         return {MemberRef::Kind::Composite,
                 static_cast<std::uint32_t>(result_.composites.size() - 1)};
     }
@@ -133,13 +136,15 @@ private:
             const std::string_view key = ref.key();
             const std::string_view name = key.substr(0, key.find('.'));
             const std::size_t member = composite.inside->find_member(name);
-            if (member == shares.size()) {
+            if (member < shares.size() && name.size() < key.size()) {
+                shares[member].push_back({ref.setting, ref.offset + name.size() + 1});
+            } else if (ref.setting->is_wrong) {
+                continue;
+            } else if (member == shares.size()) {
                 report_no_member(composite, *ref.setting, name, unknown);
-            } else if (name.size() == key.size()) {
+            } else {
                 problems_.add_error(ref.setting->value_place,
                                     "'" + ref.setting->key + "' has to be a table");
-            } else {
-                shares[member].push_back({ref.setting, ref.offset + name.size() + 1});
             }
         }
         return shares;
@@ -196,11 +201,19 @@ private:
     Expansion result_;
     std::vector<std::vector<SettingRef>> handed_down_;  // to each composite, the outermost last
     std::vector<OnError> on_error_;                     // of each composite
+    std::vector<bool> is_config_wrong_;                 // likewise
     std::vector<std::string> kinds_;                    // names, when they were asked for
     Suggester suggester_;
 };
 
 }  // namespace
+
+bool PlainBlock::lacks_settings() const
+{
+    return is_config_wrong ||
+           std::any_of(settings.begin(), settings.end(),
+                       [](const SettingRef& ref) { return ref.setting->is_wrong; });
+}
 
 Expansion expand(const GraphDescription& description, Problems& problems)
 {

@@ -30,6 +30,10 @@ struct PlainBlock {
     std::uint32_t composite = 0;       ///< that it is in
     std::string machine;               ///< empty: there is none
     bool is_elsewhere = false;         ///< it belongs to another machine than is asked for
+    bool is_config_wrong = false;      ///< as a whole, here or further out, which is reported
+
+    /// Whether the configuration lacks anything because it is wrong, which is reported.
+    bool lacks_settings() const;
 };
 
 /// What a member has become.

@@ -110,7 +110,7 @@ const char* SizeCheck::add_member(Size& sum, const MemberDescription& member, un
 const char* SizeCheck::add_kind(Size& sum, const MemberDescription& member, unsigned depth)
 {
     const auto kind = description_.kinds.find(member.type);
-    if (kind == description_.kinds.end()) {
+    if (!member.has_type || kind == description_.kinds.end()) {
         return nullptr;
     }
     const auto [measured, is_new] = sizes_.try_emplace(&kind->second);

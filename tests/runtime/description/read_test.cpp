@@ -168,6 +168,7 @@ TEST(ReadGraph, NamesTheGraphAfterTheFirstFile)
                    {})
             .description.name,
         "a_b_c");
+    EXPECT_EQ(read_graph({files.write("größe.toml", "format = 1")}, {}).description.name, "gr__e");
     EXPECT_EQ(describe("name = \"x-1_Y\"").name, "x-1_Y");
 }
 

@@ -155,6 +155,43 @@ blocks.b.type = "parts:Gain"
               (Lines{"g.toml:2:33: error: k/b.in is already fed by s.out"}));
 }
 
+TEST(Connections, LeadToWhatIsRightOfAnExposedInput)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for(R"(connections = ["s.out -> k.in"]
+[blocks.s]
+type = "parts:Ports"
+config.outputs = ["out:int32"]
+[blocks.k]
+type = "kind"
+[superblocks.kind]
+inports.in = ["nobody.in", "a.nothing", "a.in", "wrong"]
+blocks.a.type = "parts:Gain"
+)"),
+              (Lines{"g.toml:2:16: error: s.out (int32) does not fit k/a.in (double)",
+                     "g.toml:9:15: error: there is no block 'nobody'",
+                     "g.toml:9:28: error: block 'k/a' has no input 'nothing'; it has in",
+                     "g.toml:9:49: error: 'wrong' is not of the form BLOCK.PORT"}));
+}
+
+TEST(Connections, AreNotCalledForWherePortsAreMisspelt)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for(R"(connections = ["s.out -> k.in"]
+[blocks.s]
+type = "parts:Ports"
+config.outputs = ["out:double"]
+[blocks.k]
+type = "kind"
+[superblocks.kind]
+inport.in = "a.in"
+blocks.a.type = "parts:Gain"
+)"),
+              (Lines{"g.toml:9:1: error: unknown key 'inport'; did you mean 'inports'?"}));
+}
+
 TEST(Connections, AreLookedUpInsideOfSuperblocksThatAreUsed)
 {
     GraphFiles files;

@@ -30,6 +30,35 @@ TEST(DeclaredSettings, AreMissedAtTheNameOfTheBlock)
     EXPECT_EQ(findings_for("{}"), (Lines{"g.toml:2:9: error: 'needed' is missing"}));
 }
 
+TEST(DeclaredSettings, AreNotMissedWhereTheyAreWrong)
+{
+    EXPECT_EQ(findings_for("{ needed = [] }"),
+              (Lines{"g.toml:4:21: error: 'needed' is an empty list"}));
+    EXPECT_EQ(findings_for("{ neded = 1 }"),
+              (Lines{"g.toml:4:12: error: block type 'parts:Declared' has no setting 'neded'; did "
+                     "you mean 'needed'?"}));
+    EXPECT_EQ(findings_for("{ \"nee ded\" = 1 }"),
+              (Lines{"g.toml:4:12: error: Parameter name 'nee ded' not valid (should be "
+                     "[a-z0-9_.-])."}));
+    EXPECT_EQ(findings_for("1"), (Lines{"g.toml:4:10: error: 'config' has to be a table"}));
+}
+
+TEST(DeclaredSettings, AreNotMissedWhereTheyAreWrongFurtherOut)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for(R"([blocks.k]
+type = "kind"
+config.a.needed = 1979-05-27
+[blocks.l]
+type = "kind"
+config = 1
+[superblocks.kind]
+blocks.a.type = "parts:Declared")"),
+              (Lines{"g.toml:4:19: error: 'a.needed' is a date",
+                     "g.toml:7:10: error: 'config' has to be a table"}));
+}
+
 TEST(DeclaredSettings, StandBareAtTheirValues)
 {
     EXPECT_EQ(findings_for("{ needed = 10, mode = \"left\", taps = [1] }"),

@@ -140,13 +140,13 @@ TEST(Machines, HaveToBeNamedToRun)
 
 TEST(MachineProblems, AreFoundInTheFile)
 {
-    EXPECT_EQ(findings_for("blocks.a.type = \"parts:Gain\""),
+    EXPECT_EQ(findings_for("blocks.a.type = \"parts:Late\""),
               Lines{"g.toml:3:8: error: block 'a' has no machine"});
-    EXPECT_EQ(findings_for("blocks.a = { type = \"parts:Gain\", machine = \"hup\" }"),
+    EXPECT_EQ(findings_for("blocks.a = { type = \"parts:Late\", machine = \"hup\" }"),
               Lines{"g.toml:3:45: error: there is no machine 'hup'; did you mean 'hub'?"});
-    EXPECT_EQ(findings_for("blocks.a = { type = \"parts:Gain\", machine = 3 }"),
+    EXPECT_EQ(findings_for("blocks.a = { type = \"parts:Late\", machine = 3 }"),
               Lines{"g.toml:3:45: error: 'machine' has to be a string"});
-    EXPECT_EQ(findings_for("superblocks.k.blocks.a = { type = \"parts:Gain\", machine = \"hub\" }"),
+    EXPECT_EQ(findings_for("superblocks.k.blocks.a = { type = \"parts:Late\", machine = \"hub\" }"),
               Lines{"g.toml:3:49: error: unknown key 'machine'"});
 }
 
@@ -158,7 +158,7 @@ TEST(MachineProblems, AreFoundInTheListOfMachines)
     EXPECT_EQ(
         check("machines.\"a b\" = {}"),
         Lines{"g.toml:2:10: error: 'a b' is not a valid name (letters, digits, '_' and '-')"});
-    EXPECT_EQ(check("blocks.a = { type = \"parts:Gain\", machine = \"hub\" }"),
+    EXPECT_EQ(check("blocks.a = { type = \"parts:Late\", machine = \"hub\" }"),
               Lines{"g.toml:2:45: error: there is no machine 'hub'"});
 }
 

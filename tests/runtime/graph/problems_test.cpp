@@ -33,11 +33,11 @@ void expect_findings(const std::vector<Case>& cases)
     }
 }
 
-/// What is wrong with a value in the configuration of a block that reads nothing.
+/// What is wrong with a value in the configuration of a block that does not read it.
 Lines findings_for_value(const std::string& value)
 {
     GraphFiles files;
-    return files.findings_for("blocks.a.type = \"parts:Gain\"\nblocks.a.config.p.q = " + value);
+    return files.findings_for("blocks.a.type = \"parts:Ports\"\nblocks.a.config.p.q = " + value);
 }
 
 /// The findings of a block of a type, where the type stands in line 2, column 14.
@@ -100,6 +100,25 @@ TEST(FileProblems, StandAtTheEntryOfAnIncludedFile)
                      "directory",
                      "sub/g.toml:2:25: error: 'sub/.' cannot be read: not a regular file",
                      "sub/g.toml:2:30: error: '/dev/null' cannot be read: not a regular file"}));
+}
+
+TEST(FileProblems, OfNamesThatHoldAZeroNameNoOtherFile)
+{
+    GraphFiles files;
+    files.write("g.toml", "format = 1\ninclude = [\"a.toml\\u0000b\"]");
+    files.write("a.toml", "format = 1");
+
+    EXPECT_EQ(files.findings(), (Lines{"g.toml:2:12: error: 'a.toml\\x00b' cannot be read: No such "
+                                       "file or directory"}));
+}
+
+TEST(FileProblems, AreToldOnceForAFileThatIsNamedTwice)
+{
+    GraphFiles files;
+    files.write("g.toml", "format = 1");
+
+    EXPECT_EQ(files.findings({"nowhere.toml", "g.toml", "nowhere.toml"}),
+              (Lines{"nowhere.toml:1:1: error: cannot read: No such file or directory"}));
 }
 
 TEST(FileProblems, TellWhatIncludesItself)
@@ -305,6 +324,14 @@ TEST(TypeProblems, TellBlocksWithoutAType)
     });
 }
 
+TEST(TypeProblems, TellTypesThatAreEmpty)
+{
+    expect_findings({
+        {"blocks.a.type = \"\"", {"g.toml:2:17: error: there is no superblock ''"}},
+        {"superblocks.s.blocks.b.type = \"\"", {}},
+    });
+}
+
 TEST(TypeProblems, TellTypesThatAreNone)
 {
     EXPECT_EQ(findings_for_type("channel"),
@@ -448,6 +475,14 @@ TEST(ValueProblems, StandAtTheItemThatIsWrong)
     EXPECT_EQ(findings_for_value("[{ a = 1979-05-27 }, { b = { c = [] } }]"),
               (Lines{"g.toml:3:30: error: 'p.q.0.a' is a date",
                      "g.toml:3:56: error: 'p.q.1.b.c' is an empty list"}));
+}
+
+TEST(ValueProblems, HideFailuresThatFollowFromThem)
+{
+    expect_findings({
+        {"[blocks.b]\ntype = \"parts:Throws\"\nconfig.x = []\n",
+         {"g.toml:4:12: error: 'x' is an empty list"}},
+    });
 }
 
 TEST(KeyProblems, HaveTheTextOfTheConfiguration)
@@ -624,6 +659,34 @@ TEST(Warnings, TellInputsThatAreNotConnected)
          "type = \"parts:Ports\"\nconfig.inputs = [\"b:int32\", \"a:int32\"]\n",
          {"g.toml:4:29: warning: left/mix.a is not connected",
           "g.toml:4:29: warning: left/mix.b is not connected"}},
+    });
+}
+
+TEST(Warnings, OfInputsComeWithErrorsThatHaveNothingToDoWithThem)
+{
+    expect_findings({
+        {"unknown = 1\nblocks.a = { type = \"parts:Gain\", config.x = [] }",
+         {"g.toml:2:1: error: unknown key 'unknown'", "g.toml:3:8: warning: a.in is not connected",
+          "g.toml:3:46: error: 'x' is an empty list"}},
+        {"blocks.a.type = \"parts:Gain\"\nblocks.b.type = \"parts:Throws\"",
+         {"g.toml:2:8: warning: a.in is not connected",
+          "g.toml:3:17: error: block 'b' cannot be created: no\\x1B[31m block"}},
+    });
+}
+
+TEST(Warnings, OfInputsAreLeftOutWhereConnectionsAreWrong)
+{
+    const std::string block = "\nblocks.a.type = \"parts:Gain\"";
+    expect_findings({
+        {"conections = [\"s.out -> a.in\"]" + block,
+         {"g.toml:2:1: error: unknown key 'conections'; did you mean 'connections'?"}},
+        {"connections = \"s.out -> a.in\"" + block,
+         {"g.toml:2:15: error: 'connections' has to be a list"}},
+        {"connections = [{ from = \"s\", to = \"a.in\" }]" + block,
+         {"g.toml:2:25: error: 's' is not of the form BLOCK.PORT"}},
+        {"superblocks.s.inports.in = 1\nblocks.k.type = \"s\"\n"
+         "superblocks.s.blocks.a.type = \"parts:Gain\"",
+         {"g.toml:2:28: error: 'in' has to be a string or a list"}},
     });
 }
 
