@@ -23,3 +23,4 @@ int graph_command(const Arguments& arguments);
 int inspect_command(const Arguments& arguments);
 int new_command(const Arguments& arguments);
 int run_command(const Arguments& arguments);
+int schema_command(const Arguments& arguments);

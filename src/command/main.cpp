@@ -22,13 +22,14 @@ struct Command {
     int (*run)(const Arguments&);
 };
 
-constexpr std::array<Command, 6> kCommands = {{
+constexpr std::array<Command, 7> kCommands = {{
     {"check", "look for what is wrong with a graph", check_command},
     {"config", "look at store files, and change them", config_command},
     {"graph", "draw a graph", graph_command},
     {"inspect", "show what plug-ins offer", inspect_command},
     {"new", "write a plug-in to begin with", new_command},
     {"run", "run a graph", run_command},
+    {"schema", "write a JSON Schema of graph files", schema_command},
 }};
 
 constexpr std::size_t kNameWidth = 24;

@@ -16,7 +16,7 @@ import unittest
 QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 COMPLETIONS = pathlib.Path(sys.argv.pop()).resolve()
 
-COMMANDS = ["check", "config", "graph", "inspect", "new", "run"]
+COMMANDS = ["check", "config", "graph", "inspect", "new", "run", "schema"]
 
 
 def options_of(command):
@@ -121,7 +121,7 @@ class Completion(unittest.TestCase):
         for begun, completed in (
                 ("ch", "check"), ("co", "config"), ("g", "graph"), ("n", "new"), ("r", "run"), ("--v", "--version"),
                 ("check --str", "check --strict"), ("check --j", "check --json"),
-                ("i", "inspect"), ("inspect --j", "inspect --json"),
+                ("i", "inspect"), ("s", "schema"), ("schema --pl", "schema --plugin-path"), ("inspect --j", "inspect --json"),
                 ("check gr", "check graph.toml"),
                 ("config sh", "config show"), ("config get --r", "config get --raw"),
                 ("config show oth", "config show other.txt"),

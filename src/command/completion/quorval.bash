@@ -7,7 +7,7 @@ _quorval()
 
     local command=${words[1]}
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'check config graph inspect new run --help --version' -- "${cur}")
+        mapfile -t COMPREPLY < <(compgen -W 'check config graph inspect new run schema --help --version' -- "${cur}")
         return
     fi
 
@@ -47,7 +47,7 @@ _quorval()
         else
             _filedir
         fi
-    elif [[ ${command} != new && ${command} != inspect ]]; then
+    elif [[ ! ${command} =~ ^(inspect|new|schema)$ ]]; then
         _filedir toml
     fi
 } && complete -F _quorval quorval

@@ -1,6 +1,6 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check config graph inspect new run
+set -l commands check config graph inspect new run schema
 set -l graph_commands check graph run
 
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
@@ -12,6 +12,8 @@ complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a config \
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a inspect \
     -d 'Show what plug-ins offer'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a schema \
+    -d 'Write a JSON Schema of graph files'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a new \
     -d 'Write a plug-in to begin with'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
@@ -37,6 +39,11 @@ complete -c quorval -n '__fish_seen_subcommand_from run' -l local \
 
 complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
     -a 'dot json mermaid svg' -d 'Kind of picture'
+
+complete -c quorval -f -n '__fish_seen_subcommand_from schema'
+complete -c quorval -n '__fish_seen_subcommand_from schema' -l set -x -d 'Changes nothing'
+complete -c quorval -n '__fish_seen_subcommand_from schema' -l plugin-path -x \
+    -a '(__fish_complete_directories)' -d 'Look for plug-ins in these directories first'
 
 complete -c quorval -f -n '__fish_seen_subcommand_from inspect'
 complete -c quorval -n '__fish_seen_subcommand_from inspect' -l set -x \
