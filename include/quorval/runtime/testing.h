@@ -43,6 +43,7 @@ public:
 
     /// Takes a block that the test has made. Its store gets the temporary directory where it has
     /// none.
+    /// @throws std::invalid_argument  it is null: "there is no block"
     explicit Harness(std::unique_ptr<Block> block);
 
     Harness(const Harness&) = delete;
@@ -59,9 +60,12 @@ public:
     void stop();
 
     /// Destroys the block, stopped before where it is started, and makes a new one with the same
-    /// configuration and store, as a second run of the graph would. It is not started yet.
+    /// configuration and store, as a second run of the graph would. It is not started yet. The
+    /// clock goes on from where it stands.
     /// @throws std::logic_error  the block was made by the test: "a block that was handed over
     ///     cannot be made again"
+    /// @throws what the block throws; when that is its constructor or setup(), there is no block
+    ///     until another restart(): "there is no block: it could not be made again"
     void restart();
 
     /// Sets an input, and triggers it. The value stays until the next one is fed.

@@ -95,7 +95,7 @@ private:
             report_failure(place, failure);
             return;
         }
-        made_.blocks[index] = dynamic_cast<Block*>(container.get());
+        made_.blocks[index] = static_cast<Block*>(container.get());
         made_.superblocks[place.composite]->add_block(std::move(container));
         destruction_.add(place.path);
         warn_of_unread_keys(place, config, adds_store);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -52,7 +53,21 @@ void put_one_back(int fd)
     [[maybe_unused]] const ssize_t size = ::write(fd, &one, sizeof one);
 }
 
+/// The word in front of the table of virtual functions, where both compilers keep it. A cast reads
+/// it whether it is there or not.
+bool has_type_information(const FdPort& port)
+{
+    const void* const* table = nullptr;
+    std::memcpy(&table, static_cast<const void*>(&port), sizeof table);
+    return *(table - 1) != nullptr;
+}
+
 }  // namespace
+
+EventPort* as_event_port(FdPort& port)
+{
+    return has_type_information(port) ? dynamic_cast<EventPort*>(&port) : nullptr;
+}
 
 DescriptorPorts::DescriptorPorts(const Network& network)
     : network_(network), ranges_(network.nodes.size())
@@ -66,7 +81,7 @@ bool DescriptorPorts::collect(std::uint32_t block)
               [](FdPort* a, FdPort* b) { return a->get_name() < b->get_name(); });
     ranges_[block].first = static_cast<std::uint32_t>(entries_.size());
     for (FdPort* port : ports) {
-        const bool is_event_port = dynamic_cast<EventPort*>(port) != nullptr;
+        const bool is_event_port = as_event_port(*port) != nullptr;
         entries_.push_back({port, block, is_event_port,
                             is_event_port && is_event_descriptor(port->get_fd()),
                             is_regular_file(port->get_fd())});

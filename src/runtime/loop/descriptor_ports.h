@@ -11,6 +11,10 @@
 
 namespace Quorval::runtime {
 
+/// The event port that a port is, null for another one. A class of a plug-in that was compiled
+/// without type information is another one.
+EventPort* as_event_port(FdPort& port);
+
 /// Knows the ports from the start of their blocks to its end, takes readiness to them, and resets
 /// them so that no event is lost. Must not outlive the blocks.
 class DescriptorPorts final : public IDescriptorPorts {

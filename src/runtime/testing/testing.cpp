@@ -77,27 +77,40 @@ private:
     std::vector<std::string>& messages_;
 };
 
+/// What came of the operations of the block.
+struct Record {
+    std::vector<std::string> messages;
+    bool has_thrown = false;
+};
+
 /// An operation of the block: messages are kept, and know whose they are.
 class Operation {
 public:
-    Operation(const std::string& path, const char* name, std::vector<std::string>& messages)
+    Operation(const std::string& path, const char* name, Record& record)
         : context_(path.c_str(), name),
-          sink_(std::exchange(loginstance, std::make_unique<Recorder>(messages)))
+          sink_(std::exchange(loginstance, std::make_unique<Recorder>(record.messages))),
+          record_(record)
     {
     }
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
-    ~Operation() { loginstance = std::move(sink_); }
+    ~Operation()
+    {
+        loginstance = std::move(sink_);
+        record_.has_thrown = record_.has_thrown || std::uncaught_exceptions() > exceptions_;
+    }
 
 private:
     ContextScope context_;
     std::unique_ptr<LogInstance> sink_;
+    Record& record_;
+    int exceptions_ = std::uncaught_exceptions();  // on their way when it began
 };
 
 /// The services of the block, and what it asked of them.
 class Tools final : public RuntimeTools {
 public:
-    explicit Tools(std::string path) : path_(std::move(path)) {}
+    Tools(std::string path, std::chrono::nanoseconds now) : path_(std::move(path)), now_(now) {}
 
     const std::string& path() const override { return path_; }
     std::chrono::nanoseconds now() const override { return now_; }
@@ -125,7 +138,7 @@ public:
 
 private:
     std::string path_;
-    std::chrono::nanoseconds now_{0};
+    std::chrono::nanoseconds now_;
     std::chrono::nanoseconds time_ = kNever;
     std::atomic<bool> is_asked_{false};
     std::pair<std::uint64_t, std::uint64_t> progress_;
@@ -189,6 +202,11 @@ void keep_loaded(std::unique_ptr<Plugin> plugin)
                                 port.get_datatype().get_name() + ", not " + type);
 }
 
+[[noreturn]] void throw_no_block()
+{
+    throw std::logic_error("there is no block: it could not be made again");
+}
+
 [[noreturn]] void throw_not_started()
 {
     throw std::logic_error("the block is not started");
@@ -241,11 +259,6 @@ public:
         return wave_.runs(kBlock) > runs;
     }
 
-    void make_ready(std::uint32_t number, FDEvent::EventMask mask)
-    {
-        wave_.visit(ports_.make_ready({number, mask.readable, mask.writable}));
-    }
-
     bool is_done() const { return wave_.is_done(kBlock); }
 
 private:
@@ -259,6 +272,41 @@ private:
 
 }  // namespace
 
+namespace {
+
+/// A block, and what drives it. Destroyed from the last member to the first.
+struct Subject {
+    Subject(UniqueDlPtr<Container> made, std::chrono::nanoseconds now);
+    Subject(const Subject&) = delete;
+    Subject& operator=(const Subject&) = delete;
+    ~Subject() { runner.unwatch(); }
+
+    const std::string& path() const { return tools->path(); }
+
+    UniqueDlPtr<Container> container;
+    Block& block;
+    std::shared_ptr<Tools> tools;
+    Runner runner;  // watches the ports of the block
+};
+
+Block& get_plain_block(Container* container)
+{
+    if (container == nullptr) {
+        throw std::invalid_argument("there is no block");
+    }
+    return runtime::to_block(*container);
+}
+
+Subject::Subject(UniqueDlPtr<Container> made, std::chrono::nanoseconds now)
+    : container(std::move(made)),
+      block(get_plain_block(container.get())),
+      tools(std::make_shared<Tools>(block.get_name(), now)),
+      runner(block, tools)
+{
+}
+
+}  // namespace
+
 /// Destroyed from the last member to the first: the block goes before its plug-in, and before what
 /// it was fed.
 struct Harness::Impl {
@@ -267,56 +315,53 @@ struct Harness::Impl {
     std::string type;
     BlockConfiguration config;
     BlockConfiguration overrides;  // all so far
-    std::vector<std::string> messages;
+    Record record;
     std::map<std::string, std::unique_ptr<OutPortInternal>> fed;
-    std::set<std::string> triggered;  // outputs
-    UniqueDlPtr<Container> container;
-    Block* block = nullptr;
-    std::shared_ptr<Tools> tools;
-    std::unique_ptr<Runner> runner;  // watches the ports of the block
+    std::set<std::string> triggered;    // outputs
+    std::chrono::nanoseconds began{0};  // the time when the block was made
+    std::unique_ptr<Subject> subject;   // none when the block could not be made again
     bool is_started = false;
 
+    Impl() = default;
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+    ~Impl();
+
+    Subject& get() const;
     void create();
-    void adopt(UniqueDlPtr<Container> made);
     void note_outputs();
-    std::uint32_t number_of(const FdPort& port) const;
 };
+
+Harness::Impl::~Impl()
+{
+    if (record.has_thrown && plugin != nullptr) {
+        keep_loaded(std::move(plugin));
+    }
+}
+
+Subject& Harness::Impl::get() const
+{
+    if (subject == nullptr) {
+        throw_no_block();
+    }
+    return *subject;
+}
 
 void Harness::Impl::create()
 {
-    const Operation operation(type, "setup", messages);
-    adopt(plugin->create(type, type, config));
-}
-
-void Harness::Impl::adopt(UniqueDlPtr<Container> made)
-{
-    container = std::move(made);
-    const std::vector<Block*> blocks = container->get_blocks();
-    if (blocks.size() != 1) {
-        throw std::runtime_error(container->get_name() + " is not a plain block");
-    }
-    block = blocks.front();
-    tools = std::make_shared<Tools>(block->get_name());
-    runner = std::make_unique<Runner>(*block, tools);
+    const Operation operation(type, "setup", record);
+    subject = std::make_unique<Subject>(plugin->create(type, type, config), began);
 }
 
 void Harness::Impl::note_outputs()
 {
     triggered.clear();
-    for (const auto& [name, datatype] : block->get_outports_info()) {
-        if (block->get_outport(name).second.is_triggered()) {
+    const Block& block = get().block;
+    for (const auto& [name, datatype] : block.get_outports_info()) {
+        if (block.get_outport(name).second.is_triggered()) {
             triggered.insert(name);
         }
     }
-}
-
-/// Descriptor ports are numbered by name.
-std::uint32_t Harness::Impl::number_of(const FdPort& port) const
-{
-    std::vector<std::string> names = block->get_fdport_names();
-    std::sort(names.begin(), names.end());
-    const auto at = std::find(names.begin(), names.end(), port.get_name());
-    return static_cast<std::uint32_t>(at - names.begin());
 }
 
 Harness::Harness(const std::string& plugin, const std::string& type,
@@ -329,51 +374,47 @@ Harness::Harness(const std::string& plugin, const std::string& type,
     }
     impl_->type = type;
     impl_->config = BlockConfiguration{{"pstore_path", impl_->directory.store_path()}} + config;
-    try {
-        impl_->create();
-    } catch (...) {
-        keep_loaded(std::move(impl_->plugin));
-        throw;
-    }
+    impl_->create();
 }
 
 Harness::Harness(std::unique_ptr<Block> block) : impl_(std::make_unique<Impl>())
 {
-    if (block->pstore().get_path().empty()) {
-        block->pstore().set_path(impl_->directory.store_path());
+    impl_->subject =
+        std::make_unique<Subject>(UniqueDlPtr<Container>(nullptr, std::move(block)), impl_->began);
+    PStore& store = impl_->get().block.pstore();
+    if (store.get_path().empty()) {
+        store.set_path(impl_->directory.store_path());
     }
-    impl_->adopt(UniqueDlPtr<Container>(nullptr, std::move(block)));
 }
 
-Harness::~Harness()
-{
-    impl_->runner->unwatch();
-}
+Harness::~Harness() = default;
 
 void Harness::start()
 {
+    Subject& subject = impl_->get();
     if (impl_->is_started) {
         throw std::logic_error("the block is started already");
     }
     {
-        const Operation operation(impl_->tools->path(), "start", impl_->messages);
-        impl_->block->start();
+        const Operation operation(subject.path(), "start", impl_->record);
+        subject.block.start();
     }
     impl_->is_started = true;
-    impl_->runner->watch();
-    impl_->runner->look_at_outputs();
+    subject.runner.watch();
+    subject.runner.look_at_outputs();
     impl_->note_outputs();
 }
 
 void Harness::stop()
 {
+    Subject& subject = impl_->get();
     if (!impl_->is_started) {
         throw_not_started();
     }
     impl_->is_started = false;
-    impl_->runner->unwatch();
-    const Operation operation(impl_->tools->path(), "stop", impl_->messages);
-    impl_->block->stop();
+    subject.runner.unwatch();
+    const Operation operation(subject.path(), "stop", impl_->record);
+    subject.block.stop();
 }
 
 void Harness::restart()
@@ -384,8 +425,10 @@ void Harness::restart()
     if (impl_->is_started) {
         stop();
     }
-    impl_->runner.reset();
-    impl_->container = {};
+    if (impl_->subject != nullptr) {
+        impl_->began = impl_->subject->tools->now();
+    }
+    impl_->subject.reset();
     impl_->fed.clear();
     impl_->triggered.clear();
     impl_->overrides = {};
@@ -394,29 +437,32 @@ void Harness::restart()
 
 bool Harness::step()
 {
+    Subject& subject = impl_->get();
     if (!impl_->is_started) {
         throw_not_started();
     }
-    const Operation operation(impl_->tools->path(), "run", impl_->messages);
-    return impl_->runner->run_wave([this] { impl_->note_outputs(); });
+    const Operation operation(subject.path(), "run", impl_->record);
+    return subject.runner.run_wave([this] { impl_->note_outputs(); });
 }
 
 bool Harness::is_triggered(const std::string& port) const
 {
-    impl_->block->get_outport(port);
+    impl_->get().block.get_outport(port);
     return impl_->triggered.count(port) > 0;
 }
 
 void Harness::make_ready(const std::string& port)
 {
-    for (FdPort* candidate : impl_->block->get_fdports()) {
+    for (FdPort* candidate : impl_->get().block.get_fdports()) {
         if (candidate->get_name() != port) {
             continue;
         }
-        if (auto* const event_port = dynamic_cast<EventPort*>(candidate)) {
+        if (auto* const event_port = runtime::as_event_port(*candidate)) {
             event_port->fire();
         } else {
-            impl_->runner->make_ready(impl_->number_of(*candidate), candidate->get_eventmask());
+            const FDEvent::EventMask mask = candidate->get_eventmask();
+            candidate->trigger(mask.readable, mask.writable);
+            impl_->get().runner.visit();
         }
         return;
     }
@@ -425,59 +471,60 @@ void Harness::make_ready(const std::string& port)
 
 void Harness::advance(std::chrono::nanoseconds duration)
 {
-    impl_->tools->advance(duration);
+    impl_->get().tools->advance(duration);
 }
 
 void Harness::reconfigure(const BlockConfiguration& override)
 {
-    const Operation operation(impl_->tools->path(), "reconfigure", impl_->messages);
+    Subject& subject = impl_->get();
+    const Operation operation(subject.path(), "reconfigure", impl_->record);
     const BlockConfiguration overrides = impl_->overrides + override;
-    impl_->block->override_config(overrides);
+    impl_->get().block.override_config(overrides);
     impl_->overrides = overrides;
-    impl_->runner->look_at_outputs();
+    impl_->get().runner.look_at_outputs();
     impl_->note_outputs();
 }
 
 bool Harness::is_done() const
 {
-    return impl_->runner->is_done();
+    return impl_->get().runner.is_done();
 }
 
 const std::vector<std::string>& Harness::stop_reasons() const
 {
-    return impl_->tools->stop_reasons();
+    return impl_->get().tools->stop_reasons();
 }
 
 std::pair<std::uint64_t, std::uint64_t> Harness::progress() const
 {
-    return impl_->tools->last_progress();
+    return impl_->get().tools->last_progress();
 }
 
 const std::vector<std::string>& Harness::messages() const
 {
-    return impl_->messages;
+    return impl_->record.messages;
 }
 
 Block& Harness::block()
 {
-    return *impl_->block;
+    return impl_->get().block;
 }
 
 void Harness::feed_port(const std::string& port, std::unique_ptr<OutPortInternal> output)
 {
-    InPortInternal& input = *impl_->block->get_inport(port).front().second.get_connectable();
+    InPortInternal& input = *impl_->get().block.get_inport(port).front().second.get_connectable();
     const Datatype& type = output->get_datatype();
     if (!input.get_datatype().is_assignable_from(type)) {
         throw_wrong_type(input, type.get_name().c_str());
     }
     input.update(*output);
-    impl_->runner->visit();
+    impl_->get().runner.visit();
     impl_->fed[port] = std::move(output);
 }
 
 const void* Harness::get_output(const std::string& port, const char* type) const
 {
-    OutPortInternal& output = impl_->block->get_outport(port).second;
+    OutPortInternal& output = impl_->get().block.get_outport(port).second;
     if (output.get_datatype() != Datatype(type)) {
         throw_wrong_type(output, type);
     }

@@ -302,6 +302,17 @@ TEST(LoadGraph, LoadsAPluginOnceAndKeepsItForItsBlocks)
                                   "DlLoader: Unloaded library '" + file + "'."}));
 }
 
+TEST(LoadGraph, TakesBlocksWithoutTypeInformation)
+{
+    GraphFiles files;
+
+    const LoadedGraph graph = files.load(
+        "blocks.a.type = \"own_port_without_rtti:OwnPort\"\n"
+        "blocks.b.type = \"own_port_without_rtti:OwnPort\"\n");
+
+    EXPECT_EQ(paths_of(graph), (Lines{"a", "b"}));
+}
+
 TEST(LoadGraph, TakesTheFirstPluginOfAName)
 {
     GraphFiles files;

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -333,6 +334,80 @@ TEST(HarnessDescriptors, TakesAPortForReadyOrFindsItSo)
     }
     ::close(ends[0]);
     ::close(ends[1]);
+}
+
+TEST(HarnessDescriptors, TakesAPortForReadyBeforeTheStart)
+{
+    Harness harness(QUORVAL_OWN_PORT_PLUGIN, "OwnPort");
+
+    harness.make_ready("input");
+    harness.start();
+
+    EXPECT_TRUE(harness.step());
+    EXPECT_FALSE(harness.step());
+}
+
+TEST(HarnessDescriptors, TakesAPortWithoutTypeInformation)
+{
+    Harness harness(QUORVAL_OWN_PORT_WITHOUT_RTTI_PLUGIN, "OwnPort");
+    harness.start();
+
+    harness.make_ready("input");
+
+    EXPECT_TRUE(harness.step());
+    EXPECT_FALSE(harness.step());
+}
+
+TEST(HarnessLife, RefusesNoBlock)
+{
+    expect_throw<std::invalid_argument>([] { Harness harness(std::unique_ptr<Block>{}); },
+                                        "there is no block");
+}
+
+/// What an exception says whose class is one of a plug-in.
+std::string text_of(const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST(HarnessPlugin, StaysLoadedForWhatItThrew)
+{
+    const std::string text = text_of([] {
+        Harness harness(QUORVAL_PARTS_PLUGIN, "Once");
+        harness.start();
+        harness.block().get_tools().request_run();
+        harness.step();
+    });
+
+    EXPECT_EQ(text, "an exception of its own");
+}
+
+TEST(HarnessPlugin, HasNoBlockWhenItCannotBeMadeAgain)
+{
+    Harness harness(QUORVAL_PARTS_PLUGIN, "Once");
+
+    EXPECT_EQ(text_of([&] { harness.restart(); }), "an exception of its own");
+
+    const std::string text = "there is no block: it could not be made again";
+    expect_throw<std::logic_error>([&] { harness.start(); }, text);
+    expect_throw<std::logic_error>([&] { harness.feed("in", 1.0); }, text);
+    expect_throw<std::logic_error>([&] { harness.is_triggered("out"); }, text);
+    EXPECT_EQ(text_of([&] { harness.restart(); }), "an exception of its own");
+}
+
+TEST(HarnessPlugin, KeepsTheTimeWhenItMakesANewBlock)
+{
+    Harness harness(QUORVAL_GAIN_PLUGIN, "Gain");
+    harness.advance(5s);
+
+    harness.restart();
+
+    EXPECT_EQ(harness.block().get_tools().now(), 5s);
 }
 
 TEST(HarnessPlugin, MakesABlockOfAPlugin)

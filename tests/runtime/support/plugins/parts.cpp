@@ -4,11 +4,13 @@
 #include <quorval/config.h>
 #include <quorval/pluginloader.h>
 #include <quorval/port.h>
+#include <quorval/pstore.h>
 #include <quorval/runtime/tools.h>
 #include <quorval/settings.h>
 #include <quorval/superblock.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -55,6 +57,23 @@ struct Ports : Block {
     static std::string type_of(const std::string& port) { return port.substr(port.find(':') + 1); }
 };
 
+/// An exception whose code goes with the plug-in.
+struct OwnException : std::exception {
+    const char* what() const noexcept override { return "an exception of its own"; }
+};
+
+/// Cannot be made twice on the same store, and throws what goes with the plug-in.
+struct Once : Block {
+    Once(const std::string& name, const BlockConfiguration& config) : Block(name, config)
+    {
+        if (std::filesystem::exists(pstore().get_path() + "once")) {
+            throw OwnException();
+        }
+        pstore().store("once", {});
+    }
+    bool run() override { throw OwnException(); }
+};
+
 /// Reads its keys in setup().
 struct Late : Block {
     explicit Late(const std::string& name) : Block(name) {}
@@ -71,11 +90,6 @@ struct ThrowsInSetup : Block {
     {
         throw std::runtime_error("no setup\ntoday");
     }
-};
-
-/// An exception whose code goes with the plug-in.
-struct OwnException : std::exception {
-    const char* what() const noexcept override { return "an exception of its own"; }
 };
 
 /// Tells what it was given by throwing it.
@@ -171,6 +185,8 @@ int lib_register_cpp(IRegistry& registry)
     add(registry, "Ports",
         [](Name name, Config config, Tools) { return std::make_unique<Ports>(name, config); });
     add(registry, "Leads", [](Name name, Config, Tools) { return std::make_unique<Leads>(name); });
+    add(registry, "Once",
+        [](Name name, Config config, Tools) { return std::make_unique<Once>(name, config); });
     add(registry, "Late", [](Name name, Config, Tools) { return std::make_unique<Late>(name); });
     add(registry, "Prints",
         [](Name name, Config, Tools) { return std::make_unique<Prints>(name); });
