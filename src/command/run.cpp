@@ -133,6 +133,7 @@ int run_command(const Arguments& arguments)
     options.times_runs = shows_statistics;
     options.trace_file = trace_file;
     options.takes_signals = true;
+    options.tells_manager = true;
     options.machine = machine;
     options.is_local = is_local;
     if (is_local && !machine.empty()) {

@@ -1,6 +1,7 @@
 // The blocks of the sound plug-in, each in a harness.
 #include <quorval/pstore.h>
 #include <quorval/runtime/testing.h>
+#include <quorval/state.h>
 #include "examples/recording.h"
 #include "plugin/samples.h"
 #include "support/support.h"
@@ -356,24 +357,25 @@ TEST_F(RememberingMeter, ForgetsWhenItIsTold)
     meter_.feed_samples({0.5});
     meter_.stop();
 
-    EXPECT_EQ(store().load("level"), (BlockConfiguration{{"peak", 0.5}}));
+    EXPECT_EQ(Quorval::load_state(store(), "level"), (BlockConfiguration{{"peak", 0.5}}));
 }
 
 TEST_F(RememberingMeter, RefusesAStoreWithoutALevel)
 {
-    const std::string head = "cannot read " + store().get_path() + "level: ";
     const std::string getter = "BlockConfiguration::getDouble failed, the parameter 'peak' ";
     const std::vector<std::pair<BlockConfiguration, std::string>> table = {
         {{{"peak", -0.5}}, "no level can be negative"},
         {{{"peak", std::nan("")}}, "no level can be negative"},
         {{{"peak", "loud"}}, getter + "is type: string"},
-        {{}, getter + "does not exist"},
+        {{}, "the state " + store().get_path() + "level is damaged: it holds nothing"},
     };
 
     for (const auto& [content, text] : table) {
         store().store("level", content);
-        expect_throw<std::runtime_error>([this] { meter_.start(); }, head + text);
+        expect_throw<std::runtime_error>([this] { meter_.start(); }, text);
     }
+    store().store("level", {{"other", 0.5}});
+    expect_throw<std::out_of_range>([this] { meter_.start(); }, getter + "does not exist");
 }
 
 /// A meter that drops what it remembered as soon as it starts.
@@ -388,7 +390,7 @@ TEST_F(ForgettingMeter, StartsAfresh)
     meter_.feed_samples({0.5});
     meter_.stop();
 
-    EXPECT_EQ(store().load("level"), (BlockConfiguration{{"peak", 0.5}}));
+    EXPECT_EQ(Quorval::load_state(store(), "level"), (BlockConfiguration{{"peak", 0.5}}));
 }
 
 }  // namespace

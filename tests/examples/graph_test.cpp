@@ -415,10 +415,9 @@ TEST_F(SoundGraph, FailsOnADamagedStore)
     const ProcessResult result = run({}, {"-q", "--state", "state"});
 
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(
-        result.err.find("quorval: error: block 'quieter/meter' failed in start: cannot read " +
-                        file("state/quieter.meter/level").string() + ": "),
-        0U)
+    EXPECT_EQ(result.err.find("quorval: error: block 'quieter/meter' failed in start: the state " +
+                              file("state/quieter.meter/level").string() + " is damaged: "),
+              0U)
         << result.err;
     EXPECT_FALSE(fs::exists(file("out.flac")));
 }

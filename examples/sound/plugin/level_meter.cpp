@@ -1,6 +1,6 @@
 // LevelMeter: keeps a value in its store from one run of the graph to the next.
-#include <quorval/pstore.h>
 #include <quorval/runtime/tools.h>
+#include <quorval/state.h>
 #include "blocks.h"
 #include "samples.h"
 
@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -82,7 +81,7 @@ public:
         print("peak " + to_text(peak_) + ", RMS " + to_text(std::sqrt(mean)));
         if (has_store()) {
             highest_peak_ = std::max(highest_peak_, peak_);
-            pstore().store(kStoredName, {{"peak", highest_peak_}});
+            Quorval::save_state(pstore(), kStoredName, {{"peak", highest_peak_}});
             print("highest peak ever " + to_text(highest_peak_));
         }
     }
@@ -103,19 +102,15 @@ private:
 
     double load_highest_peak()
     {
-        const std::string file = pstore().get_path() + kStoredName;
-        if (!has_store() || !std::filesystem::exists(file)) {
+        if (!has_store()) {
             return 0;
         }
-        try {
-            const double peak = pstore().load(kStoredName).getDouble("peak");
-            if (peak >= 0) {
-                return peak;
-            }
-        } catch (const std::exception& error) {
-            throw std::runtime_error("cannot read " + file + ": " + error.what());
+        const auto state = Quorval::load_state(pstore(), kStoredName);
+        const double peak = state.has_value() ? state->getDouble("peak") : 0;
+        if (!(peak >= 0)) {
+            throw std::runtime_error("no level can be negative");
         }
-        throw std::runtime_error("cannot read " + file + ": no level can be negative");
+        return peak;
     }
 
     void print(const std::string& finding)

@@ -48,6 +48,10 @@ struct GraphOptions {
     /// file that exists is emptied; one that cannot be written is logged, and the run has failed.
     /// Runs are timed then too. Empty: none.
     std::string trace_file;
+    /// Whether run() tells the manager that started the process, as sd_notify(3) does, when its
+    /// blocks have started, when it reads its files again and when it stops, and shows that its
+    /// loop is alive where the manager waits for that.
+    bool tells_manager = false;
     /// The code of plug-ins stays loaded until the process ends, so that a thread that one left
     /// behind does no harm.
     bool keeps_plugins = false;

@@ -28,7 +28,8 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
       signals_(signals),
       has_stop_(has_stop),
       life_(graph.network, *this, &loop.poller(), loop.waker()),
-      overrides_(graph.network, configs_of(graph), life_)
+      overrides_(graph.network, configs_of(graph), life_),
+      notice_(options.tells_manager, graph.blocks.size())
 {
     if (signals_ != nullptr) {
         reload_.emplace(options, graph, overrides_, *signals_);
@@ -38,6 +39,9 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
 RunResult Runner::run()
 {
     const bool has_work = life_.start();
+    if (has_work && !life_.has_failed()) {
+        notice_.tell_ready();
+    }
     if (options_.run_for.count() > 0) {
         end_ = now() + options_.run_for;
     }
@@ -52,6 +56,7 @@ RunResult Runner::run()
     if (!has_work && !life_.has_failed()) {
         logger(LOGLEVEL_ERROR, "the graph has no source: nothing would ever run");
     }
+    notice_.tell_stopping();
     life_.stop();
     show_progress(true);
     return life_.has_failed() ? RunResult::Failed
@@ -65,7 +70,12 @@ void Runner::turn()
     life_.take(loop_.wait(next_time()));
     life_.look_around();
     if (signals_ != nullptr && signals_->take_reload()) {
+        notice_.tell_reloading(now());
         reload_->run();
+        notice_.tell_ready();
+    }
+    if (notice_.next_time()) {
+        notice_.keep_alive(now());
     }
     if (must_stop() || loop_.has_exited() || (end_ && now() >= *end_)) {
         life_.request_stop();
@@ -81,6 +91,9 @@ std::optional<Life::Time> Runner::next_time() const
     const auto consider = [&next](Life::Time time) { next = next ? std::min(*next, time) : time; };
     if (end_) {
         consider(*end_);
+    }
+    if (notice_.next_time()) {
+        consider(*notice_.next_time());
     }
     if (progress_.path != nullptr) {
         consider(next_progress_);

@@ -7,6 +7,7 @@
 #include "run/life.h"
 #include "run/overrides.h"
 #include "run/reload.h"
+#include "run/service_notice.h"
 #include "run/signals.h"
 
 #include <atomic>
@@ -56,6 +57,7 @@ private:
     Life life_;
     Overrides overrides_;
     std::optional<Reload> reload_;
+    ServiceNotice notice_;
     std::optional<Life::Time> end_;
     Progress progress_;
     Life::Time next_progress_{};

@@ -85,6 +85,27 @@ class Chance {
 public:
     explicit Chance(unsigned seed) : engine_(seed) {}
 
+    std::size_t below(std::size_t limit) { return engine_() % limit; }
+
+    /// Changes, cuts or prolongs bytes.
+    std::string damage(std::string bytes)
+    {
+        for (std::size_t left = 1 + below(3); left > 0; --left) {
+            const std::size_t at = below(bytes.size() + 1);
+            switch (below(3)) {
+                case 0:
+                    bytes = bytes.substr(0, at);
+                    break;
+                case 1:
+                    bytes.insert(at, 1 + below(9), static_cast<char>(engine_()));
+                    break;
+                default:
+                    bytes.replace(at, 1, 1, static_cast<char>(engine_()));
+            }
+        }
+        return bytes;
+    }
+
     BlockConfiguration make_config()
     {
         BlockConfiguration config;
@@ -95,8 +116,6 @@ public:
     }
 
 private:
-    std::size_t below(std::size_t limit) { return engine_() % limit; }
-
     std::string make_key()
     {
         constexpr std::string_view kCharacters = "ab.-_0.b";
@@ -369,6 +388,25 @@ TEST_F(ConfigFiles, OfStoresSayWhatIsWrong)
     std::string other_key = good;
     other_key[good.find('a')] = ' ';
     EXPECT_EQ(damage_of(other_key), "Parameter name ' ' not valid (should be [a-z0-9_.-]).");
+}
+
+TEST_F(ConfigFiles, OfStoresWithAnyBytesAreReadOrDamaged)
+{
+    const BlockConfiguration last = {{"zz", 1}};
+    for (unsigned seed = 0; seed < 1000; ++seed) {
+        Chance chance(seed);
+        const std::string bytes = chance.damage(bytes_of(chance.make_config()));
+        fs::remove(path("store"));
+        write_file(path("store"), bytes);
+
+        StoreContent content = read_store_file(path("store"));
+
+        if (content.damage.empty()) {
+            // Whole records alone, or another one would not be read behind them.
+            write_file(path("store"), bytes + bytes_of(last));
+            EXPECT_EQ(read_store_file(path("store")).config.getInt("zz", 0), 1) << "seed " << seed;
+        }
+    }
 }
 
 TEST_F(ConfigFiles, ThatCannotBeReadSayWhy)

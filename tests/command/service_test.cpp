@@ -1,0 +1,128 @@
+// What `quorval run` tells a manager of services, and the unit that it comes with.
+#include "command/command_test.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <system_error>
+
+namespace {
+
+using quorval_test::CommandTest;
+using quorval_test::expect_result;
+using quorval_test::Process;
+using quorval_test::ProcessOptions;
+
+/// The socket of a manager of services.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path)
+        : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (fd_ < 0 ||
+            ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            throw std::system_error(errno, std::generic_category(), "bind");
+        }
+    }
+    NotifySocket(const NotifySocket&) = delete;
+    NotifySocket& operator=(const NotifySocket&) = delete;
+    ~NotifySocket() { ::close(fd_); }
+
+    /// The next message; waits for it.
+    std::string take() const
+    {
+        std::array<char, 4096> text{};
+        const ssize_t size = ::recv(fd_, text.data(), text.size(), 0);
+        return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+    }
+
+private:
+    int fd_;
+};
+
+class Service : public CommandTest {
+protected:
+    Service() { write("idle.toml", "format = 1\nblocks.a.type = \"trouble:Trouble\"\n"); }
+
+    /// `quorval run`, started by the manager.
+    ProcessOptions service(const std::string& file) const
+    {
+        ProcessOptions options = command({"run", file});
+        set_variable(options, "NOTIFY_SOCKET", directory() + "/notify");
+        return options;
+    }
+
+    NotifySocket socket{directory() + "/notify"};
+};
+
+constexpr const char* kReady = "READY=1\nSTATUS=running, 1 blocks";
+constexpr const char* kStopping = "STOPPING=1\nSTATUS=stopping";
+
+TEST_F(Service, TellsThatItIsReadyAndThatItStops)
+{
+    Process process(service("idle.toml"));
+
+    EXPECT_EQ(socket.take(), kReady);
+    process.send(SIGTERM);
+    EXPECT_EQ(socket.take(), kStopping);
+
+    expect_result(process.wait(), 0, "a started\na stopped\n", "");
+}
+
+TEST_F(Service, IsNotReadyWhereABlockFailsToStart)
+{
+    write("bad.toml",
+          "format = 1\nblocks.a = { type = \"trouble:Trouble\", config = { where = \"start\", "
+          "what = \"throw\" } }\n");
+    Process process(service("bad.toml"));
+
+    EXPECT_EQ(socket.take(), kStopping);
+
+    expect_result(process.wait(), 1, "", "quorval: error: block 'a' failed in start: no luck\n");
+}
+
+TEST_F(Service, TellsOfAReload)
+{
+    Process process(service("idle.toml"));
+    EXPECT_EQ(socket.take(), kReady);
+
+    write("idle.toml", "format = 1\nblocks.a = { type = \"trouble:Trouble\", config.step = 2 }\n");
+    process.send(SIGHUP);
+
+    const std::string reloading = socket.take();
+    EXPECT_TRUE(std::regex_match(
+        reloading,
+        std::regex("RELOADING=1\nMONOTONIC_USEC=[0-9]+\nSTATUS=reading its files again")))
+        << reloading;
+    EXPECT_EQ(socket.take(), kReady);
+    process.send(SIGTERM);
+    expect_result(process.wait(), 0, "a started\na reconfigured: step 2\na stopped\n", "");
+}
+
+TEST_F(Service, ShowsThatItsLoopIsAlive)
+{
+    ProcessOptions options = service("idle.toml");
+    set_variable(options, "WATCHDOG_USEC", "2000");
+    Process process(options);
+
+    EXPECT_EQ(socket.take(), kReady);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(socket.take(), "WATCHDOG=1");
+    }
+    process.send(SIGTERM);
+
+    EXPECT_EQ(process.wait().status, 0);
+}
+
+}  // namespace
