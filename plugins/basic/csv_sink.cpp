@@ -4,6 +4,7 @@
 #include "csv.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,6 +68,20 @@ std::string get_temporary_path(const std::filesystem::path& path)
     return path.parent_path() / name;
 }
 
+/// What a process of the same number has left behind goes away; a file that is being written is
+/// locked, and stays.
+void remove_left_behind(const std::string& path)
+{
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0) {
+        return;
+    }
+    if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+        ::unlink(path.c_str());
+    }
+    ::close(descriptor);
+}
+
 class CsvSink : public Quorval::Block {
 public:
     CsvSink(std::string name, const BlockConfiguration& config)
@@ -86,9 +101,7 @@ public:
         if (settings_.append) {
             open(path_, O_APPEND);
         } else {
-            const std::string path = get_temporary_path(path_);
-            open(path, O_EXCL);
-            temporary_path_ = path;
+            open_temporary(get_temporary_path(path_));
         }
         if (is_empty()) {
             write_names();
@@ -140,6 +153,14 @@ private:
         constexpr mode_t kMode = 0666;
         descriptor_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, kMode);
         check(descriptor_ >= 0);
+    }
+
+    void open_temporary(const std::string& path)
+    {
+        remove_left_behind(path);
+        open(path, O_EXCL | O_APPEND);  // what is cut off leaves no gap
+        temporary_path_ = path;
+        check(::flock(descriptor_, LOCK_EX | LOCK_NB) == 0);
     }
 
     bool is_empty() const

@@ -4,6 +4,7 @@
 #include "blocks.h"
 #include "csv.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -75,7 +76,7 @@ public:
         }
         ++rows_;
         ask_for_next();  // also behind a row that is wrong
-        const std::string cell = get_cell(line);
+        const std::string cell = line.empty() ? line : get_cell(line);
         double number = 0;
         if (!cell.empty()) {
             if (!parse(cell, number)) {
@@ -120,9 +121,12 @@ private:
 
     void read_names()
     {
+        const std::string kMark = "\xEF\xBB\xBF";  // of UTF-8, which some programs write
         std::string line;
+        const bool has_line = read_line(line);
+        const std::size_t begin = line.compare(0, kMark.size(), kMark) == 0 ? kMark.size() : 0;
         const std::vector<std::string> names =
-            read_line(line) ? split_row(line) : std::vector<std::string>();
+            has_line ? split_row(line.substr(begin)) : std::vector<std::string>();
         columns_ = names.size();
         for (index_ = 0; index_ < columns_; ++index_) {
             if (names[index_] == settings_.column) {
@@ -164,7 +168,10 @@ private:
             get_tools().request_run();
             return;
         }
-        const std::chrono::duration<double> since(static_cast<double>(rows_) / settings_.rate);
+        // Where rows are too far apart for a clock to tell, the next one is as far as it can be.
+        constexpr std::chrono::duration<double> kLongest = std::chrono::hours(24 * 365 * 100);
+        const std::chrono::duration<double> since(
+            std::min(static_cast<double>(rows_) / settings_.rate, kLongest.count()));
         get_tools().run_at(began_ + std::chrono::round<nanoseconds>(since));
     }
 

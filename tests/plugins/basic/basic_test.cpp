@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <limits>
@@ -269,6 +273,16 @@ TEST_F(CsvTest, SourceGivesNothingForAnEmptyCell)
     EXPECT_EQ(read("a,b\n1,\n,2\n3,4\n", "a"), (std::vector<double>{1, 3}));
 }
 
+TEST_F(CsvTest, SourceGivesNothingForAnEmptyLine)
+{
+    EXPECT_EQ(read("a,b\n1,2\n\n3,4\n\r\n", "a"), (std::vector<double>{1, 3}));
+}
+
+TEST_F(CsvTest, SourceBearsTheMarkOfUtf8)
+{
+    EXPECT_EQ(read("\xEF\xBB\xBF\"a\",b\n1,2\n", "a"), std::vector<double>{1});
+}
+
 TEST_F(CsvTest, SourceNamesFileAndLineOfWhatIsWrong)
 {
     expect_refused("a\n1\nx\n", ":3: 'x' is not a number");
@@ -309,6 +323,19 @@ TEST_F(CsvTest, SourceKeepsItsRate)
     source.advance(100ms);
     EXPECT_TRUE(source.step());
     EXPECT_EQ(source.output<double>("out"), 2);
+}
+
+TEST_F(CsvTest, SourceWaitsVeryLongForRowsThatAreVeryFarApart)
+{
+    write_file(file("in.csv"), "a\n1\n2\n");
+    for (const double rate : {1e-12, std::numeric_limits<double>::denorm_min()}) {
+        BasicBlock source("CsvSource", {{"path", file("in.csv")}, {"column", "a"}, {"rate", rate}});
+        EXPECT_TRUE(source.step());
+        source.advance(std::chrono::hours(24 * 365 * 99));
+        EXPECT_FALSE(source.step());
+        source.advance(std::chrono::hours(24 * 365));
+        EXPECT_TRUE(source.step());
+    }
 }
 
 TEST_F(CsvTest, SinkWritesARowForEachWave)
@@ -392,6 +419,74 @@ TEST_F(CsvTest, SinkNamesAFullDisk)
             BasicBlock("CsvSink", {{"path", "/dev/full"}, {"columns", {"a"}}, {"append", true}});
         },
         "/dev/full: cannot be written: No space left on device");
+}
+
+TEST_F(CsvTest, SinkTakesAwayWhatAProcessOfTheSameNumberLeftBehind)
+{
+    write_file(file(".out.csv." + std::to_string(::getpid()) + ".part"), "half");
+
+    write({{1, 2}}, false);
+
+    EXPECT_EQ(read_file(file("out.csv")), "a,b\n1,2\n");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
+}
+
+TEST_F(CsvTest, SinkRefusesAFileThatAnotherOneWrites)
+{
+    const BlockConfiguration config{{"path", file("out.csv")}, {"columns", {"a"}}};
+    BasicBlock sink("CsvSink", config);
+
+    expect_throw<std::system_error>([&] { BasicBlock("CsvSink", config); },
+                                    file("out.csv") + ": cannot be written: File exists");
+
+    sink.stop();
+    EXPECT_EQ(read_file(file("out.csv")), "a\n");
+}
+
+/// What files may grow to, until the end of the scope.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit = {bytes, before_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+    ~FileSizeLimit()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, signal_);
+    }
+
+private:
+    rlimit before_ = {};
+    void (*signal_)(int) = std::signal(SIGXFSZ, SIG_IGN);
+};
+
+TEST_F(CsvTest, SinkLeavesNoGapWhereItFailed)
+{
+    BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a"}}});
+    std::string expected = "a\n";
+    int failures = 0;
+    {
+        const FileSizeLimit limit(70000);
+        for (int i = 0; i < 10000 && failures == 0; ++i) {
+            sink.feed("a", -1.2345678901234567e+300);
+            expected += "-1.2345678901234567e+300\n";
+            try {
+                sink.step();
+            } catch (const std::system_error&) {
+                ++failures;
+            }
+        }
+    }
+    EXPECT_EQ(failures, 1);
+
+    sink.stop();
+
+    EXPECT_EQ(read_file(file("out.csv")), expected);
 }
 
 TEST_F(CsvTest, SinkRefusesAColumnThatIsThereTwice)
