@@ -36,6 +36,13 @@ void note_plugin_code(const void* address, const std::string& plugin)
     all.names[base_of(address)] = plugin;
 }
 
+void forget_plugin_code(const void* address)
+{
+    Plugins& all = plugins();
+    const std::lock_guard<std::mutex> lock(all.mutex);
+    all.names.erase(base_of(address));
+}
+
 std::string find_plugin_code(const void* address)
 {
     Plugins& all = plugins();

@@ -69,7 +69,8 @@ std::shared_ptr<DlLoader> watched(const std::shared_ptr<DlLoader>& library,
 
 }  // namespace
 
-Plugin::Plugin(const std::string& file, const InitTools& tools, bool is_kept) : tools_(tools)
+Plugin::Plugin(const std::string& file, const InitTools& tools, bool is_kept)
+    : tools_(tools), is_kept_(is_kept)
 {
     const PluginFacts facts = look_at_plugin(file);
     if (!facts.obstacle.empty()) {
@@ -85,8 +86,6 @@ Plugin::Plugin(const std::string& file, const InitTools& tools, bool is_kept) : 
     if (entry_point == nullptr) {
         throw_no_entry_point(filename);
     }
-    note_plugin_code(reinterpret_cast<const void*>(entry_point),
-                     std::filesystem::path(file).stem().string());
     int result = 0;
     const std::string failure = text_of_failure([&] { result = entry_point(*this); });
     if (!failure.empty()) {
@@ -95,13 +94,20 @@ Plugin::Plugin(const std::string& file, const InitTools& tools, bool is_kept) : 
     if (result != 0) {
         throw_entry_point_failed(filename);
     }
+    code_ = reinterpret_cast<const void*>(entry_point);
+    note_plugin_code(code_, std::filesystem::path(file).stem().string());
     if (!facts.note) {
         ilog(LOGLEVEL_INFO) << "plug-in '" << std::filesystem::path(file).stem().string()
                             << "' has no note: what it was built with is not known";
     }
 }
 
-Plugin::~Plugin() = default;
+Plugin::~Plugin()
+{
+    if (!is_kept_) {
+        forget_plugin_code(code_);
+    }
+}
 
 void Plugin::register_block_create_fn(const std::string& type, CreateFn fn)
 {

@@ -71,6 +71,8 @@ public:
 
 private:
     const InitTools& tools_;
+    bool is_kept_;
+    const void* code_ = nullptr;  // of the plug-in
     std::shared_ptr<DlLoader> library_;
     struct Type {
         CreateFn create;
