@@ -116,6 +116,7 @@ installs_what_is_needed_and_no_more()
             bash-completion/completions/quorval
             zsh/site-functions/_quorval
             fish/vendor_completions.d/quorval.fish
+            lib/systemd/system/quorval@.service
             man1/quorval.1
             man1/quorval-check.1
             man1/quorval-config.1
