@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -76,24 +77,32 @@ inline std::string get_seal_key()
 /// and nearly always where they differ in more.
 class Checksum {
 public:
-    void add(const void* data, std::size_t size)
+    void add(std::int64_t number)
     {
-        constexpr std::uint64_t kPrime = 0x100000001b3;
-        const auto* const bytes = static_cast<const unsigned char*>(data);
-        for (std::size_t i = 0; i < size; ++i) {
-            value_ = (value_ ^ bytes[i]) * kPrime;
+        constexpr unsigned kByte = 8;
+        auto bits = static_cast<std::uint64_t>(number);
+        for (std::size_t i = 0; i < sizeof bits; ++i, bits >>= kByte) {
+            add_byte(static_cast<unsigned char>(bits));
         }
     }
 
-    void add(std::int64_t number) { add(&number, sizeof number); }
     void add(int number) { add(static_cast<std::int64_t>(number)); }
     void add(bool value) { add(static_cast<std::int64_t>(value)); }
-    void add(double number) { add(&number, sizeof number); }
+
+    void add(double number)
+    {
+        std::int64_t bits = 0;
+        static_assert(sizeof bits == sizeof number);
+        std::memcpy(&bits, &number, sizeof bits);
+        add(bits);
+    }
 
     void add(const std::string& text)
     {
         add(static_cast<std::int64_t>(text.size()));
-        add(text.data(), text.size());
+        for (const char character : text) {
+            add_byte(static_cast<unsigned char>(character));
+        }
     }
 
     template <class Item>
@@ -109,6 +118,12 @@ public:
     int get_high() const { return static_cast<int>(static_cast<std::uint32_t>(value_ >> 32U)); }
 
 private:
+    void add_byte(unsigned char byte)
+    {
+        constexpr std::uint64_t kPrime = 0x100000001b3;
+        value_ = (value_ ^ byte) * kPrime;
+    }
+
     // NOLINTNEXTLINE(*-magic-numbers): the usual basis; a constant would be an inline variable
     std::uint64_t value_ = 0xcbf29ce484222325;
 };

@@ -329,30 +329,26 @@ std::vector<Nan> find_nans(std::vector<Setting>& settings)
 /// Goes through a text once.
 class TextWalker {
 public:
-    explicit TextWalker(std::string_view text) : text_(text) {}
+    explicit TextWalker(std::string_view text) : rest_(text) {}
 
     /// @param place  not before the last one that was asked for
     char character_at(const Place& place)
     {
-        while (at_ < text_.size() && (line_ < place.line || column_ < place.column)) {
-            step();
+        while (!rest_.empty() && (line_ < place.line || column_ < place.column)) {
+            const bool is_line_end = rest_.front() == '\n';
+            rest_.remove_prefix(1);
+            if (is_line_end) {
+                ++line_;
+                column_ = 1;
+            } else if (rest_.empty() || !is_continuation(rest_.front())) {
+                ++column_;
+            }
         }
-        return at_ < text_.size() ? text_[at_] : '\0';
+        return rest_.empty() ? '\0' : rest_.front();
     }
 
 private:
-    void step()
-    {
-        if (text_[at_++] == '\n') {
-            ++line_;
-            column_ = 1;
-        } else if (at_ >= text_.size() || !is_continuation(text_[at_])) {
-            ++column_;
-        }
-    }
-
-    std::string_view text_;
-    std::size_t at_ = 0;
+    std::string_view rest_;
     std::uint32_t line_ = 1;
     std::uint32_t column_ = 1;
 };
