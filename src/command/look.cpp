@@ -28,6 +28,11 @@ using nlohmann::json;
 using Quorval::PluginFile;
 using Clock = std::chrono::steady_clock;
 
+constexpr std::size_t kPieceSize = 65536;
+/// So often it is looked whether the process has ended; more often once it tells nothing more.
+constexpr std::chrono::milliseconds kStep(100);
+constexpr std::chrono::milliseconds kStepAtTheEnd(5);
+
 int check(int result, const char* what)
 {
     if (result < 0) {
@@ -64,7 +69,7 @@ public:
     Teller& operator=(const Teller&) = delete;
     ~Teller()
     {
-        if (!state_) {
+        if (!has_ended_) {
             ::kill(child_, SIGKILL);
             while (::waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {}
         }
@@ -94,15 +99,15 @@ public:
     /// "crashed<when>: signal 11 (SIGSEGV)", or what else was its end.
     std::string describe_end(const std::string& when) const
     {
-        if (!WIFSIGNALED(*state_)) {
+        if (!WIFSIGNALED(state_)) {
             return "called exit" + when;
         }
-        const int signal = WTERMSIG(*state_);
+        const int signal = WTERMSIG(state_);
         const char* name = ::sigabbrev_np(signal);
         return "crashed" + when + ": signal " + std::to_string(signal) + " (SIG" +
                (name != nullptr ? name : "?") + ")";
     }
-    bool has_ended() const { return state_.has_value(); }
+    bool has_ended() const { return has_ended_; }
 
 private:
     [[noreturn]] static void be_child(const Work& work, int writer, pid_t parent)
@@ -136,16 +141,13 @@ private:
 
     bool reap()
     {
-        int state = 0;
-        if (!state_ && ::waitpid(child_, &state, WNOHANG) == child_) {
-            state_ = state;
-        }
-        return state_.has_value();
+        has_ended_ = has_ended_ || ::waitpid(child_, &state_, WNOHANG) == child_;
+        return has_ended_;
     }
 
     void read_what_is_there()
     {
-        std::array<char, 65536> buffer{};
+        std::array<char, kPieceSize> buffer{};
         ssize_t count = 0;
         while ((count = ::read(reader_, buffer.data(), buffer.size())) > 0) {
             text_.append(buffer.data(), static_cast<std::size_t>(count));
@@ -159,7 +161,7 @@ private:
     {
         using std::chrono::milliseconds;
         const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-        const milliseconds step(is_open_ ? 100 : 5);
+        const milliseconds step = is_open_ ? kStep : kStepAtTheEnd;
         pollfd stream{is_open_ ? reader_ : -1, POLLIN, 0};
         ::poll(&stream, 1,
                static_cast<int>(std::max(milliseconds(0), std::min(left, step)).count()));
@@ -169,7 +171,8 @@ private:
     int reader_ = -1;
     bool is_open_ = true;
     std::string text_;
-    std::optional<int> state_;  // of the end
+    int state_ = 0;  // of the end
+    bool has_ended_ = false;
 };
 
 json parse(const std::string& line)

@@ -9,12 +9,15 @@
 #include <string>
 #include <vector>
 
+/// For how long a plug-in is looked at.
+constexpr std::chrono::seconds kLookLimit(10);
+
 /// What is wanted to be known of plug-ins.
 struct LookOptions {
     bool makes_blocks = true;              ///< to know the ports; else the declarations alone
     std::string type;                      ///< this one alone; empty: all
     std::vector<std::string> assignments;  ///< `KEY=VALUE`, what blocks are made with
-    std::chrono::milliseconds limit = std::chrono::seconds(10);  ///< for one plug-in
+    std::chrono::milliseconds limit = kLookLimit;  ///< for one plug-in
 };
 
 /// What there is to say of a plug-in.

@@ -94,7 +94,8 @@ public:
         if (!file_.read(0, &header, sizeof header)) {
             return {};
         }
-        return {native(header.e_machine), content_of_note(find_section(header))};
+        const std::string section = find_section(header);
+        return {native(header.e_machine), content_of_note(section)};
     }
 
 private:
@@ -144,29 +145,29 @@ private:
     }
 
     /// The content of the first note of this project.
-    std::string content_of_note(std::string_view section) const
+    std::string content_of_note(const std::string& section) const
     {
         Elf32_Nhdr header{};  // the same in both classes
-        while (section.size() >= sizeof header) {
-            std::memcpy(&header, section.data(), sizeof header);
-            section.remove_prefix(sizeof header);
-            const std::string_view owner = take(section, native(header.n_namesz));
-            const std::string_view text = take(section, native(header.n_descsz));
+        std::size_t at = 0;
+        while (section.size() - at >= sizeof header) {
+            std::memcpy(&header, section.data() + at, sizeof header);
+            at += sizeof header;
+            const std::string owner = take(section, at, native(header.n_namesz));
+            std::string text = take(section, at, native(header.n_descsz));
             if (owner == kOwner && native(header.n_type) == kNoteType) {
-                return std::string(text);
+                return text;
             }
         }
         return {};
     }
 
-    /// Takes a part off the front, with what fills it up to four bytes; empty where so much is not
-    /// there.
-    static std::string_view take(std::string_view& section, std::uint64_t size)
+    /// Takes a part, with what fills it up to four bytes; empty where so much is not there.
+    static std::string take(const std::string& section, std::size_t& at, std::uint64_t size)
     {
         constexpr std::uint64_t kAlignment = 4;
-        const std::string_view part = size <= section.size() ? section.substr(0, size) : "";
-        const std::uint64_t full = (size + kAlignment - 1) / kAlignment * kAlignment;
-        section.remove_prefix(std::min<std::uint64_t>(full, section.size()));
+        const std::uint64_t left = section.size() - at;
+        std::string part = size <= left ? section.substr(at, size) : "";
+        at += std::min((size + kAlignment - 1) / kAlignment * kAlignment, left);
         return part;
     }
 
