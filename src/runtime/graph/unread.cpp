@@ -26,12 +26,12 @@ void consume(const BlockConfiguration& config, const SettingRef& ref)
 BlockConfiguration without(const BlockConfiguration& config, Range begin, Range end)
 {
     BlockConfiguration removed;
-    for (Range ref = begin; ref != end; ++ref) {
+    for (auto ref = begin; ref != end; ++ref) {
         set_value(removed, std::string(ref->key()), ref->setting->value);
     }
     BlockConfiguration rest = config.diff(removed);
     // What holds a NaN equals nothing, so it is still there.
-    for (Range ref = begin; ref != end; ++ref) {
+    for (auto ref = begin; ref != end; ++ref) {
         consume(rest, *ref);
     }
     return rest;
@@ -48,7 +48,7 @@ void collect(const BlockConfiguration& config, Range begin, Range end,
         found.push_back(&*begin);
         return;
     }
-    const Range middle = begin + (end - begin) / 2;
+    const auto middle = begin + (end - begin) / 2;
     collect(without(config, middle, end), begin, middle, found);
     collect(without(config, begin, middle), middle, end, found);
 }

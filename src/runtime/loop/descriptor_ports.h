@@ -59,7 +59,7 @@ private:
         std::uint32_t end = 0;
     };
 
-    void look_for_what_is_left(Entry& entry);
+    static void look_for_what_is_left(Entry& entry);
     static void reset_event_port(Entry& entry);
 
     const Network& network_;

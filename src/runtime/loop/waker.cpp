@@ -35,7 +35,7 @@ void Waker::end_sleep() noexcept
     state_ = Awake;
 }
 
-void Waker::drain() noexcept
+void Waker::drain() const noexcept
 {
     std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t size = ::read(fd(), &count, sizeof count);

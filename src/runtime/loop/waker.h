@@ -27,7 +27,7 @@ public:
     void end_sleep() noexcept;
 
     /// After the descriptor was readable.
-    void drain() noexcept;
+    void drain() const noexcept;
 
 private:
     enum State : int { Awake, Asleep, Woken };
