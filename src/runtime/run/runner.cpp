@@ -46,7 +46,7 @@ RunResult Runner::run()
         end_ = now() + options_.run_for;
     }
     try {
-        while (has_work && !life_.is_over()) {
+        while (has_work && !life_.is_over() && !loop_.has_exited()) {
             turn();
         }
     } catch (...) {

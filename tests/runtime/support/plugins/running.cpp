@@ -4,6 +4,8 @@
 #include <quorval/pluginloader.h>
 #include <quorval/runtime/tools.h>
 
+#include <systemd/sd-event.h>
+
 #include <atomic>
 #include <csignal>
 #include <memory>
@@ -45,6 +47,38 @@ private:
     int count_;
     int done_ = 0;
     OutPort<int>* out_;
+};
+
+/// A source with nothing to do that ends the event loop in the operation `at`.
+class EndLoop : public Block {
+public:
+    EndLoop(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), at_(config.getString("at"))
+    {
+        make_eventport("never");
+    }
+
+    void start() override
+    {
+        get_tools().request_run();
+        end_at("start");
+    }
+
+    bool run() override
+    {
+        end_at("run");
+        return true;
+    }
+
+private:
+    void end_at(const std::string& operation)
+    {
+        if (operation == at_) {
+            sd_event_exit(get_tools().loop(), 0);
+        }
+    }
+
+    std::string at_;
 };
 
 /// Tells of all that is done to it. It fails in the operation `trouble`, and raises `signal` while
@@ -168,6 +202,7 @@ int lib_register_cpp(IRegistry& registry)
 {
     add<Count>(registry, "Count");
     add<Tell>(registry, "Tell");
+    add<EndLoop>(registry, "EndLoop");
     add<Threaded>(registry, "Threaded");
     return 0;
 }
