@@ -23,10 +23,10 @@ using Value = std::variant<int, bool, double, std::string, std::vector<int>, std
 struct Setting {
     std::string key;  ///< the full dotted key
     Value value;
+    bool is_wrong = false;           ///< the value means nothing: it is wrong, which is reported
     Place key_place;                 ///< of the last component of the key
     Place value_place;               ///< of the value
     std::vector<Place> item_places;  ///< of the items of a list that stands in a file
-    bool is_wrong = false;           ///< has no value, because of what is reported
 };
 
 /// What becomes of the graph when a block fails.

@@ -107,12 +107,12 @@ public:
             add_list_of_tables(key, *node.as_array());
         } else if (std::string complaint = complaint_about(key); !complaint.empty()) {
             problems_.add_error(key_place, std::move(complaint));
-            settings_.push_back({std::move(key), Value(), key_place, place_of(node), {}, true});
+            settings_.push_back({std::move(key), Value(), true, key_place, place_of(node), {}});
         } else {
             std::optional<Value> value = to_value(key, node);
             const bool is_wrong = !value;
-            settings_.push_back({std::move(key), std::move(value).value_or(Value()), key_place,
-                                 place_of(node), places_of_items(node), is_wrong});
+            settings_.push_back({std::move(key), std::move(value).value_or(Value()), is_wrong,
+                                 key_place, place_of(node), places_of_items(node)});
         }
     }
 

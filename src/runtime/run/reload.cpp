@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <tuple>
 #include <utility>
 
 namespace Quorval::runtime {
@@ -14,6 +15,7 @@ namespace Quorval::runtime {
 namespace {
 
 using Blocks = std::map<std::string, const PlainBlock*>;
+using Parts = std::multiset<std::string>;
 
 ReadGraph read(const GraphOptions& options, IPatience& patience)
 {
@@ -50,11 +52,15 @@ std::string to_text(const EndDescription& end)
 }
 
 /// What stands in a composite besides its members, each as it is shown.
-std::set<std::string> parts_of(const Composite& composite)
+Parts parts_of(const Composite& composite)
 {
     const std::string where =
         composite.path.empty() ? std::string() : " in '" + composite.path + "'";
-    std::set<std::string> parts;
+    Parts parts;
+    if (composite.member != nullptr) {
+        parts.insert("superblock '" + composite.path + "' of type '" + composite.member->type +
+                     "'");
+    }
     for (const ConnectionDescription& connection : composite.inside->connections) {
         parts.insert("connection '" + to_text(connection.from) + " -> " + to_text(connection.to) +
                      "'" + (connection.is_delayed ? ", delayed," : "") +
@@ -73,9 +79,9 @@ std::set<std::string> parts_of(const Composite& composite)
     return parts;
 }
 
-std::set<std::string> parts_of(const ReadGraph& graph)
+Parts parts_of(const ReadGraph& graph)
 {
-    std::set<std::string> parts;
+    Parts parts;
     for (const Composite& composite : graph.expansion.composites) {
         parts.merge(parts_of(composite));
     }
@@ -131,20 +137,26 @@ std::string find_difference(const Blocks& before, const Blocks& now)
     return "";
 }
 
-/// What only the one set has, with what was done to it.
-std::string find_difference(const std::set<std::string>& before, const std::set<std::string>& now)
+/// What the one has more often than the other, with what was done to it.
+std::string find_difference(const Parts& before, const Parts& now)
 {
     for (const std::string& part : before) {
-        if (now.count(part) == 0) {
+        if (now.count(part) < before.count(part)) {
             return part + " was removed";
         }
     }
     for (const std::string& part : now) {
-        if (before.count(part) == 0) {
+        if (before.count(part) < now.count(part)) {
             return part + " was added";
         }
     }
     return "";
+}
+
+auto values_of(const LinkDescription& link)
+{
+    return std::make_tuple(link.place.line > 0, link.broker, link.ca, link.cert, link.key,
+                           link.user, link.password_file, link.queue, link.limit);
 }
 
 BlockConfiguration changed_values(const PlainBlock& before, const PlainBlock& now)
@@ -171,6 +183,9 @@ std::string find_difference(const ReadGraph& before, const ReadGraph& now)
 {
     if (before.reading->description.name != now.reading->description.name) {
         return "the name of the graph was changed";
+    }
+    if (values_of(before.reading->description.link) != values_of(now.reading->description.link)) {
+        return "'link' was changed";
     }
     std::string text = find_difference(blocks_of(before), blocks_of(now));
     return text.empty() ? find_difference(parts_of(before), parts_of(now)) : text;

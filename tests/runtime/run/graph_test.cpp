@@ -176,6 +176,17 @@ TEST_F(GraphTest, IsStoppedFromAnotherThread)
     thread.join();
 }
 
+TEST_F(GraphTest, StopsWhenABlockEndsTheEventLoop)
+{
+    for (const std::string operation : {"start", "run"}) {
+        make("format = 1\nblocks.a = { type = \"running:EndLoop\", config.at = \"" + operation +
+             "\" }\n");
+
+        EXPECT_EQ(graph->run(), RunResult::Done) << operation;
+        graph.reset();
+    }
+}
+
 TEST_F(GraphTest, StopsAfterItsTime)
 {
     GraphOptions options;
@@ -381,6 +392,12 @@ blocks.other = { type = "running:Tell" }
         {"\"count.out -> box.in\"", "", "connection 'count.out -> box.in' was removed"},
         {"\"count.out -> box.in\"", "{ from = \"count.out\", to = \"box.in\", delayed = true }",
          "connection 'count.out -> box.in' was removed"},
+        {"\"count.out -> box.in\"", "\"count.out -> box.in\", \"count.out -> box.in\"",
+         "connection 'count.out -> box.in' was added"},
+        {"blocks.box =",
+         "superblocks.nothing = {}\nblocks.none = { type = \"nothing\" }\nblocks.box =",
+         "superblock 'none' of type 'nothing' was added"},
+        {"format = 1", "format = 1\nlink.queue = 5", "'link' was changed"},
         {"inports.in = \"tell.in\"", "inports.in = [\"tell.in\", \"other.in\"]",
          "input 'in' for 'other.in' in 'box' was added"},
         {"inports.in = \"tell.in\"", "inports.in = \"other.in\"",
