@@ -110,7 +110,8 @@ public:
     /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE:
     ///     "'<text>' is not of the form PATH.KEY=VALUE"; or a machine is not one of the graph, or
     ///     one is needed: "there is no machine '<name>'", "one of the machines <a>, <b> has to be
-    ///     named with --machine, or --local be given"
+    ///     named with --machine, or --local be given"; or there are no files: "there is no graph
+    ///     file"
     /// @throws std::logic_error       another graph of the process takes the signals already:
     ///     "another graph takes the signals"
     /// @throws std::system_error      there are no descriptors left for the event loop

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 namespace Quorval::runtime {
@@ -155,6 +156,9 @@ private:
 Reading read_graph(const std::vector<std::string>& files,
                    const std::vector<std::string>& assignments, IPatience* patience)
 {
+    if (files.empty()) {
+        throw std::invalid_argument("there is no graph file");
+    }
     std::vector<std::string> targets;
     targets.reserve(assignments.size());
     for (const std::string& assignment : assignments) {

@@ -175,10 +175,29 @@ private:
             const auto found = by_path.find(assignment.path);
             if (found != by_path.end()) {
                 found->second->settings.push_back({&assignment.setting, 0});
-            } else {
+            } else if (!leads_to_what_is_wrong(assignment.path)) {
                 problems_.add_error(assignment.setting.key_place,
                                     "there is no block '" + assignment.path + "'");
             }
+        }
+    }
+
+    /// Whether what a path names may be missing because it is wrong, which is reported.
+    bool leads_to_what_is_wrong(std::string_view path) const
+    {
+        const Composite* place = &result_.composites.front();
+        while (true) {
+            const std::size_t end = path.find('/');
+            const std::size_t at = place->inside->find_member(path.substr(0, end));
+            if (at == place->members.size()) {
+                return place->inside->is_broken;
+            }
+            const MemberRef& member = place->members[at];
+            if (member.kind != MemberRef::Kind::Composite || end == std::string_view::npos) {
+                return member.kind == MemberRef::Kind::Nothing;
+            }
+            place = &result_.composites[member.index];
+            path.remove_prefix(end + 1);
         }
     }
 

@@ -71,6 +71,13 @@ TEST(FileProblems, TellWhyAFileCannotBeRead)
               (Lines{"nowhere.toml:1:1: error: cannot read: No such file or directory"}));
 }
 
+TEST(FileProblems, AreWrongUseWhereThereIsNoFile)
+{
+    GraphFiles files;
+
+    expect_throw<std::invalid_argument>([&] { files.findings(Lines()); }, "there is no graph file");
+}
+
 TEST(FileProblems, TellThatSomethingIsNoFile)
 {
     GraphFiles files;
@@ -427,10 +434,11 @@ TEST(TypeProblems, TellTheTypesThatAPluginHas)
     EXPECT_EQ(findings_for_type("registers_nothing:A"),
               (Lines{"g.toml:3:10: error: plug-in 'registers_nothing' has no block type 'A'; it "
                      "has none"}));
-    EXPECT_EQ(findings_for_type("parts:gain"),
-              (Lines{"g.toml:3:10: error: plug-in 'parts' has no block type 'gain'; it has "
-                     "Composite, Declared, Empty, Gain, Late, Leads, Null, Ports, Prints, Renamed, "
-                     "Stores, Tells, Throws, ThrowsANumber, ThrowsInSetup, ThrowsItsOwn"}));
+    EXPECT_EQ(
+        findings_for_type("parts:gain"),
+        (Lines{"g.toml:3:10: error: plug-in 'parts' has no block type 'gain'; it has "
+               "Composite, Declared, Empty, Gain, Late, Leads, Null, Once, Ports, Prints, Renamed, "
+               "Stores, Tells, Throws, ThrowsANumber, ThrowsInSetup, ThrowsItsOwn"}));
 }
 
 TEST(TypeProblems, TellWhyABlockCannotBeCreated)
@@ -513,6 +521,26 @@ TEST(AssignmentProblems, TellBlocksThatDoNotExist)
     EXPECT_EQ(findings_with({"left/gian.factor=1", "left.gain.x=1"}),
               (Lines{"--set left/gian.factor: error: there is no block 'left/gian'",
                      "--set left.gain.x: error: there is no block 'left'"}));
+}
+
+TEST(AssignmentProblems, DoNotTellBlocksThatAreWrong)
+{
+    GraphFiles files;
+    files.write("g.toml", R"(format = 1
+blocks.a = {}
+blocks.k.type = "kind"
+[superblocks.kind]
+blocks.b.type = "nothing"
+)");
+    GraphOptions options = files.options();
+    options.assignments = {"a.x=1", "k/b.x=1", "k/b/c.x=1", "k/d.x=1", "k.x=1", "e/a.x=1"};
+
+    EXPECT_EQ(files.findings(options),
+              (Lines{"g.toml:2:8: error: block 'a' has no type",
+                     "g.toml:5:17: error: there is no superblock 'nothing'",
+                     "--set k/d.x: error: there is no block 'k/d'",
+                     "--set k.x: error: there is no block 'k'",
+                     "--set e/a.x: error: there is no block 'e/a'"}));
 }
 
 TEST(AssignmentProblems, TellWrongKeysAndValues)
