@@ -114,6 +114,14 @@ inline bool is_finite(double number)
     return !is_nan(number - number);
 }
 
+/// Whether a float takes a number, rounded where it has to be.
+inline bool fits_float(double number)
+{
+    // Half a step above the greatest float, from where on a number is rounded to infinity.
+    constexpr double kTooGreat = 0x1.ffffffp+127;
+    return number > -kTooGreat && number < kTooGreat;
+}
+
 inline std::string to_text(double number)
 {
     return is_nan(number) ? "nan" : format(number);  // of either sign
@@ -232,9 +240,7 @@ inline std::string to_text(const Setting& setting, double number)
     return is_whole(setting) ? to_whole_text(number) : to_text(number);
 }
 
-/// @param held  the number as the block holds it
-[[gnu::cold]] inline SettingProblem look_at_number(const Setting& setting, double number,
-                                                   double held, int item)
+[[gnu::cold]] inline SettingProblem look_at_number(const Setting& setting, double number, int item)
 {
     const bool is_inside =
         is_finite(number) && number >= setting.minimum && number <= setting.maximum;
@@ -244,7 +250,7 @@ inline std::string to_text(const Setting& setting, double number)
             {"from ", to_text(setting, setting.minimum), " to ", to_text(setting, setting.maximum)},
             to_text(setting, number), item);
     }
-    if (!is_finite(held)) {
+    if (!is_finite(number) || (setting.is_float && !fits_float(number))) {
         return make_problem(setting, {"a finite number"}, to_text(number), item);
     }
     return {};
@@ -283,28 +289,16 @@ inline std::string to_text(const Setting& setting, double number)
     return config.getDoubleVector(setting.key);
 }
 
-/// The same as the block holds them, when it holds them as floats.
-[[gnu::cold]] inline std::vector<float> get_floats(const BlockConfiguration& config,
-                                                   const Setting& setting)
-{
-    if (setting.type == Type::Double) {
-        return {config.getFloat(setting.key)};
-    }
-    return config.getFloatVector(setting.key);
-}
-
 [[gnu::cold]] inline SettingProblem look_at_numbers(const BlockConfiguration& config,
                                                     const Setting& setting)
 {
-    std::vector<float> floats;
-    if (setting.is_float) {
-        floats = get_floats(config, setting);
+    if (setting.is_float && setting.type == Type::Double) {
+        config.getFloat(setting.key);  // another type is refused in the words of this getter
     }
     const std::vector<double> numbers = get_numbers(config, setting);
     SettingProblem problem = look_at_length(setting, numbers.size());
     for (std::size_t i = 0; problem.text.empty() && i < numbers.size(); ++i) {
-        const double held = setting.is_float ? static_cast<double>(floats[i]) : numbers[i];
-        problem = look_at_number(setting, numbers[i], held, get_item(setting, i));
+        problem = look_at_number(setting, numbers[i], get_item(setting, i));
     }
     return problem;
 }
@@ -343,6 +337,8 @@ constexpr bool is_never()
     return false;
 }
 
+constexpr auto kNoType = static_cast<Type>(-1);
+
 template <class Field>
 constexpr Type get_field_type()
 {
@@ -364,10 +360,15 @@ constexpr Type get_field_type()
     } else if constexpr (std::is_same_v<Field, std::vector<bool>>) {
         return Type::BoolVector;
     } else {
-        static_assert(is_never<Field>(),
-                      "a setting is an int, a bool, a double, a float, a std::string, or a "
-                      "std::vector of one of these");
+        return kNoType;
     }
+}
+
+/// Whether a member of this type can hold a setting.
+template <class Field>
+constexpr bool is_field()
+{
+    return get_field_type<Field>() != kNoType;
 }
 
 template <class Field>
@@ -424,6 +425,10 @@ struct Member {
     void (*store)(BlockConfiguration& config, const std::string& key, const void* address);
 };
 
+struct Declared : Setting {
+    Member member = {};
+};
+
 // ---- Declarations ----
 
 [[gnu::cold]] inline std::string describe_mistake(const Setting& setting, std::string_view text)
@@ -442,12 +447,14 @@ public:
     void set_range(double minimum, double maximum);
     void set_length(int minimum, int maximum);
     void set_choices(std::vector<std::string> choices);
+    void set_choices(std::initializer_list<std::string_view> choices);
     /// The setting that was added last.
     Setting& last(std::string_view operation);
 
     void read(const BlockConfiguration& config, void* values) const;
     void apply(const BlockConfiguration& override, void* values) const;
     void check(const void* values) const;
+    void check(const void* values, const std::string& type) const;
     BlockConfiguration describe(const void* values) const;
 
 private:
@@ -459,10 +466,8 @@ private:
                      const std::string& key) const;
 
     std::string summary_;
-    std::vector<Setting> settings_;
-    std::vector<Member> members_;  // one for each setting
-    std::string mistake_;          // the first in the declaration; empty: none so far
-    Setting no_setting_;           // what is changed when there is none
+    std::vector<Declared> settings_;
+    std::string mistake_;  // the first in the declaration; empty: none so far
 };
 
 [[gnu::cold]] inline void Declarations::note_mistake(const Setting& setting, std::string_view text)
@@ -483,8 +488,8 @@ private:
                                             bool is_float, const Member& member)
 {
     const std::size_t count = settings_.size();
-    Setting& setting = settings_.emplace_back();
-    members_.push_back(member);
+    Declared& setting = settings_.emplace_back();
+    setting.member = member;
     setting.key = key;
     setting.text = text;
     setting.type = type;
@@ -502,8 +507,10 @@ private:
 [[gnu::cold]] inline Setting& Declarations::last(std::string_view operation)
 {
     if (settings_.empty()) {
-        note_mistake(no_setting_, join({operation, " comes before the first add()"}));
-        return no_setting_;
+        // So that there is something to change. What is declared wrongly is never used.
+        add("", "", Type::Int, false, Member());
+        mistake_ =
+            describe_mistake(settings_.back(), join({operation, " comes before the first add()"}));
     }
     return settings_.back();
 }
@@ -554,16 +561,25 @@ private:
     setting.choices = std::move(choices);
 }
 
+[[gnu::cold]] inline void Declarations::set_choices(std::initializer_list<std::string_view> choices)
+{
+    std::vector<std::string> texts;
+    for (const std::string_view choice : choices) {
+        texts.emplace_back(choice);
+    }
+    set_choices(std::move(texts));
+}
+
 [[gnu::cold]] inline void Declarations::load_value(std::size_t index,
                                                    const BlockConfiguration& config,
                                                    void* values) const
 {
-    const Setting& setting = settings_[index];
+    const Declared& setting = settings_[index];
     const SettingProblem problem = find_problem(config, setting);
     if (!problem.text.empty()) {
         throw std::invalid_argument(problem.text);
     }
-    const Member& member = members_[index];
+    const Member& member = setting.member;
     member.load(config, setting.key, static_cast<char*>(values) + member.offset);
 }
 
@@ -571,7 +587,7 @@ private:
                                                     BlockConfiguration& config,
                                                     const std::string& key) const
 {
-    const Member& member = members_[index];
+    const Member& member = settings_[index].member;
     member.store(config, key, static_cast<const char*>(values) + member.offset);
 }
 
@@ -608,6 +624,15 @@ private:
     refuse_mistakes();
     for (std::size_t i = 0; i < settings_.size(); ++i) {
         check_default(i, values);
+    }
+}
+
+[[gnu::cold]] inline void Declarations::check(const void* values, const std::string& type) const
+{
+    try {
+        check(values);
+    } catch (const std::logic_error& error) {
+        throw std::logic_error(join({"block type '", type, "': ", error.what()}));
     }
 }
 
@@ -727,12 +752,24 @@ template <class BlockType>
 std::unique_ptr<Container> create(std::string name, const BlockConfiguration& config,
                                   const InitTools& tools)
 {
-    if constexpr (std::is_constructible_v<BlockType, std::string, const BlockConfiguration&,
-                                          const InitTools&>) {
+    static_assert(std::is_base_of_v<Container, BlockType>,
+                  "a block type is a class derived from Quorval::Block");
+    constexpr bool kTakesTools =
+        std::is_constructible_v<BlockType, std::string, const BlockConfiguration&,
+                                const InitTools&>;
+    constexpr bool kTakesNoTools =
+        std::is_constructible_v<BlockType, std::string, const BlockConfiguration&>;
+    static_assert(kTakesTools || kTakesNoTools,
+                  "a block type is no abstract class, and has the public constructor "
+                  "(std::string name, const BlockConfiguration& config, const InitTools& tools), "
+                  "or the one without the tools");
+    if constexpr (kTakesTools) {
         return std::make_unique<BlockType>(std::move(name), config, tools);
-    } else {
+    } else if constexpr (kTakesNoTools) {
         static_cast<void>(tools);
         return std::make_unique<BlockType>(std::move(name), config);
+    } else {
+        return nullptr;
     }
 }
 
@@ -795,10 +832,16 @@ public:
     template <class Field, class Structure>
     Settings& add(std::string_view key, Field Structure::*member, std::string_view text)
     {
-        static_assert(std::is_base_of_v<Structure, T>, "the member is one of another structure");
         using namespace settings_detail;
-        declarations_.add(key, text, get_field_type<Field>(), is_float_field<Field>(),
-                          {get_offset(member), &load<Field>, &store<Field>});
+        constexpr bool kIsMember = std::is_base_of_v<Structure, T>;
+        static_assert(kIsMember, "the member is one of another structure");
+        static_assert(is_field<Field>(),
+                      "a setting is an int, a bool, a double, a float, a std::string, or a "
+                      "std::vector of one of these");
+        if constexpr (kIsMember && is_field<Field>()) {  // one mistake, one message
+            declarations_.add(key, text, get_field_type<Field>(), is_float_field<Field>(),
+                              {get_offset(member), &load<Field>, &store<Field>});
+        }
         return *this;
     }
 
@@ -821,6 +864,11 @@ public:
     Settings& choices(std::vector<std::string> choices)
     {
         declarations_.set_choices(std::move(choices));
+        return *this;
+    }
+    Settings& choices(std::initializer_list<std::string_view> choices)
+    {
+        declarations_.set_choices(choices);
         return *this;
     }
 
@@ -865,6 +913,8 @@ public:
     /// Looks for mistakes in the declaration.
     /// @throws std::logic_error  there is one: "setting '<key>' (<type>): <text>"
     void check() const { declarations_.check(&defaults_); }
+    /// The same, with "block type '<type>': " in front of the text.
+    void check(const std::string& type) const { declarations_.check(&defaults_, type); }
 
     /// The description, for tools: "summary"; for each setting, from "settings.0." on, "key",
     /// "type" (that of its element, as BlockConfiguration::getTypeName() has it), "text",
@@ -894,11 +944,7 @@ private:
 template <class BlockType, class T>
 void register_block(IRegistry& registry, const std::string& type, const Settings<T>& settings)
 {
-    try {
-        settings.check();
-    } catch (const std::logic_error& error) {
-        throw std::logic_error("block type '" + type + "': " + error.what());
-    }
+    settings.check(type);
     registry.register_block_create_fn(type, &settings_detail::create<BlockType>);
     settings_detail::hand_over(registry, type, settings.describe());
 }

@@ -18,6 +18,8 @@ refused=(
     'add("k", &Others::count, "");|the member is one of another structure'
     'add("k", &Values::count, "").choices({1, 2});|error: '
     'add("k", &Values::count, "").range("a", "b");|error: '
+    '; Quorval::settings_detail::create<Values>("", {}, *tools);|a block type is a class derived'
+    '; Quorval::settings_detail::create<Named>("", {}, *tools);|and has the public constructor'
 )
 
 directory=$(mktemp -d)
@@ -38,7 +40,8 @@ write_source()
 #include <quorval/settings.h>
 struct Values { char letter; std::map<int, int> names; int count; };
 struct Others { int count; };
-void declare() { Quorval::Settings<Values>("").$1 }
+struct Named : Quorval::Block { Named(std::string name) : Block(name) {} };
+void declare(const Quorval::InitTools* tools) { Quorval::Settings<Values>("").$1 }
 END
 }
 
