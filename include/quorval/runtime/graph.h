@@ -52,6 +52,15 @@ struct GraphOptions {
     /// blocks have started, when it reads its files again and when it stops, and shows that its
     /// loop is alive where the manager waits for that.
     bool tells_manager = false;
+    /// run() makes this file and records into it what outputs give; empty: it does not.
+    std::string record_file;
+    /// What is recorded: PATH.PORT; empty: the outputs of the sources, as far as they have codecs.
+    std::vector<std::string> record_outputs;
+    /// run() replays this recording, in the place of the blocks whose connected outputs are all
+    /// recorded: one wave for each that was recorded, with its time. Empty: it does not.
+    std::string replay_file;
+    /// A replay does not wait for the time of a wave.
+    bool replays_fast = false;
     /// The code of plug-ins stays loaded until the process ends, so that a thread that one left
     /// behind does no harm.
     bool keeps_plugins = false;
@@ -105,8 +114,10 @@ enum class RunResult {
 class QUORVAL_EXPORT Graph {
 public:
     /// Reads the files, makes the blocks and checks all of it.
-    /// @throws GraphError             something is wrong with the files, with all errors found;
-    ///     with none where a signal came while a pipe was read, see GraphOptions::takes_signals
+    /// @throws GraphError             something is wrong with the files, or with what is to be
+    ///     recorded, with all errors found; with none where a signal came while a pipe was read,
+    ///     see GraphOptions::takes_signals
+    /// @throws RecordingError         what is to be replayed is no recording
     /// @throws std::invalid_argument  an assignment is not of the form PATH.KEY=VALUE:
     ///     "'<text>' is not of the form PATH.KEY=VALUE"; or a machine is not one of the graph, or
     ///     one is needed: "there is no machine '<name>'", "one of the machines <a>, <b> has to be
@@ -136,7 +147,8 @@ public:
     Superblock& superblock();
 
     /// Starts the blocks, runs them until the graph has come to its end, stops them. What goes
-    /// wrong is logged. Once only.
+    /// wrong is logged. Once only. A file to record into that is there already makes the run fail,
+    /// and so does what cannot be recorded.
     /// @throws std::logic_error  "the graph cannot be run: it has run already", or "...: it was
     ///     made to be looked at"
     RunResult run();

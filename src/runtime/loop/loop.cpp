@@ -1,5 +1,6 @@
 #include "loop/loop.h"
 
+#include <poll.h>
 #include <sys/timerfd.h>
 
 #include <system_error>
@@ -83,6 +84,19 @@ const std::vector<Ready>& Loop::wait(std::optional<Time> until)
     }
     dispatch_event(is_prepared);
     return ready;
+}
+
+void Loop::sleep(Time until)
+{
+    const Time pause = until - now();
+    if (waker_->begin_sleep() && pause > Time(0)) {
+        const timespec timeout = to_timespec(pause);
+        pollfd waker = {waker_->fd(), POLLIN, 0};
+        if (::ppoll(&waker, 1, &timeout, nullptr) > 0) {
+            waker_->drain();
+        }
+    }
+    waker_->end_sleep();
 }
 
 /// Sets the timer where it does not come early enough or far too early.

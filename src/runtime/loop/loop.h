@@ -44,6 +44,9 @@ public:
     /// @return what is ready, all of it; entries with reserved tags are to be ignored
     const std::vector<Ready>& wait(std::optional<Time> until);
 
+    /// Waits until the time has come, or somebody called wake(). Leaves all else for wait().
+    void sleep(Time until);
+
 private:
     bool set_timer(std::optional<Time> until);
     bool prepare_event();

@@ -4,6 +4,8 @@
 #include "loop/loop.h"
 #include "observe/observer.h"
 #include "observe/statistics.h"
+#include "record/playback.h"
+#include "record/recorder.h"
 #include "run/runner.h"
 #include "run/signals.h"
 
@@ -23,6 +25,8 @@ using runtime::LoadedBlock;
 using runtime::LoadedGraph;
 using runtime::Loop;
 using runtime::Observer;
+using runtime::Playback;
+using runtime::Recorder;
 using runtime::Runner;
 using runtime::Signals;
 using runtime::Trace;
@@ -56,6 +60,8 @@ struct Graph::Impl {
     std::unique_ptr<Loop> loop;  // null for a graph that will not run
     std::unique_ptr<Signals> signals;
     LoadedGraph graph;  // behind those two: blocks may use them until they are destroyed
+    std::unique_ptr<Recorder> recorder;  // null: nothing is recorded
+    std::unique_ptr<Playback> playback;  // null: nothing is replayed
     std::atomic<bool> has_stop{false};
     bool has_run = false;
     std::vector<BlockStatistics> statistics;
@@ -66,9 +72,15 @@ struct Graph::Impl {
           signals(take_signals(options, loop.get())),
           graph(runtime::load_graph(options, signals.get()))
     {
+        if (!options.record_file.empty()) {
+            recorder = std::make_unique<Recorder>(graph, options.record_outputs);
+        }
+        if (!options.replay_file.empty()) {
+            playback = std::make_unique<Playback>(options.replay_file, graph, options.replays_fast);
+        }
     }
 
-    /// @throws std::system_error  the trace cannot be written
+    /// @throws std::system_error  the trace or the recording cannot be written
     RunResult run()
     {
         const runtime::Network& network = graph.network;
@@ -82,7 +94,17 @@ struct Graph::Impl {
             observer.emplace(network.nodes.size(), Loop::now, trace ? &*trace : nullptr);
             runner.life().wave().set_probe(&*observer);
         }
-        const RunResult result = runner.run();
+        if (recorder != nullptr) {
+            recorder->open(options.record_file);
+            runner.life().watch_outputs(*recorder);
+        }
+        if (playback != nullptr) {
+            runner.play(*playback);
+        }
+        RunResult result = runner.run();
+        if (recorder != nullptr && !recorder->finish() && result == RunResult::Done) {
+            result = RunResult::Failed;
+        }
         statistics = gather_statistics(network, runner.life().wave(),
                                        observer ? &observer->times() : nullptr);
         if (trace) {

@@ -130,6 +130,7 @@ bool Life::start()
     for (std::size_t block = network_.nodes.size(); block-- > 0;) {
         if (is_stopping_ || world_.must_stop()) {
             request_stop();
+            watch_start();
             return true;
         }
         start_block(static_cast<std::uint32_t>(block));
@@ -141,6 +142,7 @@ bool Life::start()
         }
         wave_.look_at_outputs(block);
     }
+    watch_start();
     return is_stopping_ || has_sources_ || !wave_.is_idle();
 }
 
@@ -208,7 +210,7 @@ void Life::step()
     wave_time_ = now;
     is_in_wave_ = true;
     ports_.begin_wave();
-    const bool is_well = wave_.run();
+    const bool is_well = watcher_ == nullptr ? wave_.run() : run_watched(now);
     if (!wave_.reset() || !is_well) {
         fail();
     }
@@ -224,6 +226,23 @@ void Life::check_signals()
         next_check_of_signals_ = wave_time_ + kPause;
         give_back_signals();
     }
+}
+
+void Life::watch_start()
+{
+    if (watcher_ != nullptr) {
+        watcher_->begin(is_source_);
+    }
+}
+
+bool Life::run_watched(Time now)
+{
+    watcher_->wave_begins(now);
+    wave_.for_triggered([this](const OutPortInternal& output) { watcher_->see(output, true); });
+    const bool is_well = wave_.run();
+    wave_.for_triggered([this](const OutPortInternal& output) { watcher_->see(output, false); });
+    watcher_->wave_ends();
+    return is_well;
 }
 
 void Life::take_requests()

@@ -35,6 +35,23 @@ protected:
     ~IWorld() = default;
 };
 
+/// Watches what the outputs of blocks give, wave by wave.
+struct IOutputWatcher {
+    /// After the blocks were started.
+    /// @param is_source  by block
+    virtual void begin(const std::vector<bool>& is_source) = 0;
+    virtual void wave_begins(std::chrono::nanoseconds time) = 0;
+    /// An output that stands triggered: at the end of a wave, before the resets, and before that
+    /// at its beginning where it was triggered outside of it.
+    virtual void see(const OutPortInternal& output, bool is_early) = 0;
+    virtual void wave_ends() = 0;
+
+    IOutputWatcher() = default;
+    IOutputWatcher(const IOutputWatcher&) = delete;
+    IOutputWatcher& operator=(const IOutputWatcher&) = delete;
+    virtual ~IOutputWatcher() = default;
+};
+
 /// Attaches services to the blocks of a graph, starts them, runs waves and stops them. Waits for
 /// nothing: whoever owns it does, and tells what became ready. Reports what goes wrong. One thread,
 /// but for the requests of blocks.
@@ -70,8 +87,12 @@ public:
     /// When the next wave is due by itself; a time in the past: at once.
     std::optional<Time> next_time() const;
 
+    /// @param watcher  told from the start on; has to be there until the last step
+    void watch_outputs(IOutputWatcher& watcher) { watcher_ = &watcher; }
+
     /// Stops the graph after the present wave.
     void request_stop() { is_stopping_ = true; }
+    bool is_stopping() const { return is_stopping_; }
     bool is_over() const;
 
     /// Stops the blocks that were started, from the first to the last.
@@ -91,6 +112,8 @@ private:
     void stop_block(std::uint32_t block);
     bool can_be_woken(std::uint32_t block);
     void add_source(std::uint32_t block);
+    void watch_start();
+    bool run_watched(Time now);
     void take_requests();
     void take_timers(Time now);
     void check_signals();
@@ -105,6 +128,7 @@ private:
     DescriptorPorts ports_;
     Wave wave_;
     Failures failures_;
+    IOutputWatcher* watcher_ = nullptr;
     std::vector<std::shared_ptr<Services>> services_;
     std::vector<std::uint32_t> loop_users_;  // blocks
     std::vector<bool> is_started_;

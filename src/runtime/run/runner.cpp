@@ -36,9 +36,15 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
     }
 }
 
+void Runner::play(IPlayback& playback)
+{
+    playback_ = &playback;
+    reload_.reset();
+}
+
 RunResult Runner::run()
 {
-    const bool has_work = life_.start();
+    const bool has_work = life_.start() || playback_ != nullptr;
     if (has_work && !life_.has_failed()) {
         notice_.tell_ready();
     }
@@ -46,6 +52,9 @@ RunResult Runner::run()
         end_ = now() + options_.run_for;
     }
     try {
+        while (playback_ != nullptr && !life_.is_stopping() && !loop_.has_exited()) {
+            play_wave();
+        }
         while (has_work && !life_.is_over() && !loop_.has_exited()) {
             turn();
         }
@@ -69,7 +78,7 @@ void Runner::turn()
 {
     life_.take(loop_.wait(next_time()));
     life_.look_around();
-    if (signals_ != nullptr && signals_->take_reload()) {
+    if (reload_ && signals_->take_reload()) {
         notice_.tell_reloading(now());
         reload_->run();
         notice_.tell_ready();
@@ -83,6 +92,26 @@ void Runner::turn()
     }
     life_.step();
     show_progress(false);
+}
+
+/// Waits for the next wave of the recording. What else became ready takes part in it.
+void Runner::play_wave()
+{
+    const std::optional<Life::Time> next = playback_->next_time();
+    if (!next) {
+        life_.request_stop();
+        return;
+    }
+    loop_.sleep(*next);
+    if (must_stop() || loop_.has_exited()) {
+        life_.request_stop();
+    } else if (Loop::now() >= *next) {
+        life_.take(loop_.wait(Life::Time(0)));
+        life_.look_around();
+        playback_->begin_wave(life_);
+        life_.step();
+        show_progress(false);
+    }
 }
 
 std::optional<Life::Time> Runner::next_time() const

@@ -17,6 +17,21 @@
 
 namespace Quorval::runtime {
 
+/// Gives the waves of a run in place of the world.
+struct IPlayback {
+    /// The time that blocks see.
+    virtual std::chrono::nanoseconds now() = 0;
+    /// When the next wave is to run, by the clock of the loop; none: there is none.
+    virtual std::optional<std::chrono::nanoseconds> next_time() = 0;
+    /// Makes due what has values in this wave. The time is then that of the wave.
+    virtual void begin_wave(Life& life) = 0;
+
+    IPlayback() = default;
+    IPlayback(const IPlayback&) = delete;
+    IPlayback& operator=(const IPlayback&) = delete;
+    virtual ~IPlayback() = default;
+};
+
 /// One run of a graph, from start to stop.
 class Runner final : private IWorld {
 public:
@@ -33,6 +48,10 @@ public:
 
     Life& life() { return life_; }
 
+    /// From the start on waves come from there alone, and the files are not read again.
+    /// @param playback  must outlive the object
+    void play(IPlayback& playback);
+
 private:
     struct Progress {
         const std::string* path = nullptr;  // null: told already
@@ -41,10 +60,14 @@ private:
     };
 
     void turn();
+    void play_wave();
     std::optional<Life::Time> next_time() const;
     void show_progress(bool is_last);
 
-    std::chrono::nanoseconds now() override { return Loop::now(); }
+    std::chrono::nanoseconds now() override
+    {
+        return playback_ == nullptr ? Loop::now() : playback_->now();
+    }
     bool must_stop() override;
     void progress(const std::string& path, std::uint64_t done, std::uint64_t total) override;
     sd_event* loop() override { return loop_.event(); }
@@ -58,6 +81,7 @@ private:
     Overrides overrides_;
     std::optional<Reload> reload_;
     ServiceNotice notice_;
+    IPlayback* playback_ = nullptr;
     std::optional<Life::Time> end_;
     Progress progress_;
     Life::Time next_progress_{};

@@ -83,6 +83,18 @@ public:
     /// @return false when a port of a block threw that does not skip failures
     bool reset();
 
+    /// Calls `see` with each output that stands triggered and that the next reset() concerns.
+    template <class See>
+    void for_triggered(const See& see) const
+    {
+        for (std::size_t at = 0; at < triggered_count_; ++at) {
+            const OutPortInternal& output = *triggered_[at]->port;
+            if (output.is_triggered()) {
+                see(output);
+            }
+        }
+    }
+
     void set_probe(IRunProbe* probe) { probe_ = probe; }
 
     std::uint64_t waves() const { return waves_; }

@@ -1,0 +1,141 @@
+#include "record/writer.h"
+
+#include "record/format.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <system_error>
+
+namespace Quorval::runtime {
+
+namespace {
+
+/// SQLite would open a file that is there.
+const std::string& make_file(const std::string& file)
+{
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        const int error = errno;
+        throw std::system_error(error, std::generic_category(),
+                                "cannot record into '" + file + "'");
+    }
+    ::close(fd);
+    return file;
+}
+
+/// A name is a file even where it looks like something else to SQLite.
+std::string as_file(const std::string& file)
+{
+    return file.front() == '/' ? file : "./" + file;
+}
+
+void run_transaction(Database& database, const std::function<void()>& work)
+{
+    database.execute("BEGIN");
+    try {
+        work();
+        database.execute("COMMIT");
+    } catch (...) {
+        sqlite3_exec(database.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+void write_outputs(const Database& database, const std::vector<RecordedOutput>& outputs)
+{
+    Statement insert(database, "INSERT INTO outputs VALUES(?, ?, ?, ?)");
+    std::int64_t id = 0;
+    for (const RecordedOutput& output : outputs) {
+        insert.bind(1, id++);
+        insert.bind(2, output.path);
+        insert.bind(3, output.port);
+        insert.bind(4, output.type);
+        insert.step();
+        insert.reset();
+    }
+}
+
+}  // namespace
+
+RecordingWriter::RecordingWriter(const std::string& file)
+    : database_(as_file(make_file(file)), SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX)
+{
+}
+
+void RecordingWriter::begin(const RecordingHeader& header)
+{
+    database_.execute("PRAGMA page_size = " + std::to_string(kPageSize));
+    database_.execute("PRAGMA journal_mode = MEMORY");
+    // Nobody who reads the file makes the recorder wait.
+    database_.execute("PRAGMA locking_mode = EXCLUSIVE");
+    run_transaction(database_, [&] {
+        database_.execute("PRAGMA application_id = " + std::to_string(kRecordingId));
+        database_.execute(kRecordingTable);
+        database_.execute(kOutputsTable);
+        Statement insert(database_, "INSERT INTO recording VALUES(?, ?, ?, ?, NULL)");
+        insert.bind(1, header.graph);
+        insert.bind(2, header.begin);
+        insert.bind(3, header.time);
+        insert.bind(4, static_cast<std::int64_t>(header.outputs.size()));
+        insert.step();
+        write_outputs(database_, header.outputs);
+        begin_part();
+    });
+}
+
+void RecordingWriter::write(const Batch& batch)
+{
+    run_transaction(database_, [&] {
+        std::string_view bytes = batch.bytes;
+        for (const Batch::Row& row : batch.rows) {
+            write(row, bytes.substr(0, row.size));
+            bytes.remove_prefix(row.size);
+        }
+    });
+}
+
+void RecordingWriter::finish(std::uint64_t waves)
+{
+    Statement update(database_, "UPDATE recording SET waves = ?");
+    update.bind(1, static_cast<std::int64_t>(waves));
+    update.step();
+}
+
+void RecordingWriter::begin_part()
+{
+    ++parts_;
+    part_size_ = 0;
+    insert_.reset();
+    database_.execute(part_table(parts_));
+    database_.execute(part_beginning(parts_));
+    insert_.emplace(database_,
+                    "INSERT INTO " + part_name(parts_) + " VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+}
+
+void RecordingWriter::write(const Batch::Row& row, std::string_view bytes)
+{
+    if (part_size_ >= kPartSize) {
+        begin_part();
+    }
+    insert_->bind(1, ++rows_);
+    insert_->bind(2, static_cast<std::int64_t>(row.wave));
+    insert_->bind(3, row.time);
+    insert_->bind(4, static_cast<std::int64_t>(row.rest));
+    if (row.output == Batch::kNoOutput) {
+        insert_->bind_null(5);
+        insert_->bind_null(7);
+    } else {
+        insert_->bind(5, static_cast<std::int64_t>(row.output));
+        insert_->bind_bytes(7, bytes);
+    }
+    insert_->bind(6, std::int64_t{row.is_early ? 1 : 0});
+    insert_->bind(8, static_cast<std::int64_t>(bytes.size()) + 2);
+    insert_->step();
+    insert_->reset();
+    part_size_ += bytes.size() + kRowSize;
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,347 @@
+// The file of a recording: what is written, what is read of it, cut off or broken.
+#include <quorval/runtime/recording.h>
+#include "record/format.h"
+#include "record/reader.h"
+#include "record/writer.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+using Quorval::read_recording;
+using Quorval::RecordingError;
+using Quorval::RecordingInfo;
+using Quorval::runtime::Batch;
+using Quorval::runtime::Database;
+using Quorval::runtime::RecordedWave;
+using Quorval::runtime::RecordingHeader;
+using Quorval::runtime::RecordingReader;
+using Quorval::runtime::RecordingWriter;
+using quorval_test::expect_throw;
+using quorval_test::read_file;
+using quorval_test::TemporaryDirectory;
+using quorval_test::write_file;
+
+constexpr std::int64_t kBegin = 1'700'000'000'000'000'000;
+
+RecordingHeader header()
+{
+    return {"loudness", kBegin, 1000, {{"a", "out", "string"}, {"b/c", "level", "double"}}};
+}
+
+/// One wave with a value of each size, of the first output.
+Batch wave(std::uint64_t number, const std::vector<std::size_t>& sizes)
+{
+    Batch batch;
+    std::size_t rest = sizes.size();
+    for (const std::size_t size : sizes) {
+        batch.rows.push_back(
+            {number, 1000 + static_cast<std::int64_t>(number), --rest, 0, rest == 0, size});
+        batch.bytes += std::string(size, static_cast<char>('a' + number % 26));
+    }
+    if (sizes.empty()) {
+        batch.rows.push_back(
+            {number, 1000 + static_cast<std::int64_t>(number), 0, Batch::kNoOutput, false, 0});
+    }
+    return batch;
+}
+
+class RecordingFile : public testing::Test {
+protected:
+    std::string path(const std::string& name) const { return directory_.path() / name; }
+
+    /// A whole recording of waves with values of these sizes.
+    void write(const std::vector<std::vector<std::size_t>>& waves) const
+    {
+        RecordingWriter writer(path("r"));
+        writer.begin(header());
+        std::uint64_t number = 0;
+        for (const auto& sizes : waves) {
+            writer.write(wave(++number, sizes));
+        }
+        writer.finish(number);
+    }
+
+    /// Changes a recording by SQL.
+    void change(const std::string& sql) const
+    {
+        Database database(path("r"), SQLITE_OPEN_READWRITE);
+        database.execute(sql);
+    }
+
+    void expect_no_recording(const std::string& name) const
+    {
+        expect_throw<RecordingError>([&] { read_recording(path(name)); },
+                                     "'" + path(name) + "' is no recording");
+    }
+
+    /// How many waves can be read.
+    std::uint64_t count_waves() const { return read_recording(path("r")).waves; }
+
+private:
+    TemporaryDirectory directory_;
+};
+
+TEST_F(RecordingFile, GivesBackWhatWasWritten)
+{
+    write({{3, 1}, {}, {100'000}});
+
+    RecordingReader reader(path("r"));
+    EXPECT_EQ(reader.header().graph, "loudness");
+    EXPECT_EQ(reader.header().outputs.at(1).path, "b/c");
+    RecordedWave wave;
+    ASSERT_TRUE(reader.read(wave));
+    EXPECT_EQ(wave.number, 1U);
+    EXPECT_EQ(wave.time, 1001);
+    ASSERT_EQ(wave.values.size(), 2U);
+    EXPECT_EQ(wave.values[0].bytes, "bbb");
+    EXPECT_FALSE(wave.values[0].is_early);
+    EXPECT_EQ(wave.values[1].bytes, "b");
+    EXPECT_TRUE(wave.values[1].is_early);
+    ASSERT_TRUE(reader.read(wave));
+    EXPECT_TRUE(wave.values.empty());
+    ASSERT_TRUE(reader.read(wave));
+    EXPECT_EQ(wave.values.at(0).bytes, std::string(100'000, 'd'));
+    EXPECT_FALSE(reader.read(wave));
+    EXPECT_TRUE(reader.is_whole());
+}
+
+TEST_F(RecordingFile, IsDescribed)
+{
+    write({{3, 1}, {}, {5}});
+
+    const RecordingInfo info = read_recording(path("r"));
+
+    EXPECT_EQ(info.graph, "loudness");
+    EXPECT_EQ(info.begin.time_since_epoch(), std::chrono::nanoseconds(kBegin));
+    EXPECT_EQ(info.duration, std::chrono::nanoseconds(3));
+    EXPECT_EQ(info.waves, 3U);
+    EXPECT_EQ(info.missing_waves, 0U);
+    EXPECT_TRUE(info.is_whole);
+    ASSERT_EQ(info.outputs.size(), 2U);
+    EXPECT_EQ(info.outputs[0].values, 3U);
+    EXPECT_EQ(info.outputs[0].bytes, 9U);
+    EXPECT_EQ(info.outputs[1].type, "double");
+    EXPECT_EQ(info.outputs[1].values, 0U);
+}
+
+TEST_F(RecordingFile, TellsOfMissingWaves)
+{
+    {
+        RecordingWriter writer(path("r"));
+        writer.begin(header());
+        writer.write(wave(2, {1}));
+        writer.write(wave(5, {1}));
+        writer.finish(5);
+    }
+
+    const RecordingInfo info = read_recording(path("r"));
+
+    EXPECT_EQ(info.waves, 2U);
+    EXPECT_EQ(info.missing_waves, 3U);
+    EXPECT_TRUE(info.is_whole);
+}
+
+TEST_F(RecordingFile, TakesTheCurrentDirectoryAndNamesOfItsOwnKind)
+{
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(path(""));
+    for (const std::string name : {":memory:", "a?b#c%20", "file:x"}) {
+        SCOPED_TRACE(name);
+        {
+            RecordingWriter writer(name);
+            writer.begin(header());
+            writer.write(wave(1, {1}));
+        }
+        EXPECT_EQ(read_recording(name).waves, 1U);
+        EXPECT_TRUE(std::filesystem::exists(path(name)));
+    }
+    std::filesystem::current_path(before);
+}
+
+TEST_F(RecordingFile, IsRefusedWhereSomethingIs)
+{
+    write_file(path("r"), "mine");
+
+    try {
+        const RecordingWriter writer(path("r"));
+        ADD_FAILURE() << "threw nothing";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), EEXIST);
+    }
+    EXPECT_EQ(read_file(path("r")), "mine");
+}
+
+TEST_F(RecordingFile, HasNothingBesideItWhileItIsWritten)
+{
+    RecordingWriter writer(path("r"));
+    writer.begin(header());
+    writer.write(wave(1, {100}));
+
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 1);
+    EXPECT_EQ(count_waves(), 1U);
+    EXPECT_FALSE(read_recording(path("r")).is_whole);
+}
+
+/// The first waves of a recording that was cut off after `size` bytes.
+void expect_prefix(const std::string& file, std::uint64_t waves)
+{
+    RecordingReader reader(file);
+    RecordedWave read;
+    std::uint64_t number = 0;
+    while (reader.read(read)) {
+        ASSERT_EQ(read.number, ++number);
+        ASSERT_EQ(read.values.size(), 2U);
+        for (const auto& value : read.values) {
+            ASSERT_EQ(value.bytes,
+                      std::string(value.bytes.size(), static_cast<char>('a' + number % 26)));
+        }
+    }
+    EXPECT_EQ(number, waves);
+}
+
+TEST_F(RecordingFile, IsReadableUpToTheTransactionBeforeTheCut)
+{
+    // The size of the file after each transaction: what is in front of it can be read.
+    std::vector<std::uintmax_t> sizes;
+    {
+        RecordingWriter writer(path("w"));
+        writer.begin(header());
+        for (std::uint64_t number = 1; number <= 60; ++number) {
+            writer.write(wave(number, {number * 997 % 9000, number % 7 == 0 ? 90'000U : 10U}));
+            sizes.push_back(std::filesystem::file_size(path("w")));
+        }
+        writer.finish(60);
+    }
+    const std::string whole = read_file(path("w"));
+    const auto full = [&](std::size_t size) {
+        return static_cast<std::uint64_t>(std::upper_bound(sizes.begin(), sizes.end(), size) -
+                                          sizes.begin());
+    };
+    const std::size_t first = sizes.front();
+    for (std::size_t size = first; size < whole.size(); size += 7'919) {
+        SCOPED_TRACE(size);
+        write_file(path("r"), whole.substr(0, size));
+        const std::uint64_t waves = count_waves();
+        EXPECT_GE(waves, full(size));
+        expect_prefix(path("r"), waves);
+    }
+    EXPECT_EQ(full(whole.size()), 60U);
+}
+
+TEST_F(RecordingFile, IsReadableWhereverALongOneIsCut)
+{
+    std::vector<std::uintmax_t> sizes;
+    {
+        RecordingWriter writer(path("r"));
+        writer.begin(header());
+        for (std::uint64_t number = 1; number <= 90; ++number) {
+            writer.write(wave(number, {1'000'000, 10}));
+            sizes.push_back(std::filesystem::file_size(path("r")));
+        }
+    }
+    for (int number = 90; number > 0; number -= 7) {
+        SCOPED_TRACE(number);
+        const auto waves = static_cast<std::uint64_t>(number);
+        std::filesystem::resize_file(path("r"), sizes[waves - 1]);
+        EXPECT_EQ(count_waves(), waves);
+    }
+}
+
+TEST_F(RecordingFile, IsNoRecordingBeforeItsHeaderIsThere)
+{
+    write({{1}});
+    const std::string whole = read_file(path("r"));
+    for (const std::size_t size : {std::size_t{0}, std::size_t{99}, std::size_t{32768},
+                                   std::size_t{50'000}, std::size_t{65536}}) {
+        SCOPED_TRACE(size);
+        write_file(path("r"), whole.substr(0, size));
+        expect_no_recording("r");
+    }
+}
+
+TEST_F(RecordingFile, HasToBeARegularFile)
+{
+    expect_throw<RecordingError>(
+        [&] { read_recording(path("none")); },
+        "'" + path("none") + "' cannot be read: No such file or directory");
+    expect_throw<RecordingError>([] { read_recording("/dev/zero"); },
+                                 "'/dev/zero' cannot be read: not a regular file");
+}
+
+TEST_F(RecordingFile, IsNoRecordingWhenItIsAnythingElse)
+{
+    write_file(path("text"), "format = 1\n");
+    expect_no_recording("text");
+    for (const std::string sql : {
+             "PRAGMA application_id = 1",
+             "DROP TABLE outputs",
+             "DELETE FROM outputs WHERE id = 0",
+             "DELETE FROM recording",
+             "UPDATE recording SET time = -1",
+             "UPDATE recording SET outputs = 9223372036854775807",
+             "ALTER TABLE part_1 ADD COLUMN more INTEGER",
+             "DROP TABLE part_1; CREATE VIEW part_1(id, wave, time, rest, output, early, value, "
+             "mark) AS WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n) "
+             "SELECT x, x, x, 0, NULL, 0, NULL, 2 FROM n",
+         }) {
+        SCOPED_TRACE(sql);
+        std::filesystem::remove(path("r"));
+        write({{1}});
+        change(sql);
+        expect_no_recording("r");
+    }
+}
+
+TEST_F(RecordingFile, EndsWhereARowIsWrong)
+{
+    for (const std::string sql : {
+             "UPDATE part_1 SET output = 2 WHERE id = 3",
+             "UPDATE part_1 SET output = -1 WHERE id = 3",
+             "UPDATE part_1 SET wave = 1 WHERE id = 3",
+             "UPDATE part_1 SET wave = 'x' WHERE id = 3",
+             "UPDATE part_1 SET time = 1 WHERE id = 3",
+             "UPDATE part_1 SET rest = 9223372036854775807 WHERE id = 3",
+             "UPDATE part_1 SET rest = -1 WHERE id = 3",
+             "UPDATE part_1 SET mark = 7 WHERE id = 3",
+             "UPDATE part_1 SET value = NULL WHERE id = 3",
+             "UPDATE part_1 SET id = 9 WHERE id = 3",
+             "DELETE FROM part_1 WHERE id = 3",
+         }) {
+        SCOPED_TRACE(sql);
+        std::filesystem::remove(path("r"));
+        write({{1}, {1}, {1}, {1}});
+        change(sql);
+        EXPECT_EQ(count_waves(), 2U);
+    }
+}
+
+TEST_F(RecordingFile, BearsAnyByteBeingAnother)
+{
+    write({{100, 200}, {3000}, {5}, {40'000}});
+    const std::string whole = read_file(path("r"));
+    for (std::size_t at = 0; at < whole.size(); at += 331) {
+        SCOPED_TRACE(at);
+        std::string broken = whole;
+        broken[at] = static_cast<char>(broken[at] ^ 0x55);
+        write_file(path("r"), broken);
+        try {
+            EXPECT_LE(count_waves(), 4U);
+        } catch (const RecordingError& error) {
+            EXPECT_EQ(error.what(), "'" + path("r") + "' is no recording");
+        }
+    }
+}
+
+}  // namespace
