@@ -22,5 +22,7 @@ int config_command(const Arguments& arguments);
 int graph_command(const Arguments& arguments);
 int inspect_command(const Arguments& arguments);
 int new_command(const Arguments& arguments);
+int recording_command(const Arguments& arguments);
+int replay_command(const Arguments& arguments);
 int run_command(const Arguments& arguments);
 int schema_command(const Arguments& arguments);

@@ -22,12 +22,14 @@ struct Command {
     int (*run)(const Arguments&);
 };
 
-constexpr std::array<Command, 7> kCommands = {{
+constexpr std::array<Command, 9> kCommands = {{
     {"check", "look for what is wrong with a graph", check_command},
     {"config", "look at store files, and change them", config_command},
     {"graph", "draw a graph", graph_command},
     {"inspect", "show what plug-ins offer", inspect_command},
     {"new", "write a plug-in to begin with", new_command},
+    {"recording", "look at a recording", recording_command},
+    {"replay", "run a graph on what was recorded", replay_command},
     {"run", "run a graph", run_command},
     {"schema", "write a JSON Schema of graph files", schema_command},
 }};
@@ -52,7 +54,7 @@ HelpText help_text()
                 "  0  done\n"
                 "  1  failed while running, or output could not be written\n"
                 "  2  wrong use of the command line\n"
-                "  3  the graph, a plug-in or a store file is wrong\n"
+                "  3  the graph, a plug-in, a store file or a recording is wrong\n"
                 "\n"
                 "Example:\n"
                 "  quorval run loudness.toml"};

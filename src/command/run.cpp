@@ -1,5 +1,4 @@
 // quorval run: runs a graph.
-#include <quorval/log.h>
 #include <quorval/runtime/crash.h>
 #include <quorval/runtime/graph.h>
 #include <quorval/runtime/messages.h>
@@ -10,9 +9,12 @@
 #include "graph_line.h"
 #include "output.h"
 #include "progress.h"
+#include "running.h"
 #include "statistics.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -20,37 +22,6 @@
 #include <vector>
 
 namespace {
-
-using Quorval::RunResult;
-
-struct Verbosity {
-    bool is_quiet = false;
-    int verbose_count = 0;
-};
-
-/// The most verbose level that is shown.
-loglevel to_level(const Verbosity& verbosity)
-{
-    if (verbosity.is_quiet) {
-        return LOGLEVEL_ERROR;
-    }
-    return verbosity.verbose_count == 0   ? LOGLEVEL_WARNING
-           : verbosity.verbose_count == 1 ? LOGLEVEL_INFO
-                                          : LOGLEVEL_DEBUG;
-}
-
-int to_status(RunResult result)
-{
-    switch (result) {
-        case RunResult::Done:
-            return kDone;
-        case RunResult::Failed:
-            return kFailed;
-        case RunResult::NoSource:
-            return kWrongGraph;
-    }
-    return kFailed;
-}
 
 int run_graph(const Quorval::GraphOptions& options, loglevel level)
 {
@@ -67,7 +38,7 @@ int run_graph(const Quorval::GraphOptions& options, loglevel level)
     if (level >= LOGLEVEL_WARNING) {
         show_diagnostics(graph->warnings());
     }
-    const RunResult result = graph->run();
+    const Quorval::RunResult result = graph->run();
     if (options.times_runs) {
         static_cast<void>(std::fputs(to_table(graph->statistics()).c_str(), stderr));
     }
@@ -83,13 +54,40 @@ std::chrono::nanoseconds read_duration(const std::string& text)
     return *duration;
 }
 
+/// The parts of a list whose parts are parted by ",".
+std::vector<std::string> split_list(const std::string& list)
+{
+    std::vector<std::string> parts;
+    std::size_t begin = 0;
+    while (begin <= list.size()) {
+        const std::size_t end = std::min(list.find(',', begin), list.size());
+        parts.push_back(list.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return parts;
+}
+
+void read_recording_options(bool has_recording, bool has_outputs, const std::string& outputs,
+                            Quorval::GraphOptions& options)
+{
+    if (has_recording && options.record_file.empty()) {
+        throw UsageError("--record needs the name of a file");
+    }
+    if (has_outputs && !has_recording) {
+        throw UsageError("--outputs needs --record");
+    }
+    if (has_outputs) {
+        options.record_outputs = split_list(outputs);
+    }
+}
+
 HelpText help_text()
 {
     return {"quorval run [OPTION...] FILE...",
             "Runs the graph of the files until it has come to its end.",
             "Exit status:\n"
             "  0  the graph came to its end, or was stopped\n"
-            "  1  a block failed, or output could not be written\n"
+            "  1  a block failed, or output or the recording could not be written\n"
             "  2  wrong use of the command line\n"
             "  3  the graph or a plug-in is wrong, or nothing would ever run\n"
             "\n"
@@ -109,6 +107,8 @@ int run_command(const Arguments& arguments)
     bool is_local = false;
     std::string trace_file;
     bool shows_statistics = false;
+    std::string record_file;
+    std::string outputs;
     Verbosity verbosity;
     line.add_value("--state", state, "DIR",
                    "keep the state of the blocks below DIR (default: the first of "
@@ -120,10 +120,12 @@ int run_command(const Arguments& arguments)
                   "write how often blocks ran, failed, and how long that took, at the end");
     line.add_value("--trace", trace_file, "FILE",
                    "write each run of a block to FILE, for viewers of trace events");
-    line.add_flag("-q,--quiet", verbosity.is_quiet, "write errors alone");
-    line.add_count("-v,--verbose", verbosity.verbose_count, "write notes too; twice: details");
-    add_machine(line, machine);
-    line.add_flag("--local", is_local, "run the blocks of all machines here, without a broker");
+    add_machines(line, machine, is_local);
+    const CLI::Option* has_recording = line.add_value(
+        "--record", record_file, "FILE", "record what outputs give into FILE, which is made");
+    const CLI::Option* has_outputs = line.add_value(
+        "--outputs", outputs, "A.OUT,B.OUT", "record these (default: the outputs of the sources)");
+    add_verbosity(line, verbosity);
     const auto files = line.read(arguments);
     if (!files.has_value()) {
         return kDone;
@@ -134,11 +136,9 @@ int run_command(const Arguments& arguments)
     options.trace_file = trace_file;
     options.takes_signals = true;
     options.tells_manager = true;
-    options.machine = machine;
-    options.is_local = is_local;
-    if (is_local && !machine.empty()) {
-        throw UsageError("--machine and --local exclude each other");
-    }
+    set_machine(options, machine, is_local);
+    options.record_file = record_file;
+    read_recording_options(has_recording->count() > 0, has_outputs->count() > 0, outputs, options);
     if (has_duration->count() > 0) {
         options.run_for = read_duration(duration);
     }

@@ -16,7 +16,7 @@ import unittest
 QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 COMPLETIONS = pathlib.Path(sys.argv.pop()).resolve()
 
-COMMANDS = ["check", "config", "graph", "inspect", "new", "run", "schema"]
+COMMANDS = ["check", "config", "graph", "inspect", "new", "recording", "replay", "run", "schema"]
 
 
 def options_of(command):
@@ -49,6 +49,10 @@ class Completion(unittest.TestCase):
         self.assertEqual(complete("quorval config "),
                          ["diff", "export", "get", "import", "set", "show", "unset"])
         self.assertIn("graph.toml", complete("quorval config show "))
+        self.assertEqual(complete("quorval recording "), ["show"])
+        self.assertIn("graph.toml", complete("quorval recording show "))
+        self.assertIn("graph.toml", complete("quorval replay "))
+        self.assertIn("graph.toml", complete("quorval run --record "))
         files = complete("quorval check ")
         self.assertIn("graph.toml", files)
         self.assertNotIn("other.txt", files)
@@ -119,7 +123,8 @@ class Completion(unittest.TestCase):
     def test_completes_in_zsh(self):
         terminal = self.start_zsh()
         for begun, completed in (
-                ("ch", "check"), ("co", "config"), ("g", "graph"), ("n", "new"), ("r", "run"), ("--v", "--version"),
+                ("ch", "check"), ("co", "config"), ("g", "graph"), ("n", "new"), ("rec", "recording"),
+                ("rep", "replay"), ("ru", "run"), ("--v", "--version"),
                 ("check --str", "check --strict"), ("check --j", "check --json"),
                 ("i", "inspect"), ("s", "schema"), ("schema --pl", "schema --plugin-path"), ("inspect --j", "inspect --json"),
                 ("check gr", "check graph.toml"),
@@ -127,6 +132,10 @@ class Completion(unittest.TestCase):
                 ("config show oth", "config show other.txt"),
                 ("graph --format=s", "graph --format=svg"), ("graph --format mer",
                                                              "graph --format mermaid"),
+                ("recording sh", "recording show"),
+                ("recording show oth", "recording show other.txt"),
+                ("replay oth", "replay other.txt"), ("replay a gr", "replay a graph.toml"),
+                ("run --record oth", "run --record other.txt"),
                 ("run --qu", "run --quiet"), ("run --verb", "run --verbose"),
                 ("run --state fo", "run --state folder"), ("run --state=fo", "run --state=folder"),
                 ("run --plugin-path=fo", "run --plugin-path=folder")):

@@ -147,6 +147,18 @@ TEST_F(SoundGraph, CalculatesTheSamplesOfBothStages)
     }
 }
 
+TEST_F(SoundGraph, ComputesTheSameFromWhatWasRecordedOfIt)
+{
+    write_recording(file("in.wav"), make_recording(2, 5000), kFloatWav);
+    expect_success(run({"sink.path=live.wav"}, {"--record", "r"}));
+    fs::remove(file("in.wav"));
+
+    expect_success(quorval_test::run_process(
+        command({"replay", "--fast", "r", "loudness.toml", "--set", "sink.path=replayed.wav"})));
+
+    EXPECT_EQ(read_file(file("replayed.wav")), read_file(file("live.wav")));
+}
+
 TEST_F(SoundGraph, BringsEverySampleBackThroughLosslessFormats)
 {
     struct Variant {

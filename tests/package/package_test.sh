@@ -122,6 +122,8 @@ installs_what_is_needed_and_no_more()
             man1/quorval-config.1
             man1/quorval-graph.1
             man1/quorval-new.1
+            man1/quorval-recording.1
+            man1/quorval-replay.1
             man1/quorval-run.1
             man5/quorval-graph.5
         )

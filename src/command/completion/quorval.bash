@@ -7,7 +7,7 @@ _quorval()
 
     local command=${words[1]}
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'check config graph inspect new run schema --help --version' -- "${cur}")
+        mapfile -t COMPREPLY < <(compgen -W 'check config graph inspect new recording replay run schema --help --version' -- "${cur}")
         return
     fi
 
@@ -20,11 +20,11 @@ _quorval()
         _filedir -d
         return
         ;;
-    --trace)
+    --record | --trace)
         _filedir
         return
         ;;
-    --set | --for | --machine)
+    --set | --for | --machine | --outputs)
         return
         ;;
     esac
@@ -34,11 +34,12 @@ _quorval()
         local options='--help --set --plugin-path'
         case ${command} in
         config) options='--help --raw' ;;
-        new) options='--help' ;;
+        new | recording) options='--help' ;;
         check) options+=' --machine --strict --json' ;;
         graph) options+=' --format' ;;
         inspect) options+=' --json' ;;
-        run) options+=' --state --for --machine --local --stats --trace --quiet --verbose' ;;
+        replay) options+=' --state --machine --local --fast --quiet --verbose' ;;
+        run) options+=' --state --for --machine --local --record --outputs --stats --trace --quiet --verbose' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
     elif [[ ${command} == config ]]; then
@@ -47,6 +48,10 @@ _quorval()
         else
             _filedir
         fi
+    elif [[ ${command} == recording ]] && ((cword == 2)); then
+        mapfile -t COMPREPLY < <(compgen -W 'show' -- "${cur}")
+    elif [[ ${command} == recording || ${command} == replay ]]; then
+        _filedir
     elif [[ ! ${command} =~ ^(inspect|new|schema)$ ]]; then
         _filedir toml
     fi

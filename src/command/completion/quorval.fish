@@ -1,7 +1,8 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check config graph inspect new run schema
-set -l graph_commands check graph run
+set -l commands check config graph inspect new recording replay run schema
+set -l graph_commands check graph replay run
+set -l running_commands replay run
 
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
@@ -16,6 +17,10 @@ complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a schema \
     -d 'Write a JSON Schema of graph files'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a new \
     -d 'Write a plug-in to begin with'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a recording \
+    -d 'Look at a recording'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a replay \
+    -d 'Run a graph on what was recorded'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
 complete -c quorval -s h -l help -d 'Print usage, options, exit status and an example'
 
@@ -32,9 +37,9 @@ set -l actions diff export get import set show unset
 complete -c quorval -f -a "$actions" \
     -n "__fish_seen_subcommand_from config; and not __fish_seen_subcommand_from $actions"
 
-complete -c quorval -n '__fish_seen_subcommand_from check run' -l machine -x \
+complete -c quorval -n '__fish_seen_subcommand_from check replay run' -l machine -x \
     -d 'Take the blocks of this machine alone'
-complete -c quorval -n '__fish_seen_subcommand_from run' -l local \
+complete -c quorval -n '__fish_seen_subcommand_from replay run' -l local \
     -d 'Run the blocks of all machines here'
 
 complete -c quorval -n '__fish_seen_subcommand_from graph' -l format -x \
@@ -54,12 +59,22 @@ complete -c quorval -n '__fish_seen_subcommand_from inspect' -l json -d 'Write e
 
 complete -c quorval -f -n '__fish_seen_subcommand_from new'
 
-complete -c quorval -n '__fish_seen_subcommand_from run' -l state -x \
-    -a '(__fish_complete_directories)' -d 'Keep the state of the blocks below this directory'
+complete -c quorval -f -a show \
+    -n '__fish_seen_subcommand_from recording; and not __fish_seen_subcommand_from show'
+
+complete -c quorval -n '__fish_seen_subcommand_from replay' -l fast \
+    -d 'Do not wait for the time of each wave'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l for -x -d 'Stop after this time'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l stats \
     -d 'Show what blocks did at the end'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l trace -r \
     -d 'Write each run of a block to this file'
-complete -c quorval -n '__fish_seen_subcommand_from run' -s q -l quiet -d 'Write errors alone'
-complete -c quorval -n '__fish_seen_subcommand_from run' -s v -l verbose -d 'Write notes too'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l record -r \
+    -d 'Record what outputs give into this file'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l outputs -x -d 'Record these outputs'
+complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -l state -x \
+    -a '(__fish_complete_directories)' -d 'Keep the state of the blocks below this directory'
+complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -s q -l quiet \
+    -d 'Write errors alone'
+complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -s v -l verbose \
+    -d 'Write notes too'
