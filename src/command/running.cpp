@@ -42,6 +42,7 @@ int to_status(Quorval::RunResult result)
         case Quorval::RunResult::Failed:
             return kFailed;
         case Quorval::RunResult::NoSource:
+        case Quorval::RunResult::WrongObjects:
             return kWrongGraph;
     }
     return kFailed;

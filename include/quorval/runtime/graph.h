@@ -3,6 +3,7 @@
 
 #include <quorval/config.h>
 #include <quorval/export.h>
+#include <quorval/runtime/bus.h>
 #include <quorval/runtime/diagnostic.h>
 
 #include <chrono>
@@ -69,6 +70,9 @@ struct GraphOptions {
     std::string machine;
     /// All machines of the graph are this process.
     bool is_local = false;
+    /// The bus on which the running graph can be looked at and changed, and on which the objects of
+    /// its blocks are; see RemoteGraph.
+    Bus bus = Bus::None;
 };
 
 /// A plain block of a graph.
@@ -105,9 +109,12 @@ struct BlockStatistics {
 
 /// How a run ended.
 enum class RunResult {
-    Done,      ///< the graph came to its end, or was stopped
-    Failed,    ///< a block failed and the graph stopped for it, or a stop() failed; reported
-    NoSource,  ///< nothing would ever run; reported
+    Done,  ///< the graph came to its end, or was stopped
+    /// A block failed and the graph stopped for it, or a stop() failed, or the bus or the name on
+    /// it was not to be had; reported.
+    Failed,
+    NoSource,      ///< nothing would ever run; reported
+    WrongObjects,  ///< blocks offer objects that cannot be published; reported
 };
 
 /// A graph: made from files, run once. Belongs to one thread, but for stop().
@@ -125,6 +132,8 @@ public:
     ///     file"
     /// @throws std::logic_error       another graph of the process takes the signals already:
     ///     "another graph takes the signals"
+    /// @throws std::runtime_error     another graph that runs keeps its state there: "the state
+    ///     directory '<directory>' is in use"
     /// @throws std::system_error      there are no descriptors left for the event loop
     explicit Graph(GraphOptions options);
     Graph(const Graph&) = delete;

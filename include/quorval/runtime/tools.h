@@ -45,7 +45,8 @@ struct RuntimeTools {
     /// The event loop that the graph runs on, owned by the runtime; null in a test.
     virtual sd_event* loop() = 0;
 
-    /// The message bus that the graph is on, owned by the runtime; null without one.
+    /// The message bus that the graph is on, owned by the runtime; null without one. It is another
+    /// one when the bus was lost and is back, and null in between: ask each time.
     virtual sd_bus* bus() = 0;
 
 protected:

@@ -27,6 +27,7 @@ struct Setting {
     Place key_place;                 ///< of the last component of the key
     Place value_place;               ///< of the value
     std::vector<Place> item_places;  ///< of the items of a list that stands in a file
+    bool is_saved = false;           ///< it was kept from a change in an earlier run
 };
 
 /// What becomes of the graph when a block fails.
@@ -124,9 +125,9 @@ struct GraphDescription {
 
 /// What the places of a description refer to.
 struct Source {
-    std::string name;  ///< a file as it was given, or `--set PATH.KEY`
+    std::string name;  ///< a file as it was given, `--set PATH.KEY`, or the file of what was saved
     std::string text;  ///< of a file, to show the line of a problem
-    bool is_assignment = false;
+    bool is_assignment = false;  ///< or values that were saved: places in it have no lines
 };
 
 }  // namespace Quorval::runtime

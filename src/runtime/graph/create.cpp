@@ -79,8 +79,8 @@ private:
             return;
         }
         BlockConfiguration& config = made_.configs[index];
-        const bool adds_store = configure(place, config, made_.state_directories[index]);
         const auto* declared = plugin->settings_of(type.substr(colon + 1));
+        const bool adds_store = configure(place, declared, config, made_.state_directories[index]);
         if (declared != nullptr && !check_declared(*declared, place, config, problems_)) {
             return;
         }
@@ -127,11 +127,17 @@ private:
         return found.plugin.get();
     }
 
-    /// Whether the runtime adds the path of the store.
-    bool configure(const PlainBlock& place, BlockConfiguration& config, std::string& directory)
+    /// @param declared  null where the type declares no settings
+    /// @return whether the runtime adds the path of the store
+    bool configure(const PlainBlock& place, const std::vector<Quorval::Setting>* declared,
+                   BlockConfiguration& config, std::string& directory)
     {
         bool has_store = false;
         for (const SettingRef& ref : place.settings) {
+            if (ref.setting->is_saved && declared != nullptr &&
+                !is_declared(*declared, ref.key())) {
+                continue;  // of a former version of the block; reported below
+            }
             if (!ref.setting->is_wrong) {
                 set_value(config, std::string(ref.key()), ref.setting->value);
             }

@@ -4,6 +4,7 @@
 #include "description/names.h"
 #include "description/suggest.h"
 #include "graph/create.h"
+#include "graph/values.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -14,6 +15,29 @@
 namespace Quorval::runtime {
 
 namespace {
+
+std::string text_of_unknown(const std::vector<Quorval::Setting>& declared, const std::string& type,
+                            const std::string& key)
+{
+    std::vector<std::string> known;
+    known.reserve(declared.size());
+    for (const Quorval::Setting& setting : declared) {
+        known.push_back(setting.key);
+    }
+    return "block type '" + type + "' has no setting '" + key + "'" + suggestion(key, known);
+}
+
+/// What is wrong with the value of a setting, which is there.
+SettingProblem problem_of(const BlockConfiguration& config, const Quorval::Setting& setting)
+{
+    try {
+        return find_problem(config, setting);
+    } catch (const std::runtime_error& error) {
+        SettingProblem problem;
+        problem.text = error.what();
+        return problem;
+    }
+}
 
 class DeclaredCheck {
 public:
@@ -56,11 +80,14 @@ private:
     void check_unknown_key(const SettingRef& ref, const std::vector<std::string>& known)
     {
         const std::string key(ref.key());
+        if (ref.setting->is_saved) {
+            problems_.add_warning(ref.setting->key_place,
+                                  text_of_unknown(declared_, block_.member->type, key));
+            return;
+        }
         meant_.insert(find_near(key, known));
         if (is_key(key)) {
-            report(ref.setting->key_place, "block type '" + block_.member->type +
-                                               "' has no setting '" + key + "'" +
-                                               suggestion(key, known));
+            report(ref.setting->key_place, text_of_unknown(declared_, block_.member->type, key));
         }
     }
 
@@ -72,12 +99,7 @@ private:
 
     void check_value(const BlockConfiguration& config, const Quorval::Setting& setting)
     {
-        SettingProblem problem;
-        try {
-            problem = find_problem(config, setting);
-        } catch (const std::runtime_error& error) {
-            problem.text = error.what();
-        }
+        const SettingProblem problem = problem_of(config, setting);
         if (!problem.text.empty()) {
             report(place_of(setting.key, problem.item), problem.text);
         }
@@ -119,6 +141,56 @@ bool check_declared(const std::vector<Quorval::Setting>& declared, const PlainBl
     // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const BlockConfiguration copy = config;
     return DeclaredCheck(declared, block, problems).check(copy);
+}
+
+bool is_declared(const std::vector<Quorval::Setting>& declared, std::string_view key)
+{
+    return std::any_of(declared.begin(), declared.end(),
+                       [key](const Quorval::Setting& setting) { return setting.key == key; });
+}
+
+std::string find_refusal(const std::vector<Quorval::Setting>& declared, const std::string& type,
+                         const BlockConfiguration& values)
+{
+    for (const std::string& key : keys_of(values)) {
+        const auto setting =
+            std::find_if(declared.begin(), declared.end(),
+                         [&key](const Quorval::Setting& one) { return one.key == key; });
+        if (setting == declared.end()) {
+            return text_of_unknown(declared, type, key);
+        }
+        if (!setting->is_live) {
+            return text_of_fixed(key);
+        }
+        const SettingProblem problem = problem_of(values, *setting);
+        if (!problem.text.empty()) {
+            return problem.text;
+        }
+    }
+    return "";
+}
+
+BlockConfiguration read_defaults(const BlockConfiguration& description)
+{
+    BlockConfiguration defaults;
+    for (std::size_t i = 0;; ++i) {
+        const std::string prefix = "settings." + std::to_string(i);
+        const std::string key = description.getString(prefix + ".key", "");
+        if (key.empty()) {
+            return defaults;
+        }
+        const BlockConfiguration setting = description.getSubtree(prefix);
+        for (const std::string& member : keys_of(setting)) {
+            if (member == "default") {
+                set_value(defaults, key, get_value(setting, member));
+            }
+        }
+    }
+}
+
+std::string text_of_fixed(const std::string& key)
+{
+    return "'" + key + "' cannot be changed while the graph runs";
 }
 
 }  // namespace Quorval::runtime

@@ -176,8 +176,7 @@ private:
             if (found != by_path.end()) {
                 found->second->settings.push_back({&assignment.setting, 0});
             } else if (!leads_to_what_is_wrong(assignment.path)) {
-                problems_.add_error(assignment.setting.key_place,
-                                    "there is no block '" + assignment.path + "'");
+                report_no_block(assignment);
             }
         }
     }
@@ -198,6 +197,16 @@ private:
             }
             place = &result_.composites[member.index];
             path.remove_prefix(end + 1);
+        }
+    }
+
+    void report_no_block(const Assignment& assignment)
+    {
+        const std::string text = "there is no block '" + assignment.path + "'";
+        if (assignment.setting.is_saved) {
+            problems_.add_warning(assignment.setting.key_place, text);
+        } else {
+            problems_.add_error(assignment.setting.key_place, text);
         }
     }
 

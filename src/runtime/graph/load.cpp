@@ -3,6 +3,7 @@
 #include "graph/diagnostics.h"
 #include "graph/loaded_graph.h"
 #include "graph/machines.h"
+#include "graph/saved.h"
 #include "graph/standard_output.h"
 #include "graph/state.h"
 #include "plugins/search.h"
@@ -10,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 namespace Quorval::runtime {
@@ -39,7 +41,33 @@ LoadedGraph read(const GraphOptions& options, IPatience* patience)
     graph.destruction = std::make_unique<Destruction>();
     graph.begin_of_destruction.reset(graph.destruction.get());
     graph.superblock = std::make_unique<Superblock>(graph.name);
+    graph.state_directory = find_state_directory(options.state_directory);
     return graph;
+}
+
+/// Adds what was saved to the reading.
+void take_saved(LoadedGraph& graph)
+{
+    graph.saved_file = saved_file(graph.state_directory);
+    try {
+        graph.saved = read_saved(graph.state_directory);
+    } catch (const std::runtime_error& error) {
+        const auto source = static_cast<std::uint32_t>(graph.reading->sources.size());
+        graph.reading->sources.push_back({graph.saved_file, "", true});
+        graph.reading->problems.add_error({source, 0, 0}, error.what());
+    }
+    insert_saved(*graph.reading, graph.saved_file, graph.saved);
+}
+
+void note_declared(LoadedBlock& block, PluginSet& plugins)
+{
+    const std::string& type = block.place.member->type;
+    const std::size_t colon = type.find(':');
+    const std::unique_ptr<Plugin>& plugin = plugins.get(type.substr(0, colon)).plugin;
+    if (plugin != nullptr && plugin->has_type(type.substr(colon + 1))) {
+        block.declared = plugin->settings_of(type.substr(colon + 1));
+        block.description = plugin->description_of(type.substr(colon + 1));
+    }
 }
 
 void build(LoadedGraph& graph, const GraphOptions& options)
@@ -51,9 +79,8 @@ void build(LoadedGraph& graph, const GraphOptions& options)
         return;
     }
     mark_elsewhere(expansion, options.machine);
-    Creation made =
-        create_blocks(expansion, {find_state_directory(options.state_directory), options.is_dry},
-                      *graph.plugins, *graph.superblock, *graph.destruction, problems);
+    Creation made = create_blocks(expansion, {graph.state_directory, options.is_dry},
+                                  *graph.plugins, *graph.superblock, *graph.destruction, problems);
     std::vector<std::uint32_t> order;
     graph.network = connect_blocks(expansion, made,
                                    {graph.reading->description, *graph.plugins, options.is_local},
@@ -61,7 +88,8 @@ void build(LoadedGraph& graph, const GraphOptions& options)
     check_broker(graph.reading->description.link, graph.network, problems);
     for (const std::uint32_t i : order) {
         graph.blocks.push_back({std::move(expansion.blocks[i]), std::move(made.configs[i]),
-                                std::move(made.state_directories[i])});
+                                std::move(made.state_directories[i]), nullptr, nullptr});
+        note_declared(graph.blocks.back(), *graph.plugins);
     }
 }
 
@@ -73,6 +101,9 @@ LoadedGraph load_graph(const GraphOptions& options, IPatience* patience)
     const std::optional<StandardOutputScope> scope =
         options.is_dry ? std::optional<StandardOutputScope>(std::in_place) : std::nullopt;
     LoadedGraph graph = read(options, patience);
+    if (!options.is_dry && !graph.state_directory.empty()) {
+        take_saved(graph);
+    }
     if (graph.reading->is_whole) {
         check_machine(options, graph.reading->description);
         build(graph, options);

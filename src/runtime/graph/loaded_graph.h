@@ -25,6 +25,9 @@ struct LoadedBlock {
     /// Of its own, absolute and with a "/" at its end; empty where it has none, or one that the
     /// file sets.
     std::string state_directory;
+    /// What its type declares, and the description of that; null where it declares nothing.
+    const std::vector<Quorval::Setting>* declared = nullptr;
+    const BlockConfiguration* description = nullptr;
 };
 
 /// Destroyed from the last member to the first: the blocks go before their plug-ins, the plug-ins
@@ -48,6 +51,9 @@ struct LoadedGraph {
     Network network;
     std::vector<LoadedBlock> blocks;  ///< as the nodes of the network
     std::vector<Diagnostic> warnings;
+    std::string state_directory;    ///< absolute; empty: there is none
+    std::string saved_file;         ///< of the changes that were saved
+    std::vector<Assignment> saved;  ///< changes of earlier runs
     std::unique_ptr<Destruction, BeginDestruction> begin_of_destruction;  ///< last: it goes first
 };
 

@@ -2,16 +2,29 @@
 
 #include "plugins/search.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 namespace Quorval::runtime {
+
+namespace {
+
+[[noreturn]] void throw_in_use(const std::string& directory)
+{
+    throw std::runtime_error("the state directory '" + directory + "' is in use");
+}
+
+}  // namespace
 
 std::string find_state_directory(const std::string& given)
 {
@@ -51,6 +64,30 @@ void make_state_directory(const std::string& directory)
         }
         const int number = errno == EEXIST ? ENOTDIR : errno;
         throw std::system_error(number, std::generic_category(), part);
+    }
+}
+
+StateLock::StateLock(const std::string& directory)
+{
+    if (directory.empty()) {
+        return;
+    }
+    try {
+        make_state_directory(directory + "/");
+    } catch (const std::system_error&) {
+        return;
+    }
+    fd_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK) {
+        ::close(fd_);
+        throw_in_use(directory);
+    }
+}
+
+StateLock::~StateLock()
+{
+    if (fd_ >= 0) {
+        ::close(fd_);
     }
 }
 

@@ -17,4 +17,20 @@ std::string state_directory_of(const std::string& directory, const std::string& 
 /// @throws std::system_error  it cannot be made, with its name
 void make_state_directory(const std::string& directory);
 
+/// Holds a state directory for one graph, as long as it lives.
+class StateLock {
+public:
+    /// Makes the directory. What cannot be made is not held: the blocks that need it tell of it.
+    /// @param directory  absolute; empty: there is none to hold
+    /// @throws std::runtime_error  another graph holds it: "the state directory '<directory>' is in
+    ///     use"
+    explicit StateLock(const std::string& directory);
+    StateLock(const StateLock&) = delete;
+    StateLock& operator=(const StateLock&) = delete;
+    ~StateLock();
+
+private:
+    int fd_ = -1;
+};
+
 }  // namespace Quorval::runtime

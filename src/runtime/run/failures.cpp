@@ -17,6 +17,9 @@ void Failures::report(std::uint32_t block, const char* operation, const std::str
 {
     logger(LOGLEVEL_ERROR, "block '%s' failed in %s: %s", network_.nodes[block].path.c_str(),
            operation, text.c_str());
+    if (listener_) {
+        listener_(network_.nodes[block].path, text);
+    }
 }
 
 void Failures::report_run(std::uint32_t block, const std::string& text,

@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -13,7 +15,12 @@ namespace Quorval::runtime {
 /// Logs failures, those of one block in its run() once a second at most. Knows no clock.
 class Failures {
 public:
+    using Listener = std::function<void(const std::string& path, const std::string& text)>;
+
     explicit Failures(const Network& network) : network_(network), states_(network.nodes.size()) {}
+
+    /// Told of each failure that is reported.
+    void set_listener(Listener listener) { listener_ = std::move(listener); }
 
     /// "block '<path>' failed in <operation>: <text>"
     void report(std::uint32_t block, const char* operation, const std::string& text);
@@ -33,6 +40,7 @@ private:
     };
 
     const Network& network_;
+    Listener listener_;
     std::vector<State> states_;
 };
 

@@ -1,106 +1,156 @@
 #include "run/overrides.h"
 
+#include "graph/create.h"
+#include "graph/declared.h"
+#include "graph/saved.h"
+#include "graph/values.h"
 #include "messages/context.h"
 
-#include <set>
+#include <algorithm>
+#include <map>
+#include <utility>
 
 namespace Quorval::runtime {
 
 namespace {
 
-using Type = BlockConfiguration::Type;
-
-/// Copies an element, unread.
-void copy_element(const BlockConfiguration& from, const std::string& key, BlockConfiguration& to)
+bool has_key(const BlockConfiguration& config, const std::string& key)
 {
-    switch (from.getType(key)) {
-        case Type::Int:
-            return to.set(key, from.getInt(key));
-        case Type::Bool:
-            return to.set(key, from.getBool(key));
-        case Type::Double:
-            return to.set(key, from.getDouble(key));
-        case Type::String:
-            return to.set(key, from.getString(key));
-        case Type::IntVector:
-            return to.set(key, from.getIntVector(key));
-        case Type::DoubleVector:
-            return to.set(key, from.getDoubleVector(key));
-        case Type::StringVector:
-            return to.set(key, from.getStringVector(key));
-        case Type::BoolVector:
-            return to.set(key, from.getBoolVector(key));
-    }
+    const std::vector<std::string> keys = keys_of(config);
+    return std::binary_search(keys.begin(), keys.end(), key);
 }
 
-std::vector<std::string> keys_of(const BlockConfiguration& config)
+/// The elements of `config` whose keys `other` has too, or those whose keys it has not.
+BlockConfiguration pick(const BlockConfiguration& config, const BlockConfiguration& other,
+                        bool has_to_be_there)
 {
-    std::vector<std::string> keys;
-    for (const auto at = config.iterate(""); !at->is_end(); at->advance()) {
-        keys.push_back(at->key());
-    }
-    return keys;
-}
-
-/// A copy in which nothing is read, so that a block that does not read a key is noticed.
-BlockConfiguration unread(const BlockConfiguration& config)
-{
-    BlockConfiguration copy;
-    for (const std::string& key : keys_of(config)) {
-        copy_element(config, key, copy);
-    }
-    return copy;
-}
-
-/// The elements of `config` whose keys `other` has too.
-BlockConfiguration pick(const BlockConfiguration& config, const BlockConfiguration& other)
-{
-    const std::vector<std::string> keys = keys_of(other);
-    const std::set<std::string> wanted(keys.begin(), keys.end());
+    const std::vector<std::string> wanted = keys_of(other);
     BlockConfiguration picked;
     for (const std::string& key : keys_of(config)) {
-        if (wanted.count(key) > 0) {
-            copy_element(config, key, picked);
+        if (std::binary_search(wanted.begin(), wanted.end(), key) == has_to_be_there) {
+            set_value(picked, key, get_value(config, key));
         }
     }
     return picked;
 }
 
+std::string text_of(const std::string& path, const std::string& text)
+{
+    return "block '" + path + "': " + text;
+}
+
 }  // namespace
 
-Overrides::Overrides(const Network& network, const std::vector<const BlockConfiguration*>& configs,
-                     Life& life)
-    : network_(network), configs_(configs), life_(life)
+Overrides::Overrides(const LoadedGraph& graph, Life& life) : graph_(graph), life_(life) {}
+
+std::string Overrides::change(const std::vector<Change>& changes)
 {
+    std::string text = apply(changes);
+    if (text.empty()) {
+        for (const Change& change : changes) {
+            changed_[change.block] += change.values;
+        }
+    }
+    return text;
+}
+
+std::string Overrides::reload(const std::vector<Change>& changes)
+{
+    std::vector<Change> wanted;
+    for (const Change& change : changes) {
+        BlockConfiguration values =
+            pick(change.values, sum_of(changed_, change.block), /*has_to_be_there=*/false);
+        if (values != BlockConfiguration()) {
+            wanted.push_back({change.block, std::move(values)});
+        }
+    }
+    return apply(wanted);
 }
 
 std::string Overrides::apply(const std::vector<Change>& changes)
 {
+    for (const Change& change : changes) {
+        const std::string refusal = find_refusal(change);
+        if (!refusal.empty()) {
+            return text_of(graph_.network.nodes[change.block].path, refusal);
+        }
+    }
     for (std::size_t at = 0; at < changes.size(); ++at) {
         const std::uint32_t block = changes[at].block;
         try {
-            reconfigure(block, unread(of(block) + changes[at].values));
+            reconfigure(block, unread(sum_of(sums_, block) + changes[at].values));
         } catch (...) {
             const std::string text = text_of_present_exception();
             take_back(changes, at + 1);
-            return "block '" + network_.nodes[block].path + "': " + text;
+            return text_of(graph_.network.nodes[block].path, text);
         }
     }
     for (const Change& change : changes) {
         sums_[change.block] += change.values;
     }
+    if (listener_ && !changes.empty()) {
+        listener_(changes);
+    }
     return "";
 }
 
-BlockConfiguration Overrides::of(std::uint32_t block) const
+std::string Overrides::find_refusal(const Change& change) const
 {
-    const auto at = sums_.find(block);
-    return at == sums_.end() ? BlockConfiguration() : at->second;
+    if (has_key(change.values, kStoreKey)) {
+        return text_of_fixed(kStoreKey);
+    }
+    const LoadedBlock& block = graph_.blocks[change.block];
+    return block.declared == nullptr
+               ? ""
+               : runtime::find_refusal(*block.declared, block.place.member->type,
+                                       unread(change.values));
+}
+
+void Overrides::save(const std::string& directory) const
+{
+    std::map<std::pair<std::string, std::string>, Assignment> values;
+    for (const Assignment& one : graph_.saved) {
+        values[{one.path, one.setting.key}] = one;
+    }
+    for (const auto& [block, config] : changed_) {
+        const std::string& path = graph_.network.nodes[block].path;
+        for (const std::string& key : keys_of(config)) {
+            values[{path, key}] = {path, {key, get_value(config, key), false, {}, {}, {}, true}};
+        }
+    }
+    std::vector<Assignment> list;
+    list.reserve(values.size());
+    for (auto& value : values) {
+        list.push_back(std::move(value.second));
+    }
+    write_saved(directory, list);
+}
+
+BlockConfiguration Overrides::present(std::uint32_t block) const
+{
+    return graph_.blocks[block].config + sum_of(sums_, block);
+}
+
+BlockConfiguration Overrides::defaults(std::uint32_t block) const
+{
+    const BlockConfiguration* description = graph_.blocks[block].description;
+    return description == nullptr ? BlockConfiguration() : read_defaults(*description);
+}
+
+bool Overrides::is_changed(std::uint32_t block, const std::string& key) const
+{
+    return has_key(sum_of(changed_, block), key);
+}
+
+BlockConfiguration Overrides::sum_of(const Sums& sums, std::uint32_t block)
+{
+    const auto at = sums.find(block);
+    return at == sums.end() ? BlockConfiguration() : at->second;
 }
 
 void Overrides::reconfigure(std::uint32_t block, const BlockConfiguration& override)
 {
-    const Node& node = network_.nodes[block];
+    const Node& node = graph_.network.nodes[block];
     const ContextScope scope(node.path.c_str(), "reconfigure");
     try {
         node.block->override_config(override);
@@ -116,9 +166,9 @@ void Overrides::take_back(const std::vector<Change>& changes, std::size_t count)
 {
     for (std::size_t at = 0; at < count; ++at) {
         const std::uint32_t block = changes[at].block;
-        const BlockConfiguration tried = of(block) + changes[at].values;
+        const BlockConfiguration tried = sum_of(sums_, block) + changes[at].values;
         try {
-            reconfigure(block, pick(*configs_[block] + of(block), tried));
+            reconfigure(block, pick(defaults(block) + present(block), tried, true));
         } catch (...) {
             life_.failures().report(block, "reconfigure", text_of_present_exception());
         }

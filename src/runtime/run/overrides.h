@@ -2,10 +2,12 @@
 #pragma once
 
 #include <quorval/config.h>
+#include "graph/loaded_graph.h"
 #include "run/life.h"
 #include "schedule/network.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -22,27 +24,53 @@ struct Change {
 /// that it was made with. Changes between waves.
 class Overrides {
 public:
-    /// @param configs  what the blocks were made with; it and the others must outlive the object
-    Overrides(const Network& network, const std::vector<const BlockConfiguration*>& configs,
-              Life& life);
+    using Listener = std::function<void(const std::vector<Change>&)>;
 
-    /// Applies changes, one at most for each block: all of them, or none. When a block throws, it
-    /// and those already changed get the former values of their keys again; what they throw then
-    /// is reported as their failure.
+    /// All must outlive the object.
+    Overrides(const LoadedGraph& graph, Life& life);
+
+    /// Told of changes that were applied.
+    void set_listener(Listener listener) { listener_ = std::move(listener); }
+
+    /// Applies changes of the running graph, one at most for each block: all of them, or none.
+    /// Nothing is touched when a key is not declared or cannot be changed, or a value is not
+    /// allowed. When a block throws, it and those already changed get the former values of their
+    /// keys again; what they throw then is reported as their failure.
     /// @return what went wrong, "block '<path>': <text>"; empty for nothing
-    std::string apply(const std::vector<Change>& changes);
+    std::string change(const std::vector<Change>& changes);
 
-    /// What was changed of a block, all together.
-    BlockConfiguration of(std::uint32_t block) const;
+    /// The same with changes of the files. A key that was changed in the running graph keeps its
+    /// value.
+    std::string reload(const std::vector<Change>& changes);
+
+    /// Keeps what was changed in the running graph, and what was saved before, for the next start.
+    /// @param directory  the state directory, absolute
+    /// @throws std::exception  it cannot be written
+    void save(const std::string& directory) const;
+
+    /// What a block is made with and what was changed since.
+    BlockConfiguration present(std::uint32_t block) const;
+
+    /// What the type of a block declares as defaults.
+    BlockConfiguration defaults(std::uint32_t block) const;
+
+    /// Whether a key was changed in the running graph.
+    bool is_changed(std::uint32_t block, const std::string& key) const;
 
 private:
+    using Sums = std::unordered_map<std::uint32_t, BlockConfiguration>;
+
+    static BlockConfiguration sum_of(const Sums& sums, std::uint32_t block);
+    std::string find_refusal(const Change& change) const;
+    std::string apply(const std::vector<Change>& changes);
     void reconfigure(std::uint32_t block, const BlockConfiguration& override);
     void take_back(const std::vector<Change>& changes, std::size_t count);
 
-    const Network& network_;
-    std::vector<const BlockConfiguration*> configs_;
+    const LoadedGraph& graph_;
     Life& life_;
-    std::unordered_map<std::uint32_t, BlockConfiguration> sums_;  // of blocks that were changed
+    Listener listener_;
+    Sums sums_;     // all changes of blocks that were changed
+    Sums changed_;  // those that did not come from files
 };
 
 }  // namespace Quorval::runtime

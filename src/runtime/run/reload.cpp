@@ -2,6 +2,7 @@
 
 #include <quorval/log.h>
 #include "graph/diagnostics.h"
+#include "graph/saved.h"
 #include "graph/values.h"
 
 #include <algorithm>
@@ -17,11 +18,12 @@ namespace {
 using Blocks = std::map<std::string, const PlainBlock*>;
 using Parts = std::multiset<std::string>;
 
-ReadGraph read(const GraphOptions& options, IPatience& patience)
+ReadGraph read(const GraphOptions& options, const LoadedGraph& loaded, IPatience* patience)
 {
     ReadGraph graph;
     graph.reading =
-        std::make_unique<Reading>(read_graph(options.files, options.assignments, &patience));
+        std::make_unique<Reading>(read_graph(options.files, options.assignments, patience));
+    insert_saved(*graph.reading, loaded.saved_file, loaded.saved);
     if (graph.reading->is_whole) {
         graph.expansion = expand(graph.reading->description, graph.reading->problems);
     }
@@ -172,6 +174,22 @@ BlockConfiguration changed_values(const PlainBlock& before, const PlainBlock& no
     return changed;
 }
 
+const SettingRef* find_setting(const std::vector<SettingRef>& settings, const std::string& key)
+{
+    const auto found = std::find_if(settings.begin(), settings.end(),
+                                    [&key](const SettingRef& ref) { return ref.key() == key; });
+    return found == settings.end() ? nullptr : &*found;
+}
+
+std::string origin_of(const SettingRef& ref, const std::vector<Source>& sources)
+{
+    const Place& place = ref.setting->key_place;
+    const Source& source = sources[place.source];
+    return ref.setting->is_saved  ? "saved"
+           : source.is_assignment ? "--set"
+                                  : source.name + ":" + std::to_string(place.line);
+}
+
 void refuse(const std::string& text)
 {
     logger(LOGLEVEL_ERROR, "the changed files are not applied: %s", text.c_str());
@@ -208,7 +226,7 @@ std::vector<Change> find_changes(const ReadGraph& before, const ReadGraph& now,
 }
 
 Reload::Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides,
-               IPatience& patience)
+               IPatience* patience)
     : options_(options), graph_(graph), overrides_(overrides), patience_(patience)
 {
 }
@@ -216,7 +234,7 @@ Reload::Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides&
 void Reload::run()
 {
     try {
-        apply(read(options_, patience_));
+        apply(read(options_, graph_, patience_));
     } catch (const Interrupted&) {
         return;  // the graph stops
     }
@@ -235,7 +253,7 @@ void Reload::apply(ReadGraph now)
     }
     std::string text = find_difference(applied_, now);
     if (text.empty()) {
-        text = overrides_.apply(find_changes(applied_, now, graph_.network));
+        text = overrides_.reload(find_changes(applied_, now, graph_.network));
     }
     if (!text.empty()) {
         refuse(text);
@@ -243,6 +261,18 @@ void Reload::apply(ReadGraph now)
     }
     applied_ = std::move(now);
     logger(LOGLEVEL_INFO, "the changed files are applied");
+}
+
+std::string Reload::origin_of(std::uint32_t block, const std::string& key) const
+{
+    const PlainBlock* place = &graph_.blocks[block].place;
+    const Reading* reading = graph_.reading.get();
+    if (applied_.reading != nullptr) {
+        reading = applied_.reading.get();
+        place = blocks_of(applied_).at(place->path);
+    }
+    const SettingRef* ref = find_setting(place->settings, key);
+    return ref == nullptr ? "" : runtime::origin_of(*ref, reading->sources);
 }
 
 }  // namespace Quorval::runtime

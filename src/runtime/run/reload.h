@@ -7,6 +7,7 @@
 #include "graph/loaded_graph.h"
 #include "run/overrides.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,12 +33,16 @@ std::vector<Change> find_changes(const ReadGraph& before, const ReadGraph& now,
 class Reload {
 public:
     /// All must outlive the object.
-    /// @param patience  waits for the writers of pipes
+    /// @param patience  waits for the writers of pipes; null: see read_graph()
     Reload(const GraphOptions& options, const LoadedGraph& graph, Overrides& overrides,
-           IPatience& patience);
+           IPatience* patience);
 
     /// Logs what comes of it. When something cannot be applied, nothing is.
     void run();
+
+    /// Where the value of a key was written when the files were last applied: "<file>:<line>",
+    /// "--set", or "saved"; empty when it was not.
+    std::string origin_of(std::uint32_t block, const std::string& key) const;
 
 private:
     void apply(ReadGraph now);
@@ -45,7 +50,7 @@ private:
     const GraphOptions& options_;
     const LoadedGraph& graph_;
     Overrides& overrides_;
-    IPatience& patience_;
+    IPatience* patience_;
     ReadGraph applied_;  // empty before the first run()
 };
 

@@ -7,44 +7,45 @@
 
 namespace Quorval::runtime {
 
-namespace {
-
-std::vector<const BlockConfiguration*> configs_of(const LoadedGraph& graph)
-{
-    std::vector<const BlockConfiguration*> configs;
-    configs.reserve(graph.blocks.size());
-    for (const LoadedBlock& block : graph.blocks) {
-        configs.push_back(&block.config);
-    }
-    return configs;
-}
-
-}  // namespace
-
 Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Signals* signals,
-               const std::atomic<bool>& has_stop)
+               IOutside* outside, const std::atomic<bool>& has_stop)
     : options_(options),
       loop_(loop),
       signals_(signals),
+      outside_(outside),
       has_stop_(has_stop),
       life_(graph.network, *this, &loop.poller(), loop.waker()),
-      overrides_(graph.network, configs_of(graph), life_),
+      overrides_(graph, life_),
+      reload_(options, graph, overrides_, signals),
+      run_{options, graph, loop, life_, overrides_, reload_},
       notice_(options.tells_manager, graph.blocks.size())
 {
-    if (signals_ != nullptr) {
-        reload_.emplace(options, graph, overrides_, *signals_);
-    }
 }
 
 void Runner::play(IPlayback& playback)
 {
     playback_ = &playback;
-    reload_.reset();
 }
 
 RunResult Runner::run()
 {
+    if (outside_ == nullptr) {
+        return live();
+    }
+    RunResult result = outside_->open(run_);
+    if (result == RunResult::Done) {
+        result = live();
+    }
+    outside_->close();
+    return result;
+}
+
+RunResult Runner::live()
+{
     const bool has_work = life_.start() || playback_ != nullptr;
+    if (outside_ != nullptr) {
+        outside_->begin();
+    }
     if (has_work && !life_.has_failed()) {
         notice_.tell_ready();
     }
@@ -78,9 +79,9 @@ void Runner::turn()
 {
     life_.take(loop_.wait(next_time()));
     life_.look_around();
-    if (reload_ && signals_->take_reload()) {
+    if (playback_ == nullptr && signals_ != nullptr && signals_->take_reload()) {
         notice_.tell_reloading(now());
-        reload_->run();
+        reload_.run();
         notice_.tell_ready();
     }
     if (notice_.next_time()) {

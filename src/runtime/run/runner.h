@@ -5,6 +5,7 @@
 #include "graph/loaded_graph.h"
 #include "loop/loop.h"
 #include "run/life.h"
+#include "run/outside.h"
 #include "run/overrides.h"
 #include "run/reload.h"
 #include "run/service_notice.h"
@@ -37,9 +38,10 @@ class Runner final : private IWorld {
 public:
     /// All must outlive the object.
     /// @param signals   null: none are taken
+    /// @param outside   null: nobody reaches the run from outside
     /// @param has_stop  set from outside to stop the run; whoever does wakes the loop then
     Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Signals* signals,
-           const std::atomic<bool>& has_stop);
+           IOutside* outside, const std::atomic<bool>& has_stop);
     Runner(const Runner&) = delete;
     Runner& operator=(const Runner&) = delete;
 
@@ -59,6 +61,7 @@ private:
         std::uint64_t total = 0;
     };
 
+    RunResult live();
     void turn();
     void play_wave();
     std::optional<Life::Time> next_time() const;
@@ -71,15 +74,17 @@ private:
     bool must_stop() override;
     void progress(const std::string& path, std::uint64_t done, std::uint64_t total) override;
     sd_event* loop() override { return loop_.event(); }
-    sd_bus* bus() override { return nullptr; }
+    sd_bus* bus() override { return outside_ == nullptr ? nullptr : outside_->bus(); }
 
     const GraphOptions& options_;
     Loop& loop_;
     Signals* signals_;
+    IOutside* outside_;
     const std::atomic<bool>& has_stop_;
     Life life_;
     Overrides overrides_;
-    std::optional<Reload> reload_;
+    Reload reload_;
+    Run run_;
     ServiceNotice notice_;
     IPlayback* playback_ = nullptr;
     std::optional<Life::Time> end_;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace Quorval;
@@ -387,25 +388,58 @@ protected:
         }
         life->start();
         calls.clear();
+        loaded.network = graph.network();
+        for (const char* path : {"a", "b", "c"}) {
+            LoadedBlock block;
+            block.place.path = path;
+            block.place.member = &member;
+            block.config = {{"x", 1}};
+            loaded.blocks.push_back(std::move(block));
+        }
     }
 
-    BlockConfiguration config{{"x", 1}};
-    Overrides overrides{graph.network(), {&config, &config, &config}, *life};
+    /// Gives a block a type with settings.
+    void declare(std::uint32_t block)
+    {
+        loaded.blocks[block].declared = &settings;
+        loaded.blocks[block].description = &description;
+    }
+
+    static Quorval::Setting setting(const std::string& key, bool is_live)
+    {
+        Quorval::Setting setting;
+        setting.key = key;
+        setting.is_live = is_live;
+        return setting;
+    }
+
+    MemberDescription member = [] {
+        MemberDescription made;
+        made.type = "plug:Type";
+        return made;
+    }();
+    std::vector<Quorval::Setting> settings = {setting("x", true), setting("y", true),
+                                              setting("fixed", false)};
+    BlockConfiguration description{
+        {"settings",
+         {{{"key", "x"}, {"default", 0}}, {{"key", "y"}, {"default", 2}}, {{"key", "fixed"}}}}};
+    LoadedGraph loaded;
+    Overrides overrides{loaded, *life};
 };
 
 TEST_F(OverridesTest, GiveABlockAllThatWasChangedOfIt)
 {
-    EXPECT_EQ(overrides.apply({{0, {{"x", 5}}}}), "");
-    EXPECT_EQ(overrides.apply({{0, {{"y", 6}}}}), "");
+    EXPECT_EQ(overrides.change({{0, {{"x", 5}}}}), "");
+    EXPECT_EQ(overrides.change({{0, {{"y", 6}}}}), "");
 
     EXPECT_THAT(calls, ElementsAre("a 5 -1", "a 5 6"));
-    EXPECT_EQ(overrides.of(0), (BlockConfiguration{{"x", 5}, {"y", 6}}));
+    EXPECT_EQ(overrides.present(0), (BlockConfiguration{{"x", 5}, {"y", 6}}));
     EXPECT_THAT(recorder.texts(), IsEmpty());
 }
 
 TEST_F(OverridesTest, TakeAllBackWhenABlockThrows)
 {
-    overrides.apply({{0, {{"y", 3}}}});
+    overrides.change({{0, {{"y", 3}}}});
     calls.clear();
     b.on_reconfigure = [this](const auto& /*merged*/, const auto& override) {
         const int x = override.getInt("x");
@@ -415,12 +449,12 @@ TEST_F(OverridesTest, TakeAllBackWhenABlockThrows)
         }
     };
 
-    EXPECT_EQ(overrides.apply({{0, {{"x", 5}, {"y", 6}, {"z", 1}}}, {1, {{"x", 7}}}}),
+    EXPECT_EQ(overrides.change({{0, {{"x", 5}, {"y", 6}, {"z", 1}}}, {1, {{"x", 7}}}}),
               "block 'b': 7 is odd");
 
     EXPECT_THAT(calls, ElementsAre("a 5 6", "b 7", "a 1 3", "b 1"));
-    EXPECT_EQ(overrides.of(0), (BlockConfiguration{{"y", 3}}));
-    EXPECT_EQ(overrides.of(1), BlockConfiguration());
+    EXPECT_EQ(overrides.present(0), (BlockConfiguration{{"x", 1}, {"y", 3}}));
+    EXPECT_EQ(overrides.present(1), (BlockConfiguration{{"x", 1}}));
 }
 
 TEST_F(OverridesTest, ReportWhatABlockThrowsWhenItIsToGoBack)
@@ -429,10 +463,62 @@ TEST_F(OverridesTest, ReportWhatABlockThrowsWhenItIsToGoBack)
         throw std::runtime_error("never");
     };
 
-    EXPECT_EQ(overrides.apply({{1, {{"x", 7}}}}), "block 'b': never");
+    EXPECT_EQ(overrides.change({{1, {{"x", 7}}}}), "block 'b': never");
 
     EXPECT_THAT(recorder.texts(), ElementsAre("block 'b' failed in reconfigure: never"));
     EXPECT_FALSE(life->has_failed());
+}
+
+TEST_F(OverridesTest, TakeAKeyBackToItsDeclaredDefault)
+{
+    declare(0);
+    b.on_reconfigure = [](const auto& /*merged*/, const auto& override) {
+        if (override.getInt("x") == 7) {
+            throw std::runtime_error("7 is odd");
+        }
+    };
+
+    EXPECT_EQ(overrides.change({{0, {{"y", 6}}}, {1, {{"x", 7}}}}), "block 'b': 7 is odd");
+
+    EXPECT_THAT(calls, ElementsAre("a -1 6", "a -1 2"));
+}
+
+TEST_F(OverridesTest, RefuseBeforeAnythingIsTouched)
+{
+    declare(1);
+    const std::vector<std::pair<BlockConfiguration, std::string>> refused = {
+        {{{"z", 1}}, "block 'b': block type 'plug:Type' has no setting 'z'"},
+        {{{"fixd", 1}},
+         "block 'b': block type 'plug:Type' has no setting 'fixd'; did you mean 'fixed'?"},
+        {{{"fixed", 1}}, "block 'b': 'fixed' cannot be changed while the graph runs"},
+        {{{"pstore_path", "/"}}, "block 'b': 'pstore_path' cannot be changed while the graph runs"},
+    };
+
+    for (const auto& [values, text] : refused) {
+        EXPECT_EQ(overrides.change({{0, {{"x", 5}}}, {1, values}}), text);
+    }
+
+    EXPECT_THAT(calls, IsEmpty());
+}
+
+TEST_F(OverridesTest, LeaveWhatWasChangedInTheRunningGraphWhenFilesChange)
+{
+    std::vector<BlockConfiguration> told;
+    overrides.set_listener([&told](const std::vector<Change>& changes) {
+        for (const Change& change : changes) {
+            told.push_back(change.values);
+        }
+    });
+    overrides.change({{0, {{"x", 5}}}});
+
+    EXPECT_EQ(overrides.reload({{0, {{"x", 6}, {"y", 7}}}, {1, {{"x", 8}}}}), "");
+    EXPECT_EQ(overrides.reload({{0, {{"x", 9}}}}), "");
+
+    EXPECT_THAT(calls, ElementsAre("a 5 -1", "a 5 7", "b 8 -1"));
+    EXPECT_THAT(told, ElementsAre(BlockConfiguration{{"x", 5}}, BlockConfiguration{{"y", 7}},
+                                  BlockConfiguration{{"x", 8}}));
+    EXPECT_TRUE(overrides.is_changed(0, "x"));
+    EXPECT_FALSE(overrides.is_changed(0, "y"));
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 #include <quorval/log.h>
 #include <quorval/runtime/graph.h>
+#include "control/control.h"
+#include "graph/infos.h"
 #include "graph/loaded_graph.h"
+#include "graph/state.h"
 #include "loop/loop.h"
 #include "observe/observer.h"
 #include "observe/statistics.h"
@@ -14,37 +17,29 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
-#include <unordered_map>
 #include <utility>
 
 namespace Quorval {
 
 namespace {
 
-using runtime::LoadedBlock;
+using runtime::Control;
 using runtime::LoadedGraph;
 using runtime::Loop;
+using runtime::Network;
 using runtime::Observer;
 using runtime::Playback;
 using runtime::Recorder;
+using runtime::Run;
 using runtime::Runner;
 using runtime::Signals;
+using runtime::StateLock;
 using runtime::Trace;
-using runtime::Wire;
+using runtime::Wave;
 
 [[noreturn]] void throw_cannot_run(const char* why)
 {
     throw std::logic_error(std::string("the graph cannot be run: ") + why);
-}
-
-std::map<std::string, std::string> type_names(
-    const std::unordered_map<std::string, Datatype>& ports)
-{
-    std::map<std::string, std::string> names;
-    for (const auto& [port, type] : ports) {
-        names[port] = type.get_name();
-    }
-    return names;
 }
 
 std::unique_ptr<Signals> take_signals(const GraphOptions& options, const Loop* loop)
@@ -59,7 +54,8 @@ struct Graph::Impl {
     GraphOptions options;
     std::unique_ptr<Loop> loop;  // null for a graph that will not run
     std::unique_ptr<Signals> signals;
-    LoadedGraph graph;  // behind those two: blocks may use them until they are destroyed
+    StateLock state;
+    LoadedGraph graph;  // behind all those: blocks may use them until they are destroyed
     std::unique_ptr<Recorder> recorder;  // null: nothing is recorded
     std::unique_ptr<Playback> playback;  // null: nothing is replayed
     std::atomic<bool> has_stop{false};
@@ -70,6 +66,7 @@ struct Graph::Impl {
         : options(std::move(given)),
           loop(options.is_dry ? nullptr : std::make_unique<Loop>()),
           signals(take_signals(options, loop.get())),
+          state(options.is_dry ? "" : runtime::find_state_directory(options.state_directory)),
           graph(runtime::load_graph(options, signals.get()))
     {
         if (!options.record_file.empty()) {
@@ -83,16 +80,32 @@ struct Graph::Impl {
     /// @throws std::system_error  the trace or the recording cannot be written
     RunResult run()
     {
-        const runtime::Network& network = graph.network;
+        const Network& network = graph.network;
         std::optional<Trace> trace;
         if (!options.trace_file.empty()) {
             trace.emplace(options.trace_file, graph.name, network);
         }
         std::optional<Observer> observer;
-        Runner runner(options, graph, *loop, signals.get(), has_stop);
+        const auto begin_timing = [&](Wave& wave) {
+            if (!observer) {
+                observer.emplace(network.nodes.size(), Loop::now, trace ? &*trace : nullptr);
+                wave.set_probe(&*observer);
+            }
+        };
+        const auto gather = [&](const Wave& wave) {
+            return gather_statistics(network, wave, observer ? &observer->times() : nullptr);
+        };
+        std::optional<Control> control;
+        if (options.bus != Bus::None) {
+            control.emplace(options.bus, [&](Run& present) {
+                begin_timing(present.life.wave());  // whoever asks wants times from then on
+                return gather(present.life.wave());
+            });
+        }
+        Runner runner(options, graph, *loop, signals.get(), control ? &*control : nullptr,
+                      has_stop);
         if (options.times_runs || trace) {
-            observer.emplace(network.nodes.size(), Loop::now, trace ? &*trace : nullptr);
-            runner.life().wave().set_probe(&*observer);
+            begin_timing(runner.life().wave());
         }
         if (recorder != nullptr) {
             recorder->open(options.record_file);
@@ -105,8 +118,7 @@ struct Graph::Impl {
         if (recorder != nullptr && !recorder->finish() && result == RunResult::Done) {
             result = RunResult::Failed;
         }
-        statistics = gather_statistics(network, runner.life().wave(),
-                                       observer ? &observer->times() : nullptr);
+        statistics = gather(runner.life().wave());
         if (trace) {
             trace->finish();
         }
@@ -132,28 +144,15 @@ std::vector<BlockInfo> Graph::blocks() const
 {
     std::vector<BlockInfo> infos;
     infos.reserve(impl_->graph.blocks.size());
-    for (std::size_t at = 0; at < impl_->graph.blocks.size(); ++at) {
-        const LoadedBlock& loaded = impl_->graph.blocks[at];
-        const Block& block = *impl_->graph.network.nodes[at].block;
-        infos.push_back(
-            {loaded.place.path, loaded.place.member->type, type_names(block.get_inports_info()),
-             type_names(block.get_outports_info()), type_names(block.get_fdports_info()),
-             loaded.config, loaded.place.machine});
+    for (std::size_t block = 0; block < impl_->graph.blocks.size(); ++block) {
+        infos.push_back(runtime::block_info(impl_->graph, block));
     }
     return infos;
 }
 
 std::vector<ConnectionInfo> Graph::connections() const
 {
-    const runtime::Network& network = impl_->graph.network;
-    std::vector<ConnectionInfo> infos;
-    infos.reserve(network.wires.size());
-    for (const Wire& wire : network.wires) {
-        infos.push_back({network.nodes[wire.from].path, wire.output->get_name(),
-                         network.nodes[wire.to].path, wire.input_name(),
-                         wire.output->get_datatype().get_name(), wire.is_delayed});
-    }
-    return infos;
+    return runtime::connection_infos(impl_->graph);
 }
 
 Superblock& Graph::superblock()

@@ -1,0 +1,56 @@
+// The objects that blocks offer on a bus.
+#pragma once
+
+#include "control/handles.h"
+#include "run/life.h"
+#include "schedule/network.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Quorval::runtime {
+
+/// Publishes the objects that the blocks of a graph recorded. What their handlers throw goes no
+/// further: the caller gets an error, and the failure of the block is reported. Outputs that they
+/// trigger are looked at.
+class BlockObjects {
+public:
+    /// Both must outlive the object.
+    BlockObjects(const Network& network, Life& life);
+    BlockObjects(const BlockObjects&) = delete;
+    BlockObjects& operator=(const BlockObjects&) = delete;
+    ~BlockObjects();
+
+    /// What stands in the way of publishing them: two at one place, for example; empty for nothing.
+    std::string find_problem() const;
+
+    /// Adds the slots of all objects. They must go before this object.
+    /// @throws std::runtime_error  one is refused: "block '<path>': the object <object path> with
+    ///     the interface <interface> cannot be published: <reason>"
+    void publish(sd_bus* bus, std::vector<SlotHandle>& slots) const;
+
+private:
+    struct Member;
+    struct Object;
+
+    static int call(sd_bus_message* message, void* member, sd_bus_error* error);
+    static int get(sd_bus* bus, const char* path, const char* interface, const char* property,
+                   sd_bus_message* reply, void* member, sd_bus_error* error);
+    static int set(sd_bus* bus, const char* path, const char* interface, const char* property,
+                   sd_bus_message* value, void* member, sd_bus_error* error);
+    static void guard(sd_bus_vtable& entry, std::size_t offset);
+
+    template <class Work>
+    int contain(std::uint32_t block, sd_bus_error* error, const Work& work);
+
+    void add(std::uint32_t block, const DBusMeta& meta);
+
+    const Network& network_;
+    Life& life_;
+    std::vector<std::unique_ptr<Object>> objects_;
+};
+
+}  // namespace Quorval::runtime
