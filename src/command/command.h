@@ -19,10 +19,15 @@ using Arguments = std::vector<std::string>;
 /// @throws UsageError  the command line is wrong
 int check_command(const Arguments& arguments);
 int config_command(const Arguments& arguments);
+int describe_command(const Arguments& arguments);
+int get_command(const Arguments& arguments);
 int graph_command(const Arguments& arguments);
 int inspect_command(const Arguments& arguments);
+int list_command(const Arguments& arguments);
 int new_command(const Arguments& arguments);
 int recording_command(const Arguments& arguments);
 int replay_command(const Arguments& arguments);
 int run_command(const Arguments& arguments);
 int schema_command(const Arguments& arguments);
+int set_command(const Arguments& arguments);
+int stop_command(const Arguments& arguments);

@@ -22,16 +22,21 @@ struct Command {
     int (*run)(const Arguments&);
 };
 
-constexpr std::array<Command, 9> kCommands = {{
+constexpr std::array<Command, 14> kCommands = {{
     {"check", "look for what is wrong with a graph", check_command},
     {"config", "look at store files, and change them", config_command},
+    {"describe", "show a running graph", describe_command},
+    {"get", "show the configuration of a block of a running graph", get_command},
     {"graph", "draw a graph", graph_command},
     {"inspect", "show what plug-ins offer", inspect_command},
+    {"list", "list running graphs", list_command},
     {"new", "write a plug-in to begin with", new_command},
     {"recording", "look at a recording", recording_command},
     {"replay", "run a graph on what was recorded", replay_command},
     {"run", "run a graph", run_command},
     {"schema", "write a JSON Schema of graph files", schema_command},
+    {"set", "change a running graph", set_command},
+    {"stop", "stop a running graph", stop_command},
 }};
 
 constexpr std::size_t kNameWidth = 24;

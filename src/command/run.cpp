@@ -9,6 +9,7 @@
 #include "graph_line.h"
 #include "output.h"
 #include "progress.h"
+#include "remote_line.h"
 #include "running.h"
 #include "statistics.h"
 
@@ -87,7 +88,8 @@ HelpText help_text()
             "Runs the graph of the files until it has come to its end.",
             "Exit status:\n"
             "  0  the graph came to its end, or was stopped\n"
-            "  1  a block failed, or output or the recording could not be written\n"
+            "  1  a block failed, the bus or its name was not to be had, the state is in use,\n"
+            "     or output or the recording could not be written\n"
             "  2  wrong use of the command line\n"
             "  3  the graph or a plug-in is wrong, or nothing would ever run\n"
             "\n"
@@ -102,6 +104,7 @@ int run_command(const Arguments& arguments)
     CommandLine line(help_text());
     GraphLine graph_line(line);
     std::string state;
+    std::string bus = "none";
     std::string duration;
     std::string machine;
     bool is_local = false;
@@ -113,6 +116,8 @@ int run_command(const Arguments& arguments)
     line.add_value("--state", state, "DIR",
                    "keep the state of the blocks below DIR (default: the first of "
                    "$STATE_DIRECTORY, else none)");
+    line.add_value("--bus", bus, "BUS",
+                   "be seen and changed on this bus: user, system, none (default: none)");
     const CLI::Option* has_duration =
         line.add_value("--for", duration, "DURATION",
                        "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
@@ -136,6 +141,7 @@ int run_command(const Arguments& arguments)
     options.trace_file = trace_file;
     options.takes_signals = true;
     options.tells_manager = true;
+    options.bus = read_bus(bus);
     set_machine(options, machine, is_local);
     options.record_file = record_file;
     read_recording_options(has_recording->count() > 0, has_outputs->count() > 0, outputs, options);

@@ -16,7 +16,8 @@ import unittest
 QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 COMPLETIONS = pathlib.Path(sys.argv.pop()).resolve()
 
-COMMANDS = ["check", "config", "graph", "inspect", "new", "recording", "replay", "run", "schema"]
+COMMANDS = ["check", "config", "describe", "get", "graph", "inspect", "list", "new", "recording",
+            "replay", "run", "schema", "set", "stop"]
 
 
 def options_of(command):
@@ -46,6 +47,8 @@ class Completion(unittest.TestCase):
         self.assertEqual(complete("quorval graph --format "), ["dot", "json", "mermaid", "svg"])
         self.assertEqual(complete("quorval run --state "), ["folder"])
         self.assertEqual(complete("quorval run --for "), [])
+        self.assertEqual(complete("quorval run --bus "), ["none", "system", "user"])
+        self.assertEqual(complete("quorval set --bus "), ["system", "user"])
         self.assertEqual(complete("quorval config "),
                          ["diff", "export", "get", "import", "set", "show", "unset"])
         self.assertIn("graph.toml", complete("quorval config show "))
@@ -123,10 +126,10 @@ class Completion(unittest.TestCase):
     def test_completes_in_zsh(self):
         terminal = self.start_zsh()
         for begun, completed in (
-                ("ch", "check"), ("co", "config"), ("g", "graph"), ("n", "new"), ("rec", "recording"),
+                ("ch", "check"), ("co", "config"), ("gr", "graph"), ("n", "new"), ("rec", "recording"),
                 ("rep", "replay"), ("ru", "run"), ("--v", "--version"),
                 ("check --str", "check --strict"), ("check --j", "check --json"),
-                ("i", "inspect"), ("s", "schema"), ("schema --pl", "schema --plugin-path"), ("inspect --j", "inspect --json"),
+                ("i", "inspect"), ("sc", "schema"), ("schema --pl", "schema --plugin-path"), ("inspect --j", "inspect --json"),
                 ("check gr", "check graph.toml"),
                 ("config sh", "config show"), ("config get --r", "config get --raw"),
                 ("config show oth", "config show other.txt"),

@@ -120,12 +120,19 @@ installs_what_is_needed_and_no_more()
             man1/quorval.1
             man1/quorval-check.1
             man1/quorval-config.1
+            man1/quorval-describe.1
+            man1/quorval-get.1
             man1/quorval-graph.1
+            man1/quorval-list.1
             man1/quorval-new.1
             man1/quorval-recording.1
             man1/quorval-replay.1
             man1/quorval-run.1
+            man1/quorval-set.1
+            man1/quorval-stop.1
             man5/quorval-graph.5
+            man7/quorval-bus.7
+            dbus-1/system.d/org.quorval.graph.conf
         )
     fi
     local name

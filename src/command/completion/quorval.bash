@@ -7,13 +7,21 @@ _quorval()
 
     local command=${words[1]}
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'check config graph inspect new recording replay run schema --help --version' -- "${cur}")
+        local commands='check config describe get graph inspect list new recording replay run schema
+            set stop'
+        mapfile -t COMPREPLY < <(compgen -W "${commands} --help --version" -- "${cur}")
         return
     fi
 
     case ${prev} in
     --format)
         mapfile -t COMPREPLY < <(compgen -W 'dot json mermaid svg' -- "${cur}")
+        return
+        ;;
+    --bus)
+        local buses='user system'
+        [[ ${command} != run ]] || buses+=' none'
+        mapfile -t COMPREPLY < <(compgen -W "${buses}" -- "${cur}")
         return
         ;;
     --state | --plugin-path)
@@ -39,7 +47,9 @@ _quorval()
         graph) options+=' --format' ;;
         inspect) options+=' --json' ;;
         replay) options+=' --state --machine --local --fast --quiet --verbose' ;;
-        run) options+=' --state --for --machine --local --record --outputs --stats --trace --quiet --verbose' ;;
+        run) options+=' --state --bus --for --machine --local --record --outputs --stats --trace --quiet --verbose' ;;
+        describe | get | list | stop) options='--help --bus' ;;
+        set) options='--help --bus --save' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
     elif [[ ${command} == config ]]; then
@@ -52,7 +62,7 @@ _quorval()
         mapfile -t COMPREPLY < <(compgen -W 'show' -- "${cur}")
     elif [[ ${command} == recording || ${command} == replay ]]; then
         _filedir
-    elif [[ ! ${command} =~ ^(inspect|new|schema)$ ]]; then
+    elif [[ ${command} == @(check|graph|run) ]]; then
         _filedir toml
     fi
 } && complete -F _quorval quorval

@@ -1,6 +1,6 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check config graph inspect new recording replay run schema
+set -l commands check config describe get graph inspect list new recording replay run schema set stop
 set -l graph_commands check graph replay run
 set -l running_commands replay run
 
@@ -10,6 +10,16 @@ complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a check \
     -d 'Look for what is wrong with a graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a config \
     -d 'Look at store files, and change them'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a describe \
+    -d 'Show a running graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a get \
+    -d 'Show the configuration of a block of a running graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a list \
+    -d 'List running graphs'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a set \
+    -d 'Change a running graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a stop \
+    -d 'Stop a running graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a inspect \
     -d 'Show what plug-ins offer'
@@ -64,6 +74,8 @@ complete -c quorval -f -a show \
 
 complete -c quorval -n '__fish_seen_subcommand_from replay' -l fast \
     -d 'Do not wait for the time of each wave'
+complete -c quorval -n '__fish_seen_subcommand_from run' -l bus -x -a 'user system none' \
+    -d 'Be seen and changed on this bus'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l for -x -d 'Stop after this time'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l stats \
     -d 'Show what blocks did at the end'
@@ -78,3 +90,10 @@ complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -s q -l q
     -d 'Write errors alone'
 complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -s v -l verbose \
     -d 'Write notes too'
+
+set -l remote_commands describe get list set stop
+complete -c quorval -f -n "__fish_seen_subcommand_from $remote_commands"
+complete -c quorval -n "__fish_seen_subcommand_from $remote_commands" -l bus -x -a 'user system' \
+    -d 'Look on this bus'
+complete -c quorval -n '__fish_seen_subcommand_from set' -l save \
+    -d 'Keep the changes for the next start'

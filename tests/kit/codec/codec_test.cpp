@@ -32,9 +32,7 @@ std::string encode(const T& value)
 template <class T>
 T decode(std::string_view bytes)
 {
-    T value{};
-    Quorval::make_codec<T>().decode(bytes, &value);
-    return value;
+    return *std::static_pointer_cast<T>(Quorval::make_codec<T>().decode(bytes));
 }
 
 /// Expects the bytes of a value, stored by a machine of either byte order, to be those of it.
