@@ -89,8 +89,9 @@ void add_settings(Page& page, const json& type)
     std::vector<Page::Row> rows;
     for (const json& setting : list_in(type, "settings")) {
         std::vector<std::string> paragraphs = {facts_of(setting)};
-        if (setting.contains("text") && setting["text"] != "") {
-            paragraphs.push_back(setting["text"]);
+        std::string text = setting.value("text", "");
+        if (!text.empty()) {
+            paragraphs.push_back(std::move(text));
         }
         rows.emplace_back(setting["key"].get<std::string>(), std::move(paragraphs));
     }

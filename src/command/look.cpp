@@ -54,6 +54,8 @@ public:
         ::fcntl(reader_, F_SETFL, O_NONBLOCK);
         static_cast<void>(std::fflush(nullptr));
         const pid_t parent = ::getpid();
+        // Behind what has to come before it.
+        // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer)
         child_ = ::fork();
         if (child_ == 0) {
             be_child(work, ends[1], parent);

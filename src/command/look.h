@@ -21,11 +21,11 @@ struct LookOptions {
 };
 
 /// What there is to say of a plug-in.
-struct Look {
+struct Look {  // NOLINT(bugprone-exception-escape): the destructor of json allocates
     /// `{"name", "file", "note", "types", "problem"}`; what does not apply is left out.
     nlohmann::json plugin;
-    bool is_usable =
-        true;  ///< it was loaded, and none of its code crashed, ended the process or hung
+    /// It was loaded, and none of its code crashed, ended the process or hung.
+    bool is_usable = true;
 };
 
 /// Loads a plug-in and makes a block of each of its types, in a process that may crash or hang.

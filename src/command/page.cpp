@@ -79,7 +79,8 @@ void Page::add_rows(unsigned indent, const std::vector<Row>& rows)
                 continue;
             }
             for (const std::string& line : wrap(to_printable(paragraph), width)) {
-                add_line(indent, left + std::string(begin - indent - width_of(left), ' ') + line);
+                left.append(begin - indent - width_of(left), ' ').append(line);
+                add_line(indent, left);
                 left.clear();
             }
         }

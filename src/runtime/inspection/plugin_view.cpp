@@ -79,8 +79,9 @@ std::string check_declared(const std::string& full_type, const std::vector<Setti
     }
     for (const std::string& key : keys_of(config)) {
         if (known.count(key) == 0) {
-            add("block type '" + full_type + "' has no setting '" + key + "'" +
-                runtime::suggestion(key, {known.begin(), known.end()}));
+            std::string problem = "block type '" + full_type;
+            problem += "' has no setting '" + key + "'";
+            add(problem + runtime::suggestion(key, {known.begin(), known.end()}));
         }
     }
     return text;

@@ -45,7 +45,7 @@ void ServiceNotice::tell_ready()
     }
 }
 
-void ServiceNotice::tell_reloading(Time now)
+void ServiceNotice::tell_reloading(Time now) const
 {
     if (is_on_) {
         const auto time = std::chrono::duration_cast<std::chrono::microseconds>(now);
@@ -54,7 +54,7 @@ void ServiceNotice::tell_reloading(Time now)
     }
 }
 
-void ServiceNotice::tell_stopping()
+void ServiceNotice::tell_stopping() const
 {
     if (is_on_) {
         tell("STOPPING=1\nSTATUS=stopping");

@@ -19,8 +19,8 @@ public:
 
     /// The blocks have started; also after a reload.
     void tell_ready();
-    void tell_reloading(Time now);
-    void tell_stopping();
+    void tell_reloading(Time now) const;
+    void tell_stopping() const;
 
     /// When keep_alive() is to be called next; nothing where nobody waits for it.
     std::optional<Time> next_time() const { return next_; }
