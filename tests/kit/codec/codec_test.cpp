@@ -32,7 +32,9 @@ std::string encode(const T& value)
 template <class T>
 T decode(std::string_view bytes)
 {
-    return *std::static_pointer_cast<T>(Quorval::make_codec<T>().decode(bytes));
+    T value{};
+    Quorval::make_codec<T>().decode(bytes, &value);
+    return value;
 }
 
 /// Expects the bytes of a value, stored by a machine of either byte order, to be those of it.

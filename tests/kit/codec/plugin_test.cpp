@@ -60,7 +60,8 @@ TEST(PluginWithACodec, HandsItOverAndIsUnloadedWithItsLastValueGone)
         std::string bytes;
 
         codec.encode(&points, bytes);
-        const auto decoded = std::static_pointer_cast<Points>(codec.decode(bytes));
+        const auto decoded = std::static_pointer_cast<Points>(codec.make());
+        codec.decode(bytes, decoded.get());
 
         EXPECT_EQ(decoded->name, "a");
         ASSERT_EQ(decoded->points.size(), 2U);
