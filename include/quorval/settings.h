@@ -912,18 +912,21 @@ public:
 
     /// Looks for mistakes in the declaration.
     /// @throws std::logic_error  there is one: "setting '<key>' (<type>): <text>"
-    void check() const { declarations_.check(&defaults_); }
+    void check() const { declarations_.check(defaults()); }
     /// The same, with "block type '<type>': " in front of the text.
-    void check(const std::string& type) const { declarations_.check(&defaults_, type); }
+    void check(const std::string& type) const { declarations_.check(defaults(), type); }
 
     /// The description, for tools: "summary"; for each setting, from "settings.0." on, "key",
     /// "type" (that of its element, as BlockConfiguration::getTypeName() has it), "text",
     /// "required", "live", "float" (whether the block holds it as a float), and where there are
     /// such, "default", "minimum" and "maximum", "minimum_items" and "maximum_items", "choices".
     /// More keys may follow.
-    BlockConfiguration describe() const { return declarations_.describe(&defaults_); }
+    BlockConfiguration describe() const { return declarations_.describe(defaults()); }
 
 private:
+    // Not inlined: a compiler that sees an empty structure takes it for one without a value.
+    [[gnu::noinline]] const void* defaults() const { return &defaults_; }
+
     template <class Field, class Structure>
     std::ptrdiff_t get_offset(Field Structure::*member) const
     {
