@@ -67,7 +67,7 @@ int check(const Quorval::GraphOptions& graph_options, const CheckOptions& option
     return is_wrong ? kWrongGraph : kDone;
 }
 
-HelpText help_text()
+HelpText help_of_check()
 {
     return {"quorval check [OPTION...] FILE...",
             "Makes the graph of the files and says what is wrong with it. Nothing is started.",
@@ -81,7 +81,7 @@ HelpText help_text()
 
 int check_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_check());
     GraphLine graph_line(line);
     CheckOptions options;
     std::string machine;

@@ -310,7 +310,7 @@ constexpr std::array<Action, 7> kActions = {{
 
 constexpr std::size_t kActionWidth = 28;
 
-HelpText help_text()
+HelpText help_of_config()
 {
     std::string actions = "Actions:\n";
     for (const Action& action : kActions) {
@@ -377,7 +377,7 @@ int run(const Action& action, const Request& request)
 
 int config_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_config());
     Request request;
     line.add_flag("--raw", request.is_raw, "of 'get': print a string bare");
     auto operands = line.read(arguments);

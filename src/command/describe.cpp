@@ -8,7 +8,7 @@
 
 namespace {
 
-HelpText help_text()
+HelpText help_of_describe()
 {
     return {
         "quorval describe [OPTION...] NAME",
@@ -24,7 +24,7 @@ HelpText help_text()
 
 int describe_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_describe());
     const RemoteLine remote(line);
     const auto rest = line.read(arguments);
     if (!rest.has_value()) {

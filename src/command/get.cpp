@@ -6,7 +6,7 @@
 
 namespace {
 
-HelpText help_text()
+HelpText help_of_get()
 {
     return {"quorval get [OPTION...] NAME PATH",
             "Shows the present configuration of a block of a running graph as TOML. Comments say "
@@ -22,7 +22,7 @@ HelpText help_text()
 
 int get_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_get());
     const RemoteLine remote(line);
     const auto rest = line.read(arguments);
     if (!rest.has_value()) {

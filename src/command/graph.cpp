@@ -57,7 +57,7 @@ void check_format(const std::string& format)
     }
 }
 
-HelpText help_text()
+HelpText help_of_graph()
 {
     return {"quorval graph [OPTION...] FILE...",
             "Draws the graph of the files on standard output. Nothing is started.",
@@ -71,7 +71,7 @@ HelpText help_text()
 
 int graph_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_graph());
     GraphLine graph_line(line);
     std::string format = "dot";
     line.add_value("--format", format, "FORMAT",

@@ -59,7 +59,7 @@ int inspect(const std::string& name, const std::vector<std::string>& plugin_path
     return name.empty() || is_usable ? kDone : kWrongGraph;
 }
 
-HelpText help_text()
+HelpText help_of_inspect()
 {
     return {"quorval inspect [OPTION...] [PLUGIN [TYPE]]",
             "Shows what plug-ins offer: all that are found, or one with its types, their ports and "
@@ -78,7 +78,7 @@ HelpText help_text()
 
 int inspect_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_inspect());
     PluginLine plugin_line(line);
     bool wants_json = false;
     line.add_flag("--json", wants_json, "write everything as JSON");

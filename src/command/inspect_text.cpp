@@ -34,7 +34,7 @@ std::string bare(const json& value)
     return value.is_string() ? value.get<std::string>() : text_of(value);
 }
 
-std::string list_of(const json& values)
+std::string text_of_list(const json& values)
 {
     std::string list;
     for (const json& value : values) {
@@ -57,7 +57,7 @@ std::string facts_of(const json& setting)
         facts += ", from " + text_of(setting["minimum"]) + " to " + text_of(setting["maximum"]);
     }
     if (setting.contains("choices")) {
-        facts += ", one of " + list_of(setting["choices"]);
+        facts += ", one of " + text_of_list(setting["choices"]);
     }
     if (setting.contains("minimum_items")) {
         facts += ", of " + text_of(setting["minimum_items"]) + " to " +

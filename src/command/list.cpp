@@ -12,7 +12,7 @@
 
 namespace {
 
-HelpText help_text()
+HelpText help_of_list()
 {
     return {"quorval list [OPTION...]",
             "Lists the graphs that run on a bus: the name of each, and which bus it is on.",
@@ -29,7 +29,7 @@ HelpText help_text()
 
 int list_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_list());
     const RemoteLine remote(line);
     const auto rest = line.read(arguments);
     if (!rest.has_value()) {

@@ -191,7 +191,7 @@ json to_json(const Quorval::PluginNote& note)
             {"version", note.version}};
 }
 
-std::string list_of(const json& types)
+std::string names_in(const json& types)
 {
     std::string list;
     for (const json& type : types) {
@@ -302,7 +302,7 @@ private:
                          [&](const json& type) { return type["type"] == options_.type; });
             if (chosen.empty()) {
                 give_up("plug-in '" + file_.name + "' has no block type '" + options_.type +
-                        "'; it has " + list_of(types));
+                        "'; it has " + names_in(types));
             }
             types = std::move(chosen);
         }

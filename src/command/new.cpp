@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-HelpText help_text()
+HelpText help_of_new()
 {
     return {"quorval new NAME",
             "Writes a plug-in to begin with into the new folder NAME: a block with settings, its "
@@ -98,7 +98,7 @@ void write_plugin(const std::string& name)
 
 int new_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_new());
     const auto names = line.read(arguments);
     if (!names.has_value()) {
         return kDone;

@@ -53,7 +53,7 @@ std::string describe(const RecordingInfo& info)
     return text;
 }
 
-HelpText help_text()
+HelpText help_of_recording()
 {
     return {"quorval recording show [OPTION...] RECORDING", "Says what a recording holds.",
             "Exit status:\n"
@@ -70,7 +70,7 @@ HelpText help_text()
 
 int recording_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_recording());
     const auto words = line.read(arguments);
     if (!words.has_value()) {
         return kDone;

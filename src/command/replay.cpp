@@ -37,7 +37,7 @@ int replay_graph(const Quorval::GraphOptions& options, loglevel level)
     return to_status(graph->run());
 }
 
-HelpText help_text()
+HelpText help_of_replay()
 {
     return {"quorval replay [OPTION...] RECORDING FILE...",
             "Runs the graph of the files, with what was recorded in the place of the blocks that\n"
@@ -56,7 +56,7 @@ HelpText help_text()
 
 int replay_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_replay());
     GraphLine graph_line(line);
     bool is_fast = false;
     std::string state;

@@ -82,7 +82,7 @@ void read_recording_options(bool has_recording, bool has_outputs, const std::str
     }
 }
 
-HelpText help_text()
+HelpText help_of_run()
 {
     return {"quorval run [OPTION...] FILE...",
             "Runs the graph of the files until it has come to its end.",
@@ -101,7 +101,7 @@ HelpText help_text()
 
 int run_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_run());
     GraphLine graph_line(line);
     std::string state;
     std::string bus = "none";

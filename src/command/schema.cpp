@@ -37,7 +37,7 @@ int write_schema(const std::vector<std::string>& names, const std::vector<std::s
     return kDone;
 }
 
-HelpText help_text()
+HelpText help_of_schema()
 {
     return {
         "quorval schema [OPTION...] [PLUGIN...]",
@@ -56,7 +56,7 @@ HelpText help_text()
 
 int schema_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_schema());
     const PluginLine plugin_line(line);
     const auto names = line.read(arguments);
     if (!names.has_value()) {

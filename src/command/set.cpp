@@ -11,7 +11,7 @@
 
 namespace {
 
-HelpText help_text()
+HelpText help_of_set()
 {
     return {"quorval set [OPTION...] NAME PATH.KEY=VALUE...",
             "Gives blocks of a running graph new values: all of them, or none when one is refused.",
@@ -41,7 +41,7 @@ std::map<std::string, std::string> read_values(const std::vector<std::string>& a
 
 int set_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_set());
     const RemoteLine remote(line);
     bool saves = false;
     line.add_flag("--save", saves, "keep the changes for the next start");

@@ -6,7 +6,7 @@
 
 namespace {
 
-HelpText help_text()
+HelpText help_of_stop()
 {
     return {"quorval stop [OPTION...] NAME", "Stops a running graph in order.",
             remote_status_help() +
@@ -19,7 +19,7 @@ HelpText help_text()
 
 int stop_command(const Arguments& arguments)
 {
-    CommandLine line(help_text());
+    CommandLine line(help_of_stop());
     const RemoteLine remote(line);
     const auto rest = line.read(arguments);
     if (!rest.has_value()) {

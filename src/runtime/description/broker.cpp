@@ -22,12 +22,13 @@ bool take_prefix(std::string_view& text, std::string_view prefix)
 int parse_port(std::string_view text)
 {
     constexpr int kHighest = 65'535;
+    constexpr int kTen = 10;
     int port = 0;
     for (const char digit : text) {
         if (digit < '0' || digit > '9' || port > kHighest) {
             return 0;
         }
-        port = 10 * port + (digit - '0');
+        port = kTen * port + (digit - '0');
     }
     return port <= kHighest ? port : 0;
 }

@@ -88,6 +88,9 @@ struct CompositeDescription {
     std::size_t find_member(std::string_view name) const;
 };
 
+constexpr std::size_t kDefaultQueue = 10'000;
+constexpr std::size_t kDefaultLimit = 16'777'216;
+
 /// How values travel between machines.
 struct LinkDescription {
     Place place;       ///< of the table; line 0: there is none
@@ -101,8 +104,8 @@ struct LinkDescription {
     std::string key;
     std::string user;
     std::string password_file;
-    std::size_t queue = 10'000;      ///< values that wait, for each output that is sent as "all"
-    std::size_t limit = 16'777'216;  ///< bytes of one value
+    std::size_t queue = kDefaultQueue;  ///< values that wait, for each output that is sent as "all"
+    std::size_t limit = kDefaultLimit;  ///< bytes of one value
 };
 
 /// `PATH.KEY=VALUE`, taken apart.

@@ -345,7 +345,7 @@ private:
 
     // --- between machines ---
 
-    bool keeps_all(const ConnectionDescription& connection) const
+    static bool keeps_all(const ConnectionDescription& connection)
     {
         return connection.delivery == Delivery::All;
     }
