@@ -31,8 +31,8 @@ std::string to_utc(std::chrono::system_clock::time_point time)
 std::string to_seconds(std::chrono::nanoseconds duration)
 {
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%.3f s",
-                  std::chrono::duration<double>(duration).count());
+    static_cast<void>(std::snprintf(text.data(), text.size(), "%.3f s",
+                                    std::chrono::duration<double>(duration).count()));
     return text.data();
 }
 

@@ -14,6 +14,9 @@
 #include <stdexcept>
 #include <utility>
 
+// The tables of sd-bus are arrays as in C.
+// NOLINTBEGIN(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays)
+
 namespace Quorval::runtime {
 
 namespace {
@@ -182,11 +185,11 @@ struct GraphObject::Methods {
         return sd_bus_message_append(reply, "t", self(object).run_.life.wave().waves());
     }
 
-    static const sd_bus_vtable kTable[];
+    static const sd_bus_vtable table[];
 };
 
 // Callers that change something are looked at in the functions, so that a refusal has its text.
-const sd_bus_vtable GraphObject::Methods::kTable[] = {
+const sd_bus_vtable GraphObject::Methods::table[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_NAMES("Describe", "", "", "s", SD_BUS_PARAM(json), describe,
                              SD_BUS_VTABLE_UNPRIVILEGED),
@@ -217,7 +220,7 @@ SlotHandle GraphObject::publish(sd_bus* bus)
 {
     callers_.clear();  // another connection has other names
     sd_bus_slot* slot = nullptr;
-    check(sd_bus_add_object_vtable(bus, &slot, kPath, kInterface, Methods::kTable, this));
+    check(sd_bus_add_object_vtable(bus, &slot, kPath, kInterface, Methods::table, this));
     return SlotHandle(slot);
 }
 
@@ -243,6 +246,7 @@ std::vector<Change> GraphObject::read_changes(sd_bus_message* message) const
         }
     }
     std::vector<Change> changes;
+    changes.reserve(values.size());
     for (auto& [block, config] : values) {
         changes.push_back({block, std::move(config)});
     }
@@ -348,10 +352,10 @@ void GraphObject::tell_changes(sd_bus* bus, const std::vector<Change>& changes) 
     emit(bus, "Configured", [&](sd_bus_message* message) {
         int result = sd_bus_message_open_container(message, 'a', "{ss}");
         for (const Change& change : changes) {
-            const std::string& path = run_.graph.network.nodes[change.block].path;
+            const std::string start = run_.graph.network.nodes[change.block].path + ".";
             for (const std::string& key : keys_of(change.values)) {
                 result = std::min(
-                    result, sd_bus_message_append(message, "{ss}", (path + "." + key).c_str(),
+                    result, sd_bus_message_append(message, "{ss}", (start + key).c_str(),
                                                   to_toml(get_value(change.values, key)).c_str()));
             }
         }
@@ -360,3 +364,5 @@ void GraphObject::tell_changes(sd_bus* bus, const std::vector<Change>& changes) 
 }
 
 }  // namespace Quorval::runtime
+
+// NOLINTEND(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays)

@@ -11,6 +11,9 @@
 #include <stdexcept>
 #include <utility>
 
+// The tables of sd-bus are unions with offsets in them, and what it gives is freed as in C.
+// NOLINTBEGIN(cppcoreguidelines-pro-type-union-access,cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory,performance-no-int-to-ptr)
+
 namespace Quorval::runtime {
 
 namespace {
@@ -250,3 +253,5 @@ int BlockObjects::set(sd_bus* bus, const char* path, const char* interface, cons
 }
 
 }  // namespace Quorval::runtime
+
+// NOLINTEND(cppcoreguidelines-pro-type-union-access,cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory,performance-no-int-to-ptr)

@@ -40,6 +40,7 @@ std::string json_of(const BlockConfiguration& config)
 std::string json_of(const std::map<std::string, std::string>& ports)
 {
     std::vector<std::string> members;
+    members.reserve(ports.size());
     for (const auto& [name, type] : ports) {
         members.push_back(member(name, quote(type)));
     }

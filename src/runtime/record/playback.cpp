@@ -34,7 +34,7 @@ public:
     /// @param bytes  have to stay until after the next run
     void play(std::size_t number, const std::string& bytes)
     {
-        pending_.push_back({number, &bytes});
+        pending_.emplace_back(number, &bytes);
     }
 
     void write(std::size_t number, const std::string& bytes) const

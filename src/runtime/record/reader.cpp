@@ -48,13 +48,14 @@ std::int64_t size_of_file(const std::string& file)
 std::string uri_of(const std::string& file)
 {
     constexpr const char* kDigits = "0123456789ABCDEF";
+    constexpr unsigned kLowHalf = 0xF;
     std::string uri = "file://";
     for (const char letter : std::filesystem::absolute(file).string()) {
         const auto byte = static_cast<unsigned char>(letter);
         if (std::isalnum(byte) != 0 || letter == '/') {
             uri += letter;
         } else {
-            uri += {'%', kDigits[byte >> 4U], kDigits[byte & 15U]};
+            uri += {'%', kDigits[byte >> 4U], kDigits[byte & kLowHalf]};
         }
     }
     return uri + "?immutable=1";

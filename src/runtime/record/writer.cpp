@@ -120,19 +120,20 @@ void RecordingWriter::write(const Batch::Row& row, std::string_view bytes)
     if (part_size_ >= kPartSize) {
         begin_part();
     }
-    insert_->bind(1, ++rows_);
-    insert_->bind(2, static_cast<std::int64_t>(row.wave));
-    insert_->bind(3, row.time);
-    insert_->bind(4, static_cast<std::int64_t>(row.rest));
+    enum Column { Id = 1, Wave, Time, Rest, Output, IsEarly, Bytes, Size };
+    insert_->bind(Id, ++rows_);
+    insert_->bind(Wave, static_cast<std::int64_t>(row.wave));
+    insert_->bind(Time, row.time);
+    insert_->bind(Rest, static_cast<std::int64_t>(row.rest));
     if (row.output == Batch::kNoOutput) {
-        insert_->bind_null(5);
-        insert_->bind_null(7);
+        insert_->bind_null(Output);
+        insert_->bind_null(Bytes);
     } else {
-        insert_->bind(5, static_cast<std::int64_t>(row.output));
-        insert_->bind_bytes(7, bytes);
+        insert_->bind(Output, static_cast<std::int64_t>(row.output));
+        insert_->bind_bytes(Bytes, bytes);
     }
-    insert_->bind(6, std::int64_t{row.is_early ? 1 : 0});
-    insert_->bind(8, static_cast<std::int64_t>(bytes.size()) + 2);
+    insert_->bind(IsEarly, std::int64_t{row.is_early ? 1 : 0});
+    insert_->bind(Size, static_cast<std::int64_t>(bytes.size()) + 2);
     insert_->step();
     insert_->reset();
     part_size_ += bytes.size() + kRowSize;
