@@ -121,10 +121,10 @@ private:
 
     void read_names()
     {
-        const std::string kMark = "\xEF\xBB\xBF";  // of UTF-8, which some programs write
+        const std::string mark = "\xEF\xBB\xBF";  // of UTF-8, which some programs write
         std::string line;
         const bool has_line = read_line(line);
-        const std::size_t begin = line.compare(0, kMark.size(), kMark) == 0 ? kMark.size() : 0;
+        const std::size_t begin = line.compare(0, mark.size(), mark) == 0 ? mark.size() : 0;
         const std::vector<std::string> names =
             has_line ? split_row(line.substr(begin)) : std::vector<std::string>();
         columns_ = names.size();
