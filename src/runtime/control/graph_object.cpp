@@ -204,9 +204,9 @@ const sd_bus_vtable GraphObject::Methods::table[] = {
     SD_BUS_PROPERTY("Name", "s", name, 0, SD_BUS_VTABLE_PROPERTY_CONST),
     SD_BUS_PROPERTY("State", "s", state, 0, SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
     SD_BUS_PROPERTY("Waves", "t", waves, 0, 0),
+    // cppcheck-suppress unknownMacro
     SD_BUS_SIGNAL_WITH_NAMES("BlockFailed", "ss", SD_BUS_PARAM(path) SD_BUS_PARAM(text), 0),
-    SD_BUS_SIGNAL_WITH_NAMES("Configured", "a{ss}", SD_BUS_PARAM(values), 0),
-    SD_BUS_VTABLE_END};
+    SD_BUS_SIGNAL_WITH_NAMES("Configured", "a{ss}", SD_BUS_PARAM(values), 0), SD_BUS_VTABLE_END};
 
 GraphObject::GraphObject(Run& run, Statistics statistics)
     : run_(run), statistics_(std::move(statistics))
