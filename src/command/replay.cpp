@@ -1,41 +1,15 @@
 // quorval replay: runs a graph on what was recorded.
 #include <quorval/runtime/crash.h>
 #include <quorval/runtime/graph.h>
-#include <quorval/runtime/messages.h>
-#include <quorval/runtime/recording.h>
 #include "command.h"
 #include "command_line.h"
-#include "diagnostics.h"
 #include "graph_line.h"
-#include "output.h"
 #include "running.h"
-#include "text.h"
 
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace {
-
-int replay_graph(const Quorval::GraphOptions& options, loglevel level)
-{
-    Quorval::Messages messages(level);
-    std::unique_ptr<Quorval::Graph> graph;
-    try {
-        graph = make_graph(options);
-    } catch (const Quorval::GraphError& error) {
-        show_diagnostics(error.diagnostics());
-        return error.diagnostics().empty() ? kDone : kWrongGraph;
-    } catch (const Quorval::RecordingError& error) {
-        say_error(escape_controls(error.what()));
-        return kWrongGraph;
-    }
-    messages.set_graph(graph->name());
-    if (level >= LOGLEVEL_WARNING) {
-        show_diagnostics(graph->warnings());
-    }
-    return to_status(graph->run());
-}
 
 HelpText help_of_replay()
 {
@@ -85,5 +59,5 @@ int replay_command(const Arguments& arguments)
     options.replay_file = recording;
     options.replays_fast = is_fast;
     Quorval::report_crashes();
-    return replay_graph(options, to_level(verbosity));
+    return run_graph(options, to_level(verbosity));
 }

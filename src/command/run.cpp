@@ -1,50 +1,23 @@
 // quorval run: runs a graph.
 #include <quorval/runtime/crash.h>
 #include <quorval/runtime/graph.h>
-#include <quorval/runtime/messages.h>
 #include "command.h"
 #include "command_line.h"
-#include "diagnostics.h"
 #include "duration.h"
 #include "graph_line.h"
 #include "output.h"
 #include "progress.h"
 #include "remote_line.h"
 #include "running.h"
-#include "statistics.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace {
-
-int run_graph(const Quorval::GraphOptions& options, loglevel level)
-{
-    Quorval::Messages messages(level);
-    std::unique_ptr<Quorval::Graph> graph;
-    try {
-        graph = make_graph(options);
-    } catch (const Quorval::GraphError& error) {
-        show_diagnostics(error.diagnostics());
-        // Without any the wait for a pipe was ended by a signal.
-        return error.diagnostics().empty() ? kDone : kWrongGraph;
-    }
-    messages.set_graph(graph->name());
-    if (level >= LOGLEVEL_WARNING) {
-        show_diagnostics(graph->warnings());
-    }
-    const Quorval::RunResult result = graph->run();
-    if (options.times_runs) {
-        static_cast<void>(std::fputs(to_table(graph->statistics()).c_str(), stderr));
-    }
-    return to_status(result);
-}
 
 std::chrono::nanoseconds read_duration(const std::string& text)
 {

@@ -1,7 +1,34 @@
 #include "running.h"
 
+#include <quorval/runtime/messages.h>
+#include <quorval/runtime/recording.h>
 #include "command.h"
+#include "diagnostics.h"
 #include "graph_line.h"
+#include "output.h"
+#include "statistics.h"
+#include "text.h"
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+int to_status(Quorval::RunResult result)
+{
+    switch (result) {
+        case Quorval::RunResult::Done:
+            return kDone;
+        case Quorval::RunResult::Failed:
+            return kFailed;
+        case Quorval::RunResult::NoSource:
+        case Quorval::RunResult::WrongObjects:
+            return kWrongGraph;
+    }
+    return kFailed;
+}
+
+}  // namespace
 
 void add_verbosity(CommandLine& line, Verbosity& verbosity)
 {
@@ -34,16 +61,27 @@ loglevel to_level(const Verbosity& verbosity)
                                           : LOGLEVEL_DEBUG;
 }
 
-int to_status(Quorval::RunResult result)
+int run_graph(const Quorval::GraphOptions& options, loglevel level)
 {
-    switch (result) {
-        case Quorval::RunResult::Done:
-            return kDone;
-        case Quorval::RunResult::Failed:
-            return kFailed;
-        case Quorval::RunResult::NoSource:
-        case Quorval::RunResult::WrongObjects:
-            return kWrongGraph;
+    Quorval::Messages messages(level);
+    std::unique_ptr<Quorval::Graph> graph;
+    try {
+        graph = make_graph(options);
+    } catch (const Quorval::GraphError& error) {
+        show_diagnostics(error.diagnostics());
+        // Without any the wait for a pipe was ended by a signal.
+        return error.diagnostics().empty() ? kDone : kWrongGraph;
+    } catch (const Quorval::RecordingError& error) {
+        say_error(escape_controls(error.what()));
+        return kWrongGraph;
     }
-    return kFailed;
+    messages.set_graph(graph->name());
+    if (level >= LOGLEVEL_WARNING) {
+        show_diagnostics(graph->warnings());
+    }
+    const Quorval::RunResult result = graph->run();
+    if (options.times_runs) {
+        static_cast<void>(std::fputs(to_table(graph->statistics()).c_str(), stderr));
+    }
+    return to_status(result);
 }

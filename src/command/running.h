@@ -27,5 +27,7 @@ void set_machine(Quorval::GraphOptions& options, const std::string& machine, boo
 /// The most verbose level that is shown.
 loglevel to_level(const Verbosity& verbosity);
 
-/// The exit status of a run.
-int to_status(Quorval::RunResult result);
+/// Makes a graph and runs it. Shows what is wrong with it, or with its recording, and writes the
+/// table of its runs where they are timed.
+/// @return the exit status
+int run_graph(const Quorval::GraphOptions& options, loglevel level);
