@@ -45,10 +45,10 @@ struct LoadedGraph {
     std::unique_ptr<InitTools> init_tools;
     std::unique_ptr<PluginSet> plugins;
     std::unique_ptr<Destruction> destruction;
+    Network network;  // before the blocks, which hold values that it owns
     std::unique_ptr<Superblock> superblock;
     std::string name;
     OnError on_error = OnError::Stop;
-    Network network;
     std::vector<LoadedBlock> blocks;  ///< as the nodes of the network
     std::vector<Diagnostic> warnings;
     std::string state_directory;    ///< absolute; empty: there is none

@@ -46,18 +46,29 @@ void encode(const Codec& codec, const void* value, std::string& bytes)
     run_contained([&] { codec.encode(value, bytes); });
 }
 
-DecodedOutPort::DecodedOutPort(const std::string& name, Datatype type, const Codec& codec)
-    : OutPortInternal(name, std::move(type)), codec_(codec)
+std::shared_ptr<void> make_value(const Codec& codec)
 {
-    run_contained([&] { value_ = codec_.make(); });
-    if (value_ == nullptr) {
+    std::shared_ptr<void> value;
+    run_contained([&] { value = codec.make(); });
+    if (value == nullptr) {
         throw std::runtime_error("the codec made no value");
     }
+    return value;
+}
+
+void decode(const Codec& codec, std::string_view bytes, void* value)
+{
+    run_contained([&] { codec.decode(bytes, value); });
+}
+
+DecodedOutPort::DecodedOutPort(const std::string& name, Datatype type, const Codec& codec)
+    : OutPortInternal(name, std::move(type)), codec_(codec), value_(make_value(codec))
+{
 }
 
 void DecodedOutPort::write(std::string_view bytes)
 {
-    run_contained([&] { codec_.decode(bytes, value_.get()); });
+    decode(codec_, bytes, value_.get());
     data_ = value_.get();
     triggered_ = true;
 }

@@ -18,6 +18,15 @@ const Codec* find_standard_codec(const std::string& type);
 ///     exception"; no exception of a plug-in's own leaves it
 void encode(const Codec& codec, const void* value, std::string& bytes);
 
+/// A new value.
+/// @throws std::runtime_error  the codec failed, as above; or it made none: "the codec made no
+///     value"
+std::shared_ptr<void> make_value(const Codec& codec);
+
+/// Replaces the value at `value`.
+/// @throws std::runtime_error  the codec failed, as above; the value is as it was
+void decode(const Codec& codec, std::string_view bytes, void* value);
+
 /// An output whose values come from outside. Its value has one place, as that of an OutPort.
 class DecodedOutPort : public OutPortInternal {
 public:

@@ -4,6 +4,7 @@
 #include "messages/context.h"
 #include "messages/signal_mask.h"
 
+#include <algorithm>
 #include <atomic>
 #include <utility>
 
@@ -170,8 +171,21 @@ void Life::start_block(std::uint32_t block)
 bool Life::can_be_woken(std::uint32_t block)
 {
     Block& plain = *network_.nodes[block].block;
-    return plain.has_external_port() || timers_.is_set(block) ||
+    return plain.has_external_port() || timers_.is_set(block) || has_entry(block) ||
            (world_.bus() != nullptr && plain.has_external_trigger());
+}
+
+/// Whether values from other machines trigger the block.
+bool Life::has_entry(std::uint32_t block) const
+{
+    const auto end = network_.entry_wires.end();
+    auto wire = std::lower_bound(
+        network_.entry_wires.begin(), end, block,
+        [](const EntryWire& one, std::uint32_t wanted) { return one.to < wanted; });
+    while (wire != end && wire->to == block && wire->is_delayed) {
+        ++wire;
+    }
+    return wire != end && wire->to == block;
 }
 
 void Life::add_source(std::uint32_t block)

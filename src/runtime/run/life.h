@@ -111,6 +111,7 @@ private:
     void start_block(std::uint32_t block);
     void stop_block(std::uint32_t block);
     bool can_be_woken(std::uint32_t block);
+    bool has_entry(std::uint32_t block) const;
     void add_source(std::uint32_t block);
     void watch_start();
     bool run_watched(Time now);

@@ -4,9 +4,9 @@
 #include <quorval/block.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -34,21 +34,24 @@ struct Wire {
     }
 };
 
-/// An output of a block on another machine, with the value that came last. Blocks read the value,
-/// so that it has to go before their plug-ins.
+/// An output of a block on another machine. Blocks hold on to its values, so it goes behind them,
+/// and before their plug-ins.
 class RemoteOutput final : public OutPortInternal {
 public:
     using OutPortInternal::OutPortInternal;
 
-    void put(std::shared_ptr<const void> value)
+    /// The place that values of a data type have for good; null before it is made.
+    std::shared_ptr<void>& place(const std::string& type) { return places_[type]; }
+
+    /// Publishes the value in one of its places.
+    void publish(void* value)
     {
-        value_ = std::move(value);
-        data_ = const_cast<void*>(value_.get());  // NOLINT: readers get pointers to const
+        data_ = value;
         triggered_ = true;
     }
 
 private:
-    std::shared_ptr<const void> value_;
+    std::map<std::string, std::shared_ptr<void>> places_;
 };
 
 /// What comes in from another machine.

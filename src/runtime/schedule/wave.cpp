@@ -61,7 +61,11 @@ public:
             add_outputs(*node.block);
         }
         add_slot(nullptr, nullptr, false);
-        wave_.outputs_.push_back({nullptr, 0, false});
+        wave_.first_entry_ = wave_.outputs_.size();
+        for (const Entry& entry : network_.entries) {
+            add_output(*entry.output);
+        }
+        wave_.outputs_.push_back({nullptr, 0, false, false});
         add_readers();
     }
 
@@ -82,6 +86,14 @@ private:
             (wire.is_delayed ? wave_.delayed_ : wave_.takes_).push_back({wire.input, wire.output});
             fed.insert(wire.input);
         }
+        for (; entry_wire_ < network_.entry_wires.size() &&
+               network_.entry_wires[entry_wire_].to == reader;
+             ++entry_wire_) {
+            const EntryWire& wire = network_.entry_wires[entry_wire_];
+            (wire.is_delayed ? wave_.delayed_ : wave_.takes_)
+                .push_back({wire.input, network_.entries[wire.entry].output.get()});
+            fed.insert(wire.input);
+        }
         for (const std::string& name : sorted_names(block.get_inports_info())) {
             for (const auto& [owner, port] : block.get_inport(name)) {
                 InPortInternal* input = port.get_connectable();
@@ -98,9 +110,29 @@ private:
     void add_outputs(const Block& block)
     {
         for (const std::string& name : sorted_names(block.get_outports_info())) {
-            OutPortInternal& output = block.get_outport(name).second;
-            number_[&output] = size_of(wave_.outputs_);
-            wave_.outputs_.push_back({&output, 0, false});
+            add_output(block.get_outport(name).second);
+        }
+    }
+
+    void add_output(OutPortInternal& output)
+    {
+        number_[&output] = size_of(wave_.outputs_);
+        wave_.outputs_.push_back({&output, 0, false, false});
+    }
+
+    /// Calls `use` with the output and the reader of each connection that triggers.
+    template <class Use>
+    void for_each_reader(const Use& use)
+    {
+        for (const Wire& wire : network_.wires) {
+            if (!wire.is_delayed) {
+                use(number_.at(wire.output), wire.to);
+            }
+        }
+        for (const EntryWire& wire : network_.entry_wires) {
+            if (!wire.is_delayed) {
+                use(number_.at(network_.entries[wire.entry].output.get()), wire.to);
+            }
         }
     }
 
@@ -109,12 +141,10 @@ private:
     {
         std::vector<Output>& outputs = wave_.outputs_;
         std::uint32_t count = 0;
-        for (const Wire& wire : network_.wires) {
-            if (!wire.is_delayed) {
-                ++outputs[number_.at(wire.output)].first_reader;
-                ++count;
-            }
-        }
+        for_each_reader([&](std::uint32_t output, std::uint32_t /*reader*/) {
+            ++outputs[output].first_reader;
+            ++count;
+        });
         wave_.readers_.resize(count);
         for (auto output = outputs.rbegin(); output != outputs.rend(); ++output) {
             output->first_reader = count -= output->first_reader;
@@ -124,11 +154,9 @@ private:
         for (const Output& output : outputs) {
             next.push_back(output.first_reader);
         }
-        for (const Wire& wire : network_.wires) {
-            if (!wire.is_delayed) {
-                wave_.readers_[next[number_.at(wire.output)]++] = wire.to;
-            }
-        }
+        for_each_reader([&](std::uint32_t output, std::uint32_t reader) {
+            wave_.readers_[next[output]++] = reader;
+        });
     }
 
     template <class Records>
@@ -140,6 +168,7 @@ private:
     const Network& network_;
     Wave& wave_;
     std::size_t wire_ = 0;
+    std::size_t entry_wire_ = 0;
     std::unordered_map<const OutPortInternal*, std::uint32_t> number_;
 };
 
@@ -172,6 +201,18 @@ void Wave::visit(std::uint32_t block)
 void Wave::look_at_outputs(std::uint32_t block)
 {
     note_outputs(block);
+}
+
+void Wave::watch(std::uint32_t block, const OutPortInternal& output, ITriggerWatcher& watcher,
+                 std::uint32_t tag)
+{
+    for (std::uint32_t at = slots_[block].first_output; at < slots_[block + 1].first_output; ++at) {
+        outputs_[at].is_watched = outputs_[at].is_watched || outputs_[at].port == &output;
+    }
+    const auto place = std::upper_bound(
+        watches_.begin(), watches_.end(), &output,
+        [](const OutPortInternal* port, const Watch& watch) { return port < watch.output; });
+    watches_.insert(place, {&output, &watcher, tag});
 }
 
 bool Wave::run()
@@ -323,6 +364,9 @@ bool Wave::reset()
 {
     bool is_well = true;
     const ContextScope scope(nullptr, nullptr);
+    if (!watches_.empty()) {
+        tell_watchers();
+    }
     Context& present = context();
     for (std::size_t at = 0; at < visited_count_; ++at) {
         const std::uint32_t block = visited_[at];
@@ -340,6 +384,22 @@ bool Wave::reset()
     }
     probe_wave_end();
     return is_well;
+}
+
+void Wave::tell_watchers()
+{
+    for (std::size_t at = 0; at < triggered_count_; ++at) {
+        const OutPortInternal* port = triggered_[at]->port;
+        if (!triggered_[at]->is_watched || !port->is_triggered()) {
+            continue;
+        }
+        auto watch = std::lower_bound(
+            watches_.begin(), watches_.end(), port,
+            [](const Watch& one, const OutPortInternal* wanted) { return one.output < wanted; });
+        for (; watch != watches_.end() && watch->output == port; ++watch) {
+            watch->watcher->has_value(watch->tag);
+        }
+    }
 }
 
 void Wave::reset_inputs(std::uint32_t block)

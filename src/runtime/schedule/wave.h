@@ -37,6 +37,17 @@ protected:
     ~IWaveEvents() = default;
 };
 
+/// Learns of values at outputs. What it throws passes through the wave, which is then not to be run
+/// again.
+struct ITriggerWatcher {
+    /// The output was triggered in the wave, or before it, and still is at its end, before the
+    /// resets.
+    virtual void has_value(std::uint32_t tag) = 0;
+
+protected:
+    ~ITriggerWatcher() = default;
+};
+
 /// Watches waves and each run in them, to measure them.
 struct IRunProbe {
     virtual void wave_begins() = 0;
@@ -71,6 +82,14 @@ public:
 
     /// Has what the block left triggered outside of a wave taken over in the next one.
     void look_at_outputs(std::uint32_t block);
+
+    /// Has what was put into the output of an entry taken over in the next wave.
+    void note_entry(std::uint32_t entry) { note_output(outputs_[first_entry_ + entry]); }
+
+    /// Tells a watcher of the values of an output of a block; several may watch one.
+    /// @param watcher  must outlive all waves to come
+    void watch(std::uint32_t block, const OutPortInternal& output, ITriggerWatcher& watcher,
+               std::uint32_t tag);
 
     /// Whether a wave would have nothing to do.
     bool is_idle() const { return visits_.is_empty() && triggered_count_ == 0; }
@@ -113,6 +132,12 @@ private:
         OutPortInternal* port;
         std::uint32_t first_reader;
         bool is_noted;  // among those that are triggered
+        bool is_watched;
+    };
+    struct Watch {
+        const OutPortInternal* output;
+        ITriggerWatcher* watcher;
+        std::uint32_t tag;
     };
     /// A block, and where what belongs to it begins; it ends where that of the next one begins.
     struct Slot {
@@ -140,6 +165,7 @@ private:
     bool contain_failure(std::uint32_t block, const std::string& text);
     void note_outputs(std::uint32_t block);
     void note_output(Output& output);
+    void tell_watchers();
     void reset_inputs(std::uint32_t block);
     void reset_outputs();
 
@@ -153,7 +179,9 @@ private:
     std::vector<Take> takes_;
     std::vector<Take> delayed_;
     std::vector<InPortInternal*> loose_;  // inputs that nothing feeds
-    std::vector<Output> outputs_;         // and one that ends the last
+    std::vector<Output> outputs_;         // then those of entries, and one that ends the last
+    std::size_t first_entry_ = 0;         // among the outputs
+    std::vector<Watch> watches_;          // by output
     std::vector<std::uint32_t> readers_;
     std::vector<std::uint64_t> failures_;
     // Of the present wave, with room for all, and how many there are.

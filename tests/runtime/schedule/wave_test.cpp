@@ -842,6 +842,97 @@ private:
     std::vector<std::string> log_;
 };
 
+// --- other machines ---
+
+TEST(Wave, TakesOverWhatComesFromElsewhere)
+{
+    Pair pair;
+    FakeBlock& c = pair.graph.add("c");
+    InPort<int>& in = c.input("in");
+    RemoteOutput& far = pair.graph.connect_remote(c, "in");
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    int value = 7;
+
+    far.publish(&value);
+    wave.note_entry(0);
+    EXPECT_FALSE(wave.is_idle());
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_EQ(c.runs, 1);
+    EXPECT_EQ(in.value(), 7);
+    EXPECT_EQ(pair.a.runs, 0);
+    EXPECT_FALSE(far.is_triggered());
+    EXPECT_TRUE(wave.is_idle());
+}
+
+TEST(Wave, IsNotTriggeredByWhatComesFromElsewhereWithADelay)
+{
+    FakeGraph graph;
+    FakeBlock& block = graph.add("a");
+    InPort<int>& in = block.input("in");
+    RemoteOutput& far = graph.connect_remote(block, "in", kDelayed);
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    int value = 7;
+
+    far.publish(&value);
+    wave.note_entry(0);
+    EXPECT_TRUE(run_wave(wave));
+    EXPECT_EQ(block.runs, 0);
+    wave.ask(0);
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_EQ(block.runs, 1);
+    EXPECT_EQ(in.value(), 7);
+}
+
+/// Records the tags of the outputs that had a value.
+class Watcher final : public ITriggerWatcher {
+public:
+    void has_value(std::uint32_t tag) override { tags.push_back(tag); }
+
+    std::vector<std::uint32_t> tags;
+};
+
+TEST(Wave, TellsWatchersOfValues)
+{
+    Pair pair;
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    Watcher first;
+    Watcher second;
+    wave.watch(0, pair.out, first, 3);
+    wave.watch(0, pair.out, second, 4);
+
+    wave.ask(1);
+    EXPECT_TRUE(run_wave(wave));
+    EXPECT_THAT(first.tags, IsEmpty());
+    wave.ask(0);
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_THAT(first.tags, ElementsAre(3));
+    EXPECT_THAT(second.tags, ElementsAre(4));
+}
+
+TEST(Wave, TellsWatchersNothingOfBlocksThatFail)
+{
+    Pair pair;
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    Watcher watcher;
+    wave.watch(0, pair.out, watcher, 3);
+    pair.a.on_run = [&]() -> bool {
+        pair.out.write(1);
+        throw std::runtime_error("no");
+    };
+
+    wave.ask(0);
+    EXPECT_FALSE(run_wave(wave));
+
+    EXPECT_THAT(watcher.tags, IsEmpty());
+}
+
 TEST(WaveProperty, DoesWhatTheModelDoes)
 {
     for (std::uint32_t seed = 1; seed <= 1000; ++seed) {

@@ -73,6 +73,22 @@ public:
                                   is_delayed});
     }
 
+    /// Feeds an input from another machine.
+    /// @return the output there, of the entry that is numbered from 0 on
+    Quorval::runtime::RemoteOutput& connect_remote(FakeBlock& to, const std::string& input,
+                                                   bool is_delayed = false)
+    {
+        const auto entry = static_cast<std::uint32_t>(network_.entries.size());
+        network_.entries.push_back(
+            {"far", "out",
+             std::make_shared<Quorval::runtime::RemoteOutput>("out", Quorval::Datatype("int32")),
+             false});
+        network_.entry_wires.push_back({entry, number_of(to),
+                                        to.get_inport(input).front().second.get_connectable(),
+                                        is_delayed});
+        return *network_.entries.back().output;
+    }
+
     /// A chain in which each block has an input "in" and an output "out", and each hands on what
     /// it gets, plus 1.
     void add_chain(std::size_t length)
