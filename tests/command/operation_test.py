@@ -17,6 +17,7 @@ import xml.etree.ElementTree
 
 import dbus
 import dbus.bus
+import dbus.lowlevel
 
 QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 POLICY = str(pathlib.Path(sys.argv.pop()).resolve())
@@ -270,11 +271,14 @@ class Changes(Operation):
         shown += f'pstore_path = "{self.directory.resolve()}/state/a/"\n'
         self.assertEqual(self.run_quorval("get", "the-graph", "a"), (0, shown, ""))
         self.graph().Configure({"a.label": "changed"})
-        self.write(GRAPH.replace("level = 2", "level = 5\nconfig.label = 'file'"))
+        self.write(GRAPH.replace("level = 2", "level = 5\nconfig.label = 'file'")
+                   .replace("level = 3", "level = 8"))
         process.send_signal(signal.SIGHUP)
+        self.assertEqual([process.stdout.readline() for _ in range(2)],
+                         ["a 4 changed\n", "b 8 none\n"])
         shown = shown.replace('"assigned"  # --set', '"changed"  # changed')
         self.assertEqual(self.run_quorval("get", "the-graph", "a"), (0, shown, ""))
-        self.assertEqual(self.stop(process), "a 4 changed\n")
+        self.assertEqual(self.stop(process), "")
 
     def test_signals_tell_of_changes_and_failures(self):
         process = self.start()
@@ -373,6 +377,23 @@ class Objects(Operation):
         properties.Set("test.Object", "Level", dbus.Int32(9, variant_level=1))
         self.assertEqual(properties.Get("test.Object", "Level"), 9)
         self.assertEqual(self.stop(process), "17\n")
+
+    def test_the_wave_of_a_call_runs_before_the_next_call(self):
+        process = self.start()
+        bus = self.connect()
+        process.send_signal(signal.SIGSTOP)
+        for path, interface, name, arguments in (
+                ("/object", "test.Object", "Fire", ()),
+                (PATH, INTERFACE, "Configure", ({"a.level": "4"},)),
+                ("/object", "test.Object", "Fire", ())):
+            message = dbus.lowlevel.MethodCallMessage(NAME, path, interface, name)
+            message.set_no_reply(True)
+            message.append(*arguments)
+            bus.send_message(message)
+        # Once this is answered, the bus has taken the others.
+        bus.name_has_owner(NAME)
+        process.send_signal(signal.SIGCONT)
+        self.assertEqual(self.stop(process), "17\na 4 none\n17\n")
 
     def test_what_a_handler_throws_goes_to_the_caller(self):
         process = self.start()

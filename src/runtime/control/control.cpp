@@ -25,7 +25,7 @@ RunResult Control::open(Run& run)
 {
     run_ = &run;
     graph_.emplace(run, [this, &run] { return statistics_(run); });
-    objects_.emplace(run.graph.network, run.life);
+    objects_.emplace(run.graph.network, run.life, run.loop);
     const std::string problem = objects_->find_problem();
     if (!problem.empty()) {
         return report(RunResult::WrongObjects, problem);

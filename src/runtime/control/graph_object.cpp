@@ -230,6 +230,9 @@ int GraphObject::configure(sd_bus_message* message)
         throw_not_allowed();
     }
     const std::string text = run_.overrides.change(read_changes(message));
+    if (run_.life.has_work()) {
+        run_.loop.hold();
+    }
     if (!text.empty()) {
         throw_refused(text);
     }

@@ -114,7 +114,8 @@ struct BlockObjects::Object {
     std::vector<sd_bus_vtable> table;
 };
 
-BlockObjects::BlockObjects(const Network& network, Life& life) : network_(network), life_(life)
+BlockObjects::BlockObjects(const Network& network, Life& life, Loop& loop)
+    : network_(network), life_(life), loop_(loop)
 {
     for (std::uint32_t block = 0; block < network.nodes.size(); ++block) {
         for (const DBusMeta* meta : network.nodes[block].block->get_dbus_meta()) {
@@ -215,6 +216,9 @@ int BlockObjects::contain(std::uint32_t block, sd_bus_error* error, const Work& 
         result = sd_bus_error_set(error, kRefused, failure.c_str());
     }
     life_.look_at(block);
+    if (life_.has_work()) {
+        loop_.hold();
+    }
     return result;
 }
 

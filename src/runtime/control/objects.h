@@ -2,6 +2,7 @@
 #pragma once
 
 #include "control/handles.h"
+#include "loop/loop.h"
 #include "run/life.h"
 #include "schedule/network.h"
 
@@ -15,11 +16,11 @@ namespace Quorval::runtime {
 
 /// Publishes the objects that the blocks of a graph recorded. What their handlers throw goes no
 /// further: the caller gets an error, and the failure of the block is reported. Outputs that they
-/// trigger are looked at.
+/// trigger are looked at, and the wave that a call leads to runs before the next call is answered.
 class BlockObjects {
 public:
-    /// Both must outlive the object.
-    BlockObjects(const Network& network, Life& life);
+    /// All must outlive the object.
+    BlockObjects(const Network& network, Life& life, Loop& loop);
     BlockObjects(const BlockObjects&) = delete;
     BlockObjects& operator=(const BlockObjects&) = delete;
     ~BlockObjects();
@@ -50,6 +51,7 @@ private:
 
     const Network& network_;
     Life& life_;
+    Loop& loop_;
     std::vector<std::unique_ptr<Object>> objects_;
 };
 

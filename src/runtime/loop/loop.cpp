@@ -135,10 +135,11 @@ void Loop::dispatch_event(bool is_prepared)
     if (event_ == nullptr || has_exited()) {
         return;
     }
+    is_held_ = false;
     bool is_pending = is_prepared || sd_event_wait(event_, 0) > 0;
     for (int count = 0; is_pending && count < kAtMost; ++count) {
         sd_event_dispatch(event_);
-        is_pending = count + 1 < kAtMost && !has_exited() &&
+        is_pending = count + 1 < kAtMost && !is_held_ && !has_exited() &&
                      (sd_event_prepare(event_) > 0 || sd_event_wait(event_, 0) > 0);
     }
 }

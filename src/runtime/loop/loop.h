@@ -44,6 +44,10 @@ public:
     /// @return what is ready, all of it; entries with reserved tags are to be ignored
     const std::vector<Ready>& wait(std::optional<Time> until);
 
+    /// From a source of the sd_event: the present wait() dispatches no other, so that what this one
+    /// left to do is done first.
+    void hold() { is_held_ = true; }
+
     /// Waits until the time has come, or somebody called wake(). Leaves all else for wait().
     void sleep(Time until);
 
@@ -60,6 +64,7 @@ private:
     std::unique_ptr<FDEvent> timer_event_;
     sd_event* event_ = nullptr;
     std::unique_ptr<FDEvent> event_event_;
+    bool is_held_ = false;
 };
 
 }  // namespace Quorval::runtime

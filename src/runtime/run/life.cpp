@@ -281,7 +281,7 @@ void Life::take_timers(Time now)
 
 std::optional<Life::Time> Life::next_time() const
 {
-    if (!wave_.is_idle() || !requests_->is_empty()) {
+    if (has_work()) {
         return Time(0);
     }
     return timers_.is_empty() ? std::nullopt : std::optional<Time>(timers_.earliest());

@@ -84,6 +84,9 @@ public:
     /// Runs one wave, if there is anything to do.
     void step();
 
+    /// Whether the next wave has something to do, apart from timers.
+    bool has_work() const { return !wave_.is_idle() || !requests_->is_empty(); }
+
     /// When the next wave is due by itself; a time in the past: at once.
     std::optional<Time> next_time() const;
 

@@ -103,6 +103,29 @@ TEST(Loop, DispatchesTheSourcesOfItsEvent)
     EXPECT_EQ(calls, 1);
 }
 
+TEST(Loop, DispatchesNothingBehindASourceThatHoldsIt)
+{
+    struct State {
+        Loop loop;
+        int calls = 0;
+    } state;
+    const auto hold = [](sd_event_source* /*source*/, void* data) {
+        auto& present = *static_cast<State*>(data);
+        ++present.calls;
+        present.loop.hold();
+        return 0;
+    };
+    sd_event_add_defer(state.loop.event(), nullptr, hold, &state);
+    sd_event_add_defer(state.loop.event(), nullptr, hold, &state);
+
+    state.loop.wait(std::nullopt);
+    const int calls = state.calls;
+    state.loop.wait(std::nullopt);
+
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(state.calls, 2);
+}
+
 TEST(Loop, WakesForASourceOfItsEvent)
 {
     Loop loop;
