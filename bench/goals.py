@@ -32,6 +32,7 @@ PACKAGES = {
     "glib": "libglib2.0-dev",
     "gstreamer": "libgstreamer1.0-dev",
     "class_loader": "libclass-loader-dev",
+    "onetbb": "libtbb-dev",
 }
 
 
@@ -141,6 +142,15 @@ ROWS = [
     Row("plugin_load", "load a plug-in", "system", 1.1),
     *_others("plugin_load", "load a plug-in", "class_loader"),
     Row("plugin_load_many", "load a hundred plug-ins", "system", 1.3),
+    # The peer by hand makes the same virtual calls over the same blocks.
+    Row("wave_chain/10", "a run in a wave over a chain of 10", "by_hand", 4),
+    Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "by_hand", 2.5),
+    Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "by_hand", 3),
+    Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "onetbb", 1),
+    Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "onetbb", 1),
+    Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "gstreamer", 0.2),
+    Row("wave_sparse/100000", "a run in a wave over 10 of 100,000, peer: over 10 of 10", "alone",
+        1.2),
 ]
 
 
@@ -165,6 +175,8 @@ _DEPTHS = (1, 2, 4, 8, 16, 32, 64)
 _SIZES = (1_000, 10_000, 100_000)
 
 GROWTHS = [
+    Growth("wave_chain", "growth of a run in a wave over a chain, 10 to 100,000",
+           (10, 1_000, 100_000)),
     Growth("create_members", "growth of creating a member, 1,000 to 100,000", _SIZES),
     Growth("add_connection", "growth of a connection, 1,000 to 100,000", _SIZES),
     Growth("nested_connections", "growth of `get_connections` per entry, 1 to 64 levels around",

@@ -86,6 +86,10 @@ class Results:
     def median(self, name):
         return self._sides[name].median() if name in self._sides else None
 
+    def has(self, case):
+        """Whether ours was measured."""
+        return f"{case}/{OURS}" in self._sides
+
     def instructions(self, name):
         return self._sides[name].instructions if name in self._sides else None
 

@@ -40,7 +40,7 @@ RunResult Runner::run()
     return result;
 }
 
-RunResult Runner::live()
+bool Runner::start()
 {
     const bool has_work = life_.start() || playback_ != nullptr;
     if (outside_ != nullptr) {
@@ -52,6 +52,12 @@ RunResult Runner::live()
     if (options_.run_for.count() > 0) {
         end_ = now() + options_.run_for;
     }
+    return has_work;
+}
+
+RunResult Runner::live()
+{
+    const bool has_work = start();
     try {
         while (playback_ != nullptr && !life_.is_stopping() && !loop_.has_exited()) {
             play_wave();
@@ -74,7 +80,6 @@ RunResult Runner::live()
                               : RunResult::NoSource;
 }
 
-/// Waits for something to do, and does it.
 void Runner::turn()
 {
     life_.take(loop_.wait(next_time()));

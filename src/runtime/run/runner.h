@@ -48,6 +48,11 @@ public:
     /// Once.
     RunResult run();
 
+    /// The steps of run(), for whoever measures them: starts the blocks and tells whether anything
+    /// would ever run; then waits for something to do, and does it.
+    bool start();
+    void turn();
+
     Life& life() { return life_; }
 
     /// From the start on waves come from there alone, and the files are not read again.
@@ -62,7 +67,6 @@ private:
     };
 
     RunResult live();
-    void turn();
     void play_wave();
     std::optional<Life::Time> next_time() const;
     void show_progress(bool is_last);

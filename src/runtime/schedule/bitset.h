@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -11,8 +12,8 @@ namespace Quorval::runtime {
 /// numbers far apart are found without a look at what lies between. Allocates when it is made, and
 /// never again.
 ///
-/// Made for numbers that are put in shortly before they are taken, close to the last one taken: a
-/// word that has become empty keeps its bit above until the search goes on past it.
+/// Made for numbers that are put in shortly before they are taken, close to the last one taken: the
+/// word in which the search stands needs no bit above.
 class Bitset {
 public:
     /// Holds numbers below `size`.
@@ -32,13 +33,16 @@ public:
 
     void insert(std::uint32_t number)
     {
-        const std::uint32_t at = number / kBits;
+        std::uint32_t at = number / kBits;
         const std::uint64_t before = words_[at];
         words_[at] = before | bit(number);
-        if (at < present_) {
-            present_ = at;
+        if (at == present_) {
+            return;
         }
-        if (before == 0) {
+        if (at < present_) {
+            std::swap(at, present_);
+            insert_above(at);
+        } else if (before == 0) {
             insert_above(at);
         }
     }
@@ -67,7 +71,8 @@ private:
         return static_cast<std::uint32_t>(__builtin_ctzll(word));
     }
 
-    void insert_above(std::uint32_t at)
+    // Rarely needed, and to stay out of the way of what calls it.
+    [[gnu::noinline]] void insert_above(std::uint32_t at)
     {
         for (std::size_t level = 1; level < levels_.size(); ++level) {
             std::uint64_t& word = levels_[level][at / kBits];
@@ -80,7 +85,7 @@ private:
     }
 
     /// Leaves the present word, which is empty, for the first one that may have bits.
-    bool go_on()
+    [[gnu::noinline]] bool go_on()
     {
         std::uint32_t at = present_;
         std::size_t level = 1;

@@ -6,10 +6,13 @@
 #include <exception>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace Quorval::runtime {
 
 namespace {
+
+constexpr const char* kOperation = "run";
 
 /// Shows the value of an output without its trigger.
 class Untriggered : public OutPortInternal {
@@ -54,7 +57,7 @@ public:
     void build()
     {
         wave_.slots_.reserve(network_.nodes.size() + 1);
-        wave_.takes_.reserve(network_.wires.size());
+        wave_.takes_.reserve(network_.wires.size() + network_.entry_wires.size());
         for (const Node& node : network_.nodes) {
             add_slot(node.block, node.path.c_str(), node.skips_failures);
             add_inputs(*node.block);
@@ -65,16 +68,22 @@ public:
         for (const Entry& entry : network_.entries) {
             add_output(*entry.output);
         }
-        wave_.outputs_.push_back({nullptr, 0, false, false});
+        wave_.outputs_.push_back({nullptr, nullptr, false, false});
+        for (std::size_t slot = 0; slot < wave_.slots_.size(); ++slot) {
+            wave_.slots_[slot].takes = wave_.takes_.data() + first_take_[slot];
+            wave_.slots_[slot].outputs = wave_.outputs_.data() + first_output_[slot];
+        }
         add_readers();
     }
 
 private:
     void add_slot(Block* block, const char* path, bool skips_failures)
     {
-        wave_.slots_.push_back({block, path, size_of(wave_.takes_), size_of(wave_.delayed_),
-                                size_of(wave_.loose_), size_of(wave_.outputs_), false, false, false,
-                                false, skips_failures, 0});
+        first_take_.push_back(size_of(wave_.takes_));
+        first_output_.push_back(size_of(wave_.outputs_));
+        wave_.slots_.push_back({block, path, nullptr, nullptr, size_of(wave_.delayed_),
+                                size_of(wave_.loose_), false, false, false, false, skips_failures,
+                                0, 0});
     }
 
     void add_inputs(Block& block)
@@ -117,7 +126,7 @@ private:
     void add_output(OutPortInternal& output)
     {
         number_[&output] = size_of(wave_.outputs_);
-        wave_.outputs_.push_back({&output, 0, false, false});
+        wave_.outputs_.push_back({&output, nullptr, false, false});
     }
 
     /// Calls `use` with the output and the reader of each connection that triggers.
@@ -140,19 +149,15 @@ private:
     void add_readers()
     {
         std::vector<Output>& outputs = wave_.outputs_;
+        std::vector<std::uint32_t> next(outputs.size());
+        for_each_reader([&](std::uint32_t output, std::uint32_t /*reader*/) { ++next[output]; });
         std::uint32_t count = 0;
-        for_each_reader([&](std::uint32_t output, std::uint32_t /*reader*/) {
-            ++outputs[output].first_reader;
-            ++count;
-        });
-        wave_.readers_.resize(count);
-        for (auto output = outputs.rbegin(); output != outputs.rend(); ++output) {
-            output->first_reader = count -= output->first_reader;
+        for (std::uint32_t& one : next) {
+            count += std::exchange(one, count);
         }
-        std::vector<std::uint32_t> next;
-        next.reserve(outputs.size());
-        for (const Output& output : outputs) {
-            next.push_back(output.first_reader);
+        wave_.readers_.resize(count);
+        for (std::size_t output = 0; output < outputs.size(); ++output) {
+            outputs[output].readers = wave_.readers_.data() + next[output];
         }
         for_each_reader([&](std::uint32_t output, std::uint32_t reader) {
             wave_.readers_[next[output]++] = reader;
@@ -169,6 +174,8 @@ private:
     Wave& wave_;
     std::size_t wire_ = 0;
     std::size_t entry_wire_ = 0;
+    std::vector<std::uint32_t> first_take_;  // by slot
+    std::vector<std::uint32_t> first_output_;
     std::unordered_map<const OutPortInternal*, std::uint32_t> number_;
 };
 
@@ -176,9 +183,10 @@ Wave::Wave(const Network& network, IDescriptorPorts& descriptors, IWaveEvents& e
     : descriptors_(descriptors), events_(events), visits_(network.nodes.size())
 {
     Builder(network, *this).build();
-    failures_.resize(network.nodes.size());
     visited_.resize(network.nodes.size());
+    visited_end_ = visited_.data();
     triggered_.resize(outputs_.size());
+    triggered_end_ = triggered_.data();
 }
 
 void Wave::has_descriptors(std::uint32_t block)
@@ -200,14 +208,14 @@ void Wave::visit(std::uint32_t block)
 
 void Wave::look_at_outputs(std::uint32_t block)
 {
-    note_outputs(block);
+    note_outputs(slots_[block]);
 }
 
 void Wave::watch(std::uint32_t block, const OutPortInternal& output, ITriggerWatcher& watcher,
                  std::uint32_t tag)
 {
-    for (std::uint32_t at = slots_[block].first_output; at < slots_[block + 1].first_output; ++at) {
-        outputs_[at].is_watched = outputs_[at].is_watched || outputs_[at].port == &output;
+    for (Output* one = slots_[block].outputs; one != slots_[block + 1].outputs; ++one) {
+        one->is_watched = one->is_watched || one->port == &output;
     }
     const auto place = std::upper_bound(
         watches_.begin(), watches_.end(), &output,
@@ -225,7 +233,7 @@ bool Wave::run()
     const ContextScope scope(nullptr, nullptr);
     Context& present = context();
     for (std::uint32_t block = 0; visits_.take_lowest(block);) {
-        if (!slots_[block].is_done && !visit_block(block, present)) {
+        if (!slots_[block].is_done && !visit_block(slots_[block], present)) {
             drop_visits();
             return false;
         }
@@ -240,44 +248,45 @@ void Wave::drop_visits()
     }
 }
 
-bool Wave::visit_block(std::uint32_t block, Context& present)
+inline bool Wave::visit_block(Slot& slot, Context& present)
 {
-    visited_[visited_count_++] = block;
-    Slot& slot = slots_[block];
-    present = {slot.path, "run"};
+    *visited_end_++ = &slot;
+    present.path = slot.path;
+    present.operation = kOperation;
     bool is_due = false;
     try {
-        is_due = take_over(slot, *(&slot + 1), block);
+        is_due = take_over(slot);
         if (is_due) {
             probe_run_begin(slot.path);
-            run_block(slot, block);
+            run_block(slot);
             probe_run_end(slot.path, 0);
         }
     } catch (...) {
         if (is_due) {
             probe_run_end(slot.path, 1);
         }
-        return contain_failure(block, text_of_present_exception());
+        return contain_failure(slot, text_of_present_exception());
     }
     return true;
 }
 
 /// @return whether the block is due
-bool Wave::take_over(const Slot& slot, const Slot& end, std::uint32_t block)
+inline bool Wave::take_over(const Slot& slot)
 {
     bool is_due = slot.is_asked;
-    const Take* const last = takes_.data() + end.first_take;
-    for (const Take* take = takes_.data() + slot.first_take; take != last; ++take) {
+    const Take* const last = (&slot + 1)->takes;
+    for (const Take* take = slot.takes; take != last; ++take) {
         take->input->update(*take->output);
         is_due = is_due || take->input->is_triggered();
     }
-    return slot.is_special ? take_over_rest(slot, end, block) || is_due : is_due;
+    return slot.is_special ? take_over_rest(slot) || is_due : is_due;
 }
 
 /// What few blocks have: delayed connections, inputs that nothing feeds, descriptors.
-bool Wave::take_over_rest(const Slot& slot, const Slot& end, std::uint32_t block)
+bool Wave::take_over_rest(const Slot& slot)
 {
-    bool is_due = slot.has_descriptors && descriptors_.is_triggered(block);
+    const Slot& end = *(&slot + 1);
+    bool is_due = slot.has_descriptors && descriptors_.is_triggered(number_of(slot));
     for (std::uint32_t at = slot.first_delayed; at < end.first_delayed; ++at) {
         const Take& take = delayed_[at];
         if (take.output->is_triggered()) {
@@ -295,54 +304,58 @@ bool Wave::take_over_rest(const Slot& slot, const Slot& end, std::uint32_t block
     return is_due;
 }
 
-void Wave::run_block(Slot& slot, std::uint32_t block)
+inline void Wave::run_block(Slot& slot)
 {
     slot.is_asked = false;
     ++slot.runs;
     if (slot.has_descriptors) {
-        descriptors_.before_run(block);
+        descriptors_.before_run(number_of(slot));
     }
-    const bool is_done = !(probe_ == nullptr ? slot.block->run() : run_probed(slot, block));
-    note_outputs(block);
+    const bool goes_on = probe_ == nullptr ? slot.block->run() : run_probed(slot);
+    note_outputs(slot);
     if (slot.has_descriptors) {
-        descriptors_.after_run(block);
+        descriptors_.after_run(number_of(slot));
     }
-    if (is_done) {
-        slot.is_done = true;
-        events_.block_is_done(block);
+    if (!goes_on) {
+        end_block(slot);
     }
 }
 
-bool Wave::run_probed(const Slot& slot, std::uint32_t block)
+bool Wave::run_probed(const Slot& slot)
 {
-    probe_->run_begins(block);
+    probe_->run_begins(number_of(slot));
     try {
         const bool goes_on = slot.block->run();
-        probe_->run_ends(block, false);
+        probe_->run_ends(number_of(slot), false);
         return goes_on;
     } catch (...) {
-        probe_->run_ends(block, true);
+        probe_->run_ends(number_of(slot), true);
         throw;
     }
 }
 
-bool Wave::contain_failure(std::uint32_t block, const std::string& text)
+void Wave::end_block(Slot& slot)
 {
-    Slot& slot = slots_[block];
+    slot.is_done = true;
+    events_.block_is_done(number_of(slot));
+}
+
+bool Wave::contain_failure(Slot& slot, const std::string& text)
+{
     slot.is_asked = false;
-    ++failures_[block];
-    for (std::uint32_t at = slot.first_output; at < slots_[block + 1].first_output; ++at) {
-        outputs_[at].port->reset(true);
+    ++slot.failures;
+    for (const Output* output = slot.outputs; output != (&slot + 1)->outputs; ++output) {
+        output->port->reset(true);
     }
     const ContextScope scope(nullptr, nullptr);
-    events_.block_failed(block, text);
+    events_.block_failed(number_of(slot), text);
     return slot.skips_failures;
 }
 
-void Wave::note_outputs(std::uint32_t block)
+inline void Wave::note_outputs(const Slot& slot)
 {
-    const Output* const last = outputs_.data() + slots_[block + 1].first_output;
-    for (Output* output = outputs_.data() + slots_[block].first_output; output != last; ++output) {
+    const Output* const last = (&slot + 1)->outputs;
+    for (Output* output = slot.outputs; output != last; ++output) {
         if (!output->is_noted && output->port->is_triggered()) {
             note_output(*output);
         }
@@ -352,10 +365,9 @@ void Wave::note_outputs(std::uint32_t block)
 void Wave::note_output(Output& output)
 {
     output.is_noted = true;
-    triggered_[triggered_count_++] = &output;
-    const std::uint32_t* const last = readers_.data() + (&output + 1)->first_reader;
-    for (const std::uint32_t* reader = readers_.data() + output.first_reader; reader != last;
-         ++reader) {
+    *triggered_end_++ = &output;
+    const std::uint32_t* const last = (&output + 1)->readers;
+    for (const std::uint32_t* reader = output.readers; reader != last; ++reader) {
         visits_.insert(*reader);
     }
 }
@@ -368,16 +380,17 @@ bool Wave::reset()
         tell_watchers();
     }
     Context& present = context();
-    for (std::size_t at = 0; at < visited_count_; ++at) {
-        const std::uint32_t block = visited_[at];
-        present = {slots_[block].path, "run"};
+    for (Slot* const* at = visited_.data(); at != visited_end_; ++at) {
+        Slot& slot = **at;
+        present.path = slot.path;
+        present.operation = kOperation;
         try {
-            reset_inputs(block);
+            reset_inputs(slot);
         } catch (...) {
-            is_well = contain_failure(block, text_of_present_exception()) && is_well;
+            is_well = contain_failure(slot, text_of_present_exception()) && is_well;
         }
     }
-    visited_count_ = 0;
+    visited_end_ = visited_.data();
     reset_outputs();
     if (probe_ != nullptr) {
         probe_->wave_ends();
@@ -388,9 +401,9 @@ bool Wave::reset()
 
 void Wave::tell_watchers()
 {
-    for (std::size_t at = 0; at < triggered_count_; ++at) {
-        const OutPortInternal* port = triggered_[at]->port;
-        if (!triggered_[at]->is_watched || !port->is_triggered()) {
+    for (Output* const* at = triggered_.data(); at != triggered_end_; ++at) {
+        const OutPortInternal* port = (*at)->port;
+        if (!(*at)->is_watched || !port->is_triggered()) {
             continue;
         }
         auto watch = std::lower_bound(
@@ -402,22 +415,21 @@ void Wave::tell_watchers()
     }
 }
 
-void Wave::reset_inputs(std::uint32_t block)
+inline void Wave::reset_inputs(const Slot& slot)
 {
-    const Slot& slot = slots_[block];
     slot.block->reset_inports(false);
     if (slot.has_descriptors) {
-        descriptors_.reset(block);
+        descriptors_.reset(number_of(slot));
     }
 }
 
 void Wave::reset_outputs()
 {
-    for (std::size_t at = 0; at < triggered_count_; ++at) {
-        triggered_[at]->port->reset(false);
-        triggered_[at]->is_noted = false;
+    for (Output* const* at = triggered_.data(); at != triggered_end_; ++at) {
+        (*at)->port->reset(false);
+        (*at)->is_noted = false;
     }
-    triggered_count_ = 0;
+    triggered_end_ = triggered_.data();
 }
 
 }  // namespace Quorval::runtime

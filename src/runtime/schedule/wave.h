@@ -92,7 +92,7 @@ public:
                std::uint32_t tag);
 
     /// Whether a wave would have nothing to do.
-    bool is_idle() const { return visits_.is_empty() && triggered_count_ == 0; }
+    bool is_idle() const { return visits_.is_empty() && triggered_end_ == triggered_.data(); }
 
     /// Visits and runs blocks. Afterwards ports are still as their blocks left them.
     /// @return false when a block failed that does not skip failures: the wave has ended there
@@ -106,8 +106,8 @@ public:
     template <class See>
     void for_triggered(const See& see) const
     {
-        for (std::size_t at = 0; at < triggered_count_; ++at) {
-            const OutPortInternal& output = *triggered_[at]->port;
+        for (Output* const* at = triggered_.data(); at != triggered_end_; ++at) {
+            const OutPortInternal& output = *(*at)->port;
             if (output.is_triggered()) {
                 see(output);
             }
@@ -119,7 +119,7 @@ public:
     std::uint64_t waves() const { return waves_; }
     /// How often the block was run; runs that failed count.
     std::uint64_t runs(std::uint32_t block) const { return slots_[block].runs; }
-    std::uint64_t failures(std::uint32_t block) const { return failures_[block]; }
+    std::uint64_t failures(std::uint32_t block) const { return slots_[block].failures; }
     bool is_done(std::uint32_t block) const { return slots_[block].is_done; }
 
 private:
@@ -130,8 +130,8 @@ private:
     };
     struct Output {
         OutPortInternal* port;
-        std::uint32_t first_reader;
-        bool is_noted;  // among those that are triggered
+        const std::uint32_t* readers;  // the first of them; the last lies before those of the next
+        bool is_noted;                 // among those that are triggered
         bool is_watched;
     };
     struct Watch {
@@ -140,33 +140,40 @@ private:
         std::uint32_t tag;
     };
     /// A block, and where what belongs to it begins; it ends where that of the next one begins.
-    struct Slot {
+    /// What a visit needs lies in one line of the cache.
+    struct alignas(64) Slot {
         Block* block;
         const char* path;
-        std::uint32_t first_take;
+        const Take* takes;
+        Output* outputs;
         std::uint32_t first_delayed;
         std::uint32_t first_loose;
-        std::uint32_t first_output;
         bool is_asked;
         bool is_done;
         bool has_descriptors;
         bool is_special;  // has more than connected inputs to look at
         bool skips_failures;
         std::uint64_t runs;
+        std::uint64_t failures;
     };
     class Builder;
 
-    bool visit_block(std::uint32_t block, Context& present);
+    std::uint32_t number_of(const Slot& slot) const
+    {
+        return static_cast<std::uint32_t>(&slot - slots_.data());
+    }
+    bool visit_block(Slot& slot, Context& present);
     void drop_visits();
-    bool take_over(const Slot& slot, const Slot& end, std::uint32_t block);
-    bool take_over_rest(const Slot& slot, const Slot& end, std::uint32_t block);
-    void run_block(Slot& slot, std::uint32_t block);
-    bool run_probed(const Slot& slot, std::uint32_t block);
-    bool contain_failure(std::uint32_t block, const std::string& text);
-    void note_outputs(std::uint32_t block);
+    bool take_over(const Slot& slot);
+    bool take_over_rest(const Slot& slot);
+    void run_block(Slot& slot);
+    bool run_probed(const Slot& slot);
+    void end_block(Slot& slot);
+    bool contain_failure(Slot& slot, const std::string& text);
+    void note_outputs(const Slot& slot);
     void note_output(Output& output);
     void tell_watchers();
-    void reset_inputs(std::uint32_t block);
+    void reset_inputs(const Slot& slot);
     void reset_outputs();
 
     IDescriptorPorts& descriptors_;
@@ -183,12 +190,11 @@ private:
     std::size_t first_entry_ = 0;         // among the outputs
     std::vector<Watch> watches_;          // by output
     std::vector<std::uint32_t> readers_;
-    std::vector<std::uint64_t> failures_;
-    // Of the present wave, with room for all, and how many there are.
-    std::vector<std::uint32_t> visited_;
-    std::size_t visited_count_ = 0;
+    // Of the present wave, with room for all, and where they end.
+    std::vector<Slot*> visited_;
+    Slot** visited_end_ = nullptr;
     std::vector<Output*> triggered_;
-    std::size_t triggered_count_ = 0;
+    Output** triggered_end_ = nullptr;
 };
 
 /// The text of the exception in hand: what() of a std::exception, else "an unknown exception".

@@ -1,0 +1,66 @@
+// Blocks that do next to nothing, so that what runs them shows.
+
+#include <quorval/block.h>
+#include <quorval/pluginloader.h>
+#include <quorval/runtime/tools.h>
+#include <quorval/settings.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace {
+
+using namespace Quorval;
+
+/// Counts, in every wave.
+class Count : public Block {
+public:
+    using Block::Block;
+
+    void start() override { get_tools().request_run(); }
+
+    bool run() override
+    {
+        out_->write(out_->value() + 1);
+        get_tools().request_run();
+        return true;
+    }
+
+private:
+    OutPort<double>* out_ = add_output<double>(*this, "out");
+};
+
+/// Adds one to what it gets.
+class Add : public Block {
+public:
+    using Block::Block;
+
+    bool run() override
+    {
+        out_->write(in_->value() + 1);
+        return true;
+    }
+
+private:
+    InPort<double>* in_ = add_input<double>(*this, "in");
+    OutPort<double>* out_ = add_output<double>(*this, "out");
+};
+
+template <class Made>
+void add_type(IRegistry& registry, const char* type)
+{
+    registry.register_block_create_fn(
+        type, [](std::string name, const BlockConfiguration& config, const InitTools&) {
+            return std::unique_ptr<Container>(new Made(std::move(name), config));
+        });
+}
+
+}  // namespace
+
+int lib_register_cpp(IRegistry& registry)
+{
+    add_type<Count>(registry, "Count");
+    add_type<Add>(registry, "Add");
+    return 0;
+}
