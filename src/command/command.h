@@ -31,3 +31,4 @@ int run_command(const Arguments& arguments);
 int schema_command(const Arguments& arguments);
 int set_command(const Arguments& arguments);
 int stop_command(const Arguments& arguments);
+int top_command(const Arguments& arguments);

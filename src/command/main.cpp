@@ -22,7 +22,7 @@ struct Command {
     int (*run)(const Arguments&);
 };
 
-constexpr std::array<Command, 14> kCommands = {{
+constexpr std::array<Command, 15> kCommands = {{
     {"check", "look for what is wrong with a graph", check_command},
     {"config", "look at store files, and change them", config_command},
     {"describe", "show a running graph", describe_command},
@@ -37,6 +37,7 @@ constexpr std::array<Command, 14> kCommands = {{
     {"schema", "write a JSON Schema of graph files", schema_command},
     {"set", "change a running graph", set_command},
     {"stop", "stop a running graph", stop_command},
+    {"top", "show what the blocks of a running graph do", top_command},
 }};
 
 constexpr std::size_t kNameWidth = 24;

@@ -2,10 +2,12 @@
 
 #include "text.h"
 
+#include <langinfo.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -74,11 +76,16 @@ void end_process(int status)
     std::exit(status);
 }
 
-void say_error(const std::string& text)
+void say(const std::string& text)
 {
     // In one call, so that lines of several processes do not mix.
-    const std::string line = "quorval: error: " + escape_controls(text) + "\n";
+    const std::string line = "quorval: " + escape_controls(text) + "\n";
     static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
+}
+
+void say_error(const std::string& text)
+{
+    say("error: " + text);
 }
 
 bool has_terminal()
@@ -94,6 +101,17 @@ bool has_colours()
 bool has_output_colours()
 {
     return ::isatty(STDOUT_FILENO) == 1 && wants_colours();
+}
+
+bool has_unicode()
+{
+    locale_t locale = ::newlocale(LC_CTYPE_MASK, "", nullptr);
+    if (locale == nullptr) {
+        return false;
+    }
+    const bool is_utf8 = std::strcmp(::nl_langinfo_l(CODESET, locale), "UTF-8") == 0;
+    ::freelocale(locale);
+    return is_utf8;
 }
 
 unsigned output_width()

@@ -17,6 +17,9 @@ bool close_output();
 /// Writes `quorval: error: TEXT` to standard error.
 void say_error(const std::string& text);
 
+/// Writes `quorval: TEXT` to standard error.
+void say(const std::string& text);
+
 /// Whether standard error is a terminal.
 bool has_terminal();
 
@@ -26,6 +29,9 @@ bool has_colours();
 
 /// Whether what goes to standard output may have colours, likewise.
 bool has_output_colours();
+
+/// Whether the user's locale has the characters of Unicode.
+bool has_unicode();
 
 /// How many columns standard output has; 0 where it is no terminal.
 unsigned output_width();

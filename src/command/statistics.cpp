@@ -11,26 +11,14 @@ namespace {
 constexpr std::size_t kColumns = 6;
 using Row = std::array<std::string, kColumns>;
 
-/// Three digits at least, and the unit that leaves one to three in front of the point.
-std::string to_text(std::chrono::nanoseconds time)
-{
-    constexpr double kThousand = 1000;
-    constexpr std::array kUnits = {"ns", "us", "ms", "s"};
-    auto value = static_cast<double>(time.count());
-    std::size_t unit = 0;
-    for (; unit + 1 < kUnits.size() && value >= kThousand; ++unit) {
-        value /= kThousand;
-    }
-    std::array<char, 32> text{};
-    static_cast<void>(std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.2f %s",
-                                    value, kUnits[unit]));
-    return text.data();
-}
-
 Row to_row(const Quorval::BlockStatistics& block)
 {
-    return {block.path,           std::to_string(block.runs), std::to_string(block.failures),
-            to_text(block.total), to_text(block.longest),     to_text(block.percentile_99)};
+    return {block.path,
+            std::to_string(block.runs),
+            std::to_string(block.failures),
+            describe_time(block.total),
+            describe_time(block.longest),
+            describe_time(block.percentile_99)};
 }
 
 /// The first column begins at the left, the others end at the right.
@@ -44,6 +32,21 @@ std::string to_line(const Row& row, const std::array<std::size_t, kColumns>& wid
 }
 
 }  // namespace
+
+std::string describe_time(std::chrono::nanoseconds time)
+{
+    constexpr double kThousand = 1000;
+    constexpr std::array kUnits = {"ns", "us", "ms", "s"};
+    auto value = static_cast<double>(time.count());
+    std::size_t unit = 0;
+    for (; unit + 1 < kUnits.size() && value >= kThousand; ++unit) {
+        value /= kThousand;
+    }
+    std::array<char, 32> text{};
+    static_cast<void>(std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.2f %s",
+                                    value, kUnits[unit]));
+    return text.data();
+}
 
 std::string to_table(const std::vector<Quorval::BlockStatistics>& statistics)
 {

@@ -3,8 +3,12 @@
 
 #include <quorval/runtime/graph.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
+
+/// "1.50 ms": three digits at least, and the unit that leaves one to three in front of the point.
+std::string describe_time(std::chrono::nanoseconds time);
 
 /// A line for each block, under a line of titles, in columns.
 std::string to_table(const std::vector<Quorval::BlockStatistics>& statistics);

@@ -17,7 +17,7 @@ QUORVAL = str(pathlib.Path(sys.argv.pop()).resolve())
 COMPLETIONS = pathlib.Path(sys.argv.pop()).resolve()
 
 COMMANDS = ["check", "config", "describe", "get", "graph", "inspect", "list", "new", "recording",
-            "replay", "run", "schema", "set", "stop"]
+            "replay", "run", "schema", "set", "stop", "top"]
 
 
 def options_of(command):
@@ -129,7 +129,7 @@ class Completion(unittest.TestCase):
                 ("ch", "check"), ("co", "config"), ("gr", "graph"), ("n", "new"), ("rec", "recording"),
                 ("rep", "replay"), ("ru", "run"), ("--v", "--version"),
                 ("check --str", "check --strict"), ("check --j", "check --json"),
-                ("i", "inspect"), ("sc", "schema"), ("schema --pl", "schema --plugin-path"), ("inspect --j", "inspect --json"),
+                ("i", "inspect"), ("to", "top"), ("top --o", "top --once"), ("sc", "schema"), ("schema --pl", "schema --plugin-path"), ("inspect --j", "inspect --json"),
                 ("check gr", "check graph.toml"),
                 ("config sh", "config show"), ("config get --r", "config get --raw"),
                 ("config show oth", "config show other.txt"),

@@ -5,13 +5,19 @@ usage: operation_test.py PLUGINS POLICY QUORVAL
 POLICY is the policy of the system's bus.
 """
 
+import fcntl
 import os
 import pathlib
+import pty
 import re
+import select
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
+import time
 import unittest
 import xml.etree.ElementTree
 
@@ -539,7 +545,8 @@ class Commands(Operation):
         self.assertEqual((process.returncode, out, err), (0, "a 4 dB\n", ""))
 
     def test_a_graph_that_does_not_run_is_told(self):
-        for command in (["describe", "x"], ["get", "x", "a"], ["set", "x", "a.b=1"], ["stop", "x"]):
+        for command in (["describe", "x"], ["get", "x", "a"], ["set", "x", "a.b=1"], ["stop", "x"],
+                        ["top", "x"], ["top", "--once", "x"]):
             self.assertEqual(self.run_quorval(*command),
                              (1, "", "quorval: error: there is no running graph 'x'\n"))
 
@@ -551,12 +558,121 @@ class Commands(Operation):
                 (["list", "x"], "'x' is too much"),
                 (["describe", "x", "y"], "'y' is too much"),
                 (["stop", "x", "y"], "'y' is too much"),
+                (["top"], "the name of a graph is missing"),
+                (["top", "x", "y"], "'y' is too much"),
                 (["set", "x"], "an assignment is missing"),
                 (["set", "x", "a=1"], "'a=1' is not of the form PATH.KEY=VALUE"),
                 (["list", "--bus", "none"], "--bus has to be one of user, system, not 'none'"),
                 (["run", "--bus", "x", "g.toml"],
                  "--bus has to be one of user, system, none, not 'x'")):
             self.assertEqual(self.run_quorval(*command), (2, "", f"quorval: error: {text}\n"))
+
+    def test_top_prints_a_table_once(self):
+        self.start()
+        titles = "block   runs  failures  total   max  99 %"
+        status, out, err = self.run_quorval("top", "--once", "the-graph")
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out.splitlines(), [titles] + [
+            f"{path:6}     0         0   0 ns  0 ns  0 ns" for path in ("a", "object", "pair/b", "print")])
+        self.graph("test.Object", "/object").Fire()
+        # Without a terminal it is the same.
+        status, out, err = self.run_quorval("top", "the-graph")
+        self.assertEqual((status, err), (0, ""))
+        self.assertRegex(out.splitlines()[1], "^print +1 +0 +[1-9]")
+
+
+ENTER = "\x1b[?1049h"
+LEAVE = "\x1b[?25h\x1b[?1049l"
+
+
+class Top(Operation):
+    """On a terminal."""
+
+    def setUp(self):
+        super().setUp()
+        self.graph_process = self.start()
+        self.terminal, self.inside = pty.openpty()
+        self.addCleanup(os.close, self.inside)
+        self.resize(80, 24)
+        self.before = termios.tcgetattr(self.inside)
+        self.shown = ""
+        self.top = subprocess.Popen(
+            [QUORVAL, "top", "the-graph"], stdin=self.inside, stdout=self.inside,
+            stderr=subprocess.PIPE, text=True, env={**self.environment(), "TERM": "xterm"},
+            start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        self.addCleanup(self.end, self.top)
+        self.wait_for(r"the-graph: 4 blocks, 0 waves\r\n.*\x1b\[J")
+
+    def resize(self, width, height):
+        fcntl.ioctl(self.inside, termios.TIOCSWINSZ, struct.pack("HHHH", height, width, 0, 0))
+
+    def wait_for(self, pattern):
+        """The end of what is shown; nothing before it is looked at again."""
+        end = time.monotonic() + 100
+        while not (found := re.search(pattern, self.shown, re.DOTALL)):
+            ready, _, _ = select.select([self.terminal], [], [], max(0, end - time.monotonic()))
+            self.assertTrue(ready, f"{pattern!r} did not come after {self.shown!r}")
+            self.shown += os.read(self.terminal, 65536).decode()
+        self.shown = self.shown[found.end():]
+        return found[0]
+
+    def check_end(self, err=""):
+        self.wait_for(re.escape(LEAVE))
+        self.assertEqual((self.top.communicate(timeout=100)[1], self.top.returncode), (err, 0))
+        self.assertEqual(termios.tcgetattr(self.inside), self.before)
+
+    def test_it_shows_blocks_by_time_until_q(self):
+        self.assertNotEqual(termios.tcgetattr(self.inside), self.before)
+        self.graph("test.Object", "/object").Fire()
+        frame = self.wait_for(r"the-graph: 4 blocks, 1 waves\r\n.*?\x1b\[J")
+        lines = [line.replace("\x1b[K", "") for line in frame.split("\r\n")]
+        self.assertRegex(lines[1], "^block +load +runs +failures +total +max +99 %$")
+        self.assertRegex(lines[2], r"^print +\d+\.\d % +#+ +1 +0 +[1-9].*s$")
+        self.assertEqual([len(line) for line in lines[1:-1]], [lines[1].index("99 %") + 4] * 5)
+        os.write(self.terminal, b"q")
+        self.check_end()
+
+    def test_it_fits_a_terminal_that_gets_smaller(self):
+        self.resize(20, 3)
+        self.assertEqual(self.wait_for(r"the-graph: 4 blocks,\r\n.*?\x1b\[H"),
+                         "the-graph: 4 blocks,\r\n\x1b[Kblock    load  runs\r\n"
+                         "\x1b[Ka       0.0 %     0\x1b[H")
+        os.write(self.terminal, b"\4")
+        self.check_end()
+
+    def test_signals_end_it(self):
+        os.write(self.terminal, b"\3")
+        self.check_end()
+
+    def test_sigterm_ends_it(self):
+        self.top.terminate()
+        self.check_end()
+
+    def test_it_can_be_suspended(self):
+        os.write(self.terminal, b"\x1a")
+        self.assertTrue(os.WIFSTOPPED(os.waitpid(self.top.pid, os.WUNTRACED)[1]))
+        self.wait_for(re.escape(LEAVE))
+        self.assertEqual(termios.tcgetattr(self.inside), self.before)
+        self.top.send_signal(signal.SIGCONT)
+        self.wait_for(re.escape(ENTER) + ".*the-graph: 4 blocks")
+        os.write(self.terminal, b"q")
+        self.check_end()
+
+    def test_it_ends_with_its_terminal(self):
+        os.close(self.terminal)
+        self.assertEqual(self.top.communicate(timeout=100)[1],
+                         "quorval: error: cannot write to standard output: Input/output error\n")
+
+    def test_it_ends_with_the_graph(self):
+        self.graph().Stop()
+        self.check_end("quorval: graph 'the-graph' has gone\n")
+
+    def test_a_graph_that_does_not_answer_holds_nothing_up(self):
+        self.graph_process.send_signal(signal.SIGSTOP)
+        self.addCleanup(self.graph_process.send_signal, signal.SIGCONT)
+        self.wait_for(r"0 waves, no answer for \d s")
+        os.write(self.terminal, b"q")
+        self.check_end()
 
 
 if __name__ == "__main__":

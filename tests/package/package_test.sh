@@ -130,6 +130,7 @@ installs_what_is_needed_and_no_more()
             man1/quorval-run.1
             man1/quorval-set.1
             man1/quorval-stop.1
+            man1/quorval-top.1
             man5/quorval-graph.5
             man7/quorval-bus.7
             dbus-1/system.d/org.quorval.graph.conf

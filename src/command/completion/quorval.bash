@@ -8,7 +8,7 @@ _quorval()
     local command=${words[1]}
     if ((cword == 1)); then
         local commands='check config describe get graph inspect list new recording replay run schema
-            set stop'
+            set stop top'
         mapfile -t COMPREPLY < <(compgen -W "${commands} --help --version" -- "${cur}")
         return
     fi
@@ -50,6 +50,7 @@ _quorval()
         run) options+=' --state --bus --for --machine --local --record --outputs --stats --trace --quiet --verbose' ;;
         describe | get | list | stop) options='--help --bus' ;;
         set) options='--help --bus --save' ;;
+        top) options='--help --bus --once' ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "${options}" -- "${cur}")
     elif [[ ${command} == config ]]; then

@@ -1,6 +1,6 @@
 # Completion of quorval(1) for fish.
 
-set -l commands check config describe get graph inspect list new recording replay run schema set stop
+set -l commands check config describe get graph inspect list new recording replay run schema set stop top
 set -l graph_commands check graph replay run
 set -l running_commands replay run
 
@@ -20,6 +20,8 @@ complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a set \
     -d 'Change a running graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a stop \
     -d 'Stop a running graph'
+complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a top \
+    -d 'Show what the blocks of a running graph do'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
 complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a inspect \
     -d 'Show what plug-ins offer'
@@ -91,9 +93,10 @@ complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -s q -l q
 complete -c quorval -n "__fish_seen_subcommand_from $running_commands" -s v -l verbose \
     -d 'Write notes too'
 
-set -l remote_commands describe get list set stop
+set -l remote_commands describe get list set stop top
 complete -c quorval -f -n "__fish_seen_subcommand_from $remote_commands"
 complete -c quorval -n "__fish_seen_subcommand_from $remote_commands" -l bus -x -a 'user system' \
     -d 'Look on this bus'
 complete -c quorval -n '__fish_seen_subcommand_from set' -l save \
     -d 'Keep the changes for the next start'
+complete -c quorval -n '__fish_seen_subcommand_from top' -l once -d 'Print a table, and end'

@@ -1,0 +1,298 @@
+// quorval top: what the blocks of a running graph do.
+#include "command.h"
+#include "command_line.h"
+#include "output.h"
+#include "remote_line.h"
+#include "screen.h"
+#include "statistics.h"
+#include "text.h"
+#include "top_table.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Quorval::BlockStatistics;
+using Quorval::RemoteError;
+using Quorval::RemoteGraph;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr Clock::duration kPeriod = 1s;
+
+HelpText help_of_top()
+{
+    return {
+        "quorval top [OPTION...] NAME",
+        "Shows the blocks of a running graph by the time that they take, once a second, until "
+        "\"q\" is typed or the graph has gone. Times are taken from the first look at the graph "
+        "on. Where standard input or output is no terminal, a table is printed once, as with "
+        "--once.",
+        "Exit status:\n"
+        "  0  done, or the graph has gone\n"
+        "  1  there is no such graph, or it refuses\n"
+        "  2  wrong use of the command line\n"
+        "\n"
+        "Example:\n"
+        "  quorval top loudness"};
+}
+
+std::string to_sorted_table(const std::vector<BlockStatistics>& statistics)
+{
+    std::vector<BlockStatistics> sorted;
+    for (TopRow& row : to_rows({}, statistics)) {
+        sorted.push_back(std::move(row.block));
+    }
+    return to_table(sorted);
+}
+
+/// A descriptor of its own.
+class OwnedFd {
+public:
+    explicit OwnedFd(int fd) : fd_(fd)
+    {
+        if (fd < 0) {
+            throw std::system_error(errno, std::generic_category(), "cannot make a descriptor");
+        }
+    }
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    ~OwnedFd() { ::close(fd_); }
+
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+/// Has the signals that end or change the display come as something to read.
+int take_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGWINCH}) {
+        sigaddset(&signals, signal);
+    }
+    static_cast<void>(::pthread_sigmask(SIG_BLOCK, &signals, nullptr));
+    return ::signalfd(-1, &signals, SFD_CLOEXEC);
+}
+
+struct Answer {
+    std::uint64_t waves = 0;
+    std::vector<BlockStatistics> blocks;
+    Clock::time_point time;
+};
+
+/// Asks a graph in a thread, so that one that does not answer holds nothing up. The thread keeps
+/// what it needs, because nobody waits for it at the end.
+class Asker {
+public:
+    explicit Asker(std::unique_ptr<RemoteGraph> graph)
+        : graph_(std::move(graph)),
+          wake_(std::make_shared<OwnedFd>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))
+    {
+    }
+
+    /// Readable when there is an answer.
+    int fd() const { return wake_->get(); }
+    bool is_asking() const { return answer_.valid(); }
+
+    void ask()
+    {
+        std::promise<Answer> promise;
+        answer_ = promise.get_future();
+        std::thread([graph = graph_, wake = wake_, promise = std::move(promise)]() mutable {
+            try {
+                const std::uint64_t waves = graph->waves();
+                promise.set_value({waves, graph->statistics(), Clock::now()});
+            } catch (...) {
+                promise.set_exception(std::current_exception());
+            }
+            static_cast<void>(::eventfd_write(wake->get(), 1));
+        }).detach();
+    }
+
+    /// @throws RemoteError  the graph did not answer
+    Answer take()
+    {
+        eventfd_t count = 0;
+        static_cast<void>(::eventfd_read(fd(), &count));
+        return answer_.get();
+    }
+
+private:
+    std::shared_ptr<RemoteGraph> graph_;
+    std::shared_ptr<OwnedFd> wake_;
+    std::future<Answer> answer_;
+};
+
+/// The display, from its first look at the graph to its end.
+class Top {
+public:
+    /// All must outlive the object.
+    Top(const RemoteLine& remote, const std::vector<std::string>& arguments)
+        : remote_(remote),
+          arguments_(arguments),
+          signals_(take_signals()),
+          asker_(remote.find_graph(arguments))
+    {
+    }
+
+    /// @return whether the graph was there to the end
+    bool run()
+    {
+        Screen screen;
+        ask();
+        while (is_going_on_) {
+            std::array<pollfd, 3> waited = {
+                {{STDIN_FILENO, POLLIN, 0}, {signals_.get(), POLLIN, 0}, {asker_.fd(), POLLIN, 0}}};
+            static_cast<void>(::poll(waited.data(), waited.size(), milliseconds_left()));
+            if (waited[0].revents != 0) {
+                read_key();
+            }
+            if (waited[1].revents != 0) {
+                take_signal(screen);
+            }
+            if (waited[2].revents != 0) {
+                take_answer();
+            }
+            if (Clock::now() >= next_) {
+                ask();
+            }
+            if (is_going_on_) {
+                screen.draw(picture());
+            }
+        }
+        return is_there_;
+    }
+
+private:
+    int milliseconds_left() const
+    {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_ - Clock::now());
+        return static_cast<int>(std::max<std::int64_t>(0, left.count()));
+    }
+
+    void ask()
+    {
+        if (!asker_.is_asking()) {
+            asker_.ask();
+        }
+        next_ = Clock::now() + kPeriod;
+    }
+
+    void read_key()
+    {
+        constexpr char kEndOfInput = 4;
+        char key = 0;
+        const ssize_t count = ::read(STDIN_FILENO, &key, 1);
+        is_going_on_ = is_going_on_ && count == 1 && key != 'q' && key != kEndOfInput;
+    }
+
+    void take_signal(Screen& screen)
+    {
+        signalfd_siginfo info{};
+        if (::read(signals_.get(), &info, sizeof info) != sizeof info) {
+            return;
+        }
+        if (info.ssi_signo == SIGTSTP) {
+            screen.suspend();
+        } else if (info.ssi_signo != SIGWINCH) {
+            is_going_on_ = false;
+        }
+    }
+
+    void take_answer()
+    {
+        try {
+            Answer answer = asker_.take();
+            rows_ =
+                to_rows(answer_ ? answer_->blocks : std::vector<BlockStatistics>(), answer.blocks);
+            interval_ = answer_ ? answer.time - answer_->time : Clock::duration::zero();
+            answer_ = std::move(answer);
+        } catch (const RemoteError&) {
+            if (!answer_) {
+                throw;
+            }
+            look_again();
+        }
+    }
+
+    /// The graph may be busy, have gone, or have come back.
+    void look_again()
+    {
+        try {
+            asker_ = Asker(remote_.find_graph(arguments_));
+        } catch (const RemoteError&) {
+            is_there_ = is_going_on_ = false;
+        }
+    }
+
+    std::vector<std::string> picture() const
+    {
+        const Screen::Size size = Screen::size();
+        return draw_top(to_printable(arguments_.front()) + ": " + title(), rows_, interval_,
+                        {size.width, size.height, has_output_colours(), has_unicode()});
+    }
+
+    std::string title() const
+    {
+        if (!answer_) {
+            return "waiting for its answer";
+        }
+        const auto silence = std::chrono::floor<std::chrono::seconds>(Clock::now() - answer_->time);
+        return std::to_string(rows_.size()) + " blocks, " + std::to_string(answer_->waves) +
+               " waves" +
+               (silence > kPeriod ? ", no answer for " + std::to_string(silence.count()) + " s"
+                                  : "");
+    }
+
+    const RemoteLine& remote_;
+    const std::vector<std::string>& arguments_;
+    OwnedFd signals_;
+    Asker asker_;
+    std::optional<Answer> answer_;  // the last one
+    std::vector<TopRow> rows_;
+    Clock::duration interval_{};
+    Clock::time_point next_;
+    bool is_going_on_ = true;
+    bool is_there_ = true;
+};
+
+}  // namespace
+
+int top_command(const Arguments& arguments)
+{
+    CommandLine line(help_of_top());
+    const RemoteLine remote(line);
+    bool is_once = false;
+    line.add_flag("--once", is_once, "print a table, and end");
+    const auto rest = line.read(arguments);
+    if (!rest.has_value()) {
+        return kDone;
+    }
+    refuse_more_than(1, *rest);
+    if (is_once || !has_screen()) {
+        write_output(to_sorted_table(remote.find_graph(*rest)->statistics()));
+    } else if (!Top(remote, *rest).run()) {
+        say("graph '" + rest->front() + "' has gone");
+    }
+    return kDone;
+}

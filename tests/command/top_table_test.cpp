@@ -1,0 +1,104 @@
+#include "top_table.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::vector<TopRow> kRows = {{{"left/filter", 2000, 0, 61s, 1500us, 1234ns}, 500ms},
+                                   {{"right/filter", 1000, 12, 2s, 7us, 6us}, 125ms},
+                                   {{"out", 1, 0, 5ns, 5ns, 5ns}, 0ns}};
+
+std::vector<std::string> paths_of(const std::vector<TopRow>& rows)
+{
+    std::vector<std::string> paths;
+    for (const TopRow& row : rows) {
+        paths.push_back(row.block.path);
+    }
+    return paths;
+}
+
+TEST(TopRows, StandByTheTimeSinceTheLookBeforeThenByAllOfIt)
+{
+    const auto rows =
+        to_rows({{"a", 1, 0, 5s, 0s, 0s}, {"b", 1, 0, 1s, 0s, 0s}}, {{"a", 1, 0, 5s, 0s, 0s},
+                                                                     {"b", 2, 0, 2s, 0s, 0s},
+                                                                     {"c", 0, 0, 0s, 0s, 0s},
+                                                                     {"d", 0, 0, 0s, 0s, 0s},
+                                                                     {"e", 0, 0, 6s, 0s, 0s}});
+
+    EXPECT_EQ(paths_of(rows), (Lines{"b", "e", "a", "c", "d"}));
+    EXPECT_EQ(rows.front().recent, 1s);
+    EXPECT_EQ(rows[1].recent, 0s);
+}
+
+TEST(TopRows, CountNothingWhereTheGraphBeganAnew)
+{
+    EXPECT_EQ(to_rows({{"a", 9, 0, 5s, 0s, 0s}}, {{"a", 1, 0, 1s, 0s, 0s}}).front().recent, 0s);
+}
+
+TEST(TopTable, FillsTheWidthWithBars)
+{
+    EXPECT_EQ(draw_top("g: 3 blocks", kRows, 1s, {80, 24, false, false}),
+              (Lines{"g: 3 blocks",
+                     "block           load                   runs  failures    total      max"
+                     "     99 %",
+                     "left/filter   50.0 %  ###############  2000         0  61.00 s  1.50 ms"
+                     "  1.23 us",
+                     "right/filter  12.5 %  ####             1000        12   2.00 s  7.00 us"
+                     "  6.00 us",
+                     "out            0.0 %                      1         0     5 ns     5 ns"
+                     "     5 ns"}));
+}
+
+TEST(TopTable, DrawsEighthsOfColumnsWhereThereIsUnicode)
+{
+    EXPECT_EQ(draw_top("g", kRows, 1s, {34, 4, false, true}),
+              (Lines{"g", "block           load          runs",
+                     "left/filter   50.0 %  ██████  2000", "right/filter  12.5 %  █▌      1000"}));
+    EXPECT_EQ(draw_top("g", kRows, 1s, {35, 4, false, true}).back(),
+              "right/filter  12.5 %  █▊       1000");
+}
+
+TEST(TopTable, LeavesColumnsOutOnANarrowTerminal)
+{
+    EXPECT_EQ(draw_top("g", kRows, 1s, {26, 24, false, false}),
+              (Lines{"g", "block           load  runs", "left/filter   50.0 %  2000",
+                     "right/filter  12.5 %  1000", "out            0.0 %     1"}));
+    EXPECT_EQ(draw_top("long title", kRows, 1s, {6, 24, false, false}),
+              (Lines{"long t", "block ", "...ter", "...ter", "out   "}));
+    EXPECT_EQ(draw_top("g", kRows, 1s, {2, 24, false, false}),
+              (Lines{"g", "ck", "er", "er", "ut"}));
+}
+
+TEST(TopTable, ShowsTheEndsOfLongPaths)
+{
+    EXPECT_EQ(draw_top("g", {{{"a/very/long/path/of/a/block", 1, 0, 1s, 1s, 1s}, 0s}}, 0s,
+                       {26, 24, false, true}),
+              (Lines{"g", "block                 load", "…ng/path/of/a/block  0.0 %"}));
+}
+
+TEST(TopTable, HasAsManyBlocksAsThereIsRoomFor)
+{
+    EXPECT_EQ(draw_top("g", kRows, 1s, {26, 3, false, false}).size(), 3U);
+    EXPECT_EQ(draw_top("g", kRows, 1s, {26, 1, false, false}), Lines{"g"});
+    EXPECT_EQ(draw_top("g", {}, 0s, {80, 24, false, false}).size(), 2U);
+}
+
+TEST(TopTable, ShowsFailuresInRed)
+{
+    EXPECT_EQ(draw_top("g", {kRows[1]}, 1s, {50, 24, true, false}),
+              (Lines{"\033[1mg\033[0m",
+                     "\033[7mblock           load        runs  failures   total\033[0m",
+                     "right/filter  12.5 %  \033[32m####\033[0m  1000  \033[31m      12\033[0m"
+                     "  2.00 s"}));
+}
+
+}  // namespace
