@@ -47,6 +47,21 @@ private:
     OutPort<double>* out_ = add_output<double>(*this, "out");
 };
 
+/// Has two inputs and a setting.
+class Sum : public Block {
+public:
+    Sum(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), factor_(config.getDouble("factor", 1))
+    {
+        add_input<double>(*this, "a");
+        add_input<double>(*this, "b");
+        add_output<double>(*this, "out")->write(factor_);
+    }
+
+private:
+    double factor_;
+};
+
 template <class Made>
 void add_type(IRegistry& registry, const char* type)
 {
@@ -62,5 +77,6 @@ int lib_register_cpp(IRegistry& registry)
 {
     add_type<Count>(registry, "Count");
     add_type<Add>(registry, "Add");
+    add_type<Sum>(registry, "Sum");
     return 0;
 }

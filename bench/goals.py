@@ -142,6 +142,11 @@ ROWS = [
     Row("plugin_load", "load a plug-in", "system", 1.1),
     *_others("plugin_load", "load a plug-in", "class_loader"),
     Row("plugin_load_many", "load a hundred plug-ins", "system", 1.3),
+    Row("load_graph/10000", "load a graph of 10,000 blocks, peer: the parser alone", "tomlplusplus",
+        2.5),
+    Row("load_graph/100000", "load a graph of 100,000 blocks, peer: the parser alone",
+        "tomlplusplus"),
+    Row("heap_loaded_graph", "heap per block of a loaded graph, peer: of the file", "file"),
     # The peer by hand makes the same virtual calls over the same blocks.
     Row("wave_chain/10", "a run in a wave over a chain of 10", "by_hand", 4),
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "by_hand", 2.5),
@@ -175,6 +180,7 @@ _DEPTHS = (1, 2, 4, 8, 16, 32, 64)
 _SIZES = (1_000, 10_000, 100_000)
 
 GROWTHS = [
+    Growth("load_graph", "growth of loading a block, 100 to 100,000", (100, 10_000, 100_000)),
     Growth("wave_chain", "growth of a run in a wave over a chain, 10 to 100,000",
            (10, 1_000, 100_000)),
     Growth("create_members", "growth of creating a member, 1,000 to 100,000", _SIZES),

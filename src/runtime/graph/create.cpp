@@ -1,5 +1,6 @@
 #include "graph/create.h"
 
+#include "graph/creation_order.h"
 #include "graph/declared.h"
 #include "graph/state.h"
 #include "graph/unread.h"
@@ -47,8 +48,8 @@ public:
         made_.blocks.resize(count);
         made_.configs.resize(count);
         made_.state_directories.resize(count);
-        for (std::size_t i = 0; i < count; ++i) {
-            add_block(i);
+        for (const std::uint32_t block : creation_order(expansion_)) {
+            add_block(block);
         }
         return std::move(made_);
     }

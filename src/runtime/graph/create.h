@@ -31,7 +31,7 @@ struct CreationOptions {
     bool is_dry = false;          ///< nothing is made on disk
 };
 
-/// Makes superblocks and blocks.
+/// Makes superblocks and blocks, these in the order of creation_order().
 /// @param root         of the graph, which owns all of it
 /// @param destruction  learns of the blocks; outlives them
 Creation create_blocks(const Expansion& expansion, const CreationOptions& options,

@@ -279,8 +279,13 @@ std::vector<std::uint32_t> sort_by_path(const std::vector<Node>& nodes)
 {
     std::vector<std::uint32_t> by_path(nodes.size());
     std::iota(by_path.begin(), by_path.end(), 0);
-    std::sort(by_path.begin(), by_path.end(),
-              [&nodes](std::uint32_t a, std::uint32_t b) { return nodes[a].path < nodes[b].path; });
+    const auto is_less = [&nodes](std::uint32_t a, std::uint32_t b) {
+        return nodes[a].path < nodes[b].path;
+    };
+    // A graph without superblocks comes sorted.
+    if (!std::is_sorted(by_path.begin(), by_path.end(), is_less)) {
+        std::sort(by_path.begin(), by_path.end(), is_less);
+    }
     return by_path;
 }
 
@@ -313,19 +318,32 @@ Subgraph make_subgraph(const Network& network)
     return graph;
 }
 
+/// All that can be taken, in numbers of the network.
+std::vector<std::uint32_t> sort_nodes(const Subgraph& graph)
+{
+    std::vector<std::uint32_t> sorted =
+        sort_nodes(graph.nodes.size(), graph.edges, graph.edges.size());
+    for (std::uint32_t& node : sorted) {
+        node = graph.nodes[node];
+    }
+    return sorted;
+}
+
 }  // namespace
 
 Order find_order(const Network& network)
 {
     const Subgraph graph = make_subgraph(network);
-    Order order{sort_nodes(graph.nodes.size(), graph.edges, graph.edges.size()), {}};
+    Order order{sort_nodes(graph), {}};
     if (order.nodes.size() < graph.nodes.size()) {
         order.cycles = find_cycles(graph);
     }
-    for (std::uint32_t& node : order.nodes) {
-        node = graph.nodes[node];
-    }
     return order;
+}
+
+std::vector<std::uint32_t> find_possible_order(const Network& network)
+{
+    return sort_nodes(make_subgraph(network));
 }
 
 std::string to_string(const Cycle& cycle, const Network& network)

@@ -32,6 +32,9 @@ struct Order {
 /// the network.
 Order find_order(const Network& network);
 
+/// The nodes of find_order() alone.
+std::vector<std::uint32_t> find_possible_order(const Network& network);
+
 /// "a -> b -> a": the paths of the blocks, the first of them again at the end.
 std::string to_string(const Cycle& cycle, const Network& network);
 

@@ -2,6 +2,7 @@
 #include <quorval/block.h>
 #include <quorval/codec.h>
 #include <quorval/config.h>
+#include <quorval/log.h>
 #include <quorval/pluginloader.h>
 #include <quorval/port.h>
 #include <quorval/pstore.h>
@@ -20,10 +21,11 @@ using namespace Quorval;
 
 namespace {
 
-/// `in` to `out`; reads "factor".
+/// `in` to `out`; reads "factor" and tells that it was made.
 struct Gain : Block {
     Gain(const std::string& name, const BlockConfiguration& config) : Block(name, config)
     {
+        ilog(LOGLEVEL_DEBUG) << "made " << name;
         config.getDouble("factor", 1.0);
         add_inport(std::make_unique<InPort<double>>("in", Datatype("double")));
         add_outport(std::make_unique<OutPort<double>>("out", Datatype("double")));

@@ -1,0 +1,97 @@
+// Blocks are made in the order in which they run.
+#include "graph/creation_order.h"
+
+#include "runtime/support/graph_files.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using quorval_test::GraphFiles;
+using quorval_test::LogRecorder;
+
+using Lines = std::vector<std::string>;
+
+namespace {
+
+/// The names of the blocks of the type Gain, in the order in which they were made, and as they run.
+struct Orders {
+    explicit Orders(const std::string& text)
+    {
+        GraphFiles files;
+        const LogRecorder log;
+        const auto graph = files.load(text);
+        for (const std::string& line : log.texts()) {
+            if (line.rfind("made ", 0) == 0) {
+                made.push_back(line.substr(5));
+            }
+        }
+        for (const auto& node : graph.network.nodes) {
+            run.push_back(node.block->get_name());
+        }
+    }
+
+    Lines made;
+    Lines run;
+};
+
+TEST(CreationOrder, IsThatOfTheRunWhateverTheNames)
+{
+    const Orders orders(R"(
+connections = ["c.out -> a.in", "a.out -> d.in", "d.out -> b.in"]
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+blocks.c.type = "parts:Gain"
+blocks.d.type = "parts:Gain"
+)");
+
+    EXPECT_EQ(orders.made, (Lines{"c", "a", "d", "b"}));
+    EXPECT_EQ(orders.made, orders.run);
+}
+
+TEST(CreationOrder, GoesThroughSuperblocks)
+{
+    const Orders orders(R"(
+connections = ["z.out -> m.in", "m.out -> a.in", { from = "a.out", to = "y.in", delayed = true }]
+blocks.a.type = "parts:Gain"
+blocks.m.type = "outer"
+blocks.y.type = "parts:Gain"
+blocks.z.type = "parts:Gain"
+[superblocks.outer]
+connections = ["inner.out -> b.in"]
+inports.in = ["inner.in"]
+outports.out = "b.out"
+blocks.b.type = "parts:Gain"
+blocks.inner.type = "inner"
+[superblocks.inner]
+connections = ["q.out -> p.in"]
+inports.in = "q.in"
+outports.out = "p.out"
+blocks.p.type = "parts:Gain"
+blocks.q.type = "parts:Gain"
+)");
+
+    EXPECT_EQ(orders.made, (Lines{"y", "z", "q", "p", "b", "a"}));
+    EXPECT_EQ(orders.made, orders.run);
+}
+
+TEST(CreationOrder, HasWhatWaitsForACycleAtTheEnd)
+{
+    GraphFiles files;
+    const LogRecorder log;
+
+    files.findings_for(R"(
+connections = ["a.out -> b.in", "b.out -> a.in"]
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+blocks.c.type = "parts:Gain"
+)");
+
+    // Behind the line about the plug-in.
+    EXPECT_EQ(log.texts().at(1), "made c");
+    EXPECT_EQ(log.texts().at(2), "made a");
+    EXPECT_EQ(log.texts().at(3), "made b");
+}
+
+}  // namespace
