@@ -55,6 +55,7 @@ int replay_command(const Arguments& arguments)
     Quorval::GraphOptions options = graph_line.graph_options(*files);
     options.state_directory = state;
     options.takes_signals = true;
+    options.tells_manager = true;
     set_machine(options, machine, is_local);
     options.replay_file = recording;
     options.replays_fast = is_fast;

@@ -20,6 +20,10 @@ using quorval_test::CommandTest;
 using quorval_test::expect_result;
 using quorval_test::Process;
 using quorval_test::ProcessOptions;
+using quorval_test::run_process;
+
+constexpr const char* kReady = "READY=1\nSTATUS=running, 1 blocks";
+constexpr const char* kStopping = "STOPPING=1\nSTATUS=stopping";
 
 /// The socket of a manager of services.
 class NotifySocket {
@@ -63,11 +67,20 @@ protected:
         return options;
     }
 
+    /// Those up to the stop. All have to be taken: a socket that is full holds the process up.
+    int count_signs_of_life() const
+    {
+        int count = 0;
+        std::string message = socket.take();
+        for (; message == "WATCHDOG=1"; message = socket.take()) {
+            ++count;
+        }
+        EXPECT_EQ(message, kStopping);
+        return count;
+    }
+
     NotifySocket socket{directory() + "/notify"};
 };
-
-constexpr const char* kReady = "READY=1\nSTATUS=running, 1 blocks";
-constexpr const char* kStopping = "STOPPING=1\nSTATUS=stopping";
 
 TEST_F(Service, TellsThatItIsReadyAndThatItStops)
 {
@@ -121,8 +134,28 @@ TEST_F(Service, ShowsThatItsLoopIsAlive)
         EXPECT_EQ(socket.take(), "WATCHDOG=1");
     }
     process.send(SIGTERM);
+    count_signs_of_life();
 
     EXPECT_EQ(process.wait().status, 0);
+}
+
+TEST_F(Service, ShowsThatAReplayIsAlive)
+{
+    write("ticks.toml",
+          "format = 1\nconnections = [\"timer.tick -> print.in\"]\n"
+          "blocks.timer = { type = \"basic:Timer\", config = { period = 0.02, count = 5 } }\n"
+          "blocks.print = { type = \"basic:Print\", config.type = \"int64\" }\n");
+    const std::string plugins = std::string("--plugin-path=") + QUORVAL_BASIC_PLUGIN_DIR;
+    ASSERT_EQ(run_process(command({"run", plugins, "--record", "r", "ticks.toml"})).status, 0);
+    ProcessOptions options = command({"replay", plugins, "r", "ticks.toml"});
+    set_variable(options, "NOTIFY_SOCKET", directory() + "/notify");
+    set_variable(options, "WATCHDOG_USEC", "2000");
+    Process process(options);
+
+    EXPECT_EQ(socket.take(), "READY=1\nSTATUS=running, 2 blocks");
+    EXPECT_GE(count_signs_of_life(), 3);
+
+    expect_result(process.wait(), 0, "1\n2\n3\n4\n5\n", "");
 }
 
 }  // namespace

@@ -108,7 +108,8 @@ void Runner::play_wave()
         life_.request_stop();
         return;
     }
-    loop_.sleep(*next);
+    loop_.sleep(std::min(*next, notice_.next_time().value_or(*next)));
+    notice_.keep_alive(Loop::now());
     if (must_stop() || loop_.has_exited()) {
         life_.request_stop();
     } else if (Loop::now() >= *next) {
