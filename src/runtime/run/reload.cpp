@@ -202,6 +202,9 @@ std::string find_difference(const ReadGraph& before, const ReadGraph& now)
     if (before.reading->description.name != now.reading->description.name) {
         return "the name of the graph was changed";
     }
+    if (before.reading->description.machines != now.reading->description.machines) {
+        return "'machines' was changed";
+    }
     if (values_of(before.reading->description.link) != values_of(now.reading->description.link)) {
         return "'link' was changed";
     }

@@ -312,6 +312,7 @@ protected:
         graph.reset();
         GraphOptions options = with_signals();
         options.run_for = 1ms;
+        options.is_local = true;
         make(before, options);
         files.write("g.toml", after);
         std::raise(SIGHUP);
@@ -365,8 +366,9 @@ TEST_F(ReloadTest, RefusesEveryOtherDifferenceAndNamesIt)
 {
     const std::string pair = R"(format = 1
 connections = ["count.out -> box.in"]
-blocks.count = { type = "running:Count", config.count = 1000000000 }
-blocks.box = { type = "box", config.tell.x = 1 }
+blocks.count = { type = "running:Count", machine = "a", config.count = 1000000000 }
+blocks.box = { type = "box", machine = "a", config.tell.x = 1 }
+machines = { a = {}, b = {} }
 [superblocks.box]
 inports.in = "tell.in"
 blocks.tell = { type = "running:Tell" }
@@ -379,7 +381,7 @@ blocks.other = { type = "running:Tell" }
     };
     const std::vector<Case> cases = {
         {"format = 1", "format = 1\nname = \"h\"", "the name of the graph was changed"},
-        {"blocks.box =", "blocks.more = { type = \"running:Tell\" }\nblocks.box =",
+        {"blocks.box =", "blocks.more = { type = \"running:Tell\", machine = \"a\" }\nblocks.box =",
          "block 'more' was added"},
         {"blocks.other = { type = \"running:Tell\" }", "", "block 'box/other' was removed"},
         {"blocks.other = { type = \"running:Tell\" }",
@@ -395,9 +397,12 @@ blocks.other = { type = "running:Tell" }
         {"\"count.out -> box.in\"", "\"count.out -> box.in\", \"count.out -> box.in\"",
          "connection 'count.out -> box.in' was added"},
         {"blocks.box =",
-         "superblocks.nothing = {}\nblocks.none = { type = \"nothing\" }\nblocks.box =",
+         "superblocks.nothing = {}\nblocks.none = { type = \"nothing\", machine = \"a\" "
+         "}\nblocks.box =",
          "superblock 'none' of type 'nothing' was added"},
         {"format = 1", "format = 1\nlink.queue = 5", "'link' was changed"},
+        {"b = {} }", "b = {}, c = {} }", "'machines' was changed"},
+        {"machine = \"a\"", "machine = \"b\"", "the machine of block 'count' was changed"},
         {"inports.in = \"tell.in\"", "inports.in = [\"tell.in\", \"other.in\"]",
          "input 'in' for 'other.in' in 'box' was added"},
         {"inports.in = \"tell.in\"", "inports.in = \"other.in\"",
