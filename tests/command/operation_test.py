@@ -352,6 +352,27 @@ class Saving(Operation):
             self.assertEqual(self.run_quorval("run", "--state", "state", "--for", "1ms", "g.toml"),
                              (status, "", f"{file}: {text}\n"))
 
+    def test_a_block_of_the_name_of_the_file_stands_in_the_way(self):
+        self.write(GRAPH.replace("[blocks.a]", "[blocks.overrides]"))
+        process = self.start("--state", "state")
+        self.graph().Configure({"overrides.level": "4"})
+        self.refused("Refused", "the changes cannot be saved: block 'overrides' keeps its state in "
+                     f"'{self.directory.resolve()}/state/overrides/'", self.graph().Save)
+        self.assertEqual(self.stop(process), "overrides 4 none\n")
+
+    def test_a_block_cannot_take_the_place_of_the_file(self):
+        process = self.start("--state", "state")
+        self.graph().Configure({"a.level": "4"})
+        self.graph().Save()
+        self.stop(process)
+        file = self.directory.resolve() / "state" / "overrides"
+        before = file.read_bytes()
+        self.write(GRAPH + '[blocks.overrides]\ntype = "operated:Careful"\n')
+        self.assertEqual(self.run_quorval("run", "--state", "state", "g.toml"),
+                         (3, "", "g.toml:15:8: error: block 'overrides' cannot be created: "
+                                 f"{file}: Not a directory\n"))
+        self.assertEqual(file.read_bytes(), before)
+
     def test_a_damaged_file_is_wrong(self):
         process = self.start("--state", "state")
         self.run_quorval("set", "--save", "the-graph", "a.level=4")

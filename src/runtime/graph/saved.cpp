@@ -22,6 +22,12 @@ constexpr const char* kFile = "overrides";
     throw std::runtime_error("the saved changes cannot be read: " + why);
 }
 
+[[noreturn]] void throw_in_the_way(const std::string& directory)
+{
+    throw std::runtime_error("the changes cannot be saved: block '" + std::string(kFile) +
+                             "' keeps its state in '" + directory + "/'");
+}
+
 std::string folder(const std::string& directory)
 {
     return directory + (directory.back() == '/' ? "" : "/");
@@ -89,6 +95,10 @@ std::vector<Assignment> read_saved(const std::string& directory)
 void write_saved(const std::string& directory, const std::vector<Assignment>& values)
 {
     make_state_directory(folder(directory));
+    std::error_code error;
+    if (std::filesystem::is_directory(saved_file(directory), error)) {
+        throw_in_the_way(saved_file(directory));
+    }
     write_store_file(saved_file(directory), to_config(values));
 }
 
