@@ -66,7 +66,7 @@ void Screen::suspend()
     enter();
 }
 
-void Screen::draw(const std::vector<std::string>& lines) const
+void Screen::draw(const std::vector<std::string>& lines)
 {
     // Wiped before it is written: a terminal may take what is written into its last column away
     // with the rest of the line.

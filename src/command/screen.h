@@ -22,7 +22,7 @@ public:
     void suspend();
 
     /// @param lines  no more than there is room for
-    void draw(const std::vector<std::string>& lines) const;
+    static void draw(const std::vector<std::string>& lines);
 
     struct Size {
         unsigned width;

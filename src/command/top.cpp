@@ -177,7 +177,7 @@ public:
                 ask();
             }
             if (is_going_on_) {
-                screen.draw(picture());
+                Screen::draw(picture());
             }
         }
         return is_there_;
