@@ -5,11 +5,34 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
+
+namespace {
+
+using Entries = std::vector<std::vector<std::string>>;
+
+/// What was sent to the journal, a list of fields for each entry.
+Entries entries;
+
+}  // namespace
+
+// What the program defines goes before what the library has under the same name.
+extern "C" int sd_journal_sendv(const struct iovec* fields, int count)
+{
+    std::vector<std::string>& entry = entries.emplace_back();
+    for (int at = 0; at < count; ++at) {
+        entry.emplace_back(static_cast<const char*>(fields[at].iov_base), fields[at].iov_len);
+    }
+    return 0;
+}
 
 using namespace Quorval;
 using Quorval::runtime::ContextScope;
@@ -105,19 +128,65 @@ TEST(Messages, GoToStandardErrorWhenTheJournalIsAnotherFile)
     EXPECT_EQ(written_by([] { logger(LOGLEVEL_ERROR, "here"); }), "quorval: error: here\n");
 }
 
-TEST(Messages, DoNotGoToStandardErrorWhenThatIsTheJournal)
+/// Standard error as the service manager leads it to the journal.
+class JournalMessages : public testing::Test {
+protected:
+    JournalMessages()
+    {
+        ::testing::internal::CaptureStderr();
+        struct stat status = {};
+        if (::fstat(STDERR_FILENO, &status) != 0) {
+            throw std::system_error(errno, std::generic_category(), "fstat");
+        }
+        environment.emplace("JOURNAL_STREAM",
+                            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino));
+        entries.clear();
+    }
+    ~JournalMessages() override { EXPECT_EQ(::testing::internal::GetCapturedStderr(), ""); }
+
+    std::optional<ScopedEnvironment> environment;
+};
+
+TEST_F(JournalMessages, HaveTheGraphAndTheBlockAsFields)
 {
-    EXPECT_EQ(written_by([] {
-                  struct stat status = {};
-                  ASSERT_EQ(::fstat(STDERR_FILENO, &status), 0);
-                  const ScopedEnvironment environment(
-                      "JOURNAL_STREAM",
-                      std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino));
-                  Messages messages;
-                  messages.set_graph("loudness");
-                  logger(LOGLEVEL_ERROR, "elsewhere");
-              }),
-              "");
+    Messages messages;
+
+    logger(LOGLEVEL_ERROR, "early");
+    messages.set_graph("loudness");
+    logger(LOGLEVEL_WARNING, "of the graph");
+    {
+        const ContextScope scope("left/gain", "run");
+        logger(LOGLEVEL_ERROR, "too loud\nby far");
+    }
+
+    EXPECT_EQ(entries, (Entries{{"MESSAGE=early", "PRIORITY=3"},
+                                {"MESSAGE=of the graph", "PRIORITY=4", "QUORVAL_GRAPH=loudness"},
+                                {"MESSAGE=left/gain: too loud\nby far", "PRIORITY=3",
+                                 "QUORVAL_GRAPH=loudness", "QUORVAL_BLOCK=left/gain"}}));
+}
+
+TEST_F(JournalMessages, HaveThePrioritiesOfSyslog)
+{
+    const Messages messages(LOGLEVEL_DEBUG);
+
+    for (int level = LOGLEVEL_FATAL; level <= LOGLEVEL_DEBUG; ++level) {
+        logger(static_cast<loglevel>(level), "x");
+    }
+
+    Entries expected;
+    for (const char* priority : {"1", "2", "3", "4", "6", "7"}) {
+        expected.push_back({"MESSAGE=x", std::string("PRIORITY=") + priority});
+    }
+    EXPECT_EQ(entries, expected);
+}
+
+TEST_F(JournalMessages, AreThoseUpToTheThreshold)
+{
+    const Messages messages(LOGLEVEL_ERROR);
+
+    logger(LOGLEVEL_WARNING, "not shown");
+
+    EXPECT_EQ(entries, Entries());
 }
 
 }  // namespace
