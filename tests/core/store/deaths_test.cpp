@@ -4,12 +4,8 @@
 #include "core/store/system_calls.h"
 #include "support/support.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <ios>
 #include <optional>
 #include <string>
@@ -17,6 +13,7 @@
 
 using Quorval::BlockConfiguration;
 using Quorval::PStore;
+using quorval_test::dies;
 using quorval_test::SystemCalls;
 using quorval_test::TemporaryDirectory;
 
@@ -44,23 +41,6 @@ BlockConfiguration make_configuration(int seed)
     config.set("strings", std::vector<std::string>(10, std::to_string(seed)));
     config.set("bools", std::vector<bool>(static_cast<std::size_t>(seed) * 10 + 1, true));
     return config;
-}
-
-/// Runs `action` in a child that is to kill itself, and tells whether it did.
-bool dies(const std::function<void()>& action)
-{
-    const pid_t child = ::fork();
-    if (child == 0) {
-        try {
-            action();
-        } catch (...) {
-            ::_exit(1);
-        }
-        ::_exit(0);
-    }
-    int status = 0;
-    const bool is_waited_for = ::waitpid(child, &status, 0) == child;
-    return is_waited_for && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
 void die_at(std::size_t number, std::size_t here)

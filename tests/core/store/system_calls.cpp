@@ -6,9 +6,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <stdexcept>
@@ -37,6 +39,22 @@ std::string octal(mode_t mode)
 std::string hexadecimal(int flags)
 {
     return format("0x%x", static_cast<unsigned int>(flags));
+}
+
+bool dies(const std::function<void()>& action)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        try {
+            action();
+        } catch (...) {
+            ::_exit(1);
+        }
+        ::_exit(0);
+    }
+    int status = 0;
+    const bool is_waited_for = ::waitpid(child, &status, 0) == child;
+    return is_waited_for && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
 SystemCalls::SystemCalls()
@@ -152,6 +170,27 @@ int unlink(const char* path) noexcept
         return static_cast<int>(work());
     }
     return static_cast<int>(active->make("unlink(" + std::string(path) + ")", false, work));
+}
+
+int lchown(const char* path, uid_t user, gid_t group) noexcept
+{
+    const auto work = [&] {
+        return ::syscall(SYS_fchownat, AT_FDCWD, path, user, group, AT_SYMLINK_NOFOLLOW);
+    };
+    if (active == nullptr) {
+        return static_cast<int>(work());
+    }
+    return static_cast<int>(active->make("lchown(" + std::string(path) + ")", false, work));
+}
+
+int rename(const char* from, const char* to) noexcept
+{
+    const auto work = [&] { return ::syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to); };
+    if (active == nullptr) {
+        return static_cast<int>(work());
+    }
+    const std::string text = "rename(" + std::string(from) + ", " + to + ")";
+    return static_cast<int>(active->make(text, false, work));
 }
 
 int open(const char* path, int flags, ...)

@@ -10,8 +10,9 @@
 
 namespace quorval_test {
 
-/// While one lives, every call of stat, mkdir, unlink, open, openat, write, fsync, close and
-/// renameat in this process is counted from 0 and recorded, whoever makes it. One at a time.
+/// While one lives, every call of stat, mkdir, unlink, lchown, open, openat, write, fsync, close,
+/// rename and renameat in this process is counted from 0 and recorded, whoever makes it. One at a
+/// time.
 class SystemCalls {
 public:
     /// Runs at a call, with its number. The calls that it makes itself are not recorded.
@@ -61,6 +62,9 @@ private:
     int directory_ = -1;
     int file_ = -1;
 };
+
+/// Runs `action` in a child process that is to kill itself, and tells whether it did.
+bool dies(const std::function<void()>& action);
 
 /// A number as it stands in the texts of the calls.
 std::string hexadecimal(int flags);
