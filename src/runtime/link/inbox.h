@@ -1,0 +1,66 @@
+// Values that come in from another machine.
+#pragma once
+
+#include "link/losses.h"
+#include "link/stamp.h"
+#include "plugins/plugin_set.h"
+#include "schedule/network.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Quorval::runtime {
+
+/// Keeps the values of one output elsewhere until the graph takes them: all of them, or the latest.
+/// Drops what is no value of it.
+class Inbox {
+public:
+    using Time = Losses::Time;
+
+    /// @param inputs   the types of the inputs behind the entry
+    /// @param plugins  have the codecs; it and the entry must outlive the object
+    /// @param limit    bytes of a value
+    Inbox(Entry& entry, std::vector<Datatype> inputs, const PluginSet& plugins, std::size_t limit);
+
+    /// Takes a message in.
+    void receive(const Stamp& stamp, std::string_view bytes, Time now);
+
+    /// How many values wait.
+    std::size_t size() const { return values_.size(); }
+
+    /// Decodes the next value into the entry's output. There is one.
+    /// @return false: it cannot be decoded
+    bool put_next(Time now);
+
+    /// Drops what waits, at the end.
+    void drop_rest(Time now);
+
+    std::uint64_t lost() const { return losses_.count(); }
+    std::uint64_t duplicates() const { return duplicates_; }
+
+private:
+    bool follow(const Stamp& stamp, Time now);
+    std::string find_fault(const Stamp& stamp, std::string_view bytes) const;
+    std::string find_fault(const std::string& type) const;
+
+    Entry& entry_;
+    std::vector<Datatype> inputs_;
+    const PluginSet& plugins_;
+    std::size_t limit_;
+    struct Value {
+        std::string type;
+        std::string bytes;
+    };
+    std::deque<Value> values_;
+    std::uint64_t start_ = 0;   // of the sender
+    std::uint64_t number_ = 0;  // of its last value; 0 before the first
+    std::uint64_t duplicates_ = 0;
+    Losses losses_;
+};
+
+}  // namespace Quorval::runtime

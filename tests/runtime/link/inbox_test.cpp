@@ -1,0 +1,180 @@
+#include "link/inbox.h"
+
+#include <quorval/runtime/tools.h>
+#include "plugins/codecs.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using Quorval::Datatype;
+using Quorval::InitTools;
+using Quorval::runtime::Entry;
+using Quorval::runtime::find_standard_codec;
+using Quorval::runtime::Inbox;
+using Quorval::runtime::PluginSet;
+using Quorval::runtime::RemoteOutput;
+using Quorval::runtime::Stamp;
+using quorval_test::LogRecorder;
+
+using Lines = std::vector<std::string>;
+
+namespace {
+
+constexpr Inbox::Time kNow{1};
+constexpr std::uint64_t kStart = 77;
+
+std::string encode(int value)
+{
+    std::string bytes;
+    find_standard_codec("int32")->encode(&value, bytes);
+    return bytes;
+}
+
+class InboxTest : public testing::Test {
+protected:
+    /// Takes in a value with a number.
+    void receive(Inbox& inbox, std::uint64_t number, std::uint64_t start = kStart)
+    {
+        inbox.receive({"int32", start, number}, encode(static_cast<int>(number)), kNow);
+    }
+
+    Inbox make(bool keeps_all)
+    {
+        entry_.keeps_all = keeps_all;
+        return {entry_, {Datatype("int32")}, plugins_, 8};
+    }
+
+    /// The values that the graph gets.
+    std::vector<int> take_all(Inbox& inbox)
+    {
+        std::vector<int> values;
+        while (inbox.size() > 0) {
+            if (inbox.put_next(kNow)) {
+                values.push_back(*static_cast<const int*>(entry_.output->get_data()));
+            }
+        }
+        return values;
+    }
+
+    LogRecorder recorder_;
+    InitTools tools_;
+    PluginSet plugins_{{}, tools_};
+    Entry entry_{"mic", "out", std::make_shared<RemoteOutput>("out", Datatype("int32")), false};
+};
+
+using Values = std::vector<int>;
+
+TEST_F(InboxTest, KeepsAllValues)
+{
+    Inbox inbox = make(true);
+
+    receive(inbox, 1);
+    receive(inbox, 2);
+
+    EXPECT_EQ(take_all(inbox), (Values{1, 2}));
+    EXPECT_TRUE(entry_.output->is_triggered());
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(InboxTest, KeepsTheLatestValue)
+{
+    Inbox inbox = make(false);
+
+    receive(inbox, 1);
+    receive(inbox, 5);
+
+    EXPECT_EQ(take_all(inbox), (Values{5}));
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(InboxTest, KeepsOnePlaceForValues)
+{
+    Inbox inbox = make(true);
+    receive(inbox, 1);
+    receive(inbox, 2);
+
+    inbox.put_next(kNow);
+    const void* place = entry_.output->get_data();
+    inbox.put_next(kNow);
+
+    EXPECT_EQ(entry_.output->get_data(), place);
+}
+
+TEST_F(InboxTest, DropsDuplicates)
+{
+    Inbox inbox = make(true);
+
+    for (const int number : {1, 2, 1, 2, 3}) {
+        receive(inbox, static_cast<std::uint64_t>(number));
+    }
+
+    EXPECT_EQ(take_all(inbox), (Values{1, 2, 3}));
+    EXPECT_EQ(inbox.duplicates(), 2U);
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(InboxTest, TellsOfGaps)
+{
+    Inbox inbox = make(true);
+
+    receive(inbox, 4);
+    receive(inbox, 8);
+
+    EXPECT_EQ(take_all(inbox), (Values{4, 8}));
+    EXPECT_EQ(recorder_.texts(), (Lines{"3 values of mic.out are lost: they did not arrive"}));
+    EXPECT_EQ(inbox.lost(), 3U);
+}
+
+TEST_F(InboxTest, FollowsASenderThatStartsAgain)
+{
+    Inbox inbox = make(true);
+
+    receive(inbox, 4);
+    receive(inbox, 1, kStart + 1);
+    receive(inbox, 2, kStart + 1);
+
+    EXPECT_EQ(take_all(inbox), (Values{4, 1, 2}));
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(InboxTest, DropsWhatIsNoValue)
+{
+    struct Case {
+        Stamp stamp;
+        std::string bytes;
+        std::string why;
+    };
+    const std::vector<Case> cases = {
+        {{"", 0, 0}, "x", "a message has no type, start and number"},
+        {{"string", kStart, 1}, "x", "type string does not fit int32"},
+        {{"no type", kStart, 1}, "x", "a message has no valid type"},
+        {{"int32", kStart, 1}, "123456789", "9 bytes are more than the limit of 8"},
+        {{"int32", kStart, 1}, "\1x", "a value cannot be decoded: the value ends too early"},
+    };
+    for (const Case& one : cases) {
+        recorder_.clear();
+        Inbox inbox = make(true);
+
+        inbox.receive(one.stamp, one.bytes, kNow);
+
+        EXPECT_EQ(take_all(inbox), Values()) << one.why;
+        EXPECT_EQ(recorder_.texts(), (Lines{"1 values of mic.out are lost: " + one.why}));
+        EXPECT_EQ(inbox.lost(), 1U) << one.why;
+    }
+}
+
+TEST_F(InboxTest, TellsOfValuesThatNobodyTook)
+{
+    Inbox inbox = make(true);
+    receive(inbox, 1);
+
+    inbox.drop_rest(kNow);
+
+    EXPECT_EQ(inbox.size(), 0U);
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: the graph stopped before it took them"}));
+}
+
+}  // namespace

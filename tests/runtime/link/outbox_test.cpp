@@ -1,0 +1,114 @@
+#include "link/outbox.h"
+
+#include <quorval/runtime/tools.h>
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+using Quorval::Datatype;
+using Quorval::InitTools;
+using Quorval::OutPort;
+using Quorval::runtime::Exit;
+using Quorval::runtime::Outbox;
+using Quorval::runtime::PluginSet;
+using quorval_test::LogRecorder;
+
+using Lines = std::vector<std::string>;
+using Numbers = std::vector<std::uint64_t>;
+
+namespace {
+
+constexpr Outbox::Time kNow{1};
+
+class OutboxTest : public testing::Test {
+protected:
+    Outbox make(bool keeps_all)
+    {
+        return {Exit{0, "out", &output_, keeps_all}, "mic", plugins_, 2, 20};
+    }
+
+    void take(Outbox& outbox, const std::string& value)
+    {
+        output_.write(value);
+        outbox.take(kNow);
+    }
+
+    static Numbers send_all(Outbox& outbox)
+    {
+        Numbers numbers;
+        for (; outbox.size() > 0; outbox.pop()) {
+            numbers.push_back(outbox.next().number);
+        }
+        return numbers;
+    }
+
+    LogRecorder recorder_;
+    InitTools tools_;
+    PluginSet plugins_{{}, tools_};
+    OutPort<std::string> output_{"out", Datatype("string")};
+};
+
+TEST_F(OutboxTest, KeepsValuesInTheirOrder)
+{
+    Outbox outbox = make(true);
+
+    take(outbox, "a");
+    take(outbox, "b");
+
+    EXPECT_EQ(outbox.type(), "string");
+    EXPECT_EQ(send_all(outbox), (Numbers{1, 2}));
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(OutboxTest, LosesTheOldestWhereTheQueueIsFull)
+{
+    Outbox outbox = make(true);
+
+    for (const char* value : {"a", "b", "c"}) {
+        take(outbox, value);
+    }
+
+    EXPECT_EQ(send_all(outbox), (Numbers{2, 3}));
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: the queue of 2 values is full"}));
+    EXPECT_EQ(outbox.lost(), 1U);
+}
+
+TEST_F(OutboxTest, SendsTheLatestAgain)
+{
+    Outbox outbox = make(false);
+    outbox.repeat_latest();
+    EXPECT_EQ(outbox.size(), 0U);
+    take(outbox, "a");
+    take(outbox, "b");
+
+    EXPECT_EQ(send_all(outbox), Numbers{2});
+    outbox.repeat_latest();
+
+    EXPECT_EQ(send_all(outbox), Numbers{2});
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(OutboxTest, DropsWhatIsTooLarge)
+{
+    Outbox outbox = make(true);
+
+    take(outbox, "twenty bytes and more");
+
+    EXPECT_EQ(outbox.size(), 0U);
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: 30 bytes are more than the limit of 20"}));
+}
+
+TEST_F(OutboxTest, TellsOfWhatWasNotSent)
+{
+    Outbox outbox = make(true);
+    take(outbox, "a");
+
+    outbox.drop_rest(kNow);
+
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: the graph stopped before they were sent"}));
+}
+
+}  // namespace
