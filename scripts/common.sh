@@ -38,10 +38,11 @@ is_one_of()
 # The Debian packages that a part of the work needs, by group.
 declare -A package_groups=(
     [build]="g++ cmake make ninja-build libcereal-dev"
-    [runtime]="libsystemd-dev libsqlite3-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev systemtap-sdt-dev"
+    [runtime]="libmosquitto-dev libsystemd-dev libsqlite3-dev libtomlplusplus-dev libcli11-dev nlohmann-json3-dev
+        systemtap-sdt-dev"
     [examples]="libsndfile1-dev"
     [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3
-        python3-jsonschema bash-completion dbus fish graphviz python3-dbus systemd zsh"
+        python3-jsonschema bash-completion dbus fish graphviz mosquitto python3-dbus systemd zsh"
     [demo]="alsa-utils"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev
@@ -59,7 +60,8 @@ declare -A package_groups=(
 )
 
 # Libraries of another architecture: see need_architecture.
-package_groups[runtime_arm64]="libsystemd-dev:arm64 libsqlite3-dev:arm64 libtomlplusplus-dev:arm64 systemtap-sdt-dev:arm64"
+package_groups[runtime_arm64]="libmosquitto-dev:arm64 libsystemd-dev:arm64 libsqlite3-dev:arm64 libtomlplusplus-dev:arm64
+    systemtap-sdt-dev:arm64"
 
 # missing_packages GROUP...: the packages of the groups that are not installed.
 missing_packages()

@@ -1,0 +1,351 @@
+#include "link/mqtt_client.h"
+
+#include <mqtt_protocol.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace Quorval::runtime {
+
+namespace {
+
+constexpr int kKeepAlive = 30;                   // seconds
+constexpr std::uint32_t kForEver = 0xFFFFFFFF;   // of a session
+constexpr std::size_t kRoomForRest = 1'048'576;  // of a packet, beside the value
+constexpr int kCallsAtOnce = 64;
+constexpr const char* kSystemCertificates = "/etc/ssl/certs";
+
+/// Properties of a packet, which are a list in C.
+class Properties {
+public:
+    Properties() = default;
+    Properties(const Properties&) = delete;
+    Properties& operator=(const Properties&) = delete;
+    ~Properties() { ::mosquitto_property_free_all(&list_); }
+
+    void add(int identifier, std::uint32_t value)
+    {
+        check(::mosquitto_property_add_int32(&list_, identifier, value));
+    }
+    void add(const char* name, const std::string& value)
+    {
+        check(::mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name,
+                                                   value.c_str()));
+    }
+    mosquitto_property* get() const { return list_; }
+    /// They belong to somebody else from here on.
+    void release() { list_ = nullptr; }
+
+private:
+    static void check(int result)
+    {
+        if (result != MOSQ_ERR_SUCCESS) {
+            throw std::bad_alloc();
+        }
+    }
+
+    mosquitto_property* list_ = nullptr;
+};
+
+struct Free {
+    void operator()(char* text) const { std::free(text); }  // NOLINT: it comes from malloc()
+};
+using Text = std::unique_ptr<char, Free>;
+
+std::uint64_t to_number(std::string_view text)
+{
+    std::uint64_t number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size() ? number : 0;
+}
+
+/// The stamp of a message; without a number where it has none that is whole.
+Stamp read_stamp(const mosquitto_property* properties)
+{
+    Stamp stamp;
+    bool is_next = false;
+    for (const mosquitto_property* at = properties; at != nullptr; is_next = true) {
+        char* name = nullptr;
+        char* value = nullptr;
+        at = ::mosquitto_property_read_string_pair(at, MQTT_PROP_USER_PROPERTY, &name, &value,
+                                                   is_next);
+        const Text owned_name(name);
+        const Text owned_value(value);
+        const std::string_view key = name == nullptr ? "" : name;
+        const std::string_view text = value == nullptr ? "" : value;
+        if (key == "type") {
+            stamp.type = text;
+        } else if (key == "start") {
+            stamp.start = to_number(text);
+        } else if (key == "number") {
+            stamp.number = to_number(text);
+        }
+    }
+    if (stamp.type.empty() || stamp.start == 0) {
+        stamp.number = 0;
+    }
+    return stamp;
+}
+
+[[noreturn]] void throw_unreadable(const std::string& file)
+{
+    throw std::runtime_error("cannot read '" + file + "'");
+}
+
+void expect_readable(const std::string& file)
+{
+    if (!file.empty() && !std::ifstream(file)) {
+        throw_unreadable(file);
+    }
+}
+
+std::string read_password(const std::string& file)
+{
+    std::ifstream stream(file);
+    std::string password;
+    if (!stream || !std::getline(stream, password)) {
+        throw_unreadable(file);
+    }
+    if (!password.empty() && password.back() == '\r') {
+        password.pop_back();
+    }
+    return password;
+}
+
+const char* or_null(const std::string& text)
+{
+    return text.empty() ? nullptr : text.c_str();
+}
+
+/// A key in a file that asks for a password cannot be used: nobody is there to give it.
+int give_no_password(char* /*buffer*/, int /*size*/, int /*is_new*/, void* /*data*/)
+{
+    return 0;
+}
+
+/// Whether a message was not sent because the connection has ended, which reading tells. The
+/// library sends those that have receipts again.
+bool is_end(int result)
+{
+    return result == MOSQ_ERR_ERRNO || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_NO_CONN ||
+           result == MOSQ_ERR_TLS;
+}
+
+bool start_library()
+{
+    static const int kResult = ::mosquitto_lib_init();
+    return kResult == MOSQ_ERR_SUCCESS;
+}
+
+}  // namespace
+
+MqttClient::MqttClient(const LinkDescription& link, const Identity& identity, Receive receive)
+    : link_(link), keeps_session_(identity.keeps_session), receive_(std::move(receive))
+{
+    // No clean start: it would throw away what the broker keeps for this client.
+    client_.reset(start_library() ? ::mosquitto_new(identity.name.c_str(), false, this) : nullptr);
+    if (client_ == nullptr) {
+        throw std::runtime_error("there is no client for the broker");
+    }
+    ::mosquitto_int_option(client_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    ::mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1);
+    set_will(identity);
+    secure();
+    identify();
+    set_callbacks();
+}
+
+MqttClient::~MqttClient() = default;
+
+void MqttClient::set_will(const Identity& identity)
+{
+    Properties properties;
+    properties.add("start", std::to_string(identity.start));
+    const int result = ::mosquitto_will_set_v5(client_.get(), identity.will_topic.c_str(),
+                                               static_cast<int>(identity.will.size()),
+                                               identity.will.data(), 1, true, properties.get());
+    if (result == MOSQ_ERR_SUCCESS) {
+        properties.release();
+    }
+}
+
+void MqttClient::secure()
+{
+    if (!link_.is_encrypted) {
+        return;
+    }
+    for (const std::string& file : {link_.ca, link_.cert, link_.key}) {
+        expect_readable(file);
+    }
+    const int result = ::mosquitto_tls_set(
+        client_.get(), or_null(link_.ca), link_.ca.empty() ? kSystemCertificates : nullptr,
+        or_null(link_.cert), or_null(link_.key), give_no_password);
+    if (result != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error(std::string("the certificates cannot be used: ") +
+                                 ::mosquitto_strerror(result));
+    }
+}
+
+void MqttClient::identify()
+{
+    if (link_.user.empty()) {
+        return;
+    }
+    const std::string password =
+        link_.password_file.empty() ? std::string() : read_password(link_.password_file);
+    ::mosquitto_username_pw_set(client_.get(), link_.user.c_str(),
+                                link_.password_file.empty() ? nullptr : password.c_str());
+}
+
+/// The records for what a callback says.
+MqttClient::News& MqttClient::note(void* self)
+{
+    auto& client = *static_cast<MqttClient*>(self);
+    client.has_news_ = true;
+    return client.news_;
+}
+
+void MqttClient::set_callbacks()
+{
+    mosquitto* const client = client_.get();
+    ::mosquitto_connect_v5_callback_set(client,
+                                        [](mosquitto* /*client*/, void* self, int reason, int flags,
+                                           const mosquitto_property* /*properties*/) {
+                                            note(self).answer = {reason, (flags & 1) != 0};
+                                        });
+    ::mosquitto_disconnect_v5_callback_set(
+        client, [](mosquitto* /*client*/, void* self, int reason,
+                   const mosquitto_property* /*properties*/) { note(self).end = reason; });
+    ::mosquitto_publish_v5_callback_set(
+        client, [](mosquitto* /*client*/, void* self, int message, int reason,
+                   const mosquitto_property* /*properties*/) {
+            note(self).published.push_back({message, reason});
+        });
+    ::mosquitto_subscribe_v5_callback_set(
+        client, [](mosquitto* /*client*/, void* self, int message, int count, const int* reasons,
+                   const mosquitto_property* /*properties*/) {
+            for (int i = 0; i < count; ++i) {
+                note(self).subscribed.push_back({message, reasons[i]});
+            }
+        });
+    ::mosquitto_message_v5_callback_set(
+        client, [](mosquitto* /*client*/, void* self, const mosquitto_message* message,
+                   const mosquitto_property* properties) {
+            note(self);
+            static_cast<MqttClient*>(self)->receive(*message, properties);
+        });
+}
+
+/// Nothing may be thrown through the library.
+void MqttClient::receive(const mosquitto_message& message, const mosquitto_property* properties)
+{
+    try {
+        receive_(message.topic, read_stamp(properties),
+                 {static_cast<const char*>(message.payload),
+                  static_cast<std::size_t>(message.payloadlen)});
+    } catch (...) {
+        failure_ = std::current_exception();
+    }
+}
+
+void MqttClient::connect()
+{
+    // Only the call that waits takes properties. It keeps them before it refuses to connect to no
+    // host, for the call that does not wait.
+    Properties properties;
+    properties.add(MQTT_PROP_MAXIMUM_PACKET_SIZE,
+                   static_cast<std::uint32_t>(link_.limit + kRoomForRest));
+    if (keeps_session_) {
+        properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, kForEver);
+    }
+    ::mosquitto_connect_bind_v5(client_.get(), nullptr, 1, kKeepAlive, nullptr, properties.get());
+    news_ = {};
+    errno = 0;
+    note_end(::mosquitto_connect_bind_async(client_.get(), link_.host.c_str(), link_.port,
+                                            kKeepAlive, nullptr));
+}
+
+void MqttClient::disconnect()
+{
+    ::mosquitto_disconnect_v5(client_.get(), 0, nullptr);
+}
+
+void MqttClient::note_end(int result)
+{
+    const int error = errno;
+    if (result != MOSQ_ERR_SUCCESS) {
+        // A reason of the broker says more.
+        news_.end = news_.end.value_or(result);
+        news_.error = result == MOSQ_ERR_ERRNO ? error : 0;
+    }
+    if (failure_ != nullptr) {
+        std::rethrow_exception(std::exchange(failure_, nullptr));
+    }
+}
+
+void MqttClient::write()
+{
+    errno = 0;
+    note_end(::mosquitto_loop_write(client_.get(), 1));
+}
+
+/// The errno that a call leaves says that the socket is empty, or that an answer could not be
+/// written; so it ends with a call that brought nothing.
+bool MqttClient::read()
+{
+    for (int count = 0; count < kCallsAtOnce; ++count) {
+        errno = 0;
+        has_news_ = false;
+        const int result = ::mosquitto_loop_read(client_.get(), 1);
+        const bool is_empty = (errno == EAGAIN || errno == EWOULDBLOCK) && !has_news_;
+        note_end(result);
+        if (is_empty || result != MOSQ_ERR_SUCCESS || fd() < 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void MqttClient::work()
+{
+    if (fd() >= 0) {
+        errno = 0;
+        note_end(::mosquitto_loop_misc(client_.get()));
+    }
+}
+
+std::optional<int> MqttClient::publish(const std::string& topic, std::string_view bytes,
+                                       const Stamp& stamp, bool keeps_all, bool is_retained,
+                                       std::string& why)
+{
+    Properties properties;
+    properties.add("start", std::to_string(stamp.start));
+    if (!stamp.type.empty()) {
+        properties.add("type", stamp.type);
+        properties.add("number", std::to_string(stamp.number));
+    }
+    int message = 0;
+    const int result = ::mosquitto_publish_v5(client_.get(), &message, topic.c_str(),
+                                              static_cast<int>(bytes.size()), bytes.data(),
+                                              keeps_all ? 1 : 0, is_retained, properties.get());
+    if (result == MOSQ_ERR_SUCCESS || is_end(result)) {
+        return message;
+    }
+    why = ::mosquitto_strerror(result);
+    return std::nullopt;
+}
+
+int MqttClient::subscribe(const std::string& topic, bool keeps_all, bool wants_retained)
+{
+    int message = 0;
+    ::mosquitto_subscribe_v5(client_.get(), &message, topic.c_str(), keeps_all ? 1 : 0,
+                             wants_retained ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr);
+    return message;
+}
+
+}  // namespace Quorval::runtime
