@@ -81,10 +81,6 @@ struct Graph::Impl {
     RunResult run()
     {
         const Network& network = graph.network;
-        if (!network.entries.empty() || !network.exits.empty()) {
-            logger(LOGLEVEL_ERROR, "this version carries no values between machines");
-            return RunResult::Failed;
-        }
         std::optional<Trace> trace;
         if (!options.trace_file.empty()) {
             trace.emplace(options.trace_file, graph.name, network);

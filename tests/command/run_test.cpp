@@ -459,12 +459,3 @@ TEST_F(Run, RunsAllMachinesInOneProcess)
 
     expect_result(run({"run", "--local", "machines.toml"}), 0, "1\n2\n", "");
 }
-
-TEST_F(Run, RefusesAPartThatExchangesValues)
-{
-    write("machines.toml", kMachines);
-    write("link.toml", "format = 1\nlink.broker = \"mqtt://localhost:1883\"\n");
-
-    expect_result(run({"run", "--machine", "hub", "machines.toml", "link.toml"}), 1, "",
-                  "quorval: error: this version carries no values between machines\n");
-}

@@ -40,7 +40,7 @@ class SoundGraph : public testing::Test {
 protected:
     SoundGraph()
     {
-        for (const char* name : {"loudness.toml", "mistakes.toml"}) {
+        for (const char* name : {"loudness.toml", "mistakes.toml", "two-machines.toml"}) {
             fs::copy_file(fs::path(QUORVAL_SOUND_DIR) / name, file(name));
         }
     }
@@ -460,6 +460,19 @@ TEST_F(SoundGraph, HasNoMistake)
 
     expect_success(result);
     EXPECT_EQ(result.out, "8 blocks, 7 connections: no problem found\n");
+}
+
+TEST_F(SoundGraph, HasNoMistakeOnTwoMachines)
+{
+    for (const auto& [machine, found] :
+         {std::pair("studio", "2 blocks, 1 connections: no problem found\n"),
+          std::pair("archive", "2 blocks, 0 connections: no problem found\n")}) {
+        const ProcessResult result = quorval_test::run_process(
+            command({"check", "--strict", "--machine", machine, "two-machines.toml"}));
+
+        expect_success(result);
+        EXPECT_EQ(result.out, found);
+    }
 }
 
 TEST_F(SoundGraph, FindsTheThreeMistakes)

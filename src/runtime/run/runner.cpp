@@ -3,6 +3,8 @@
 #include <quorval/log.h>
 
 #include <algorithm>
+#include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -10,6 +12,7 @@ namespace Quorval::runtime {
 Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Signals* signals,
                IOutside* outside, const std::atomic<bool>& has_stop)
     : options_(options),
+      graph_(graph),
       loop_(loop),
       signals_(signals),
       outside_(outside),
@@ -25,6 +28,54 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
 void Runner::play(IPlayback& playback)
 {
     playback_ = &playback;
+}
+
+/// @return false: a file of the link cannot be used, which is reported
+bool Runner::open_link()
+{
+    if (options_.machine.empty() || playback_ != nullptr) {
+        return true;
+    }
+    const LinkDescription& link = graph_.reading->description.link;
+    if (link.host.empty()) {
+        return true;
+    }
+    try {
+        link_ = std::make_unique<Link>(Link::Setting{link, graph_.name, options_.machine},
+                                       graph_.network, *graph_.plugins, loop_.poller(), Loop::now);
+    } catch (const std::runtime_error& error) {
+        logger(LOGLEVEL_ERROR, "the link cannot be used: %s", error.what());
+        return false;
+    }
+    link_->attach(life_.wave());
+    return true;
+}
+
+/// Sends what waits, for some seconds at most.
+void Runner::close_link()
+{
+    constexpr std::chrono::seconds kPatience(5);
+    if (link_ == nullptr) {
+        return;
+    }
+    link_->begin_end();
+    const Life::Time deadline = now() + kPatience;
+    for (link_->prepare(); !link_->is_finished() && now() < deadline; link_->prepare()) {
+        link_->take(loop_.wait(std::min({link_->next_time().value_or(deadline),
+                                         notice_.next_time().value_or(deadline), deadline})));
+        notice_.keep_alive(now());
+    }
+    link_->end();
+    check_link();
+}
+
+/// Fails where the link has to end the run.
+void Runner::check_link()
+{
+    if (link_ != nullptr && !link_->failure().empty() && !std::exchange(has_link_failed_, true)) {
+        logger(LOGLEVEL_ERROR, "%s", link_->failure().c_str());
+        life_.fail();
+    }
 }
 
 RunResult Runner::run()
@@ -57,6 +108,9 @@ bool Runner::start()
 
 RunResult Runner::live()
 {
+    if (!open_link()) {
+        return RunResult::Failed;
+    }
     const bool has_work = start();
     try {
         while (playback_ != nullptr && !life_.is_stopping() && !loop_.has_exited()) {
@@ -74,6 +128,7 @@ RunResult Runner::live()
     }
     notice_.tell_stopping();
     life_.stop();
+    close_link();
     show_progress(true);
     return life_.has_failed() ? RunResult::Failed
            : has_work         ? RunResult::Done
@@ -82,7 +137,16 @@ RunResult Runner::live()
 
 void Runner::turn()
 {
-    life_.take(loop_.wait(next_time()));
+    if (link_ != nullptr) {
+        link_->prepare();
+    }
+    const std::vector<Ready>& ready = loop_.wait(next_time());
+    life_.take(ready);
+    if (link_ != nullptr) {
+        link_->take(ready);
+        link_->feed(life_.wave());
+        check_link();
+    }
     life_.look_around();
     if (playback_ == nullptr && signals_ != nullptr && signals_->take_reload()) {
         notice_.tell_reloading(now());
@@ -133,6 +197,9 @@ std::optional<Life::Time> Runner::next_time() const
     }
     if (progress_.path != nullptr) {
         consider(next_progress_);
+    }
+    if (link_ != nullptr && link_->next_time()) {
+        consider(*link_->next_time());
     }
     return next;
 }

@@ -3,6 +3,7 @@
 
 #include <quorval/runtime/graph.h>
 #include "graph/loaded_graph.h"
+#include "link/link.h"
 #include "loop/loop.h"
 #include "run/life.h"
 #include "run/outside.h"
@@ -13,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -67,6 +69,9 @@ private:
     };
 
     RunResult live();
+    bool open_link();
+    void close_link();
+    void check_link();
     void play_wave();
     std::optional<Life::Time> next_time() const;
     void show_progress(bool is_last);
@@ -81,6 +86,7 @@ private:
     sd_bus* bus() override { return outside_ == nullptr ? nullptr : outside_->bus(); }
 
     const GraphOptions& options_;
+    LoadedGraph& graph_;
     Loop& loop_;
     Signals* signals_;
     IOutside* outside_;
@@ -91,6 +97,8 @@ private:
     Run run_;
     ServiceNotice notice_;
     IPlayback* playback_ = nullptr;
+    std::unique_ptr<Link> link_;    // null where the graph is on one machine
+    bool has_link_failed_ = false;  // and it was told
     std::optional<Life::Time> end_;
     Progress progress_;
     Life::Time next_progress_{};

@@ -69,7 +69,9 @@ private:
 class Print : public Block {
 public:
     Print(std::string name, const BlockConfiguration& config)
-        : Block(std::move(name), config), prefix_(config.getString("prefix", ""))
+        : Block(std::move(name), config),
+          prefix_(config.getString("prefix", "")),
+          flushes_(config.getBool("flush", false))
     {
         auto in = std::make_unique<InPort<int>>("in", Datatype("int32"));
         in_ = in.get();
@@ -79,11 +81,15 @@ public:
     bool run() override
     {
         std::cout << prefix_ << in_->value() << '\n';
+        if (flushes_) {
+            std::cout << std::flush;
+        }
         return true;
     }
 
 private:
     std::string prefix_;
+    bool flushes_;
     InPort<int>* in_;  // owned by the block
 };
 

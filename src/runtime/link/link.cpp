@@ -1,0 +1,518 @@
+#include "link/link.h"
+
+#include <quorval/log.h>
+#include "link/topics.h"
+
+#include <mqtt_protocol.h>
+
+#include <algorithm>
+#include <set>
+#include <system_error>
+#include <utility>
+
+namespace Quorval::runtime {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr std::uint32_t kLinkTag = kFirstReservedTag + 8;
+constexpr milliseconds kFirstPause(100);
+constexpr seconds kLongestPause(30);
+constexpr seconds kPatience(30);           // with a broker that does not answer
+constexpr seconds kWorkPause(10);          // a third of the keep-alive
+constexpr std::size_t kMostSent = 20;      // messages without a receipt
+constexpr std::size_t kMostPending = 100;  // values that the graph has not taken
+constexpr int kMostEarlyEnds = 3;
+constexpr int kFirstRefusal = 128;  // reasons of MQTT 5 from here on are refusals
+
+constexpr const char* kOnline = "online";
+constexpr const char* kOffline = "offline";
+
+MqttClient::Identity identity_of(const Link::Setting& setting, const Network& network,
+                                 std::uint64_t start)
+{
+    const bool keeps_session = std::any_of(network.entries.begin(), network.entries.end(),
+                                           [](const Entry& entry) { return entry.keeps_all; });
+    return {client_name(setting.graph, setting.machine),
+            machine_topic(setting.graph, setting.machine), kOffline, start, keeps_session};
+}
+
+std::vector<Datatype> input_types(const Network& network, std::uint32_t entry)
+{
+    std::vector<Datatype> types;
+    for (const EntryWire& wire : network.entry_wires) {
+        if (wire.entry == entry) {
+            types.push_back(wire.input->get_datatype());
+        }
+    }
+    return types;
+}
+
+std::uint64_t time_of_day()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+}
+
+/// Why a connection ended, in words.
+std::string text_of_end(int reason, int error)
+{
+    if (reason >= kFirstRefusal) {
+        return ::mosquitto_reason_string(reason);
+    }
+    return error != 0 ? std::generic_category().message(error) : ::mosquitto_strerror(reason);
+}
+
+/// Whether a broker that refuses a connection so will do it again.
+bool is_final(int reason)
+{
+    static const std::set<int> kPassing = {MQTT_RC_SERVER_UNAVAILABLE, MQTT_RC_SERVER_BUSY,
+                                           MQTT_RC_QUOTA_EXCEEDED,
+                                           MQTT_RC_CONNECTION_RATE_EXCEEDED};
+    return kPassing.count(reason) == 0;
+}
+
+}  // namespace
+
+Link::Link(const Setting& setting, Network& network, const PluginSet& plugins, Poller& poller,
+           Time (*now)())
+    : setting_(setting),
+      network_(network),
+      poller_(poller),
+      now_(now),
+      start_(time_of_day()),
+      client_(setting.description, identity_of(setting, network, start_),
+              [this](const char* topic, const Stamp& stamp, std::string_view bytes) {
+                  receive(topic, stamp, bytes);
+              }),
+      pause_(kFirstPause)
+{
+    inboxes_.reserve(network.entries.size());
+    for (std::uint32_t i = 0; i < network.entries.size(); ++i) {
+        Entry& entry = network.entries[i];
+        by_topic_[value_topic(setting.graph, entry.path, entry.port)] = i;
+        inboxes_.emplace_back(entry, input_types(network, i), plugins, setting.description.limit);
+    }
+    for (const Exit& exit : network.exits) {
+        const std::string& path = network.nodes[exit.from].path;
+        topics_.push_back(value_topic(setting.graph, path, exit.port));
+        outboxes_.emplace_back(exit, path, plugins, setting.description.queue,
+                               setting.description.limit);
+    }
+    lacks_reader_.resize(outboxes_.size());
+}
+
+Link::~Link() = default;
+
+void Link::attach(Wave& wave)
+{
+    for (std::uint32_t exit = 0; exit < network_.exits.size(); ++exit) {
+        wave.watch(network_.exits[exit].from, *network_.exits[exit].output, *this, exit);
+    }
+}
+
+void Link::has_value(std::uint32_t exit)
+{
+    outboxes_[exit].take(now_());
+}
+
+// --- the loop ---
+
+void Link::prepare()
+{
+    const Time now = now_();
+    if (state_ == State::Away && now >= next_attempt_) {
+        connect();
+    } else if (state_ == State::Connecting && now >= deadline_) {
+        wait_for_broker("it does not answer");
+    } else if (now >= next_work_) {
+        client_.work();
+        next_work_ = now + kWorkPause;
+    }
+    handle_news();
+    if (state_ == State::Online) {
+        send();
+        close_when_sent();
+        handle_news();
+    }
+    watch();
+}
+
+/// Has the poller watch the present socket.
+void Link::watch()
+{
+    const int fd = client_.fd();
+    if (fd < 0 || state_ == State::Away || state_ == State::Closed) {
+        event_.reset();
+        return;
+    }
+    const FDEvent::EventMask mask{!is_full(), client_.wants_write()};
+    if (event_ == nullptr) {
+        event_ = poller_.add(fd, mask, kLinkTag);
+    } else if (event_->get_mask() != mask) {
+        event_->change_mask(mask);
+    }
+}
+
+std::optional<Link::Time> Link::next_time() const
+{
+    const bool has_value = std::any_of(inboxes_.begin(), inboxes_.end(),
+                                       [](const Inbox& inbox) { return inbox.size() > 0; });
+    if (has_value || (may_have_more_ && !is_full())) {
+        return Time(0);
+    }
+    switch (state_) {
+        case State::Away:
+            return next_attempt_;
+        case State::Connecting:
+            return std::min(deadline_, next_work_);
+        case State::Online:
+        case State::Closing:
+            return next_work_;
+        case State::Closed:
+            break;
+    }
+    return std::nullopt;
+}
+
+void Link::take(const std::vector<Ready>& ready)
+{
+    for (const Ready& one : ready) {
+        if (one.tag == kLinkTag) {
+            // Reading may have stopped where an answer could not be written.
+            may_have_more_ = true;
+            if (one.writable && client_.fd() >= 0) {
+                client_.write();
+            }
+        }
+    }
+    if (may_have_more_ && !is_full()) {
+        may_have_more_ = client_.fd() >= 0 && client_.read();
+    }
+    handle_news();
+}
+
+/// Whether the graph has to take values before more are read.
+bool Link::is_full() const
+{
+    return std::any_of(inboxes_.begin(), inboxes_.end(),
+                       [](const Inbox& inbox) { return inbox.size() >= kMostPending; });
+}
+
+void Link::feed(Wave& wave)
+{
+    for (std::uint32_t entry = 0; entry < inboxes_.size(); ++entry) {
+        if (inboxes_[entry].size() > 0 && inboxes_[entry].put_next(now_())) {
+            wave.note_entry(entry);
+        }
+    }
+}
+
+// --- the connection ---
+
+void Link::connect()
+{
+    event_.reset();
+    may_have_more_ = false;
+    state_ = State::Connecting;
+    const Time now = now_();
+    deadline_ = now + kPatience;
+    next_work_ = now + kWorkPause;
+    client_.connect();
+}
+
+void Link::handle_news()
+{
+    const MqttClient::News news = client_.take_news();
+    handle_receipts(news);
+    if (news.answer) {
+        handle_answer(*news.answer);
+    }
+    if (has_rival_ && state_ == State::Online) {
+        yield();
+        // In order, so that no will follows what the other one said.
+        client_.disconnect();
+    }
+    if (news.end && state_ != State::Away && state_ != State::Closed) {
+        handle_end(*news.end, news.error);
+    }
+}
+
+void Link::handle_answer(const MqttClient::Answer& answer)
+{
+    if (answer.reason == 0) {
+        welcome(answer.has_session);
+    } else if (is_final(answer.reason)) {
+        refuse(::mosquitto_reason_string(answer.reason));
+    } else {
+        wait_for_broker(::mosquitto_reason_string(answer.reason));
+    }
+}
+
+void Link::handle_end(int reason, int error)
+{
+    event_.reset();
+    if (state_ == State::Closing) {
+        state_ = State::Closed;
+    } else if (reason == MQTT_RC_SESSION_TAKEN_OVER) {
+        yield();
+    } else if (reason == MOSQ_ERR_TLS || (error == EPROTO && setting_.description.is_encrypted)) {
+        refuse("the certificates do not agree");
+    } else if (reason != MOSQ_ERR_EAI && is_early_end(error) && ++early_ends_ >= kMostEarlyEnds) {
+        refuse("it ends the connection before it answers");
+    } else {
+        wait_for_broker(text_of_end(reason, error));
+    }
+}
+
+/// Whether a broker that is there has ended an encrypted connection before it answered, which is
+/// how some show that they do not accept a certificate.
+bool Link::is_early_end(int error) const
+{
+    return state_ == State::Connecting && setting_.description.is_encrypted && error == 0;
+}
+
+/// The connection stands.
+void Link::welcome(bool has_session)
+{
+    if (has_told_) {
+        logger(LOGLEVEL_WARNING, "the broker %s is back", setting_.description.broker.c_str());
+    }
+    if (was_online_ && !has_session && !network_.entries.empty()) {
+        logger(LOGLEVEL_INFO, "the broker has begun a new session");
+    }
+    state_ = State::Online;
+    was_online_ = true;
+    has_told_ = false;
+    pause_ = kFirstPause;
+    goodbye_.reset();
+    subscriptions_.clear();
+    // Its own topic first: what stands there has come when the others are acknowledged, for nothing
+    // of quality 0 waits behind values.
+    for (const std::string& machine : {setting_.machine, std::string("+")}) {
+        subscriptions_[client_.subscribe(machine_topic(setting_.graph, machine), false, true)] =
+            "machines";
+    }
+    for (const Entry& entry : network_.entries) {
+        const std::string topic = value_topic(setting_.graph, entry.path, entry.port);
+        subscriptions_[client_.subscribe(topic, entry.keeps_all, !entry.keeps_all)] =
+            entry.path + "." + entry.port;
+    }
+    for (Outbox& outbox : outboxes_) {
+        outbox.repeat_latest();
+    }
+}
+
+void Link::wait_for_broker(const std::string& why)
+{
+    event_.reset();
+    state_ = State::Away;
+    next_attempt_ = now_() + pause_;
+    pause_ = std::min<Time>(2 * pause_, kLongestPause);
+    if (!has_told_) {
+        logger(LOGLEVEL_WARNING, "the broker %s is away: %s; values wait for it",
+               setting_.description.broker.c_str(), why.c_str());
+        has_told_ = true;
+    }
+}
+
+/// Another client of this name has taken the session over. A broker says so, or it shows when this
+/// one comes back and finds what the other one said on their topic.
+void Link::yield()
+{
+    failure_ = "another '" + client_name(setting_.graph, setting_.machine) +
+               "' has taken the place at the broker";
+    state_ = State::Closed;
+}
+
+/// The broker is there and does not want this client. It ends the run, unless that went well
+/// before.
+void Link::refuse(const std::string& why)
+{
+    if (was_online_) {
+        wait_for_broker(why);
+        return;
+    }
+    event_.reset();
+    failure_ = "the broker " + setting_.description.broker + " refuses the connection: " + why;
+    state_ = State::Closed;
+}
+
+// --- what comes in ---
+
+void Link::receive(const std::string& topic, const Stamp& stamp, std::string_view bytes)
+{
+    const auto entry = by_topic_.find(topic);
+    if (entry != by_topic_.end()) {
+        inboxes_[entry->second].receive(stamp, bytes, now_());
+        return;
+    }
+    const std::string prefix = machine_topic(setting_.graph, "");
+    if (topic.compare(0, prefix.size(), prefix) == 0) {
+        const std::string machine = topic.substr(prefix.size());
+        if (machine != setting_.machine) {
+            note_presence(machine, bytes);
+        } else if (is_announced_ && stamp.start != 0 && stamp.start != start_) {
+            has_rival_ = true;
+        }
+    }
+}
+
+void Link::note_presence(const std::string& machine, std::string_view text)
+{
+    if (text != kOnline && text != kOffline) {
+        return;
+    }
+    const Presence now = text == kOnline ? Presence::Online : Presence::Offline;
+    const Presence before = std::exchange(machines_[machine], now);
+    if (before != now) {
+        logger(before == Presence::Unknown ? LOGLEVEL_INFO : LOGLEVEL_WARNING, "machine '%s' is %s",
+               machine.c_str(), std::string(text).c_str());
+    }
+}
+
+// --- what goes out ---
+
+void Link::send()
+{
+    bool goes_on = true;
+    while (goes_on) {
+        goes_on = false;
+        for (std::uint32_t exit = 0; exit < outboxes_.size(); ++exit) {
+            const bool may_send = outboxes_[exit].size() > 0 && !client_.wants_write() &&
+                                  (!outboxes_[exit].keeps_all() || sent_.size() < kMostSent);
+            if (may_send) {
+                send_next(exit);
+                goes_on = true;
+            }
+        }
+    }
+}
+
+void Link::send_next(std::uint32_t exit)
+{
+    Outbox& outbox = outboxes_[exit];
+    const Stamp stamp{outbox.type(), start_, outbox.next().number};
+    std::string why;
+    const auto message = client_.publish(topics_[exit], outbox.next().bytes, stamp,
+                                         outbox.keeps_all(), !outbox.keeps_all(), why);
+    outbox.pop();
+    if (!message) {
+        outbox.lose(1, why, now_());
+    } else if (outbox.keeps_all()) {
+        sent_[*message] = exit;
+    }
+}
+
+void Link::handle_receipts(const MqttClient::News& news)
+{
+    for (const MqttClient::Receipt& receipt : news.published) {
+        if (receipt.message == goodbye_ && state_ == State::Online) {
+            leave();
+        }
+        const auto sent = sent_.find(receipt.message);
+        if (sent == sent_.end()) {
+            continue;
+        }
+        const std::uint32_t exit = sent->second;
+        sent_.erase(sent);
+        if (receipt.reason == MQTT_RC_NO_MATCHING_SUBSCRIBERS) {
+            if (!lacks_reader_[exit]) {
+                logger(LOGLEVEL_WARNING, "values of %s go nowhere: no reader was there yet",
+                       outboxes_[exit].name().c_str());
+            }
+            lacks_reader_[exit] = true;
+        } else if (receipt.reason >= kFirstRefusal) {
+            outboxes_[exit].lose(1,
+                                 std::string("the broker refuses them: ") +
+                                     ::mosquitto_reason_string(receipt.reason),
+                                 now_());
+        }
+    }
+    for (const MqttClient::Receipt& receipt : news.subscribed) {
+        if (receipt.reason >= kFirstRefusal) {
+            logger(LOGLEVEL_ERROR, "the broker refuses to tell of %s: %s",
+                   subscriptions_[receipt.message].c_str(),
+                   ::mosquitto_reason_string(receipt.reason));
+        }
+        if (subscriptions_.erase(receipt.message) > 0 && subscriptions_.empty()) {
+            logger(LOGLEVEL_INFO, "the link over the broker %s stands",
+                   setting_.description.broker.c_str());
+            if (!is_ending_) {
+                announce(kOnline);
+                is_announced_ = true;
+            }
+        }
+    }
+}
+
+std::optional<int> Link::announce(const char* presence)
+{
+    std::string why;
+    return client_.publish(machine_topic(setting_.graph, setting_.machine), presence,
+                           {"", start_, 0}, true, true, why);
+}
+
+// --- the end ---
+
+void Link::begin_end()
+{
+    for (Inbox& inbox : inboxes_) {
+        inbox.drop_rest(now_());
+    }
+    is_ending_ = true;
+    if (state_ != State::Online && !has_to_send()) {
+        state_ = State::Closed;
+    }
+}
+
+bool Link::has_to_send() const
+{
+    return !sent_.empty() || std::any_of(outboxes_.begin(), outboxes_.end(),
+                                         [](const Outbox& outbox) { return outbox.size() > 0; });
+}
+
+/// Says good-bye behind all values, and leaves the broker in order when it has acknowledged that:
+/// it has all values then. A connection that is closed while packets are on the way to this client
+/// may be reset, and the broker drops what it has not read yet.
+void Link::close_when_sent()
+{
+    if (!is_ending_) {
+        return;
+    }
+    for (Inbox& inbox : inboxes_) {
+        inbox.drop_rest(now_());
+    }
+    if (goodbye_ || has_to_send()) {
+        return;
+    }
+    goodbye_ = announce(kOffline);
+    if (!goodbye_) {
+        leave();
+    }
+}
+
+void Link::leave()
+{
+    client_.disconnect();
+    state_ = State::Closing;
+}
+
+void Link::end()
+{
+    const Time now = now_();
+    for (Outbox& outbox : outboxes_) {
+        outbox.drop_rest(now);
+    }
+    for (Inbox& inbox : inboxes_) {
+        inbox.drop_rest(now);
+    }
+    if (!sent_.empty()) {
+        logger(LOGLEVEL_WARNING, "%zu values may not have reached the broker", sent_.size());
+    }
+}
+
+}  // namespace Quorval::runtime

@@ -1,0 +1,107 @@
+#include "runtime/link/broker.h"
+
+#include "support/support.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <stdexcept>
+#include <utility>
+
+namespace quorval_test {
+
+namespace {
+
+sockaddr_in loopback(int port)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+/// A port that was free a moment ago.
+int find_port()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t size = sizeof address;
+    auto* const plain = reinterpret_cast<sockaddr*>(&address);
+    const bool is_bound = ::bind(fd, plain, size) == 0 && ::getsockname(fd, plain, &size) == 0;
+    ::close(fd);
+    if (!is_bound) {
+        throw std::runtime_error("there is no port for a broker");
+    }
+    return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+Broker::Broker(std::string directory, std::string settings)
+    : directory_(std::move(directory)), settings_(std::move(settings))
+{
+    constexpr int kAttempts = 20;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        port_ = find_port();
+        if (start()) {
+            return;
+        }
+    }
+    throw std::runtime_error("mosquitto does not start");
+}
+
+bool Broker::start()
+{
+    const std::string file = directory_ + "/mosquitto.conf";
+    write_file(file, "listener " + std::to_string(port_) +
+                         " 127.0.0.1\n"
+                         "persistence true\n"
+                         "persistence_location " +
+                         directory_ +
+                         "/\n"
+                         "max_queued_messages 0\n"
+                         "log_dest stderr\n" +
+                         settings_ + (::geteuid() == 0 ? "user root\n" : ""));
+    ProcessOptions options;
+    options.command = {"/usr/sbin/mosquitto", "-c", file};
+    process_ = std::make_unique<Process>(options);
+    return process_->wait_for(" running\n") && is_serving();
+}
+
+/// Waits until it takes connections. It forgets a signal that comes before.
+bool Broker::is_serving()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port_);
+    const bool is_connected =
+        ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        process_->wait_for(": New connection from ");
+    ::close(fd);
+    return is_connected;
+}
+
+std::string Broker::link() const
+{
+    return "link.broker = \"mqtt://127.0.0.1:" + std::to_string(port_) + "\"\n";
+}
+
+void Broker::stop()
+{
+    process_->send(SIGTERM);
+    process_->wait();
+    process_.reset();
+}
+
+void Broker::restart()
+{
+    if (!start()) {
+        throw std::runtime_error("mosquitto does not start again");
+    }
+}
+
+}  // namespace quorval_test
