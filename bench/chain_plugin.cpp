@@ -5,6 +5,8 @@
 #include <quorval/runtime/tools.h>
 #include <quorval/settings.h>
 
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -47,6 +49,29 @@ private:
     OutPort<double>* out_ = add_output<double>(*this, "out");
 };
 
+/// Reads eight bytes whenever its descriptor is readable.
+class Read : public Block {
+public:
+    Read(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), fd_(config.getInt("fd"))
+    {
+        make_fdport("fd", fd_, {true, false});
+    }
+
+    bool run() override
+    {
+        double value = 0;
+        if (::read(fd_, &value, sizeof value) == sizeof value) {
+            out_->write(out_->value() + value);
+        }
+        return true;
+    }
+
+private:
+    int fd_;
+    OutPort<double>* out_ = add_output<double>(*this, "out");
+};
+
 /// Has two inputs and a setting.
 class Sum : public Block {
 public:
@@ -77,6 +102,7 @@ int lib_register_cpp(IRegistry& registry)
 {
     add_type<Count>(registry, "Count");
     add_type<Add>(registry, "Add");
+    add_type<Read>(registry, "Read");
     add_type<Sum>(registry, "Sum");
     return 0;
 }

@@ -152,8 +152,10 @@ ROWS = [
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "by_hand", 2.5),
     Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "by_hand", 3),
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "onetbb", 1),
-    Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "onetbb", 1),
+    Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "onetbb"),
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "gstreamer", 0.2),
+    Row("event_to_run", "from a readable descriptor to a run", "by_hand", 1.5),
+    Row("run_at/10000", "a run at a time, among 10,000", "queue"),
     Row("wave_sparse/100000", "a run in a wave over 10 of 100,000, peer: over 10 of 10", "alone",
         1.2),
 ]
@@ -181,6 +183,7 @@ _SIZES = (1_000, 10_000, 100_000)
 
 GROWTHS = [
     Growth("load_graph", "growth of loading a block, 100 to 100,000", (100, 10_000, 100_000)),
+    Growth("run_at", "growth of a run at a time, 100 to 10,000 blocks", (100, 10_000), 0.3),
     Growth("wave_chain", "growth of a run in a wave over a chain, 10 to 100,000",
            (10, 1_000, 100_000)),
     Growth("create_members", "growth of creating a member, 1,000 to 100,000", _SIZES),

@@ -3,6 +3,7 @@
 #include <quorval/runtime/graph.h>
 #include "graph/loaded_graph.h"
 #include "harness.h"
+#include "running.h"
 
 #include <toml++/toml.h>
 
@@ -43,21 +44,11 @@ std::string write_graph(std::size_t count)
     return path;
 }
 
-GraphOptions make_options(const std::string& file)
-{
-    GraphOptions options;
-    options.files = {file};
-    options.plugin_path = {QUORVAL_BENCH_PLUGIN_DIR};
-    // The plug-in is loaded once, not in each run.
-    options.keeps_plugins = true;
-    return options;
-}
-
 void add_load(std::size_t count)
 {
     const std::string name = "load_graph/" + std::to_string(count);
     add_time(name + "/quorval", count, [count] {
-        const GraphOptions options = make_options(write_graph(count));
+        const GraphOptions options = chain_options(write_graph(count));
         auto graph = std::make_shared<std::unique_ptr<LoadedGraph>>();
         return Side{[=] { *graph = std::make_unique<LoadedGraph>(load_graph(options)); },
                     [=] {
@@ -82,7 +73,7 @@ void add_bytes_of_graph()
 {
     const auto per_block = [](double bytes) { return bytes / kMiddle; };
     add_bytes("heap_loaded_graph/quorval", [per_block] {
-        const GraphOptions options = make_options(write_graph(kMiddle));
+        const GraphOptions options = chain_options(write_graph(kMiddle));
         return per_block(heap_bytes_of([&options] { return load_graph(options); }));
     });
     add_known_bytes(

@@ -2,9 +2,9 @@
 // blocks, and against what others run chains with.
 
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -22,23 +22,17 @@
 #endif
 
 #include <quorval/block.h>
-#include "graph/loaded_graph.h"
 #include "harness.h"
-#include "loop/loop.h"
-#include "run/runner.h"
+#include "running.h"
 
 namespace quorval_bench {
 
 namespace {
 
 using Quorval::Block;
-using Quorval::GraphOptions;
 using Quorval::InPortInternal;
 using Quorval::OutPort;
 using Quorval::OutPortInternal;
-using Quorval::runtime::LoadedGraph;
-using Quorval::runtime::Loop;
-using Quorval::runtime::Runner;
 
 constexpr std::size_t kSmall = 10;
 constexpr std::size_t kMiddle = 1'000;
@@ -81,35 +75,23 @@ std::string write_chain(std::size_t length, std::size_t idle)
     return path;
 }
 
-GraphOptions make_options(const std::string& file)
-{
-    GraphOptions options;
-    options.files = {file};
-    options.plugin_path = {QUORVAL_BENCH_PLUGIN_DIR};
-    return options;
-}
-
 /// A chain whose blocks were started. The first one is due in each wave.
 class Chain {
 public:
-    explicit Chain(std::size_t length, std::size_t idle = 0)
-        : options_(make_options(write_chain(length, idle)))
+    explicit Chain(std::size_t length, std::size_t idle = 0) : running_(write_chain(length, idle))
     {
-        if (!runner_.start()) {
-            throw std::runtime_error("the chain has no source");
-        }
-        const auto& nodes = graph_.network.nodes;
-        for (const auto& wire : graph_.network.wires) {
+        const auto& nodes = running_.network().nodes;
+        for (const auto& wire : running_.network().wires) {
             Block& block = *nodes[wire.to].block;
             steps_.push_back({&block, wire.input, wire.output, &block.get_outport("out").second});
         }
-        source_ = nodes[graph_.network.wires.front().from].block;
+        source_ = nodes[running_.network().wires.front().from].block;
     }
 
     void run_waves(std::size_t count)
     {
         for (; count > 0; --count) {
-            runner_.turn();
+            running_.turn();
         }
     }
 
@@ -146,11 +128,7 @@ private:
         OutPortInternal* output;
     };
 
-    GraphOptions options_;
-    LoadedGraph graph_ = Quorval::runtime::load_graph(options_);
-    Loop loop_;
-    std::atomic<bool> has_stop_{false};
-    Runner runner_{options_, graph_, loop_, nullptr, nullptr, has_stop_};
+    Running running_;
     Block* source_ = nullptr;
     std::vector<Step> steps_;
     std::size_t triggered_ = 0;
