@@ -6,6 +6,7 @@
 #include <mqtt_protocol.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -27,6 +28,7 @@ constexpr std::size_t kMostPending = 100;  // values that the graph has not take
 constexpr int kMostEarlyEnds = 3;
 constexpr int kFirstRefusal = 128;  // reasons of MQTT 5 from here on are refusals
 
+constexpr const char* kTlsFailed = "TLS failed; a certificate or a key may be wrong";
 constexpr const char* kOnline = "online";
 constexpr const char* kOffline = "offline";
 
@@ -161,7 +163,7 @@ std::optional<Link::Time> Link::next_time() const
 {
     const bool has_value = std::any_of(inboxes_.begin(), inboxes_.end(),
                                        [](const Inbox& inbox) { return inbox.size() > 0; });
-    if (has_value || (may_have_more_ && !is_full())) {
+    if (has_value || (may_have_more_ && !is_full()) || !failure_.empty()) {
         return Time(0);
     }
     switch (state_) {
@@ -260,9 +262,9 @@ void Link::handle_end(int reason, int error)
     } else if (reason == MQTT_RC_SESSION_TAKEN_OVER) {
         yield();
     } else if (reason == MOSQ_ERR_TLS || (error == EPROTO && setting_.description.is_encrypted)) {
-        refuse("the certificates do not agree");
+        refuse(kTlsFailed);
     } else if (reason != MOSQ_ERR_EAI && is_early_end(error) && ++early_ends_ >= kMostEarlyEnds) {
-        refuse("it ends the connection before it answers");
+        refuse(kTlsFailed);
     } else {
         wait_for_broker(text_of_end(reason, error));
     }
@@ -272,7 +274,8 @@ void Link::handle_end(int reason, int error)
 /// how some show that they do not accept a certificate.
 bool Link::is_early_end(int error) const
 {
-    return state_ == State::Connecting && setting_.description.is_encrypted && error == 0;
+    return state_ == State::Connecting && setting_.description.is_encrypted &&
+           (error == 0 || error == EPIPE || error == ECONNRESET);
 }
 
 /// The connection stands.

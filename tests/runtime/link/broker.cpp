@@ -2,6 +2,8 @@
 
 #include "support/support.h"
 
+#include <mosquitto.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -9,6 +11,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -85,9 +88,14 @@ bool Broker::is_serving()
     return is_connected;
 }
 
-std::string Broker::link() const
+std::string Broker::url(const std::string& scheme) const
 {
-    return "link.broker = \"mqtt://127.0.0.1:" + std::to_string(port_) + "\"\n";
+    return scheme + "://127.0.0.1:" + std::to_string(port_);
+}
+
+std::string Broker::link(const std::string& scheme) const
+{
+    return "link.broker = \"" + url(scheme) + "\"\n";
 }
 
 void Broker::stop()
@@ -101,6 +109,34 @@ void Broker::restart()
 {
     if (!start()) {
         throw std::runtime_error("mosquitto does not start again");
+    }
+}
+
+void Broker::restart(const std::string& settings)
+{
+    settings_ = settings;
+    restart();
+}
+
+void Broker::publish(const std::string& topic, const std::string& payload) const
+{
+    constexpr int kKeepAlive = 60;
+    bool is_sent = false;
+    ::mosquitto_lib_init();
+    const std::unique_ptr<mosquitto, void (*)(mosquitto*)> stranger(
+        ::mosquitto_new(nullptr, true, &is_sent), ::mosquitto_destroy);
+    ::mosquitto_publish_callback_set(
+        stranger.get(), [](mosquitto*, void* sent, int) { *static_cast<bool*>(sent) = true; });
+    int result = ::mosquitto_connect(stranger.get(), "127.0.0.1", port_, kKeepAlive);
+    if (result == MOSQ_ERR_SUCCESS) {
+        result = ::mosquitto_publish(stranger.get(), nullptr, topic.c_str(),
+                                     static_cast<int>(payload.size()), payload.data(), 1, false);
+    }
+    while (result == MOSQ_ERR_SUCCESS && !is_sent) {
+        result = ::mosquitto_loop(stranger.get(), -1, 1);
+    }
+    if (!is_sent) {
+        throw std::runtime_error(::mosquitto_strerror(result));
     }
 }
 

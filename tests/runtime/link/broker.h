@@ -18,13 +18,21 @@ public:
 
     int port() const { return port_; }
 
+    /// `mqtt://...`
+    std::string url(const std::string& scheme = "mqtt") const;
     /// `link.broker = "mqtt://..."`, a line of a graph file.
-    std::string link() const;
+    std::string link(const std::string& scheme = "mqtt") const;
 
     /// Ends it in order.
     void stop();
     /// Starts it again, on its port.
     void restart();
+    /// Likewise, with other settings.
+    void restart(const std::string& settings);
+
+    /// Has somebody publish at it who is no machine.
+    /// @throws std::runtime_error  libmosquitto failed
+    void publish(const std::string& topic, const std::string& payload) const;
 
 private:
     bool start();

@@ -7,7 +7,7 @@
 
 #include <csignal>
 #include <memory>
-#include <numeric>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -16,15 +16,16 @@ namespace quorval_test {
 namespace {
 
 constexpr const char* kStands = "stands\n";
+constexpr const char* kTlsFailed = "TLS failed; a certificate or a key may be wrong";
 
 class LinkTest : public CommandTest {
 protected:
     /// Numbers are counted on `edge` and printed on `hub`.
-    void write_graph(const Broker& broker, int count, const std::string& delivery,
+    void write_graph(const std::string& link, int count, const std::string& delivery,
                      const std::string& more = "") const
     {
         write("g.toml",
-              "format = 1\nmachines = { edge = {}, hub = {} }\n" + broker.link() +
+              "format = 1\nmachines = { edge = {}, hub = {} }\n" + link +
                   "blocks.count = { type = \"numbers:Count\", machine = \"edge\", "
                   "config.count = " +
                   std::to_string(count) +
@@ -67,6 +68,29 @@ protected:
         return process.wait();
     }
 
+    static int count(const std::string& text, const std::string& part)
+    {
+        int count = 0;
+        for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
+
+    /// How many values were lost by the messages.
+    static int lost(const std::string& messages)
+    {
+        static const std::regex kLoss(
+            "warning: ([0-9]+) (more )?values of count.out are lost"
+            "|\\(([0-9]+) more since the last\\)");
+        int count = 0;
+        for (std::sregex_iterator loss(messages.begin(), messages.end(), kLoss), end; loss != end;
+             ++loss) {
+            count += std::stoi((*loss)[1].matched ? (*loss)[1] : (*loss)[3]);
+        }
+        return count;
+    }
+
     static std::string numbers(int from, int to)
     {
         std::string text;
@@ -82,7 +106,7 @@ protected:
 TEST_F(LinkTest, CarriesAllValues)
 {
     Broker broker(directory());
-    write_graph(broker, 2000, "all");
+    write_graph(broker.link(), 2000, "all");
     const auto hub = start("hub");
     ASSERT_TRUE(hub->wait_for(kStands));
 
@@ -99,7 +123,7 @@ TEST_F(LinkTest, CarriesAllValues)
 TEST_F(LinkTest, GivesThePresentValueToWhoJoinsLate)
 {
     Broker broker(directory());
-    write_graph(broker, 20, "latest");
+    write_graph(broker.link(), 20, "latest");
 
     expect_result(run_machine("edge"), 0, "", "");
     const auto hub = start("hub");
@@ -111,7 +135,7 @@ TEST_F(LinkTest, GivesThePresentValueToWhoJoinsLate)
 TEST_F(LinkTest, KeepsAllValuesForAMachineThatWasThere)
 {
     Broker broker(directory());
-    write_graph(broker, 50, "all");
+    write_graph(broker.link(), 50, "all");
     const auto before = start("hub");
     ASSERT_TRUE(before->wait_for(kStands));
     stop(*before);
@@ -128,7 +152,7 @@ TEST_F(LinkTest, KeepsAllValuesForAMachineThatWasThere)
 TEST_F(LinkTest, SaysThatValuesGoNowhere)
 {
     Broker broker(directory());
-    write_graph(broker, 3, "all");
+    write_graph(broker.link(), 3, "all");
 
     expect_result(run_machine("edge"), 0, "",
                   "quorval: warning: values of count.out go nowhere: no reader was there yet\n");
@@ -139,7 +163,7 @@ TEST_F(LinkTest, CarriesAllValuesOverARestartOfTheBroker)
     constexpr int kCount = 100'000;
     Broker broker(directory());
     // A machine that stops would wait a few seconds only for its queue to be sent.
-    write_graph(broker, kCount, "all", "link.queue = 200000\n" + waiting_blocks());
+    write_graph(broker.link(), kCount, "all", "link.queue = 200000\n" + waiting_blocks());
     const auto hub = start("hub");
     ASSERT_TRUE(hub->wait_for(kStands));
     const auto edge = start("edge");
@@ -163,6 +187,91 @@ TEST_F(LinkTest, WaitsForTheBroker)
     ASSERT_TRUE(hub->wait_for(" is away: Connection refused; values wait for it\n"));
     broker.restart();
     ASSERT_TRUE(hub->wait_for(" is back\n"));
+
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(count(result.err, " is away: "), 1) << result.err;
+}
+
+TEST_F(LinkTest, SaysWhatDidNotFitIntoItsQueue)
+{
+    Broker broker(directory());
+    write_graph(broker.link(), 100, "all", "link.queue = 10\n" + waiting_blocks());
+    const auto hub = start("hub");
+    ASSERT_TRUE(hub->wait_for(kStands));
+    broker.stop();
+
+    const auto edge = start("edge");
+    ASSERT_TRUE(edge->wait_for(" values of count.out are lost: the queue of 10 values is full"));
+    ASSERT_TRUE(edge->wait_for(" is away: "));
+    broker.restart();
+    ASSERT_TRUE(hub->wait_for("100\n"));
+
+    EXPECT_EQ(lost(stop(*edge).err), 90);
+    EXPECT_EQ(stop(*hub).out, numbers(91, 100));
+}
+
+TEST_F(LinkTest, WaitsSomeSecondsForItsQueueAtTheEnd)
+{
+    Broker broker(directory());
+    write_graph(broker.link(), 3, "all");
+    broker.stop();
+
+    expect_result(run_machine("edge"), 0, "",
+                  "quorval: warning: the broker " + broker.url() +
+                      " is away: Connection refused; values wait for it\n"
+                      "quorval: warning: 3 values of count.out are lost: the graph stopped before "
+                      "they were sent\n");
+}
+
+TEST_F(LinkTest, WaitsForABrokerThatRefusesItAfterAll)
+{
+    Broker broker(directory());
+    write_waiting_graph(broker.link());
+    const auto hub = start("hub");
+    ASSERT_TRUE(hub->wait_for(kStands));
+    broker.stop();
+    broker.restart("allow_anonymous false\n");
+
+    // Its first attempt may have met no broker.
+    ASSERT_TRUE(hub->wait_for(" is away: "));
+    broker.stop();
+    broker.restart("allow_anonymous true\n");
+    ASSERT_TRUE(hub->wait_for(" is back\n"));
+
+    EXPECT_EQ(stop(*hub).status, 0);
+}
+
+TEST_F(LinkTest, DropsWhatStrangersPublish)
+{
+    Broker broker(directory());
+    write_graph(broker.link(), 3, "all");
+    const auto hub = start("hub");
+    ASSERT_TRUE(hub->wait_for(kStands));
+
+    broker.publish("quorval/g/value/count/out", "garbage");
+    broker.publish("quorval/g/machine/edge", "garbage");
+    broker.publish("quorval/g/machine/", "online");
+    ASSERT_TRUE(
+        hub->wait_for("1 values of count.out are lost: a message has no type, start and "
+                      "number\n"));
+    expect_result(run_machine("edge"), 0, "", "");
+    ASSERT_TRUE(hub->wait_for("3\n"));
+
+    EXPECT_EQ(stop(*hub).out, numbers(1, 3));
+}
+
+TEST_F(LinkTest, TellsOfAMachineThatStops)
+{
+    Broker broker(directory());
+    write_waiting_graph(broker.link());
+    const auto hub = start("hub");
+    ASSERT_TRUE(hub->wait_for(kStands));
+    const auto edge = start("edge");
+    ASSERT_TRUE(hub->wait_for("quorval: machine 'edge' is online\n"));
+
+    EXPECT_EQ(stop(*edge).status, 0);
+    ASSERT_TRUE(hub->wait_for("quorval: warning: machine 'edge' is offline\n"));
 
     EXPECT_EQ(stop(*hub).status, 0);
 }
@@ -214,8 +323,7 @@ TEST_F(LinkTest, EndsARunThatTheBrokerRefuses)
     write("password", "secret\n");
     write("wrong", "secrets\n");
     const std::string text =
-        "quorval: error: the broker mqtt://127.0.0.1:" + std::to_string(broker.port()) +
-        " refuses the connection: Not authorized\n";
+        "quorval: error: the broker " + broker.url() + " refuses the connection: Not authorized\n";
 
     write_waiting_graph(broker.link() + "link.user = \"me\"\nlink.password_file = \"wrong\"\n");
     expect_result(run_machine("hub"), 1, "", text);
@@ -226,6 +334,114 @@ TEST_F(LinkTest, EndsARunThatTheBrokerRefuses)
     const auto hub = start("hub");
     EXPECT_TRUE(hub->wait_for(kStands));
     EXPECT_EQ(stop(*hub).status, 0);
+}
+
+// --- encrypted ---
+
+class EncryptedLinkTest : public LinkTest {
+protected:
+    EncryptedLinkTest()
+    {
+        make_authority("ca");
+        make_authority("stranger");
+        make_certificate("broker", "ca");
+        make_certificate("machine", "ca");
+        make_certificate("thief", "stranger");
+        broker_ = std::make_unique<Broker>(
+            directory(), "allow_anonymous true\nrequire_certificate true\ncafile " +
+                             file("ca.pem") + "\ncertfile " + file("broker.pem") + "\nkeyfile " +
+                             file("broker.key") + "\n");
+    }
+
+    /// What a machine needs to connect.
+    std::string link(const std::string& authority, const std::string& certificate) const
+    {
+        return broker_->link("mqtts") + "link.ca = \"" + authority + ".pem\"\n" +
+               (certificate.empty() ? ""
+                                    : "link.cert = \"" + certificate + ".pem\"\nlink.key = \"" +
+                                          certificate + ".key\"\n");
+    }
+
+    std::string refusal(const std::string& reason) const
+    {
+        return "quorval: error: the broker " + broker_->url("mqtts") +
+               " refuses the connection: " + reason + "\n";
+    }
+
+private:
+    std::string file(const std::string& name) const { return directory() + "/" + name; }
+
+    void make_authority(const std::string& name) const { make(name, {}); }
+
+    void make_certificate(const std::string& name, const std::string& authority) const
+    {
+        make(name, {"-CA", file(authority + ".pem"), "-CAkey", file(authority + ".key"), "-addext",
+                    "subjectAltName=IP:127.0.0.1", "-addext", "basicConstraints=CA:FALSE"});
+    }
+
+    void make(const std::string& name, const std::vector<std::string>& more) const
+    {
+        ProcessOptions options;
+        options.command = {"/usr/bin/openssl",
+                           "req",
+                           "-x509",
+                           "-newkey",
+                           "ec",
+                           "-pkeyopt",
+                           "ec_paramgen_curve:prime256v1",
+                           "-nodes",
+                           "-subj",
+                           "/CN=" + name,
+                           "-keyout",
+                           file(name + ".key"),
+                           "-out",
+                           file(name + ".pem")};
+        options.command.insert(options.command.end(), more.begin(), more.end());
+        const ProcessResult result = run_process(options);
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+
+    std::unique_ptr<Broker> broker_;
+};
+
+TEST_F(EncryptedLinkTest, CarriesAllValues)
+{
+    write_graph(link("ca", "machine"), 2000, "all");
+    const auto hub = start("hub");
+    ASSERT_TRUE(hub->wait_for(kStands));
+
+    expect_result(run_machine("edge"), 0, "", "");
+    ASSERT_TRUE(hub->wait_for("\n2000\n"));
+
+    EXPECT_EQ(stop(*hub).out, numbers(1, 2000));
+}
+
+TEST_F(EncryptedLinkTest, EndsWhereTheBrokerHasAnotherCertificate)
+{
+    write_waiting_graph(link("stranger", "machine"));
+
+    expect_result(run_machine("hub"), 1, "", refusal(kTlsFailed));
+}
+
+TEST_F(EncryptedLinkTest, EndsWhereTheBrokerDoesNotAcceptItsCertificate)
+{
+    for (const char* certificate : {"", "thief"}) {
+        write_waiting_graph(link("ca", certificate));
+
+        const ProcessResult result = run_machine("hub");
+
+        EXPECT_EQ(result.status, 1) << certificate;
+        EXPECT_NE(result.err.find(refusal(kTlsFailed)), std::string::npos) << certificate << "\n"
+                                                                           << result.err;
+    }
+}
+
+TEST_F(EncryptedLinkTest, EndsWhereItsKeyCannotBeUsed)
+{
+    write("machine.key", "no key");
+    write_waiting_graph(link("ca", "machine"));
+
+    expect_result(run_machine("hub"), 1, "", refusal(kTlsFailed));
 }
 
 }  // namespace quorval_test
