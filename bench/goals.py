@@ -154,6 +154,7 @@ ROWS = [
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "onetbb", 1),
     Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "onetbb"),
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "gstreamer", 0.2),
+    Row("wave_timed/1000", "a timed run in a wave over a chain of 1,000", "untimed"),
     Row("event_to_run", "from a readable descriptor to a run", "by_hand", 1.5),
     Row("run_at/10000", "a run at a time, among 10,000", "queue"),
     Row("wave_sparse/100000", "a run in a wave over 10 of 100,000, peer: over 10 of 10", "alone",

@@ -25,6 +25,9 @@ public:
     /// Waits for something to do, and does it: one wave.
     void turn() { runner_.turn(); }
 
+    /// @param probe  has to live as long as there are turns
+    void set_probe(Quorval::runtime::IRunProbe& probe) { runner_.life().wave().set_probe(&probe); }
+
 private:
     Quorval::GraphOptions options_;
     Quorval::runtime::LoadedGraph graph_ = Quorval::runtime::load_graph(options_);

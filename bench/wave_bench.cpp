@@ -23,6 +23,7 @@
 
 #include <quorval/block.h>
 #include "harness.h"
+#include "observe/observer.h"
 #include "running.h"
 
 namespace quorval_bench {
@@ -78,7 +79,9 @@ std::string write_chain(std::size_t length, std::size_t idle)
 /// A chain whose blocks were started. The first one is due in each wave.
 class Chain {
 public:
-    explicit Chain(std::size_t length, std::size_t idle = 0) : running_(write_chain(length, idle))
+    explicit Chain(std::size_t length, std::size_t idle = 0)
+        : running_(write_chain(length, idle)),
+          observer_(running_.network().nodes.size(), Quorval::runtime::Loop::now)
     {
         const auto& nodes = running_.network().nodes;
         for (const auto& wire : running_.network().wires) {
@@ -87,6 +90,9 @@ public:
         }
         source_ = nodes[running_.network().wires.front().from].block;
     }
+
+    /// Has runs timed from now on.
+    void time_runs() { running_.set_probe(observer_); }
 
     void run_waves(std::size_t count)
     {
@@ -129,6 +135,7 @@ private:
     };
 
     Running running_;
+    Quorval::runtime::Observer observer_;
     Block* source_ = nullptr;
     std::vector<Step> steps_;
     std::size_t triggered_ = 0;
@@ -161,6 +168,24 @@ void add_chains(std::size_t length)
               [](Chain& chain, std::size_t count) { chain.run_waves(count); });
     add_chain(name + "/by_hand", length, waves, make,
               [](Chain& chain, std::size_t count) { chain.run_by_hand(count); });
+}
+
+/// Waves in which each run is timed.
+void add_timed()
+{
+    const auto run_waves = [](Chain& chain, std::size_t count) { chain.run_waves(count); };
+    const auto add = [&](const std::string& side, bool is_timed) {
+        const std::function<std::shared_ptr<Chain>()> make = [is_timed] {
+            auto chain = std::make_shared<Chain>(kMiddle);
+            if (is_timed) {
+                chain->time_runs();
+            }
+            return chain;
+        };
+        add_chain("wave_timed/1000/" + side, kMiddle, waves_of(kMiddle), make, run_waves);
+    };
+    add("quorval", true);
+    add("untimed", false);
 }
 
 /// Ten blocks that run among many that do not, and ten alone.
@@ -333,6 +358,7 @@ const bool is_registered = [] {
     for (const std::size_t length : {kSmall, kMiddle, kLarge}) {
         add_chains(length);
     }
+    add_timed();
     add_sparse();
 #ifdef QUORVAL_BENCH_HAS_ONETBB
     add_tbb(kMiddle);

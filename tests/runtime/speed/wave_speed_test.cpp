@@ -1,6 +1,8 @@
 // How many instructions a wave takes, beside a loop by hand. Counts are the same on a busy machine.
 
 #include <quorval/block.h>
+#include "loop/loop.h"
+#include "observe/observer.h"
 #include "schedule/network.h"
 #include "schedule/wave.h"
 
@@ -123,6 +125,8 @@ public:
         blocks_.back()->out->reset(false);
     }
 
+    void set_probe(IRunProbe* probe) { wave_->set_probe(probe); }
+
     double last() const { return blocks_.back()->out->value(); }
 
 private:
@@ -167,6 +171,31 @@ TEST(WaveSpeed, TakesFewMoreInstructionsThanALoopByHand)
         EXPECT_GT(wave, by_hand) << one.length;
         EXPECT_LT(wave / by_hand, one.limit) << one.length;
     }
+}
+
+// To read the clock is the system's affair, and takes more or fewer instructions.
+long readings = 0;
+
+Loop::Time read_no_clock()
+{
+    return Loop::Time(100 * ++readings);
+}
+
+TEST(WaveSpeed, ReadsTheClockOnceForATimedRunAndDoesLittleMore)
+{
+    constexpr std::size_t kLength = 300;
+    constexpr double kMost = 97;  // what was reached, and a tenth
+    Chain chain(kLength);
+    const double untimed = instructions_of_wave(chain);
+    Observer observer(kLength, read_no_clock);
+    chain.set_probe(&observer);
+
+    const double timed = instructions_of_wave(chain);
+    chain.run_wave();
+
+    EXPECT_GT(timed, untimed);
+    EXPECT_LT(timed - untimed, kMost * kLength);
+    EXPECT_EQ(readings, kLength + 1);
 }
 
 TEST(WaveSpeed, DoesNotDependOnBlocksThatHaveNothingToDo)
