@@ -8,8 +8,8 @@ namespace {
 
 const Quorval::runtime::Library& library()
 {
-    static const Quorval::runtime::Library loaded("libmosquitto.so.1");
-    return loaded;
+    static const Quorval::runtime::Library kLoaded("libmosquitto.so.1");
+    return kLoaded;
 }
 
 }  // namespace
@@ -18,77 +18,77 @@ extern "C" {
 
 int mosquitto_lib_init()
 {
-    static auto* const found = library().find<decltype(mosquitto_lib_init)>("mosquitto_lib_init");
-    return found();
+    static auto* const kFound = library().find<decltype(mosquitto_lib_init)>("mosquitto_lib_init");
+    return kFound();
 }
 
 mosquitto* mosquitto_new(const char* id, bool clean_session, void* obj)
 {
-    static auto* const found = library().find<decltype(mosquitto_new)>("mosquitto_new");
-    return found(id, clean_session, obj);
+    static auto* const kFound = library().find<decltype(mosquitto_new)>("mosquitto_new");
+    return kFound(id, clean_session, obj);
 }
 
 void mosquitto_destroy(mosquitto* mosq)
 {
-    static auto* const found = library().find<decltype(mosquitto_destroy)>("mosquitto_destroy");
-    return found(mosq);
+    static auto* const kFound = library().find<decltype(mosquitto_destroy)>("mosquitto_destroy");
+    return kFound(mosq);
 }
 
 int mosquitto_int_option(mosquitto* mosq, mosq_opt_t option, int value)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_int_option)>("mosquitto_int_option");
-    return found(mosq, option, value);
+    return kFound(mosq, option, value);
 }
 
 int mosquitto_will_set_v5(mosquitto* mosq, const char* topic, int payloadlen, const void* payload,
                           int qos, bool retain, mosquitto_property* properties)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_will_set_v5)>("mosquitto_will_set_v5");
-    return found(mosq, topic, payloadlen, payload, qos, retain, properties);
+    return kFound(mosq, topic, payloadlen, payload, qos, retain, properties);
 }
 
 int mosquitto_tls_set(mosquitto* mosq, const char* cafile, const char* capath, const char* certfile,
                       const char* keyfile,
                       int (*pw_callback)(char* buf, int size, int rwflag, void* userdata))
 {
-    static auto* const found = library().find<decltype(mosquitto_tls_set)>("mosquitto_tls_set");
-    return found(mosq, cafile, capath, certfile, keyfile, pw_callback);
+    static auto* const kFound = library().find<decltype(mosquitto_tls_set)>("mosquitto_tls_set");
+    return kFound(mosq, cafile, capath, certfile, keyfile, pw_callback);
 }
 
 int mosquitto_username_pw_set(mosquitto* mosq, const char* username, const char* password)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_username_pw_set)>("mosquitto_username_pw_set");
-    return found(mosq, username, password);
+    return kFound(mosq, username, password);
 }
 
 void mosquitto_connect_v5_callback_set(mosquitto* mosq,
                                        void (*on_connect)(mosquitto*, void*, int, int,
                                                           const mosquitto_property* props))
 {
-    static auto* const found = library().find<decltype(mosquitto_connect_v5_callback_set)>(
+    static auto* const kFound = library().find<decltype(mosquitto_connect_v5_callback_set)>(
         "mosquitto_connect_v5_callback_set");
-    return found(mosq, on_connect);
+    return kFound(mosq, on_connect);
 }
 
 void mosquitto_disconnect_v5_callback_set(mosquitto* mosq,
                                           void (*on_disconnect)(mosquitto*, void*, int,
                                                                 const mosquitto_property* props))
 {
-    static auto* const found = library().find<decltype(mosquitto_disconnect_v5_callback_set)>(
+    static auto* const kFound = library().find<decltype(mosquitto_disconnect_v5_callback_set)>(
         "mosquitto_disconnect_v5_callback_set");
-    return found(mosq, on_disconnect);
+    return kFound(mosq, on_disconnect);
 }
 
 void mosquitto_publish_v5_callback_set(mosquitto* mosq,
                                        void (*on_publish)(mosquitto*, void*, int, int,
                                                           const mosquitto_property* props))
 {
-    static auto* const found = library().find<decltype(mosquitto_publish_v5_callback_set)>(
+    static auto* const kFound = library().find<decltype(mosquitto_publish_v5_callback_set)>(
         "mosquitto_publish_v5_callback_set");
-    return found(mosq, on_publish);
+    return kFound(mosq, on_publish);
 }
 
 void mosquitto_subscribe_v5_callback_set(mosquitto* mosq,
@@ -96,9 +96,9 @@ void mosquitto_subscribe_v5_callback_set(mosquitto* mosq,
                                                               const int*,
                                                               const mosquitto_property* props))
 {
-    static auto* const found = library().find<decltype(mosquitto_subscribe_v5_callback_set)>(
+    static auto* const kFound = library().find<decltype(mosquitto_subscribe_v5_callback_set)>(
         "mosquitto_subscribe_v5_callback_set");
-    return found(mosq, on_subscribe);
+    return kFound(mosq, on_subscribe);
 }
 
 void mosquitto_message_v5_callback_set(mosquitto* mosq,
@@ -106,125 +106,127 @@ void mosquitto_message_v5_callback_set(mosquitto* mosq,
                                                           const mosquitto_message*,
                                                           const mosquitto_property* props))
 {
-    static auto* const found = library().find<decltype(mosquitto_message_v5_callback_set)>(
+    static auto* const kFound = library().find<decltype(mosquitto_message_v5_callback_set)>(
         "mosquitto_message_v5_callback_set");
-    return found(mosq, on_message);
+    return kFound(mosq, on_message);
 }
 
 int mosquitto_connect_bind_v5(mosquitto* mosq, const char* host, int port, int keepalive,
                               const char* bind_address, const mosquitto_property* properties)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_connect_bind_v5)>("mosquitto_connect_bind_v5");
-    return found(mosq, host, port, keepalive, bind_address, properties);
+    return kFound(mosq, host, port, keepalive, bind_address, properties);
 }
 
 int mosquitto_connect_bind_async(mosquitto* mosq, const char* host, int port, int keepalive,
                                  const char* bind_address)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_connect_bind_async)>("mosquitto_connect_bind_async");
-    return found(mosq, host, port, keepalive, bind_address);
+    return kFound(mosq, host, port, keepalive, bind_address);
 }
 
 int mosquitto_disconnect_v5(mosquitto* mosq, int reason_code, const mosquitto_property* properties)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_disconnect_v5)>("mosquitto_disconnect_v5");
-    return found(mosq, reason_code, properties);
+    return kFound(mosq, reason_code, properties);
 }
 
 int mosquitto_loop_read(mosquitto* mosq, int max_packets)
 {
-    static auto* const found = library().find<decltype(mosquitto_loop_read)>("mosquitto_loop_read");
-    return found(mosq, max_packets);
+    static auto* const kFound =
+        library().find<decltype(mosquitto_loop_read)>("mosquitto_loop_read");
+    return kFound(mosq, max_packets);
 }
 
 int mosquitto_loop_write(mosquitto* mosq, int max_packets)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_loop_write)>("mosquitto_loop_write");
-    return found(mosq, max_packets);
+    return kFound(mosq, max_packets);
 }
 
 int mosquitto_loop_misc(mosquitto* mosq)
 {
-    static auto* const found = library().find<decltype(mosquitto_loop_misc)>("mosquitto_loop_misc");
-    return found(mosq);
+    static auto* const kFound =
+        library().find<decltype(mosquitto_loop_misc)>("mosquitto_loop_misc");
+    return kFound(mosq);
 }
 
 int mosquitto_socket(mosquitto* mosq)
 {
-    static auto* const found = library().find<decltype(mosquitto_socket)>("mosquitto_socket");
-    return found(mosq);
+    static auto* const kFound = library().find<decltype(mosquitto_socket)>("mosquitto_socket");
+    return kFound(mosq);
 }
 
 bool mosquitto_want_write(mosquitto* mosq)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_want_write)>("mosquitto_want_write");
-    return found(mosq);
+    return kFound(mosq);
 }
 
 int mosquitto_publish_v5(mosquitto* mosq, int* mid, const char* topic, int payloadlen,
                          const void* payload, int qos, bool retain,
                          const mosquitto_property* properties)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_publish_v5)>("mosquitto_publish_v5");
-    return found(mosq, mid, topic, payloadlen, payload, qos, retain, properties);
+    return kFound(mosq, mid, topic, payloadlen, payload, qos, retain, properties);
 }
 
 int mosquitto_subscribe_v5(mosquitto* mosq, int* mid, const char* sub, int qos, int options,
                            const mosquitto_property* properties)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_subscribe_v5)>("mosquitto_subscribe_v5");
-    return found(mosq, mid, sub, qos, options, properties);
+    return kFound(mosq, mid, sub, qos, options, properties);
 }
 
 int mosquitto_property_add_int32(mosquitto_property** proplist, int identifier, uint32_t value)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_property_add_int32)>("mosquitto_property_add_int32");
-    return found(proplist, identifier, value);
+    return kFound(proplist, identifier, value);
 }
 
 int mosquitto_property_add_string_pair(mosquitto_property** proplist, int identifier,
                                        const char* name, const char* value)
 {
-    static auto* const found = library().find<decltype(mosquitto_property_add_string_pair)>(
+    static auto* const kFound = library().find<decltype(mosquitto_property_add_string_pair)>(
         "mosquitto_property_add_string_pair");
-    return found(proplist, identifier, name, value);
+    return kFound(proplist, identifier, name, value);
 }
 
 const mosquitto_property* mosquitto_property_read_string_pair(const mosquitto_property* proplist,
                                                               int identifier, char** name,
                                                               char** value, bool skip_first)
 {
-    static auto* const found = library().find<decltype(mosquitto_property_read_string_pair)>(
+    static auto* const kFound = library().find<decltype(mosquitto_property_read_string_pair)>(
         "mosquitto_property_read_string_pair");
-    return found(proplist, identifier, name, value, skip_first);
+    return kFound(proplist, identifier, name, value, skip_first);
 }
 
 void mosquitto_property_free_all(mosquitto_property** properties)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_property_free_all)>("mosquitto_property_free_all");
-    return found(properties);
+    return kFound(properties);
 }
 
 const char* mosquitto_strerror(int mosq_errno)
 {
-    static auto* const found = library().find<decltype(mosquitto_strerror)>("mosquitto_strerror");
-    return found(mosq_errno);
+    static auto* const kFound = library().find<decltype(mosquitto_strerror)>("mosquitto_strerror");
+    return kFound(mosq_errno);
 }
 
 const char* mosquitto_reason_string(int reason_code)
 {
-    static auto* const found =
+    static auto* const kFound =
         library().find<decltype(mosquitto_reason_string)>("mosquitto_reason_string");
-    return found(reason_code);
+    return kFound(reason_code);
 }
 
 }  // extern "C"

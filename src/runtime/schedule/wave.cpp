@@ -180,13 +180,15 @@ private:
 };
 
 Wave::Wave(const Network& network, IDescriptorPorts& descriptors, IWaveEvents& events)
-    : descriptors_(descriptors), events_(events), visits_(network.nodes.size())
+    : descriptors_(descriptors),
+      events_(events),
+      visits_(network.nodes.size()),
+      visited_(network.nodes.size()),
+      visited_end_(visited_.data())
 {
     Builder(network, *this).build();
-    visited_.resize(network.nodes.size());
-    visited_end_ = visited_.data();
     triggered_.resize(outputs_.size());
-    triggered_end_ = triggered_.data();
+    triggered_end_ = triggered_.data();  // NOLINT(cppcoreguidelines-prefer-member-initializer)
 }
 
 void Wave::has_descriptors(std::uint32_t block)
