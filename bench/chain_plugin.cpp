@@ -87,6 +87,22 @@ private:
     double factor_;
 };
 
+/// Waits for something that never comes, and takes changes of its setting.
+class Idle : public Block {
+public:
+    Idle(std::string name, const BlockConfiguration& config) : Block(std::move(name), config)
+    {
+        config.getInt("value", 0);
+        make_eventport("never");
+    }
+
+    void reconfigure(const BlockConfiguration& merged,
+                     const BlockConfiguration& /*override*/) override
+    {
+        merged.getInt("value");
+    }
+};
+
 template <class Made>
 void add_type(IRegistry& registry, const char* type)
 {
@@ -102,6 +118,7 @@ int lib_register_cpp(IRegistry& registry)
 {
     add_type<Count>(registry, "Count");
     add_type<Add>(registry, "Add");
+    add_type<Idle>(registry, "Idle");
     add_type<Read>(registry, "Read");
     add_type<Sum>(registry, "Sum");
     return 0;

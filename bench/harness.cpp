@@ -33,13 +33,11 @@ std::map<std::string, TimedCase>& timed_cases()
     return cases;
 }
 
-/// Seconds that this thread had a processor. Unlike the time of the day it does not count what
-/// other programs took; no case waits for anything.
-double thread_seconds()
+double seconds_of(clockid_t clock)
 {
     constexpr double kNano = 1e-9;
     timespec now{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    ::clock_gettime(clock, &now);
     return static_cast<double>(now.tv_sec) + kNano * static_cast<double>(now.tv_nsec);
 }
 
@@ -48,9 +46,9 @@ void time_case(benchmark::State& state, const TimedCase& timed)
     const Side side = timed.make();
     for (auto _ : state) {
         side.prepare();
-        const double start = thread_seconds();
+        const double start = side.seconds();
         side.run();
-        state.SetIterationTime(thread_seconds() - start);
+        state.SetIterationTime(side.seconds() - start);
     }
     if (!side.is_right()) {
         state.SkipWithError("wrong result");
@@ -166,6 +164,16 @@ int count_case(const std::string& name)
 }
 
 }  // namespace
+
+double thread_seconds()
+{
+    return seconds_of(CLOCK_THREAD_CPUTIME_ID);
+}
+
+double wall_seconds()
+{
+    return seconds_of(CLOCK_MONOTONIC);
+}
 
 void add_time(const std::string& name, std::size_t operations, std::function<Side()> make,
               std::size_t iterations)

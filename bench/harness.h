@@ -8,12 +8,19 @@
 
 namespace quorval_bench {
 
+/// Seconds that this thread had a processor. Unlike the time of the day it does not count what
+/// other programs took; nearly no case waits for anything.
+double thread_seconds();
+/// Of the day, for what other processes do.
+double wall_seconds();
+
 /// One side of a case, ready to run: what is measured, what comes before each run unmeasured, and
 /// whether the last run had the right outcome.
 struct Side {
     std::function<void()> run;
     std::function<bool()> is_right;
     std::function<void()> prepare = [] {};
+    double (*seconds)() = thread_seconds;
 };
 
 /// Adds a side whose time counts.
