@@ -33,6 +33,23 @@ std::string folder(const std::string& directory)
     return directory + (directory.back() == '/' ? "" : "/");
 }
 
+/// What a process left that was killed while it saved. The directory belongs to one run at a time.
+void remove_left_files(const std::string& directory)
+{
+    const std::string begin = "." + std::string(kFile) + ".";
+    std::vector<std::filesystem::path> left;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
+         at.increment(error)) {
+        if (at->path().filename().string().rfind(begin, 0) == 0) {
+            left.push_back(at->path());
+        }
+    }
+    for (const std::filesystem::path& file : left) {
+        std::filesystem::remove(file, error);
+    }
+}
+
 /// "block.<n>.path" is the path of a block, "block.<n>.set.<key>" the values of its keys.
 BlockConfiguration to_config(const std::vector<Assignment>& values)
 {
@@ -99,6 +116,7 @@ void write_saved(const std::string& directory, const std::vector<Assignment>& va
     if (std::filesystem::is_directory(saved_file(directory), error)) {
         throw_in_the_way(saved_file(directory));
     }
+    remove_left_files(directory);
     write_store_file(saved_file(directory), to_config(values));
 }
 

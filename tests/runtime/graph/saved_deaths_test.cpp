@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,16 @@ protected:
         return {graph.blocks[0].config.getInt("x", 0), graph.blocks[1].config.getInt("y", 0)};
     }
 
+    std::vector<std::string> files_in(const std::string& directory) const
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(files_.path(directory))) {
+            names.push_back(entry.path().filename());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
     std::vector<std::string> calls_of_saving() const
     {
         prepare("watched");
@@ -118,6 +129,7 @@ TEST_P(SavingDeath, LeavesTheOldChangesOrTheNewOnesWhole)
             EXPECT_EQ(start(directory), is_replaced ? kNew : has_old_file() ? kOld : kNone);
             save(directory, kNext);
             EXPECT_EQ(start(directory), kNext);
+            EXPECT_EQ(files_in(directory), (std::vector<std::string>{"a", "b", "overrides"}));
         }
     }
 }
