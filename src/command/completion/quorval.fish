@@ -4,36 +4,28 @@ set -l commands check config describe get graph inspect list new recording repla
 set -l graph_commands check graph replay run
 set -l running_commands replay run
 
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -f
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -l version -d 'Print the version'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a check \
-    -d 'Look for what is wrong with a graph'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a config \
-    -d 'Look at store files, and change them'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a describe \
-    -d 'Show a running graph'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a get \
-    -d 'Show the configuration of a block of a running graph'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a list \
-    -d 'List running graphs'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a set \
-    -d 'Change a running graph'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a stop \
-    -d 'Stop a running graph'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a top \
-    -d 'Show what the blocks of a running graph do'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a graph -d 'Draw a graph'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a inspect \
-    -d 'Show what plug-ins offer'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a schema \
-    -d 'Write a JSON Schema of graph files'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a new \
-    -d 'Write a plug-in to begin with'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a recording \
-    -d 'Look at a recording'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a replay \
-    -d 'Run a graph on what was recorded'
-complete -c quorval -n "not __fish_seen_subcommand_from $commands" -a run -d 'Run a graph'
+set -l no_command "not __fish_seen_subcommand_from $commands"
+complete -c quorval -n $no_command -f
+complete -c quorval -n $no_command -l version -d 'Print the version'
+for line in \
+        'check Look for what is wrong with a graph' \
+        'config Look at store files, and change them' \
+        'describe Show a running graph' \
+        'get Show the configuration of a block of a running graph' \
+        'graph Draw a graph' \
+        'inspect Show what plug-ins offer' \
+        'list List running graphs' \
+        'new Write a plug-in to begin with' \
+        'recording Look at a recording' \
+        'replay Run a graph on what was recorded' \
+        'run Run a graph' \
+        'schema Write a JSON Schema of graph files' \
+        'set Change a running graph' \
+        'stop Stop a running graph' \
+        'top Show what the blocks of a running graph do'
+    set -l parts (string split --max 1 ' ' $line)
+    complete -c quorval -n $no_command -a $parts[1] -d $parts[2]
+end
 complete -c quorval -s h -l help -d 'Print usage, options, exit status and an example'
 
 complete -c quorval -n "__fish_seen_subcommand_from $graph_commands" -l set -x \
