@@ -1,8 +1,12 @@
 // The entry point of libFuzzer, for the target that the build names.
-#include "fuzz/targets.h"
-
 #include <cstddef>
 #include <cstdint>
+
+namespace quorval_fuzz {
+
+void QUORVAL_FUZZ_TARGET(const std::uint8_t* data, std::size_t size);
+
+}  // namespace quorval_fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

@@ -1,15 +1,11 @@
-// Runs what the fuzzer has found through its targets, in an ordinary build: the seeds, the inputs
-// that reach new code, and all that ever failed. Random ones come on top.
+// The targets for the core.
+#include "fuzz/replay.h"
+
 #include "fuzz/targets.h"
-#include "support/support.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <exception>
-#include <filesystem>
 #include <limits>
 #include <random>
 #include <string>
@@ -17,73 +13,8 @@
 
 namespace {
 
-using Target = void (*)(const std::uint8_t* data, std::size_t size);
-
-struct NamedTarget {
-    const char* name;
-    Target target;
-};
-
-void run(Target target, const std::string& input)
-{
-    try {
-        target(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
-    } catch (const std::exception& error) {
-        ADD_FAILURE() << error.what();
-    }
-}
-
-class Replay : public testing::TestWithParam<NamedTarget> {
-protected:
-    /// The files of a directory whose names begin with `prefix`.
-    static std::vector<std::filesystem::path> files_in(const std::string& directory,
-                                                       const std::string& prefix = "")
-    {
-        std::vector<std::filesystem::path> files;
-        for (const auto& entry :
-             std::filesystem::directory_iterator(std::string(QUORVAL_FUZZ_DIR) + "/" + directory)) {
-            if (entry.path().filename().string().compare(0, prefix.size(), prefix) == 0) {
-                files.push_back(entry.path());
-            }
-        }
-        std::sort(files.begin(), files.end());
-        return files;
-    }
-
-    static std::vector<std::filesystem::path> corpus()
-    {
-        return files_in(std::string("corpus/") + GetParam().name);
-    }
-};
-
-TEST_P(Replay, KeepsTheInvariantsForTheCorpusAndAllThatEverFailed)
-{
-    auto files = corpus();
-    ASSERT_GT(files.size(), 10U);
-    const auto kept = files_in("kept", std::string(GetParam().name) + "-");
-    files.insert(files.end(), kept.begin(), kept.end());
-
-    for (const auto& file : files) {
-        SCOPED_TRACE(file);
-        run(GetParam().target, quorval_test::read_file(file));
-    }
-}
-
-TEST_P(Replay, KeepsTheInvariantsForCutAndChangedInputs)
-{
-    std::mt19937 random(1);
-    for (const auto& file : corpus()) {
-        SCOPED_TRACE(file);
-        const std::string whole = quorval_test::read_file(file);
-        for (int round = 0; round < 8 && !whole.empty(); ++round) {
-            std::string changed = whole.substr(0, whole.size() - random() % whole.size());
-            for (int change = 0; change < round; ++change) {
-                changed[random() % changed.size()] = static_cast<char>(random());
-            }
-            run(GetParam().target, changed);
-        }
-    }
-}
+using quorval_fuzz::NamedTarget;
+using quorval_fuzz::Replay;
 
 /// The bytes of numbers at the edges, of which chance alone makes too few.
 std::vector<std::string> edges()
@@ -130,7 +61,7 @@ TEST(RandomHistory, OfConfigurationsIsThatOfMaps)
     std::mt19937 random(1);
     for (int number = 0; number < kHistories; ++number) {
         SCOPED_TRACE(number);
-        run(quorval_fuzz::fuzz_config, random_history(random, numbers));
+        quorval_fuzz::run(quorval_fuzz::fuzz_config, random_history(random, numbers));
     }
 }
 
@@ -138,6 +69,6 @@ INSTANTIATE_TEST_SUITE_P(Targets, Replay,
                          testing::Values(NamedTarget{"read", quorval_fuzz::fuzz_read},
                                          NamedTarget{"config", quorval_fuzz::fuzz_config},
                                          NamedTarget{"superblock", quorval_fuzz::fuzz_superblock}),
-                         [](const auto& target) { return std::string(target.param.name); });
+                         quorval_fuzz::name_of);
 
 }  // namespace
