@@ -6,7 +6,7 @@
 
 namespace {
 
-const Quorval::runtime::Library& library()
+const Quorval::runtime::Library& libmosquitto()
 {
     static const Quorval::runtime::Library kLoaded("libmosquitto.so.1");
     return kLoaded;
@@ -18,26 +18,28 @@ extern "C" {
 
 int mosquitto_lib_init()
 {
-    static auto* const kFound = library().find<decltype(mosquitto_lib_init)>("mosquitto_lib_init");
+    static auto* const kFound =
+        libmosquitto().find<decltype(mosquitto_lib_init)>("mosquitto_lib_init");
     return kFound();
 }
 
 mosquitto* mosquitto_new(const char* id, bool clean_session, void* obj)
 {
-    static auto* const kFound = library().find<decltype(mosquitto_new)>("mosquitto_new");
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_new)>("mosquitto_new");
     return kFound(id, clean_session, obj);
 }
 
 void mosquitto_destroy(mosquitto* mosq)
 {
-    static auto* const kFound = library().find<decltype(mosquitto_destroy)>("mosquitto_destroy");
+    static auto* const kFound =
+        libmosquitto().find<decltype(mosquitto_destroy)>("mosquitto_destroy");
     return kFound(mosq);
 }
 
 int mosquitto_int_option(mosquitto* mosq, mosq_opt_t option, int value)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_int_option)>("mosquitto_int_option");
+        libmosquitto().find<decltype(mosquitto_int_option)>("mosquitto_int_option");
     return kFound(mosq, option, value);
 }
 
@@ -45,7 +47,7 @@ int mosquitto_will_set_v5(mosquitto* mosq, const char* topic, int payloadlen, co
                           int qos, bool retain, mosquitto_property* properties)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_will_set_v5)>("mosquitto_will_set_v5");
+        libmosquitto().find<decltype(mosquitto_will_set_v5)>("mosquitto_will_set_v5");
     return kFound(mosq, topic, payloadlen, payload, qos, retain, properties);
 }
 
@@ -53,14 +55,15 @@ int mosquitto_tls_set(mosquitto* mosq, const char* cafile, const char* capath, c
                       const char* keyfile,
                       int (*pw_callback)(char* buf, int size, int rwflag, void* userdata))
 {
-    static auto* const kFound = library().find<decltype(mosquitto_tls_set)>("mosquitto_tls_set");
+    static auto* const kFound =
+        libmosquitto().find<decltype(mosquitto_tls_set)>("mosquitto_tls_set");
     return kFound(mosq, cafile, capath, certfile, keyfile, pw_callback);
 }
 
 int mosquitto_username_pw_set(mosquitto* mosq, const char* username, const char* password)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_username_pw_set)>("mosquitto_username_pw_set");
+        libmosquitto().find<decltype(mosquitto_username_pw_set)>("mosquitto_username_pw_set");
     return kFound(mosq, username, password);
 }
 
@@ -68,7 +71,7 @@ void mosquitto_connect_v5_callback_set(mosquitto* mosq,
                                        void (*on_connect)(mosquitto*, void*, int, int,
                                                           const mosquitto_property* props))
 {
-    static auto* const kFound = library().find<decltype(mosquitto_connect_v5_callback_set)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_connect_v5_callback_set)>(
         "mosquitto_connect_v5_callback_set");
     return kFound(mosq, on_connect);
 }
@@ -77,7 +80,7 @@ void mosquitto_disconnect_v5_callback_set(mosquitto* mosq,
                                           void (*on_disconnect)(mosquitto*, void*, int,
                                                                 const mosquitto_property* props))
 {
-    static auto* const kFound = library().find<decltype(mosquitto_disconnect_v5_callback_set)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_disconnect_v5_callback_set)>(
         "mosquitto_disconnect_v5_callback_set");
     return kFound(mosq, on_disconnect);
 }
@@ -86,7 +89,7 @@ void mosquitto_publish_v5_callback_set(mosquitto* mosq,
                                        void (*on_publish)(mosquitto*, void*, int, int,
                                                           const mosquitto_property* props))
 {
-    static auto* const kFound = library().find<decltype(mosquitto_publish_v5_callback_set)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_publish_v5_callback_set)>(
         "mosquitto_publish_v5_callback_set");
     return kFound(mosq, on_publish);
 }
@@ -96,7 +99,7 @@ void mosquitto_subscribe_v5_callback_set(mosquitto* mosq,
                                                               const int*,
                                                               const mosquitto_property* props))
 {
-    static auto* const kFound = library().find<decltype(mosquitto_subscribe_v5_callback_set)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_subscribe_v5_callback_set)>(
         "mosquitto_subscribe_v5_callback_set");
     return kFound(mosq, on_subscribe);
 }
@@ -106,7 +109,7 @@ void mosquitto_message_v5_callback_set(mosquitto* mosq,
                                                           const mosquitto_message*,
                                                           const mosquitto_property* props))
 {
-    static auto* const kFound = library().find<decltype(mosquitto_message_v5_callback_set)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_message_v5_callback_set)>(
         "mosquitto_message_v5_callback_set");
     return kFound(mosq, on_message);
 }
@@ -115,7 +118,7 @@ int mosquitto_connect_bind_v5(mosquitto* mosq, const char* host, int port, int k
                               const char* bind_address, const mosquitto_property* properties)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_connect_bind_v5)>("mosquitto_connect_bind_v5");
+        libmosquitto().find<decltype(mosquitto_connect_bind_v5)>("mosquitto_connect_bind_v5");
     return kFound(mosq, host, port, keepalive, bind_address, properties);
 }
 
@@ -123,48 +126,48 @@ int mosquitto_connect_bind_async(mosquitto* mosq, const char* host, int port, in
                                  const char* bind_address)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_connect_bind_async)>("mosquitto_connect_bind_async");
+        libmosquitto().find<decltype(mosquitto_connect_bind_async)>("mosquitto_connect_bind_async");
     return kFound(mosq, host, port, keepalive, bind_address);
 }
 
 int mosquitto_disconnect_v5(mosquitto* mosq, int reason_code, const mosquitto_property* properties)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_disconnect_v5)>("mosquitto_disconnect_v5");
+        libmosquitto().find<decltype(mosquitto_disconnect_v5)>("mosquitto_disconnect_v5");
     return kFound(mosq, reason_code, properties);
 }
 
 int mosquitto_loop_read(mosquitto* mosq, int max_packets)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_loop_read)>("mosquitto_loop_read");
+        libmosquitto().find<decltype(mosquitto_loop_read)>("mosquitto_loop_read");
     return kFound(mosq, max_packets);
 }
 
 int mosquitto_loop_write(mosquitto* mosq, int max_packets)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_loop_write)>("mosquitto_loop_write");
+        libmosquitto().find<decltype(mosquitto_loop_write)>("mosquitto_loop_write");
     return kFound(mosq, max_packets);
 }
 
 int mosquitto_loop_misc(mosquitto* mosq)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_loop_misc)>("mosquitto_loop_misc");
+        libmosquitto().find<decltype(mosquitto_loop_misc)>("mosquitto_loop_misc");
     return kFound(mosq);
 }
 
 int mosquitto_socket(mosquitto* mosq)
 {
-    static auto* const kFound = library().find<decltype(mosquitto_socket)>("mosquitto_socket");
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_socket)>("mosquitto_socket");
     return kFound(mosq);
 }
 
 bool mosquitto_want_write(mosquitto* mosq)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_want_write)>("mosquitto_want_write");
+        libmosquitto().find<decltype(mosquitto_want_write)>("mosquitto_want_write");
     return kFound(mosq);
 }
 
@@ -173,7 +176,7 @@ int mosquitto_publish_v5(mosquitto* mosq, int* mid, const char* topic, int paylo
                          const mosquitto_property* properties)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_publish_v5)>("mosquitto_publish_v5");
+        libmosquitto().find<decltype(mosquitto_publish_v5)>("mosquitto_publish_v5");
     return kFound(mosq, mid, topic, payloadlen, payload, qos, retain, properties);
 }
 
@@ -181,21 +184,21 @@ int mosquitto_subscribe_v5(mosquitto* mosq, int* mid, const char* sub, int qos, 
                            const mosquitto_property* properties)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_subscribe_v5)>("mosquitto_subscribe_v5");
+        libmosquitto().find<decltype(mosquitto_subscribe_v5)>("mosquitto_subscribe_v5");
     return kFound(mosq, mid, sub, qos, options, properties);
 }
 
 int mosquitto_property_add_int32(mosquitto_property** proplist, int identifier, uint32_t value)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_property_add_int32)>("mosquitto_property_add_int32");
+        libmosquitto().find<decltype(mosquitto_property_add_int32)>("mosquitto_property_add_int32");
     return kFound(proplist, identifier, value);
 }
 
 int mosquitto_property_add_string_pair(mosquitto_property** proplist, int identifier,
                                        const char* name, const char* value)
 {
-    static auto* const kFound = library().find<decltype(mosquitto_property_add_string_pair)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_property_add_string_pair)>(
         "mosquitto_property_add_string_pair");
     return kFound(proplist, identifier, name, value);
 }
@@ -204,7 +207,7 @@ const mosquitto_property* mosquitto_property_read_string_pair(const mosquitto_pr
                                                               int identifier, char** name,
                                                               char** value, bool skip_first)
 {
-    static auto* const kFound = library().find<decltype(mosquitto_property_read_string_pair)>(
+    static auto* const kFound = libmosquitto().find<decltype(mosquitto_property_read_string_pair)>(
         "mosquitto_property_read_string_pair");
     return kFound(proplist, identifier, name, value, skip_first);
 }
@@ -212,20 +215,21 @@ const mosquitto_property* mosquitto_property_read_string_pair(const mosquitto_pr
 void mosquitto_property_free_all(mosquitto_property** properties)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_property_free_all)>("mosquitto_property_free_all");
+        libmosquitto().find<decltype(mosquitto_property_free_all)>("mosquitto_property_free_all");
     return kFound(properties);
 }
 
 const char* mosquitto_strerror(int mosq_errno)
 {
-    static auto* const kFound = library().find<decltype(mosquitto_strerror)>("mosquitto_strerror");
+    static auto* const kFound =
+        libmosquitto().find<decltype(mosquitto_strerror)>("mosquitto_strerror");
     return kFound(mosq_errno);
 }
 
 const char* mosquitto_reason_string(int reason_code)
 {
     static auto* const kFound =
-        library().find<decltype(mosquitto_reason_string)>("mosquitto_reason_string");
+        libmosquitto().find<decltype(mosquitto_reason_string)>("mosquitto_reason_string");
     return kFound(reason_code);
 }
 
