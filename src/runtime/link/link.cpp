@@ -261,21 +261,26 @@ void Link::handle_end(int reason, int error)
         state_ = State::Closed;
     } else if (reason == MQTT_RC_SESSION_TAKEN_OVER) {
         yield();
-    } else if (reason == MOSQ_ERR_TLS || (error == EPROTO && setting_.description.is_encrypted)) {
-        refuse(kTlsFailed);
-    } else if (reason != MOSQ_ERR_EAI && is_early_end(error) && ++early_ends_ >= kMostEarlyEnds) {
+    } else if (is_refusal(reason, error)) {
         refuse(kTlsFailed);
     } else {
         wait_for_broker(text_of_end(reason, error));
     }
 }
 
-/// Whether a broker that is there has ended an encrypted connection before it answered, which is
-/// how some show that they do not accept a certificate.
-bool Link::is_early_end(int error) const
+/// Whether an encrypted connection has ended since one side does not accept the other. Some brokers
+/// show that by ending it before they answer, which may have other reasons the first time.
+bool Link::is_refusal(int reason, int error)
 {
-    return state_ == State::Connecting && setting_.description.is_encrypted &&
-           (error == 0 || error == EPIPE || error == ECONNRESET);
+    if (!setting_.description.is_encrypted || reason == MOSQ_ERR_EAI) {
+        return false;
+    }
+    if (reason == MOSQ_ERR_TLS || error == EPROTO) {
+        return true;
+    }
+    const bool is_early =
+        state_ == State::Connecting && (error == 0 || error == EPIPE || error == ECONNRESET);
+    return is_early && ++early_ends_ >= kMostEarlyEnds;
 }
 
 /// The connection stands.

@@ -79,7 +79,7 @@ private:
     void handle_answer(const MqttClient::Answer& answer);
     void handle_end(int reason, int error);
     void handle_receipts(const MqttClient::News& news);
-    bool is_early_end(int error) const;
+    bool is_refusal(int reason, int error);
     void welcome(bool has_session);
     void wait_for_broker(const std::string& why);
     void refuse(const std::string& why);
