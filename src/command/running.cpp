@@ -82,6 +82,9 @@ int run_graph(const Quorval::GraphOptions& options, loglevel level)
     const Quorval::RunResult result = graph->run();
     if (options.times_runs) {
         static_cast<void>(std::fputs(to_table(graph->statistics()).c_str(), stderr));
+        if (const auto links = graph->link_statistics(); !links.empty()) {
+            static_cast<void>(std::fputs(to_link_table(links).c_str(), stderr));
+        }
     }
     return to_status(result);
 }

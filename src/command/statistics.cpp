@@ -21,6 +21,16 @@ Row to_row(const Quorval::BlockStatistics& block)
             describe_time(block.percentile_99)};
 }
 
+Row to_row(const Quorval::LinkStatistics& link)
+{
+    return {link.comes_in ? "-> " + link.output : link.output + " ->",
+            std::to_string(link.values),
+            std::to_string(link.bytes),
+            std::to_string(link.lost),
+            std::to_string(link.gaps),
+            std::to_string(link.longest_queue)};
+}
+
 /// The first column begins at the left, the others end at the right.
 std::string to_line(const Row& row, const std::array<std::size_t, kColumns>& widths)
 {
@@ -29,6 +39,31 @@ std::string to_line(const Row& row, const std::array<std::size_t, kColumns>& wid
         line += "  " + std::string(widths[column] - row[column].size(), ' ') + row[column];
     }
     return line + "\n";
+}
+
+std::string align(const std::vector<Row>& rows)
+{
+    std::array<std::size_t, kColumns> widths{};
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column < kColumns; ++column) {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    std::string table;
+    for (const Row& row : rows) {
+        table += to_line(row, widths);
+    }
+    return table;
+}
+
+/// @param rows  those above the items
+template <class Item>
+std::string make_table(std::vector<Row> rows, const std::vector<Item>& items)
+{
+    for (const Item& item : items) {
+        rows.push_back(to_row(item));
+    }
+    return align(rows);
 }
 
 }  // namespace
@@ -50,19 +85,10 @@ std::string describe_time(std::chrono::nanoseconds time)
 
 std::string to_table(const std::vector<Quorval::BlockStatistics>& statistics)
 {
-    std::vector<Row> rows = {{"block", "runs", "failures", "total", "max", "99 %"}};
-    for (const Quorval::BlockStatistics& block : statistics) {
-        rows.push_back(to_row(block));
-    }
-    std::array<std::size_t, kColumns> widths{};
-    for (const Row& row : rows) {
-        for (std::size_t column = 0; column < kColumns; ++column) {
-            widths[column] = std::max(widths[column], row[column].size());
-        }
-    }
-    std::string table;
-    for (const Row& row : rows) {
-        table += to_line(row, widths);
-    }
-    return table;
+    return make_table({{"block", "runs", "failures", "total", "max", "99 %"}}, statistics);
+}
+
+std::string to_link_table(const std::vector<Quorval::LinkStatistics>& statistics)
+{
+    return make_table({{"link", "values", "bytes", "lost", "gaps", "queue"}}, statistics);
 }

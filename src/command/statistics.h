@@ -1,4 +1,4 @@
-// The table of what blocks have done.
+// Tables of what blocks and links have done.
 #pragma once
 
 #include <quorval/runtime/graph.h>
@@ -12,3 +12,6 @@ std::string describe_time(std::chrono::nanoseconds time);
 
 /// A line for each block, under a line of titles, in columns.
 std::string to_table(const std::vector<Quorval::BlockStatistics>& statistics);
+
+/// A line for each output that goes out, "a.out ->", or comes in, "-> a.out"; likewise.
+std::string to_link_table(const std::vector<Quorval::LinkStatistics>& statistics);

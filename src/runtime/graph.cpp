@@ -61,6 +61,7 @@ struct Graph::Impl {
     std::atomic<bool> has_stop{false};
     bool has_run = false;
     std::vector<BlockStatistics> statistics;
+    std::vector<LinkStatistics> link_statistics;
 
     explicit Impl(GraphOptions given)
         : options(std::move(given)),
@@ -119,6 +120,7 @@ struct Graph::Impl {
             result = RunResult::Failed;
         }
         statistics = gather(runner.life().wave());
+        link_statistics = runner.link_statistics();
         if (trace) {
             trace->finish();
         }
@@ -179,6 +181,11 @@ RunResult Graph::run()
 std::vector<BlockStatistics> Graph::statistics() const
 {
     return impl_->statistics;
+}
+
+std::vector<LinkStatistics> Graph::link_statistics() const
+{
+    return impl_->link_statistics;
 }
 
 void Graph::stop() noexcept

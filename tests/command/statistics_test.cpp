@@ -22,4 +22,11 @@ TEST(StatisticsTable, OfNothingIsItsTitles)
     EXPECT_EQ(to_table({}), "block  runs  failures  total  max  99 %\n");
 }
 
+TEST(LinkTable, HasALineForEachOutput)
+{
+    EXPECT_EQ(to_link_table({{"a.out", true, 20, 160, 3, 2, 1, 7}}),
+              "link      values  bytes  lost  gaps  queue\n"
+              "-> a.out      20    160     3     2      7\n");
+}
+
 }  // namespace

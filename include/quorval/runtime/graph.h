@@ -107,6 +107,18 @@ struct BlockStatistics {
     std::chrono::nanoseconds percentile_99{0};  ///< at most a quarter too long
 };
 
+/// What went over a link between machines: the values of one output.
+struct LinkStatistics {
+    std::string output;               ///< `PATH.PORT`
+    bool comes_in = false;            ///< else it is one of this machine
+    std::uint64_t values = 0;         ///< handed to the broker, or to the graph
+    std::uint64_t bytes = 0;          ///< of them, encoded
+    std::uint64_t lost = 0;           ///< as far as this machine knows
+    std::uint64_t gaps = 0;           ///< those of them that did not arrive
+    std::uint64_t duplicates = 0;     ///< that came in and were dropped
+    std::uint64_t longest_queue = 0;  ///< how many waited at once
+};
+
 /// How a run ended.
 enum class RunResult {
     Done,  ///< the graph came to its end, or was stopped
@@ -164,6 +176,10 @@ public:
 
     /// What each block has done in run(), in the order in which they run; empty before its end.
     std::vector<BlockStatistics> statistics() const;
+
+    /// What went out and came in over links in run(), each as the graph file has it first; empty
+    /// before its end, and where there are none.
+    std::vector<LinkStatistics> link_statistics() const;
 
     /// Makes run() stop in order, or return at once when it has not begun. From any thread, and
     /// from a signal handler.

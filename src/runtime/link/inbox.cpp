@@ -2,6 +2,7 @@
 
 #include "plugins/codecs.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -15,6 +16,8 @@ Inbox::Inbox(Entry& entry, std::vector<Datatype> inputs, const PluginSet& plugin
       limit_(limit),
       losses_(entry.path + "." + entry.port)
 {
+    statistics_.output = entry.path + "." + entry.port;
+    statistics_.comes_in = true;
 }
 
 void Inbox::receive(const Stamp& stamp, std::string_view bytes, Time now)
@@ -26,7 +29,7 @@ void Inbox::receive(const Stamp& stamp, std::string_view bytes, Time now)
         return;
     }
     if (!follow(stamp, now)) {
-        ++duplicates_;
+        ++statistics_.duplicates;
         return;
     }
     if (!fault.empty()) {
@@ -37,6 +40,7 @@ void Inbox::receive(const Stamp& stamp, std::string_view bytes, Time now)
         values_.clear();
     }
     values_.push_back({stamp.type, std::string(bytes)});
+    statistics_.longest_queue = std::max<std::uint64_t>(statistics_.longest_queue, values_.size());
 }
 
 /// Looks at the number of a value, and tells of those that are missing before it.
@@ -53,6 +57,7 @@ bool Inbox::follow(const Stamp& stamp, Time now)
     const std::uint64_t missing = stamp.number - number_ - 1;
     number_ = stamp.number;
     if (missing > 0 && entry_.keeps_all) {
+        statistics_.gaps += missing;
         losses_.add(missing, "they did not arrive", now);
     }
     return true;
@@ -103,7 +108,16 @@ bool Inbox::put_next(Time now)
         return false;
     }
     entry_.output->publish(place.get());
+    ++statistics_.values;
+    statistics_.bytes += value.bytes.size();
     return true;
+}
+
+LinkStatistics Inbox::statistics() const
+{
+    LinkStatistics statistics = statistics_;
+    statistics.lost = losses_.count();
+    return statistics;
 }
 
 void Inbox::drop_rest(Time now)

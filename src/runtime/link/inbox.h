@@ -1,6 +1,7 @@
 // Values that come in from another machine.
 #pragma once
 
+#include <quorval/runtime/graph.h>
 #include "link/losses.h"
 #include "link/stamp.h"
 #include "plugins/plugin_set.h"
@@ -40,8 +41,7 @@ public:
     /// Drops what waits, at the end.
     void drop_rest(Time now);
 
-    std::uint64_t lost() const { return losses_.count(); }
-    std::uint64_t duplicates() const { return duplicates_; }
+    LinkStatistics statistics() const;
 
 private:
     bool follow(const Stamp& stamp, Time now);
@@ -59,8 +59,8 @@ private:
     std::deque<Value> values_;
     std::uint64_t start_ = 0;   // of the sender
     std::uint64_t number_ = 0;  // of its last value; 0 before the first
-    std::uint64_t duplicates_ = 0;
     Losses losses_;
+    LinkStatistics statistics_;  // without losses
 };
 
 }  // namespace Quorval::runtime

@@ -464,6 +464,18 @@ std::optional<int> Link::announce(const char* presence)
                            {"", start_, 0}, true, true, why);
 }
 
+std::vector<LinkStatistics> Link::statistics() const
+{
+    std::vector<LinkStatistics> all;
+    for (const Outbox& outbox : outboxes_) {
+        all.push_back(outbox.statistics());
+    }
+    for (const Inbox& inbox : inboxes_) {
+        all.push_back(inbox.statistics());
+    }
+    return all;
+}
+
 // --- the end ---
 
 void Link::begin_end()

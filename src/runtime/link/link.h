@@ -58,6 +58,9 @@ public:
     /// Gives each output elsewhere its next value. Before each wave.
     void feed(Wave& wave);
 
+    /// Of what goes out, then of what comes in.
+    std::vector<LinkStatistics> statistics() const;
+
     /// Why the run has to end; empty: it has not.
     const std::string& failure() const { return failure_; }
 

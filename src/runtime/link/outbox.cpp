@@ -2,6 +2,7 @@
 
 #include "plugins/codecs.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -46,10 +47,24 @@ void Outbox::take(Time now)
         }
     }
     messages_.push_back({number_, bytes_});
+    longest_ = std::max(longest_, messages_.size());
+}
+
+LinkStatistics Outbox::statistics() const
+{
+    LinkStatistics statistics;
+    statistics.output = name_;
+    statistics.values = values_;
+    statistics.bytes = sent_bytes_;
+    statistics.lost = losses_.count();
+    statistics.longest_queue = longest_;
+    return statistics;
 }
 
 void Outbox::pop()
 {
+    ++values_;
+    sent_bytes_ += messages_.front().bytes.size();
     if (!keeps_all_) {
         latest_ = std::move(messages_.front());
     }

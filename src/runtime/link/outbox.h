@@ -1,6 +1,7 @@
 // Values that go to other machines.
 #pragma once
 
+#include <quorval/runtime/graph.h>
 #include "link/losses.h"
 #include "link/stamp.h"
 #include "plugins/plugin_set.h"
@@ -56,7 +57,7 @@ public:
     /// Drops what waits, at the end.
     void drop_rest(Time now);
 
-    std::uint64_t lost() const { return losses_.count(); }
+    LinkStatistics statistics() const;
 
 private:
     std::string name_;
@@ -71,6 +72,9 @@ private:
     std::string bytes_;         // kept for its memory
     std::uint64_t number_ = 0;  // of the last value
     Losses losses_;
+    std::uint64_t values_ = 0;  // that were handed on, and how much they were
+    std::uint64_t sent_bytes_ = 0;
+    std::size_t longest_ = 0;  // queue
 };
 
 }  // namespace Quorval::runtime

@@ -78,6 +78,11 @@ void Runner::check_link()
     }
 }
 
+std::vector<LinkStatistics> Runner::link_statistics() const
+{
+    return link_ == nullptr ? std::vector<LinkStatistics>() : link_->statistics();
+}
+
 RunResult Runner::run()
 {
     if (outside_ == nullptr) {

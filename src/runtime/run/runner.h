@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Quorval::runtime {
 
@@ -56,6 +57,9 @@ public:
     void turn();
 
     Life& life() { return life_; }
+
+    /// What went over links; empty where there are none.
+    std::vector<LinkStatistics> link_statistics() const;
 
     /// From the start on waves come from there alone, and the files are not read again.
     /// @param playback  must outlive the object

@@ -111,7 +111,7 @@ TEST_F(InboxTest, DropsDuplicates)
     }
 
     EXPECT_EQ(take_all(inbox), (Values{1, 2, 3}));
-    EXPECT_EQ(inbox.duplicates(), 2U);
+    EXPECT_EQ(inbox.statistics().duplicates, 2U);
     EXPECT_EQ(recorder_.texts(), Lines());
 }
 
@@ -124,7 +124,8 @@ TEST_F(InboxTest, TellsOfGaps)
 
     EXPECT_EQ(take_all(inbox), (Values{4, 8}));
     EXPECT_EQ(recorder_.texts(), (Lines{"3 values of mic.out are lost: they did not arrive"}));
-    EXPECT_EQ(inbox.lost(), 3U);
+    EXPECT_EQ(inbox.statistics().lost, 3U);
+    EXPECT_EQ(inbox.statistics().gaps, 3U);
 }
 
 TEST_F(InboxTest, FollowsASenderThatStartsAgain)
@@ -161,7 +162,7 @@ TEST_F(InboxTest, DropsWhatIsNoValue)
 
         EXPECT_EQ(take_all(inbox), Values()) << one.why;
         EXPECT_EQ(recorder_.texts(), (Lines{"1 values of mic.out are lost: " + one.why}));
-        EXPECT_EQ(inbox.lost(), 1U) << one.why;
+        EXPECT_EQ(inbox.statistics().lost, 1U) << one.why;
     }
 }
 

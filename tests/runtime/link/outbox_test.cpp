@@ -71,7 +71,7 @@ TEST_F(OutboxTest, LosesTheOldestWhereTheQueueIsFull)
     EXPECT_EQ(send_all(outbox), (Numbers{2, 3}));
     EXPECT_EQ(recorder_.texts(),
               (Lines{"1 values of mic.out are lost: the queue of 2 values is full"}));
-    EXPECT_EQ(outbox.lost(), 1U);
+    EXPECT_EQ(outbox.statistics().lost, 1U);
 }
 
 TEST_F(OutboxTest, SendsTheLatestAgain)
