@@ -43,7 +43,7 @@ declare -A package_groups=(
     [examples]="libsndfile1-dev"
     [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3
         python3-jsonschema bash-completion dbus fish graphviz mosquitto openssl python3-dbus systemd zsh"
-    [demo]="alsa-utils"
+    [demo]="alsa-utils mosquitto"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev
         libgstreamer1.0-dev libclass-loader-dev librcpputils-dev libtbb-dev dbus"
