@@ -9,9 +9,9 @@ usage: demo.sh QUORVAL PLUGIN_DIR OUTPUT_DIR
 
 Draws the graph loudness.toml, shows what is said of the mistakes in mistakes.toml, and runs the
 graph on a recording that a Debian package brings. Where the broker mosquitto is installed, it also
-runs two-machines.toml in two processes with the broker between them. QUORVAL is the command, PLUGIN_DIR the directory
-of sound.so. What comes of it lies in OUTPUT_DIR. Run it twice to see that the meters remember the
-highest peak.
+runs two-machines.toml in two processes with the broker between them. QUORVAL is the command,
+PLUGIN_DIR the directory of sound.so. What comes of it lies in OUTPUT_DIR. Run it twice to see that
+the meters remember the highest peak.
 END
 }
 

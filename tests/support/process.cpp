@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -99,6 +100,14 @@ void read_from(int& fd, std::string& text)
     }
 }
 
+/// Whether a stream holds the text from `end` on, which is left where the next look has to begin.
+bool find_further(const std::string& stream, const std::string& text, std::size_t& end)
+{
+    const bool is_there = stream.find(text, end) != std::string::npos;
+    end = stream.size() - std::min(stream.size(), text.size());
+    return is_there;
+}
+
 }  // namespace
 
 Process::Process(const ProcessOptions& options)
@@ -142,8 +151,9 @@ void Process::send(int signal) const
 
 bool Process::wait_for(const std::string& text)
 {
-    while (result_.out.find(text) == std::string::npos &&
-           result_.err.find(text) == std::string::npos) {
+    std::size_t out_end = 0;
+    std::size_t err_end = 0;
+    while (!find_further(result_.out, text, out_end) && !find_further(result_.err, text, err_end)) {
         if (!read_some()) {
             return false;
         }
