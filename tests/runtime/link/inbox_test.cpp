@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 using Quorval::Datatype;
 using Quorval::InitTools;
@@ -143,25 +146,28 @@ TEST_F(InboxTest, FollowsASenderThatStartsAgain)
 TEST_F(InboxTest, DropsWhatIsNoValue)
 {
     struct Case {
-        Stamp stamp;
-        std::string bytes;
-        std::string why;
+        const char* type;
+        std::uint64_t start;
+        std::uint64_t number;
+        const char* bytes;
+        const char* why;
     };
     const std::vector<Case> cases = {
-        {{"", 0, 0}, "x", "a message has no type, start and number"},
-        {{"string", kStart, 1}, "x", "type string does not fit int32"},
-        {{"no type", kStart, 1}, "x", "a message has no valid type"},
-        {{"int32", kStart, 1}, "123456789", "9 bytes are more than the limit of 8"},
-        {{"int32", kStart, 1}, "\1x", "a value cannot be decoded: the value ends too early"},
+        {"", 0, 0, "x", "a message has no type, start and number"},
+        {"string", kStart, 1, "x", "type string does not fit int32"},
+        {"no type", kStart, 1, "x", "a message has no valid type"},
+        {"int32", kStart, 1, "123456789", "9 bytes are more than the limit of 8"},
+        {"int32", kStart, 1, "\1x", "a value cannot be decoded: the value ends too early"},
     };
     for (const Case& one : cases) {
         recorder_.clear();
         Inbox inbox = make(true);
 
-        inbox.receive(one.stamp, one.bytes, kNow);
+        inbox.receive({one.type, one.start, one.number}, one.bytes, kNow);
 
         EXPECT_EQ(take_all(inbox), Values()) << one.why;
-        EXPECT_EQ(recorder_.texts(), (Lines{"1 values of mic.out are lost: " + one.why}));
+        EXPECT_EQ(recorder_.texts(),
+                  (Lines{"1 values of mic.out are lost: " + std::string(one.why)}));
         EXPECT_EQ(inbox.statistics().lost, 1U) << one.why;
     }
 }
