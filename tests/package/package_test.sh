@@ -269,20 +269,6 @@ END
         fail "$(cat "${work}/incomplete.log")"
 }
 
-# What is installed is built here: the tests, which take longer, are built by whoever runs this one.
-builds_without_arguments()
-{
-    unset CXXFLAGS
-    local -a targets=(quorval)
-    if [[ ${RUNTIME} == ON ]]; then
-        targets+=(quorval_runtime quorval_command basic)
-    fi
-    "${CMAKE}" -S "${SOURCE}" -B "${work}/build" 2>&1
-    "${CMAKE}" --build "${work}/build" --target "${targets[@]}" --parallel 2
-    "${CMAKE}" --install "${work}/build" --prefix "${work}/prefix"
-    use_with_cmake "${work}/prefix"
-}
-
 # Without the runtime, and without anything that the runtime alone needs.
 builds_the_core_alone()
 {
