@@ -81,9 +81,12 @@ private:
     {
         first_take_.push_back(size_of(wave_.takes_));
         first_output_.push_back(size_of(wave_.outputs_));
-        wave_.slots_.push_back({block, path, nullptr, nullptr, size_of(wave_.delayed_),
-                                size_of(wave_.loose_), false, false, false, false, skips_failures,
-                                0, 0});
+        Slot& slot = wave_.slots_.emplace_back();
+        slot.block = block;
+        slot.path = path;
+        slot.first_delayed = size_of(wave_.delayed_);
+        slot.first_loose = size_of(wave_.loose_);
+        slot.skips_failures = skips_failures;
     }
 
     void add_inputs(Block& block)
