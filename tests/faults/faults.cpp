@@ -71,11 +71,11 @@ Ending run_in_child(std::size_t nth, Mode mode, const std::function<void()>& act
     }
 }
 
-Endings fail_each_allocation_in_child(Mode mode, const std::function<void()>& act)
+Endings fail_each_allocation_in_child(Mode mode, const std::function<void()>& act, std::size_t step)
 {
     act();  // makes what is made once in a process
     Endings endings;
-    for (std::size_t nth = 1; nth < kMostAllocations; ++nth) {
+    for (std::size_t nth = 1; nth < kMostAllocations; nth += step) {
         SCOPED_TRACE("allocation " + std::to_string(nth) + " fails, " + name_of(mode));
         switch (run_in_child(nth, mode, act)) {
             case Ending::Succeeded:

@@ -181,7 +181,9 @@ struct Endings {
 };
 
 /// As fail_each_allocation(), each run in a process of its own.
-Endings fail_each_allocation_in_child(Mode mode, const std::function<void()>& act);
+/// @param step  from one allocation that fails to the next one that is tried
+Endings fail_each_allocation_in_child(Mode mode, const std::function<void()>& act,
+                                      std::size_t step = 1);
 
 /// The keys of the elements that a getter has read.
 std::vector<std::string> consumed_keys(const Quorval::BlockConfiguration& config);

@@ -75,9 +75,9 @@ protected:
     static void expect_clean_failures(const std::function<void()>& act)
     {
         for (const Mode mode : {Mode::Once, Mode::FromThenOn}) {
-            const Endings endings = fail_each_allocation_in_child(mode, act);
+            const Endings endings = fail_each_allocation_in_child(mode, act, QUORVAL_FAULT_STEP);
 
-            EXPECT_GT(endings.ran_out, 100U);
+            EXPECT_GT(endings.ran_out, 500U / QUORVAL_FAULT_STEP);
             EXPECT_LE(endings.terminated, kMostTerminations);
         }
     }
