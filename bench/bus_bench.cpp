@@ -3,21 +3,19 @@
 
 #include <quorval/runtime/graph.h>
 #include "harness.h"
+#include "processes.h"
 #include "running.h"
 
 #include <systemd/sd-bus.h>
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -32,62 +30,25 @@ constexpr const char* kServiceName = "org.quorval.graph.idle";
 constexpr const char* kObject = "/org/quorval/graph";
 constexpr const char* kInterface = "org.quorval.Graph1";
 
-/// A child process that ends with its owner.
-class Child {
-public:
-    explicit Child(const std::function<void()>& work) : process_(::fork())
-    {
-        if (process_ == 0) {
-            work();
-            ::_exit(1);
-        }
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child()
-    {
-        ::kill(process_, SIGKILL);
-        ::waitpid(process_, nullptr, 0);
-    }
-
-    pid_t id() const { return process_; }
-
-private:
-    pid_t process_;
-};
-
 /// A bus of one's own.
 class PrivateBus {
 public:
     PrivateBus()
     {
         std::array<char, 256> line = {};
-        if (::read(ends_[0], line.data(), line.size() - 1) <= 0) {
+        if (::read(pipe_.read_end(), line.data(), line.size() - 1) <= 0) {
             throw std::runtime_error("dbus-daemon does not start");
         }
         address_ = line.data();
         address_.erase(address_.find('\n'));
     }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-    ~PrivateBus()
-    {
-        ::close(ends_[0]);
-        ::close(ends_[1]);
-    }
 
     const std::string& address() const { return address_; }
 
 private:
-    std::array<int, 2> ends_ = [] {
-        std::array<int, 2> ends = {};
-        if (::pipe(ends.data()) != 0) {
-            throw std::runtime_error("no pipe");
-        }
-        return ends;
-    }();
+    Pipe pipe_;
     Child daemon_{[this] {
-        const std::string print = "--print-address=" + std::to_string(ends_[1]);
+        const std::string print = "--print-address=" + std::to_string(pipe_.write_end());
         ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile",
                  print.c_str(), nullptr);
     }};

@@ -3,6 +3,7 @@
 
 #include <quorval/port.h>
 #include "harness.h"
+#include "processes.h"
 #include "running.h"
 #include "schedule/timers.h"
 
@@ -30,37 +31,15 @@ namespace {
 
 constexpr std::size_t kEvents = 2'000;
 
-/// A pipe with a value for each event. Its descriptors stay what they are.
-class Pipe {
-public:
-    Pipe()
-    {
-        if (::pipe(ends_) != 0) {
-            throw std::runtime_error("no pipe");
-        }
+/// Writes a value for each event.
+void fill(const Pipe& pipe)
+{
+    const std::vector<double> values(kEvents, 1);
+    const std::size_t size = kEvents * sizeof(double);
+    if (::write(pipe.write_end(), values.data(), size) != static_cast<ssize_t>(size)) {
+        throw std::runtime_error("the pipe is full");
     }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    ~Pipe()
-    {
-        ::close(ends_[0]);
-        ::close(ends_[1]);
-    }
-
-    int read_end() const { return ends_[0]; }
-
-    void fill() const
-    {
-        const std::vector<double> values(kEvents, 1);
-        const std::size_t size = kEvents * sizeof(double);
-        if (::write(ends_[1], values.data(), size) != static_cast<ssize_t>(size)) {
-            throw std::runtime_error("the pipe is full");
-        }
-    }
-
-private:
-    int ends_[2] = {-1, -1};
-};
+}
 
 std::string write_reader(int fd)
 {
@@ -123,7 +102,7 @@ void add_event_to_run()
                     },
                     [reader] { return reader->read() == reader->wanted; },
                     [reader] {
-                        reader->pipe.fill();
+                        fill(reader->pipe);
                         reader->wanted += kEvents;
                     }};
     });
@@ -136,7 +115,7 @@ void add_event_to_run()
                     },
                     [by_hand] { return by_hand->sum == by_hand->wanted; },
                     [by_hand] {
-                        by_hand->pipe.fill();
+                        fill(by_hand->pipe);
                         by_hand->wanted += kEvents;
                     }};
     });
