@@ -4,9 +4,12 @@
 #include <quorval/pluginloader.h>
 #include <quorval/runtime/tools.h>
 #include <quorval/settings.h>
+#include "numbered_values.h"
 
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -103,6 +106,62 @@ public:
     }
 };
 
+std::size_t size_of(const BlockConfiguration& config)
+{
+    return static_cast<std::size_t>(config.getInt("size"));
+}
+
+/// Gives a numbered value in each wave, up to the number that its descriptor says last.
+class Give : public Block {
+public:
+    Give(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), values_(size_of(config)), fd_(config.getInt("fd"))
+    {
+        make_fdport("fd", fd_, {true, false});
+    }
+
+    bool run() override
+    {
+        if (number_ == last_ && ::read(fd_, &last_, sizeof last_) != sizeof last_) {
+            return false;
+        }
+        out_->value() = values_.make(++number_);
+        out_->trigger();
+        if (number_ < last_) {
+            get_tools().request_run();
+        }
+        return true;
+    }
+
+private:
+    quorval_bench::NumberedValues values_;
+    int fd_;
+    std::uint64_t number_ = 0;
+    std::uint64_t last_ = 0;
+    OutPort<std::string>* out_ = add_output<std::string>(*this, "out");
+};
+
+/// Takes numbered values, and answers the last one of each burst.
+class Take : public Block {
+public:
+    Take(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config),
+          arrivals_(config.getInt("fd"), size_of(config),
+                    static_cast<std::uint64_t>(config.getInt("burst")))
+    {
+    }
+
+    bool run() override
+    {
+        arrivals_.take(in_->value());
+        return true;
+    }
+
+private:
+    quorval_bench::Arrivals arrivals_;
+    InPort<std::string>* in_ = add_input<std::string>(*this, "in");
+};
+
 template <class Made>
 void add_type(IRegistry& registry, const char* type)
 {
@@ -118,8 +177,10 @@ int lib_register_cpp(IRegistry& registry)
 {
     add_type<Count>(registry, "Count");
     add_type<Add>(registry, "Add");
+    add_type<Give>(registry, "Give");
     add_type<Idle>(registry, "Idle");
     add_type<Read>(registry, "Read");
     add_type<Sum>(registry, "Sum");
+    add_type<Take>(registry, "Take");
     return 0;
 }

@@ -21,7 +21,8 @@ class Row:
     theirs: str | None = None
 
 
-# The Debian package of each peer, named where one is missing. The others need none.
+# The Debian package of each peer, named where one is missing, and of the broker that some speak
+# with. The others need none.
 PACKAGES = {
     "nlohmann": "nlohmann-json3-dev",
     "property_tree": "libboost-dev",
@@ -33,6 +34,8 @@ PACKAGES = {
     "gstreamer": "libgstreamer1.0-dev",
     "class_loader": "libclass-loader-dev",
     "onetbb": "libtbb-dev",
+    "zeromq": "cppzmq-dev",
+    "mosquitto": "mosquitto",
 }
 
 
@@ -48,6 +51,15 @@ def _settings(case, title, goal):
 def _small(case, title, goal):
     """Small configurations of mixed elements against a std::map behind the same calls."""
     return [Row(f"{case}/{size}", f"{title}, {size} mixed", "map", goal) for size in (30, 100, 500)]
+
+
+def _link(case, title):
+    """Values from one process to another, against clients of the same broker and sockets. A rate
+    of 0.8 is a time of 1.25."""
+    return [row for size, name in ((64, "64 B"), (1024, "1 KiB"), (65536, "64 KiB"))
+            for row in (Row(f"{case}/{size}", f"{title}, {name}", "by_hand",
+                            1.25 if size == 1024 and "single" not in case else None),
+                        Row(f"{case}/{size}", f"{title}, {name}", "zeromq"))]
 
 
 _TREES = ("property_tree", "tomlplusplus", "protobuf")
@@ -162,11 +174,18 @@ ROWS = [
     Row("run_at/10000", "a run at a time, among 10,000", "queue"),
     Row("wave_sparse/100000", "a run in a wave over 10 of 100,000, peer: over 10 of 10", "alone",
         1.2),
+    *_link("link_all", "a value over a broker, \"all\""),
+    *_link("link_latest", "a value given over a broker, \"latest\""),
+    *_link("link_single_all", "a single value over a broker, \"all\""),
+    *_link("link_single_latest", "a single value over a broker, \"latest\""),
+    Row("link_work/1024", "work for a value over a broker, 1 KiB, peer: the goal", "goal", 1),
+    *_others("link_work/1024", "work for a value over a broker, 1 KiB", "by_hand", "zeromq"),
 ]
 
 
 # The cases that a quick run leaves out.
-SLOW = r"/100000$|^create_members/10000$|^(nested|spread)_[a-z]+/(2|4|16|32)$|_ints_"
+SLOW = (r"/100000$|^create_members/10000$|^(nested|spread)_[a-z]+/(2|4|16|32)$|_ints_"
+        r"|^link_.*/(64|65536)$|^record_work")
 
 
 @dataclass(frozen=True)

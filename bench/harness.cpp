@@ -207,6 +207,20 @@ void add_known_bytes(const std::string& name, double bytes)
         ->Iterations(1);
 }
 
+void add_known_seconds(const std::string& name, double seconds)
+{
+    benchmark::RegisterBenchmark(name.c_str(),
+                                 [seconds](benchmark::State& state) {
+                                     for (auto _ : state) {
+                                         state.SetIterationTime(seconds);
+                                     }
+                                     state.counters["operations"] = 1;
+                                 })
+        ->UseManualTime()
+        ->Unit(benchmark::kNanosecond)
+        ->Iterations(1);
+}
+
 std::size_t heap_in_use()
 {
     const struct mallinfo2 info = ::mallinfo2();

@@ -40,6 +40,9 @@ void add_bytes(const std::string& name, std::function<double()> measure);
 /// Adds a side that is known to take so many bytes.
 void add_known_bytes(const std::string& name, double bytes);
 
+/// Adds a side that is known to take so long for each operation.
+void add_known_seconds(const std::string& name, double seconds);
+
 /// Bytes of the heap that are in use.
 std::size_t heap_in_use();
 

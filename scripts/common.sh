@@ -46,7 +46,8 @@ declare -A package_groups=(
     [demo]="alsa-utils mosquitto"
     [bench]="libbenchmark-dev python3 python3-matplotlib pkg-config valgrind libcereal-dev nlohmann-json3-dev
         libboost-dev libtomlplusplus-dev libprotobuf-dev protobuf-compiler libsqlite3-dev libglib2.0-dev
-        libgstreamer1.0-dev libclass-loader-dev librcpputils-dev libtbb-dev dbus"
+        libgstreamer1.0-dev libclass-loader-dev librcpputils-dev libtbb-dev dbus mosquitto
+        cppzmq-dev"
     [lint]="clang-format clang-tidy cppcheck shellcheck"
     [aarch64]="g++-aarch64-linux-gnu qemu-user googletest"
     [abi]="abigail-tools"
