@@ -162,6 +162,37 @@ private:
     InPort<std::string>* in_ = add_input<std::string>(*this, "in");
 };
 
+/// Gives so many numbered values, one in each wave, and stops the graph.
+class Burst : public Block {
+public:
+    Burst(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config),
+          values_(size_of(config)),
+          count_(static_cast<std::uint64_t>(config.getInt("count")))
+    {
+    }
+
+    void start() override { get_tools().request_run(); }
+
+    bool run() override
+    {
+        out_->value() = values_.make(++number_);
+        out_->trigger();
+        if (number_ < count_) {
+            get_tools().request_run();
+        } else {
+            get_tools().stop("all values are given");
+        }
+        return true;
+    }
+
+private:
+    quorval_bench::NumberedValues values_;
+    std::uint64_t count_;
+    std::uint64_t number_ = 0;
+    OutPort<std::string>* out_ = add_output<std::string>(*this, "out");
+};
+
 template <class Made>
 void add_type(IRegistry& registry, const char* type)
 {
@@ -175,6 +206,7 @@ void add_type(IRegistry& registry, const char* type)
 
 int lib_register_cpp(IRegistry& registry)
 {
+    add_type<Burst>(registry, "Burst");
     add_type<Count>(registry, "Count");
     add_type<Add>(registry, "Add");
     add_type<Give>(registry, "Give");

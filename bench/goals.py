@@ -62,6 +62,11 @@ def _link(case, title):
                         Row(f"{case}/{size}", f"{title}, {name}", "zeromq"))]
 
 
+def _record(case, title, peer):
+    return [Row(f"{case}/{size}", f"{title}, {name}", peer)
+            for size, name in ((64, "64 B"), (1024, "1 KiB"))]
+
+
 _TREES = ("property_tree", "tomlplusplus", "protobuf")
 
 ROWS = [
@@ -180,6 +185,9 @@ ROWS = [
     *_link("link_single_latest", "a single value over a broker, \"latest\""),
     Row("link_work/1024", "work for a value over a broker, 1 KiB, peer: the goal", "goal", 1),
     *_others("link_work/1024", "work for a value over a broker, 1 KiB", "by_hand", "zeromq"),
+    *_record("record", "record a value, peer: insert it", "by_hand"),
+    *_record("record_work", "work for recording a value, peer: for inserting it", "by_hand"),
+    *_record("record_wave", "a wave that is recorded", "unrecorded"),
 ]
 
 
