@@ -46,7 +46,7 @@ wait_for()
 {
     local attempt
     for ((attempt = 0; attempt < 100; ++attempt)); do
-        if grep -q "$1" "$2"; then
+        if grep -qs "$1" "$2"; then
             return
         fi
         sleep 0.1
@@ -63,7 +63,7 @@ run_two_machines()
     trap 'kill "$broker"' EXIT
     wait_for running "$directory/broker.log"
     printf 'format = 1\nlink.broker = "mqtt://localhost:%s"\n' "$port" >"$directory/broker.toml"
-    run_machine archive --for 5s --set "sink.path=$directory/archive.flac" \
+    run_machine archive --for 15s --set "sink.path=$directory/archive.flac" \
         2>"$directory/archive.log" &
     local archive=$!
     wait_for stands "$directory/archive.log"
