@@ -56,11 +56,16 @@ private:
         const bool is_input = &ports == &expansion_.composites[composite].inside->inports;
         std::vector<Blocks> exposed(ports.size());
         for (std::size_t port = 0; port < ports.size(); ++port) {
+            std::size_t kept = 0;
             for (const EndDescription& end : ports[port].ends) {
                 const Blocks more = find(composite, end, is_input);
                 exposed[port].insert(exposed[port].end(), more.begin(), more.end());
-                keep_one_of_each(exposed[port]);
+                if (exposed[port].size() > 2 * kept) {
+                    keep_one_of_each(exposed[port]);
+                    kept = exposed[port].size();
+                }
             }
+            keep_one_of_each(exposed[port]);
         }
         return exposed;
     }
