@@ -5,9 +5,11 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <system_error>
 
 namespace {
 
@@ -16,6 +18,11 @@ constexpr const char* kLeave = "\033[?25h\033[?1049l";
 constexpr const char* kHome = "\033[H";
 constexpr const char* kWipeLine = "\033[K";
 constexpr const char* kWipeRest = "\033[J";
+
+[[noreturn]] void throw_no_terminal()
+{
+    throw std::system_error(errno, std::generic_category(), "the terminal cannot be drawn on");
+}
 
 void write_now(const std::string& text)
 {
@@ -44,19 +51,23 @@ Screen::~Screen()
 
 void Screen::enter()
 {
-    ::tcgetattr(STDIN_FILENO, &before_);
+    if (::tcgetattr(STDIN_FILENO, &before_) != 0) {
+        throw_no_terminal();
+    }
     termios wanted = before_;
     wanted.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     wanted.c_cc[VMIN] = 1;
     wanted.c_cc[VTIME] = 0;
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &wanted);
+    if (::tcsetattr(STDIN_FILENO, TCSAFLUSH, &wanted) != 0) {
+        throw_no_terminal();
+    }
     write_now(kEnter);
 }
 
 void Screen::leave() const
 {
     write_now(kLeave);
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+    static_cast<void>(::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_));  // it may be gone
 }
 
 void Screen::suspend()

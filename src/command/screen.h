@@ -13,12 +13,15 @@ bool has_screen();
 /// seen, and keys can be read one by one. Afterwards all is as it was. One at a time.
 class Screen {
 public:
+    /// @throws std::system_error  standard input is no terminal any more, or its settings cannot be
+    ///     changed: "the terminal cannot be drawn on"
     Screen();
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
     ~Screen();
 
     /// Stops the process as the terminal's user wants it to, and goes on when he does.
+    /// @throws std::system_error  as the constructor does
     void suspend();
 
     /// @param lines  no more than there is room for

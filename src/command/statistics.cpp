@@ -1,5 +1,7 @@
 #include "statistics.h"
 
+#include "text.h"
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -8,34 +10,11 @@
 
 namespace {
 
-constexpr std::size_t kColumns = 6;
-using Row = std::array<std::string, kColumns>;
-
-Row to_row(const Quorval::BlockStatistics& block)
-{
-    return {block.path,
-            std::to_string(block.runs),
-            std::to_string(block.failures),
-            describe_time(block.total),
-            describe_time(block.longest),
-            describe_time(block.percentile_99)};
-}
-
-Row to_row(const Quorval::LinkStatistics& link)
-{
-    return {link.comes_in ? "-> " + link.output : link.output + " ->",
-            std::to_string(link.values),
-            std::to_string(link.bytes),
-            std::to_string(link.lost),
-            std::to_string(link.gaps),
-            std::to_string(link.longest_queue)};
-}
-
 /// The first column begins at the left, the others end at the right.
-std::string to_line(const Row& row, const std::array<std::size_t, kColumns>& widths)
+std::string to_line(const Row& row, const std::vector<std::size_t>& widths)
 {
     std::string line = row[0] + std::string(widths[0] - row[0].size(), ' ');
-    for (std::size_t column = 1; column < kColumns; ++column) {
+    for (std::size_t column = 1; column < row.size(); ++column) {
         line += "  " + std::string(widths[column] - row[column].size(), ' ') + row[column];
     }
     return line + "\n";
@@ -43,9 +22,9 @@ std::string to_line(const Row& row, const std::array<std::size_t, kColumns>& wid
 
 std::string align(const std::vector<Row>& rows)
 {
-    std::array<std::size_t, kColumns> widths{};
+    std::vector<std::size_t> widths(rows.front().size());
     for (const Row& row : rows) {
-        for (std::size_t column = 0; column < kColumns; ++column) {
+        for (std::size_t column = 0; column < row.size(); ++column) {
             widths[column] = std::max(widths[column], row[column].size());
         }
     }
@@ -56,10 +35,10 @@ std::string align(const std::vector<Row>& rows)
     return table;
 }
 
-/// @param rows  those above the items
 template <class Item>
-std::string make_table(std::vector<Row> rows, const std::vector<Item>& items)
+std::string make_table(const Row& titles, const std::vector<Item>& items)
 {
+    std::vector<Row> rows = {titles};
     for (const Item& item : items) {
         rows.push_back(to_row(item));
     }
@@ -83,12 +62,40 @@ std::string describe_time(std::chrono::nanoseconds time)
     return text.data();
 }
 
+Row block_titles()
+{
+    return {"block", "runs", "failures", "total", "max", "99 %"};
+}
+
+Row to_row(const Quorval::BlockStatistics& block)
+{
+    return {to_printable(block.path),       std::to_string(block.runs),
+            std::to_string(block.failures), describe_time(block.total),
+            describe_time(block.longest),   describe_time(block.percentile_99)};
+}
+
+Row link_titles()
+{
+    return {"link", "values", "bytes", "lost", "gaps", "queue"};
+}
+
+Row to_row(const Quorval::LinkStatistics& link)
+{
+    const std::string output = to_printable(link.output);
+    return {link.comes_in ? "-> " + output : output + " ->",
+            std::to_string(link.values),
+            std::to_string(link.bytes),
+            std::to_string(link.lost),
+            std::to_string(link.gaps),
+            std::to_string(link.longest_queue)};
+}
+
 std::string to_table(const std::vector<Quorval::BlockStatistics>& statistics)
 {
-    return make_table({{"block", "runs", "failures", "total", "max", "99 %"}}, statistics);
+    return make_table(block_titles(), statistics);
 }
 
 std::string to_link_table(const std::vector<Quorval::LinkStatistics>& statistics)
 {
-    return make_table({{"link", "values", "bytes", "lost", "gaps", "queue"}}, statistics);
+    return make_table(link_titles(), statistics);
 }

@@ -1,4 +1,5 @@
 // quorval top: what the blocks of a running graph do.
+#include <quorval/runtime/remote.h>
 #include "command.h"
 #include "command_line.h"
 #include "output.h"
@@ -15,9 +16,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -100,37 +104,36 @@ struct Answer {
     Clock::time_point time;
 };
 
-/// Asks a graph in a thread, so that one that does not answer holds nothing up. The thread keeps
-/// what it needs, because nobody waits for it at the end.
+/// Asks a graph in a thread, so that neither one that does not answer nor its bus holds anything
+/// up. The thread keeps what it needs, because nobody waits for it at the end.
 class Asker {
 public:
-    explicit Asker(std::unique_ptr<RemoteGraph> graph)
-        : graph_(std::move(graph)),
-          wake_(std::make_shared<OwnedFd>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)))
-    {
-    }
+    using Find = std::function<std::unique_ptr<RemoteGraph>()>;
+
+    /// @param find  looks for the graph; called here, and later in the thread
+    explicit Asker(Find find) : shared_(std::make_shared<Shared>(std::move(find))) {}
 
     /// Readable when there is an answer.
-    int fd() const { return wake_->get(); }
+    int fd() const { return shared_->wake.get(); }
     bool is_asking() const { return answer_.valid(); }
 
     void ask()
     {
-        std::promise<Answer> promise;
+        std::promise<std::optional<Answer>> promise;
         answer_ = promise.get_future();
-        std::thread([graph = graph_, wake = wake_, promise = std::move(promise)]() mutable {
+        std::thread([shared = shared_, promise = std::move(promise)]() mutable {
             try {
-                const std::uint64_t waves = graph->waves();
-                promise.set_value({waves, graph->statistics(), Clock::now()});
+                promise.set_value(shared->ask());
             } catch (...) {
                 promise.set_exception(std::current_exception());
             }
-            static_cast<void>(::eventfd_write(wake->get(), 1));
+            static_cast<void>(::eventfd_write(shared->wake.get(), 1));
         }).detach();
     }
 
-    /// @throws RemoteError  the graph did not answer
-    Answer take()
+    /// @return none: the graph is there, and did not answer
+    /// @throws RemoteError  it never answered, or has gone
+    std::optional<Answer> take()
     {
         eventfd_t count = 0;
         static_cast<void>(::eventfd_read(fd(), &count));
@@ -138,20 +141,46 @@ public:
     }
 
 private:
-    std::shared_ptr<RemoteGraph> graph_;
-    std::shared_ptr<OwnedFd> wake_;
-    std::future<Answer> answer_;
+    struct Shared {
+        Find find;
+        std::unique_ptr<RemoteGraph> graph;
+        OwnedFd wake;
+        bool has_answered = false;
+
+        explicit Shared(Find given)
+            : find(std::move(given)), graph(find()), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+        {
+        }
+
+        std::optional<Answer> ask()
+        {
+            try {
+                const std::uint64_t waves = graph->waves();
+                Answer answer = {waves, graph->statistics(), Clock::now()};
+                has_answered = true;
+                return answer;
+            } catch (const RemoteError&) {
+                if (!has_answered) {
+                    throw;
+                }
+            }
+            graph = find();  // it may be busy, have gone, or have come back
+            return std::nullopt;
+        }
+    };
+
+    std::shared_ptr<Shared> shared_;
+    std::future<std::optional<Answer>> answer_;
 };
 
 /// The display, from its first look at the graph to its end.
 class Top {
 public:
-    /// All must outlive the object.
+    /// @throws RemoteError  there is no such graph
     Top(const RemoteLine& remote, const std::vector<std::string>& arguments)
-        : remote_(remote),
-          arguments_(arguments),
-          signals_(take_signals()),
-          asker_(remote.find_graph(arguments))
+        : name_(to_printable(arguments.empty() ? "" : arguments.front())),
+          asker_([remote, arguments] { return remote.find_graph(arguments); }),
+          signals_(take_signals())
     {
     }
 
@@ -222,33 +251,29 @@ private:
     void take_answer()
     {
         try {
-            Answer answer = asker_.take();
-            rows_ =
-                to_rows(answer_ ? answer_->blocks : std::vector<BlockStatistics>(), answer.blocks);
-            interval_ = answer_ ? answer.time - answer_->time : Clock::duration::zero();
-            answer_ = std::move(answer);
+            std::optional<Answer> answer = asker_.take();
+            if (answer) {
+                show(*std::move(answer));
+            }
         } catch (const RemoteError&) {
             if (!answer_) {
                 throw;
             }
-            look_again();
+            is_there_ = is_going_on_ = false;
         }
     }
 
-    /// The graph may be busy, have gone, or have come back.
-    void look_again()
+    void show(Answer answer)
     {
-        try {
-            asker_ = Asker(remote_.find_graph(arguments_));
-        } catch (const RemoteError&) {
-            is_there_ = is_going_on_ = false;
-        }
+        rows_ = to_rows(answer_ ? answer_->blocks : std::vector<BlockStatistics>(), answer.blocks);
+        interval_ = answer_ ? answer.time - answer_->time : Clock::duration::zero();
+        answer_ = std::move(answer);
     }
 
     std::vector<std::string> picture() const
     {
         const Screen::Size size = Screen::size();
-        return draw_top(to_printable(arguments_.front()) + ": " + title(), rows_, interval_,
+        return draw_top(name_ + ": " + title(), rows_, interval_,
                         {size.width, size.height, has_output_colours(), has_unicode()});
     }
 
@@ -264,10 +289,9 @@ private:
                                   : "");
     }
 
-    const RemoteLine& remote_;
-    const std::vector<std::string>& arguments_;
-    OwnedFd signals_;
+    const std::string name_;
     Asker asker_;
+    OwnedFd signals_;               // behind the search for the graph, which a signal ends as usual
     std::optional<Answer> answer_;  // the last one
     std::vector<TopRow> rows_;
     Clock::duration interval_{};

@@ -26,10 +26,9 @@ constexpr const char* kGreen = "\033[32m";
 constexpr const char* kReverse = "\033[7m";
 constexpr const char* kPlain = "\033[0m";
 
-/// Numbers of a row. Where there is no room for all, the last ones are left out.
-constexpr std::size_t kNumbers = 6;
-constexpr std::size_t kFailures = 2;
-using Numbers = std::array<std::string, kNumbers>;
+/// In a row of a block.
+constexpr std::size_t kLoad = 1;
+constexpr std::size_t kFailures = 3;
 
 double load_of(const TopRow& row, Time interval)
 {
@@ -38,60 +37,62 @@ double load_of(const TopRow& row, Time interval)
                : static_cast<double>(row.recent.count()) / static_cast<double>(interval.count());
 }
 
-Numbers numbers_of(const TopRow& row, Time interval)
+std::string describe_load(double load)
 {
     constexpr double kPercent = 100;
-    std::array<char, 32> load{};
-    static_cast<void>(
-        std::snprintf(load.data(), load.size(), "%.1f %%", kPercent * load_of(row, interval)));
-    const BlockStatistics& block = row.block;
-    return {load.data(),
-            std::to_string(block.runs),
-            std::to_string(block.failures),
-            describe_time(block.total),
-            describe_time(block.longest),
-            describe_time(block.percentile_99)};
+    std::array<char, 32> text{};
+    static_cast<void>(std::snprintf(text.data(), text.size(), "%.1f %%", kPercent * load));
+    return text.data();
 }
 
-/// How wide the columns are.
+Row with_load(Row row, const std::string& load)
+{
+    row.insert(row.begin() + kLoad, load);
+    return row;
+}
+
+/// How wide the columns are. Where there is no room for all, the last ones are left out.
 struct Layout {
-    std::size_t path = 0;
-    std::size_t bar = 0;  // 0: there is none
-    std::size_t count = 0;
-    std::array<std::size_t, kNumbers> numbers{};
+    std::vector<std::size_t> widths;
+    std::size_t bar = 0;  // behind the first number; 0: there is none
 };
 
-Layout lay_out(const std::vector<TopRow>& rows, const std::vector<Numbers>& numbers,
-               std::size_t width)
+Layout lay_out(const std::vector<Row>& rows, std::size_t width)
 {
-    Layout layout;
-    for (const Numbers& row : numbers) {
-        for (std::size_t at = 0; at < kNumbers; ++at) {
-            layout.numbers[at] = std::max(layout.numbers[at], row[at].size());
+    std::vector<std::size_t> widths(rows.front().size());
+    for (const Row& row : rows) {
+        for (std::size_t at = 0; at < row.size(); ++at) {
+            widths[at] = std::max(widths[at], row[at].size());
         }
     }
-    std::size_t longest = std::string("block").size();
-    for (const TopRow& row : rows) {
-        longest = std::max(longest, row.block.path.size());
-    }
     std::size_t used = 0;
-    while (layout.count < kNumbers &&
-           std::min(longest, kNarrowestPath) + used + kGap + layout.numbers[layout.count] <=
-               width) {
-        used += kGap + layout.numbers[layout.count++];
+    std::size_t count = 1;
+    while (count < widths.size() &&
+           std::min(widths[0], kNarrowestPath) + used + kGap + widths[count] <= width) {
+        used += kGap + widths[count++];
     }
-    layout.path = std::min(longest, width - std::min(width, used));
-    used += layout.path + kGap;
-    if (layout.count > 0 && width >= used + kNarrowestBar) {
-        layout.bar = std::min(kWidestBar, width - used);
-    }
-    return layout;
+    widths.resize(count);
+    widths[0] = std::min(widths[0], width - std::min(width, used));
+    used += widths[0] + kGap;
+    const bool has_bar = count > 1 && width >= used + kNarrowestBar;
+    return {std::move(widths), has_bar ? std::min(kWidestBar, width - used) : 0};
 }
 
 std::string fill(std::string text, std::size_t width)
 {
     text.resize(std::max(width, text.size()), ' ');
     return text;
+}
+
+/// What is left of a text of UTF-8 without so many bytes at its start and the rest of a character.
+std::string cut_start(const std::string& text, std::size_t bytes)
+{
+    constexpr unsigned char kMask = 0xc0;
+    constexpr unsigned char kRest = 0x80;
+    while (bytes < text.size() && (static_cast<unsigned char>(text[bytes]) & kMask) == kRest) {
+        ++bytes;
+    }
+    return text.substr(bytes);
 }
 
 /// The end of a path that is too long, which tells more than its beginning.
@@ -102,8 +103,9 @@ std::string shorten(const std::string& path, std::size_t width, bool has_unicode
     }
     const std::string mark = has_unicode ? "…" : "...";
     const std::size_t mark_width = has_unicode ? 1 : mark.size();
-    return width <= mark_width ? path.substr(path.size() - width)
-                               : mark + path.substr(path.size() - (width - mark_width));
+    return width <= mark_width ? fill(cut_start(path, path.size() - width), width)
+                               : mark + fill(cut_start(path, path.size() - (width - mark_width)),
+                                             width - mark_width);
 }
 
 /// @param share  of the width, from 0 to 1
@@ -127,23 +129,18 @@ std::string draw_bar(double share, std::size_t width, bool has_unicode)
 /// Puts the parts of lines together.
 class Drawing {
 public:
-    Drawing(const Layout& layout, const TopStyle& style) : layout_(layout), style_(style) {}
+    Drawing(Layout layout, const TopStyle& style) : layout_(std::move(layout)), style_(style) {}
 
-    std::string title(const std::string& text) const
+    std::string names(const Row& names) const
     {
-        return coloured(kBold, text.substr(0, style_.width));
-    }
-
-    std::string names(const Numbers& names) const
-    {
-        return coloured(kReverse, fill(row("block", names, fill("", layout_.bar), false),
+        return coloured(kReverse, fill(line(names, fill("", layout_.bar), false),
                                        style_.has_colours ? style_.width : 0));
     }
 
-    std::string block(const TopRow& top, const Numbers& numbers, double share) const
+    std::string block(const Row& row, double share, bool has_failures) const
     {
-        return row(top.block.path, numbers, draw_bar(share, layout_.bar, style_.has_unicode), true,
-                   top.block.failures > 0);
+        return line(row, coloured(kGreen, draw_bar(share, layout_.bar, style_.has_unicode)),
+                    has_failures);
     }
 
 private:
@@ -152,27 +149,30 @@ private:
         return style_.has_colours ? colour + text + kPlain : text;
     }
 
-    /// The bar stands behind the first number.
-    std::string row(const std::string& path, const Numbers& numbers, const std::string& bar,
-                    bool is_block, bool has_failures = false) const
+    std::string line(const Row& row, const std::string& bar, bool has_failures) const
     {
-        std::string line = shorten(path, layout_.path, style_.has_unicode);
-        for (std::size_t at = 0; at < layout_.count; ++at) {
-            std::string cell =
-                std::string(layout_.numbers[at] - numbers[at].size(), ' ') + numbers[at];
+        std::string line = shorten(row[0], layout_.widths[0], style_.has_unicode);
+        for (std::size_t at = 1; at < layout_.widths.size(); ++at) {
+            const std::string cell =
+                std::string(layout_.widths[at] - row[at].size(), ' ') + row[at];
             line += std::string(kGap, ' ');
             line += has_failures && at == kFailures ? coloured(kRed, cell) : cell;
-            if (at == 0 && layout_.bar > 0) {
-                line += std::string(kGap, ' ');
-                line += is_block ? coloured(kGreen, bar) : bar;
+            if (at == kLoad && layout_.bar > 0) {
+                line += std::string(kGap, ' ') + bar;
             }
         }
         return line;
     }
 
-    const Layout& layout_;
+    Layout layout_;
     const TopStyle& style_;
 };
+
+std::string draw_title(const std::string& text, const TopStyle& style)
+{
+    const std::string shown = text.substr(0, style.width);
+    return style.has_colours ? kBold + shown + kPlain : shown;
+}
 
 }  // namespace
 
@@ -200,17 +200,17 @@ std::vector<TopRow> to_rows(const std::vector<BlockStatistics>& before,
 std::vector<std::string> draw_top(const std::string& title, const std::vector<TopRow>& rows,
                                   std::chrono::nanoseconds interval, const TopStyle& style)
 {
-    std::vector<Numbers> numbers = {{"load", "runs", "failures", "total", "max", "99 %"}};
+    std::vector<Row> texts = {with_load(block_titles(), "load")};
     for (const TopRow& row : rows) {
-        numbers.push_back(numbers_of(row, interval));
+        texts.push_back(with_load(to_row(row.block), describe_load(load_of(row, interval))));
     }
-    const Layout layout = lay_out(rows, numbers, style.width);
-    const Drawing drawing(layout, style);
+    const Drawing drawing(lay_out(texts, style.width), style);
     const double highest = rows.empty() ? 0 : load_of(rows.front(), interval);
-    std::vector<std::string> lines = {drawing.title(title), drawing.names(numbers.front())};
+    std::vector<std::string> lines = {draw_title(title, style), drawing.names(texts.front())};
     for (std::size_t at = 0; at < rows.size() && lines.size() < style.height; ++at) {
         const double load = load_of(rows[at], interval);
-        lines.push_back(drawing.block(rows[at], numbers[at + 1], highest > 0 ? load / highest : 0));
+        lines.push_back(drawing.block(texts[at + 1], highest > 0 ? load / highest : 0,
+                                      rows[at].block.failures > 0));
     }
     lines.resize(std::min<std::size_t>(lines.size(), style.height));
     return lines;

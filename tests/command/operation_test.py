@@ -12,6 +12,7 @@ import pty
 import re
 import select
 import signal
+import socket
 import struct
 import subprocess
 import sys
@@ -602,6 +603,32 @@ class Commands(Operation):
         self.assertRegex(out.splitlines()[1], "^print +1 +0 +[1-9]")
 
 
+class SilentSocket:
+    """Takes connections at the place of a bus, and says nothing."""
+
+    def __init__(self, path):
+        self.connections = []
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(100)
+        other = path.with_suffix(".new")
+        self.socket.bind(str(other))
+        self.socket.listen()
+        other.rename(path)
+
+    def accept(self, process):
+        """The connection of the process; others may come too."""
+        caller = None
+        while caller != process.pid:
+            connection = self.socket.accept()[0]
+            self.connections.append(connection)
+            caller = struct.unpack("iII", connection.getsockopt(socket.SOL_SOCKET,
+                                                                socket.SO_PEERCRED, 12))[0]
+
+    def close(self):
+        for one in (self.socket, *self.connections):
+            one.close()
+
+
 ENTER = "\x1b[?1049h"
 LEAVE = "\x1b[?25h\x1b[?1049l"
 
@@ -617,12 +644,16 @@ class Top(Operation):
         self.resize(80, 24)
         self.before = termios.tcgetattr(self.inside)
         self.shown = ""
-        self.top = subprocess.Popen(
+        self.top = self.start_top()
+        self.wait_for(r"the-graph: 4 blocks, 0 waves\r\n.*\x1b\[J")
+
+    def start_top(self):
+        top = subprocess.Popen(
             [QUORVAL, "top", "the-graph"], stdin=self.inside, stdout=self.inside,
             stderr=subprocess.PIPE, text=True, env={**self.environment(), "TERM": "xterm"},
             start_new_session=True, preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
-        self.addCleanup(self.end, self.top)
-        self.wait_for(r"the-graph: 4 blocks, 0 waves\r\n.*\x1b\[J")
+        self.addCleanup(self.end, top)
+        return top
 
     def resize(self, width, height):
         fcntl.ioctl(self.inside, termios.TIOCSWINSZ, struct.pack("HHHH", height, width, 0, 0))
@@ -687,6 +718,25 @@ class Top(Operation):
     def test_it_ends_with_the_graph(self):
         self.graph().Stop()
         self.check_end("quorval: graph 'the-graph' has gone\n")
+
+    def test_a_bus_that_does_not_answer_any_more_holds_nothing_up(self):
+        silent = SilentSocket(self.bus.socket)
+        self.addCleanup(silent.close)
+        self.bus.process.kill()
+        silent.accept(self.top)
+        os.write(self.terminal, b"q")
+        self.check_end()
+
+    def test_sigint_ends_the_search_for_the_graph(self):
+        os.write(self.terminal, b"q")
+        self.check_end()
+        silent = SilentSocket(self.bus.socket)
+        self.addCleanup(silent.close)
+        self.top = self.start_top()
+        silent.accept(self.top)
+        self.top.send_signal(signal.SIGINT)
+        self.assertEqual((self.top.communicate(timeout=100)[1], self.top.returncode),
+                         ("", -signal.SIGINT))
 
     def test_a_graph_that_does_not_answer_holds_nothing_up(self):
         self.graph_process.send_signal(signal.SIGSTOP)

@@ -22,6 +22,16 @@ TEST(StatisticsTable, OfNothingIsItsTitles)
     EXPECT_EQ(to_table({}), "block  runs  failures  total  max  99 %\n");
 }
 
+TEST(StatisticsTable, ShowsControlCharactersOfForeignPaths)
+{
+    EXPECT_EQ(to_table({{"a\033[2J", 3, 0, 9ns, 5ns, 7ns}}),
+              "block     runs  failures  total   max  99 %\n"
+              "a\\x1B[2J     3         0   9 ns  5 ns  7 ns\n");
+    EXPECT_EQ(to_link_table({{"a\n.out", false, 20, 160, 3, 2, 1, 7}}),
+              "link          values  bytes  lost  gaps  queue\n"
+              "a\\x0A.out ->      20    160     3     2      7\n");
+}
+
 TEST(LinkTable, HasALineForEachOutput)
 {
     EXPECT_EQ(to_link_table({{"a.out", true, 20, 160, 3, 2, 1, 7}}),

@@ -85,6 +85,23 @@ TEST(TopTable, ShowsTheEndsOfLongPaths)
               (Lines{"g", "block                 load", "…ng/path/of/a/block  0.0 %"}));
 }
 
+TEST(TopTable, ShowsControlCharactersOfForeignPaths)
+{
+    EXPECT_EQ(draw_top("g", {{{"a\033[2J\n", 1, 0, 1s, 1s, 1s}, 0s}}, 0s, {26, 24, false, false}),
+              (Lines{"g", "block          load  runs", "a\\x1B[2J\\x0A  0.0 %     1"}));
+}
+
+TEST(TopTable, CutsNoCharacterOfAPathApart)
+{
+    EXPECT_EQ(
+        draw_top("g", {{{"\u00e4\u00f6\u00fc", 1, 0, 1s, 1s, 1s}, 0s}}, 0s, {3, 3, false, true}),
+        (Lines{"g", "…ck", "…\u00fc"}));
+    EXPECT_EQ(
+        draw_top("g", {{{"\u00e4\u00f6\u00fc", 1, 0, 1s, 1s, 1s}, 0s}}, 0s, {4, 3, false, true})
+            .back(),
+        "…\u00fc ");
+}
+
 TEST(TopTable, HasAsManyBlocksAsThereIsRoomFor)
 {
     EXPECT_EQ(draw_top("g", kRows, 1s, {26, 3, false, false}).size(), 3U);
