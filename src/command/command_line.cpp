@@ -3,7 +3,10 @@
 #include <quorval/runtime/suggest.h>
 #include "output.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <iterator>
 #include <memory>
@@ -64,62 +67,11 @@ void refuse_missing_values(const Arguments& arguments)
     }
 }
 
-}  // namespace
-
-CommandLine::CommandLine(const HelpText& help) : options_(help.description)
-{
-    options_.formatter(std::make_shared<HelpFormatter>(help.usage));
-    options_.footer(help.more);
-    options_.set_help_flag("-h,--help", "print this text");
-    // Unknown options are met here, with a suggestion. Arguments that are no options are left
-    // over too: as CLI11 reads them, brackets would mean something.
-    options_.allow_extras();
-}
-
-void CommandLine::add_list(const std::string& name, std::vector<std::string>& values,
-                           const std::string& value_name, const std::string& description)
-{
-    options_.add_option(name, values, description)->type_name(value_name)->allow_extra_args(false);
-}
-
-CLI::Option* CommandLine::add_value(const std::string& name, std::string& value,
-                                    const std::string& value_name, const std::string& description)
-{
-    return options_.add_option(name, value, description)
-        ->type_name(value_name)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-}
-
-void CommandLine::add_flag(const std::string& name, bool& is_set, const std::string& description)
-{
-    options_.add_flag(name, is_set, description)->disable_flag_override();
-}
-
-void CommandLine::add_count(const std::string& name, int& count, const std::string& description)
-{
-    options_.add_flag(name, count, description)->disable_flag_override();
-}
-
-std::optional<std::vector<std::string>> CommandLine::read(const Arguments& arguments)
-{
-    refuse_missing_values(arguments);
-    try {
-        options_.parse(Arguments(arguments.rbegin(), arguments.rend()));
-    } catch (const CLI::CallForHelp&) {
-        write_output(options_.help());
-        return std::nullopt;
-    } catch (const CLI::ParseError& error) {
-        split_remaining();  // an unknown option is the better reason
-        throw UsageError(error.what());
-    }
-    return split_remaining();
-}
-
 /// The names of the options, with their dashes.
-std::vector<std::string> CommandLine::names() const
+std::vector<std::string> names_of(const CLI::App& options)
 {
     std::vector<std::string> names;
-    for (const CLI::Option* option : options_.get_options()) {
+    for (const CLI::Option* option : options.get_options()) {
         for (const std::string& name : option->get_lnames()) {
             names.push_back("--" + name);
         }
@@ -128,18 +80,84 @@ std::vector<std::string> CommandLine::names() const
 }
 
 /// What was left over, without the "--" that ends the options.
-std::vector<std::string> CommandLine::split_remaining() const
+std::vector<std::string> split_remaining(const CLI::App& options)
 {
-    std::vector<std::string> remaining = options_.remaining();
+    std::vector<std::string> remaining = options.remaining();
     const auto end_of_options = std::find(remaining.begin(), remaining.end(), "--");
     const auto unknown = std::find_if(remaining.begin(), end_of_options, is_option);
     if (unknown != end_of_options) {
-        throw_unknown("option", unknown->substr(0, unknown->find('=')), names());
+        throw_unknown("option", unknown->substr(0, unknown->find('=')), names_of(options));
     }
     if (end_of_options != remaining.end()) {
         remaining.erase(end_of_options);
     }
     return remaining;
+}
+
+}  // namespace
+
+struct CommandLine::Impl {
+    CLI::App options;
+};
+
+CommandLine::CommandLine(const HelpText& help) : impl_(std::make_unique<Impl>())
+{
+    CLI::App& options = impl_->options;
+    options.description(help.description);
+    options.formatter(std::make_shared<HelpFormatter>(help.usage));
+    options.footer(help.more);
+    options.set_help_flag("-h,--help", "print this text");
+    // Unknown options are met here, with a suggestion. Arguments that are no options are left
+    // over too: as CLI11 reads them, brackets would mean something.
+    options.allow_extras();
+}
+
+CommandLine::~CommandLine() = default;
+
+void CommandLine::add_list(const std::string& name, std::vector<std::string>& values,
+                           const std::string& value_name, const std::string& description)
+{
+    impl_->options.add_option(name, values, description)
+        ->type_name(value_name)
+        ->allow_extra_args(false);
+}
+
+void CommandLine::add_value(const std::string& name, std::string& value,
+                            const std::string& value_name, const std::string& description)
+{
+    impl_->options.add_option(name, value, description)
+        ->type_name(value_name)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+void CommandLine::add_flag(const std::string& name, bool& is_set, const std::string& description)
+{
+    impl_->options.add_flag(name, is_set, description)->disable_flag_override();
+}
+
+void CommandLine::add_count(const std::string& name, int& count, const std::string& description)
+{
+    impl_->options.add_flag(name, count, description)->disable_flag_override();
+}
+
+std::optional<std::vector<std::string>> CommandLine::read(const Arguments& arguments)
+{
+    refuse_missing_values(arguments);
+    try {
+        impl_->options.parse(Arguments(arguments.rbegin(), arguments.rend()));
+    } catch (const CLI::CallForHelp&) {
+        write_output(impl_->options.help());
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        split_remaining(impl_->options);  // an unknown option is the better reason
+        throw UsageError(error.what());
+    }
+    return split_remaining(impl_->options);
+}
+
+bool CommandLine::has(const std::string& name) const
+{
+    return impl_->options.count(name) > 0;
 }
 
 void throw_unknown(const std::string& what, const std::string& name,

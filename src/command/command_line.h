@@ -3,9 +3,8 @@
 
 #include "command.h"
 
-#include <CLI/CLI.hpp>
-
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -37,16 +36,17 @@ struct HelpText {
 class CommandLine {
 public:
     explicit CommandLine(const HelpText& help);
-
-    CLI::App& options() { return options_; }
+    CommandLine(const CommandLine&) = delete;
+    CommandLine& operator=(const CommandLine&) = delete;
+    ~CommandLine();
 
     /// An option that may be given several times, each time with one value.
     void add_list(const std::string& name, std::vector<std::string>& values,
                   const std::string& value_name, const std::string& description);
 
     /// An option of which the last value counts.
-    CLI::Option* add_value(const std::string& name, std::string& value,
-                           const std::string& value_name, const std::string& description);
+    void add_value(const std::string& name, std::string& value, const std::string& value_name,
+                   const std::string& description);
 
     /// An option without a value.
     void add_flag(const std::string& name, bool& is_set, const std::string& description);
@@ -60,9 +60,12 @@ public:
     /// @throws UsageError  an option is unknown or has not the value that it needs
     std::optional<std::vector<std::string>> read(const Arguments& arguments);
 
-private:
-    std::vector<std::string> names() const;
-    std::vector<std::string> split_remaining() const;
+    /// Whether an option was on the line that was read.
+    bool has(const std::string& name) const;
 
-    CLI::App options_;
+private:
+    // Keeps the parser out of the commands, which it takes longer to compile than they do.
+    struct Impl;
+
+    std::unique_ptr<Impl> impl_;
 };

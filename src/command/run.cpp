@@ -91,18 +91,17 @@ int run_command(const Arguments& arguments)
                    "$STATE_DIRECTORY, else none)");
     line.add_value("--bus", bus, "BUS",
                    "be seen and changed on this bus: user, system, none (default: none)");
-    const CLI::Option* has_duration =
-        line.add_value("--for", duration, "DURATION",
-                       "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
+    line.add_value("--for", duration, "DURATION",
+                   "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
     line.add_flag("--stats", shows_statistics,
                   "write how often blocks ran, failed, and how long that took, at the end");
     line.add_value("--trace", trace_file, "FILE",
                    "write each run of a block to FILE, for viewers of trace events");
     add_machines(line, machine, is_local);
-    const CLI::Option* has_recording = line.add_value(
-        "--record", record_file, "FILE", "record what outputs give into FILE, which is made");
-    const CLI::Option* has_outputs = line.add_value(
-        "--outputs", outputs, "A.OUT,B.OUT", "record these (default: the outputs of the sources)");
+    line.add_value("--record", record_file, "FILE",
+                   "record what outputs give into FILE, which is made");
+    line.add_value("--outputs", outputs, "A.OUT,B.OUT",
+                   "record these (default: the outputs of the sources)");
     add_verbosity(line, verbosity);
     const auto files = line.read(arguments);
     if (!files.has_value()) {
@@ -117,8 +116,8 @@ int run_command(const Arguments& arguments)
     options.bus = read_bus(bus);
     set_machine(options, machine, is_local);
     options.record_file = record_file;
-    read_recording_options(has_recording->count() > 0, has_outputs->count() > 0, outputs, options);
-    if (has_duration->count() > 0) {
+    read_recording_options(line.has("--record"), line.has("--outputs"), outputs, options);
+    if (line.has("--for")) {
         options.run_for = read_duration(duration);
     }
     ProgressLine progress;
