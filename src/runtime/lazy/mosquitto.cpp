@@ -4,6 +4,8 @@
 
 #include <mosquitto.h>
 
+#include <type_traits>
+
 namespace {
 
 const Quorval::runtime::Library& libmosquitto()
@@ -12,86 +14,87 @@ const Quorval::runtime::Library& libmosquitto()
     return kLoaded;
 }
 
+/// Calls the function of the library that has the name and the type of this one.
+template <auto Function, class... Arguments>
+auto call(const char* name, Arguments... arguments)
+{
+    static auto* const kFound =
+        libmosquitto().find<std::remove_pointer_t<decltype(Function)>>(name);
+    return kFound(arguments...);
+}
+
 }  // namespace
 
 extern "C" {
 
 int mosquitto_lib_init()
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_lib_init)>("mosquitto_lib_init");
-    return kFound();
+    return call<mosquitto_lib_init>("mosquitto_lib_init");
 }
 
 mosquitto* mosquitto_new(const char* id, bool clean_session, void* obj)
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_new)>("mosquitto_new");
-    return kFound(id, clean_session, obj);
+    return call<mosquitto_new>("mosquitto_new", id, clean_session, obj);
 }
 
 void mosquitto_destroy(mosquitto* mosq)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_destroy)>("mosquitto_destroy");
-    return kFound(mosq);
+    return call<mosquitto_destroy>("mosquitto_destroy", mosq);
 }
 
 int mosquitto_int_option(mosquitto* mosq, mosq_opt_t option, int value)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_int_option)>("mosquitto_int_option");
-    return kFound(mosq, option, value);
+    return call<mosquitto_int_option>("mosquitto_int_option", mosq, option, value);
 }
 
 int mosquitto_will_set_v5(mosquitto* mosq, const char* topic, int payloadlen, const void* payload,
                           int qos, bool retain, mosquitto_property* properties)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_will_set_v5)>("mosquitto_will_set_v5");
-    return kFound(mosq, topic, payloadlen, payload, qos, retain, properties);
+    return call<mosquitto_will_set_v5>("mosquitto_will_set_v5", mosq, topic, payloadlen, payload,
+                                       qos, retain, properties);
 }
 
 int mosquitto_tls_set(mosquitto* mosq, const char* cafile, const char* capath, const char* certfile,
                       const char* keyfile,
                       int (*pw_callback)(char* buf, int size, int rwflag, void* userdata))
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_tls_set)>("mosquitto_tls_set");
-    return kFound(mosq, cafile, capath, certfile, keyfile, pw_callback);
+    return call<mosquitto_tls_set>("mosquitto_tls_set", mosq, cafile, capath, certfile, keyfile,
+                                   pw_callback);
 }
 
 int mosquitto_username_pw_set(mosquitto* mosq, const char* username, const char* password)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_username_pw_set)>("mosquitto_username_pw_set");
-    return kFound(mosq, username, password);
+    return call<mosquitto_username_pw_set>("mosquitto_username_pw_set", mosq, username, password);
 }
 
 void mosquitto_connect_v5_callback_set(mosquitto* mosq,
                                        void (*on_connect)(mosquitto*, void*, int, int,
                                                           const mosquitto_property* props))
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_connect_v5_callback_set)>(
-        "mosquitto_connect_v5_callback_set");
-    return kFound(mosq, on_connect);
+    return call<mosquitto_connect_v5_callback_set>("mosquitto_connect_v5_callback_set", mosq,
+                                                   on_connect);
+}
+
+void mosquitto_log_callback_set(mosquitto* mosq,
+                                void (*on_log)(mosquitto*, void*, int, const char*))
+{
+    return call<mosquitto_log_callback_set>("mosquitto_log_callback_set", mosq, on_log);
 }
 
 void mosquitto_disconnect_v5_callback_set(mosquitto* mosq,
                                           void (*on_disconnect)(mosquitto*, void*, int,
                                                                 const mosquitto_property* props))
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_disconnect_v5_callback_set)>(
-        "mosquitto_disconnect_v5_callback_set");
-    return kFound(mosq, on_disconnect);
+    return call<mosquitto_disconnect_v5_callback_set>("mosquitto_disconnect_v5_callback_set", mosq,
+                                                      on_disconnect);
 }
 
 void mosquitto_publish_v5_callback_set(mosquitto* mosq,
                                        void (*on_publish)(mosquitto*, void*, int, int,
                                                           const mosquitto_property* props))
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_publish_v5_callback_set)>(
-        "mosquitto_publish_v5_callback_set");
-    return kFound(mosq, on_publish);
+    return call<mosquitto_publish_v5_callback_set>("mosquitto_publish_v5_callback_set", mosq,
+                                                   on_publish);
 }
 
 void mosquitto_subscribe_v5_callback_set(mosquitto* mosq,
@@ -99,9 +102,8 @@ void mosquitto_subscribe_v5_callback_set(mosquitto* mosq,
                                                               const int*,
                                                               const mosquitto_property* props))
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_subscribe_v5_callback_set)>(
-        "mosquitto_subscribe_v5_callback_set");
-    return kFound(mosq, on_subscribe);
+    return call<mosquitto_subscribe_v5_callback_set>("mosquitto_subscribe_v5_callback_set", mosq,
+                                                     on_subscribe);
 }
 
 void mosquitto_message_v5_callback_set(mosquitto* mosq,
@@ -109,128 +111,103 @@ void mosquitto_message_v5_callback_set(mosquitto* mosq,
                                                           const mosquitto_message*,
                                                           const mosquitto_property* props))
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_message_v5_callback_set)>(
-        "mosquitto_message_v5_callback_set");
-    return kFound(mosq, on_message);
+    return call<mosquitto_message_v5_callback_set>("mosquitto_message_v5_callback_set", mosq,
+                                                   on_message);
 }
 
 int mosquitto_connect_bind_v5(mosquitto* mosq, const char* host, int port, int keepalive,
                               const char* bind_address, const mosquitto_property* properties)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_connect_bind_v5)>("mosquitto_connect_bind_v5");
-    return kFound(mosq, host, port, keepalive, bind_address, properties);
+    return call<mosquitto_connect_bind_v5>("mosquitto_connect_bind_v5", mosq, host, port, keepalive,
+                                           bind_address, properties);
 }
 
 int mosquitto_connect_bind_async(mosquitto* mosq, const char* host, int port, int keepalive,
                                  const char* bind_address)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_connect_bind_async)>("mosquitto_connect_bind_async");
-    return kFound(mosq, host, port, keepalive, bind_address);
+    return call<mosquitto_connect_bind_async>("mosquitto_connect_bind_async", mosq, host, port,
+                                              keepalive, bind_address);
 }
 
 int mosquitto_disconnect_v5(mosquitto* mosq, int reason_code, const mosquitto_property* properties)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_disconnect_v5)>("mosquitto_disconnect_v5");
-    return kFound(mosq, reason_code, properties);
+    return call<mosquitto_disconnect_v5>("mosquitto_disconnect_v5", mosq, reason_code, properties);
 }
 
 int mosquitto_loop_read(mosquitto* mosq, int max_packets)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_loop_read)>("mosquitto_loop_read");
-    return kFound(mosq, max_packets);
+    return call<mosquitto_loop_read>("mosquitto_loop_read", mosq, max_packets);
 }
 
 int mosquitto_loop_write(mosquitto* mosq, int max_packets)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_loop_write)>("mosquitto_loop_write");
-    return kFound(mosq, max_packets);
+    return call<mosquitto_loop_write>("mosquitto_loop_write", mosq, max_packets);
 }
 
 int mosquitto_loop_misc(mosquitto* mosq)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_loop_misc)>("mosquitto_loop_misc");
-    return kFound(mosq);
+    return call<mosquitto_loop_misc>("mosquitto_loop_misc", mosq);
 }
 
 int mosquitto_socket(mosquitto* mosq)
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_socket)>("mosquitto_socket");
-    return kFound(mosq);
+    return call<mosquitto_socket>("mosquitto_socket", mosq);
 }
 
 bool mosquitto_want_write(mosquitto* mosq)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_want_write)>("mosquitto_want_write");
-    return kFound(mosq);
+    return call<mosquitto_want_write>("mosquitto_want_write", mosq);
 }
 
 int mosquitto_publish_v5(mosquitto* mosq, int* mid, const char* topic, int payloadlen,
                          const void* payload, int qos, bool retain,
                          const mosquitto_property* properties)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_publish_v5)>("mosquitto_publish_v5");
-    return kFound(mosq, mid, topic, payloadlen, payload, qos, retain, properties);
+    return call<mosquitto_publish_v5>("mosquitto_publish_v5", mosq, mid, topic, payloadlen, payload,
+                                      qos, retain, properties);
 }
 
 int mosquitto_subscribe_v5(mosquitto* mosq, int* mid, const char* sub, int qos, int options,
                            const mosquitto_property* properties)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_subscribe_v5)>("mosquitto_subscribe_v5");
-    return kFound(mosq, mid, sub, qos, options, properties);
+    return call<mosquitto_subscribe_v5>("mosquitto_subscribe_v5", mosq, mid, sub, qos, options,
+                                        properties);
 }
 
 int mosquitto_property_add_int32(mosquitto_property** proplist, int identifier, uint32_t value)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_property_add_int32)>("mosquitto_property_add_int32");
-    return kFound(proplist, identifier, value);
+    return call<mosquitto_property_add_int32>("mosquitto_property_add_int32", proplist, identifier,
+                                              value);
 }
 
 int mosquitto_property_add_string_pair(mosquitto_property** proplist, int identifier,
                                        const char* name, const char* value)
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_property_add_string_pair)>(
-        "mosquitto_property_add_string_pair");
-    return kFound(proplist, identifier, name, value);
+    return call<mosquitto_property_add_string_pair>("mosquitto_property_add_string_pair", proplist,
+                                                    identifier, name, value);
 }
 
 const mosquitto_property* mosquitto_property_read_string_pair(const mosquitto_property* proplist,
                                                               int identifier, char** name,
                                                               char** value, bool skip_first)
 {
-    static auto* const kFound = libmosquitto().find<decltype(mosquitto_property_read_string_pair)>(
-        "mosquitto_property_read_string_pair");
-    return kFound(proplist, identifier, name, value, skip_first);
+    return call<mosquitto_property_read_string_pair>("mosquitto_property_read_string_pair",
+                                                     proplist, identifier, name, value, skip_first);
 }
 
 void mosquitto_property_free_all(mosquitto_property** properties)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_property_free_all)>("mosquitto_property_free_all");
-    return kFound(properties);
+    return call<mosquitto_property_free_all>("mosquitto_property_free_all", properties);
 }
 
 const char* mosquitto_strerror(int mosq_errno)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_strerror)>("mosquitto_strerror");
-    return kFound(mosq_errno);
+    return call<mosquitto_strerror>("mosquitto_strerror", mosq_errno);
 }
 
 const char* mosquitto_reason_string(int reason_code)
 {
-    static auto* const kFound =
-        libmosquitto().find<decltype(mosquitto_reason_string)>("mosquitto_reason_string");
-    return kFound(reason_code);
+    return call<mosquitto_reason_string>("mosquitto_reason_string", reason_code);
 }
 
 }  // extern "C"
