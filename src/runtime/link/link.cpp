@@ -5,6 +5,8 @@
 
 #include <mqtt_protocol.h>
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <set>
@@ -25,7 +27,7 @@ constexpr seconds kPatience(30);           // with a broker that does not answer
 constexpr seconds kWorkPause(10);          // a third of the keep-alive
 constexpr std::size_t kMostSent = 20;      // messages without a receipt
 constexpr std::size_t kMostPending = 100;  // values that the graph has not taken
-constexpr int kMostEarlyEnds = 3;
+constexpr int kReadsAtOnce = 64;
 constexpr int kFirstRefusal = 128;  // reasons of MQTT 5 from here on are refusals
 
 constexpr const char* kTlsFailed = "TLS failed; a certificate or a key may be wrong";
@@ -59,13 +61,27 @@ std::uint64_t time_of_day()
         std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
 }
 
+/// Whether the name service has to be asked for a host.
+bool needs_lookup(const std::string& host)
+{
+    in6_addr address{};
+    return host != "localhost" && ::inet_pton(AF_INET, host.c_str(), &address) != 1 &&
+           ::inet_pton(AF_INET6, host.c_str(), &address) != 1;
+}
+
 /// Why a connection ended, in words.
 std::string text_of_end(int reason, int error)
 {
     if (reason >= kFirstRefusal) {
         return ::mosquitto_reason_string(reason);
     }
-    return error != 0 ? std::generic_category().message(error) : ::mosquitto_strerror(reason);
+    if (error == EPROTO || reason == MOSQ_ERR_TLS) {
+        return "TLS failed";
+    }
+    if (error != 0) {
+        return std::generic_category().message(error);
+    }
+    return reason == MOSQ_ERR_SUCCESS ? "it ended the connection" : text_of_error(reason);
 }
 
 /// Whether a broker that refuses a connection so will do it again.
@@ -90,7 +106,8 @@ Link::Link(const Setting& setting, Network& network, const PluginSet& plugins, P
               [this](const char* topic, const Stamp& stamp, std::string_view bytes) {
                   receive(topic, stamp, bytes);
               }),
-      pause_(kFirstPause)
+      pause_(kFirstPause),
+      needs_lookup_(needs_lookup(setting.description.host))
 {
     inboxes_.reserve(network.entries.size());
     for (std::uint32_t i = 0; i < network.entries.size(); ++i) {
@@ -126,9 +143,11 @@ void Link::has_value(std::uint32_t exit)
 void Link::prepare()
 {
     const Time now = now_();
-    if (state_ == State::Away && now >= next_attempt_) {
+    if (state_ == State::Away && is_ending_ && needs_lookup_) {
+        state_ = State::Closed;
+    } else if (state_ == State::Away && now >= next_attempt_) {
         connect();
-    } else if (state_ == State::Connecting && now >= deadline_) {
+    } else if (is_joining() && now >= deadline_) {
         wait_for_broker("it does not answer");
     } else if (now >= next_work_) {
         client_.work();
@@ -170,6 +189,7 @@ std::optional<Link::Time> Link::next_time() const
         case State::Away:
             return next_attempt_;
         case State::Connecting:
+        case State::Joining:
             return std::min(deadline_, next_work_);
         case State::Online:
         case State::Closing:
@@ -182,17 +202,21 @@ std::optional<Link::Time> Link::next_time() const
 
 void Link::take(const std::vector<Ready>& ready)
 {
+    bool is_writable = false;
     for (const Ready& one : ready) {
         if (one.tag == kLinkTag) {
             // Reading may have stopped where an answer could not be written.
             may_have_more_ = true;
-            if (one.writable && client_.fd() >= 0) {
-                client_.write();
-            }
+            is_writable = one.writable;
         }
     }
-    if (may_have_more_ && !is_full()) {
+    // Read first: what the broker says at the end of a connection is lost with the first write that
+    // fails.
+    for (int count = 0; count < kReadsAtOnce && may_have_more_ && !is_full(); ++count) {
         may_have_more_ = client_.fd() >= 0 && client_.read();
+    }
+    if (is_writable && client_.fd() >= 0) {
+        client_.write();
     }
     handle_news();
 }
@@ -239,12 +263,15 @@ void Link::handle_news()
         client_.disconnect();
     }
     if (news.end && state_ != State::Away && state_ != State::Closed) {
-        handle_end(*news.end, news.error);
+        handle_end(news);
     }
 }
 
 void Link::handle_answer(const MqttClient::Answer& answer)
 {
+    if (state_ != State::Connecting) {
+        return;
+    }
     if (answer.reason == 0) {
         welcome(answer.has_session);
     } else if (is_final(answer.reason)) {
@@ -254,60 +281,70 @@ void Link::handle_answer(const MqttClient::Answer& answer)
     }
 }
 
-void Link::handle_end(int reason, int error)
+void Link::handle_end(const MqttClient::News& news)
 {
     event_.reset();
     if (state_ == State::Closing) {
         state_ = State::Closed;
-    } else if (reason == MQTT_RC_SESSION_TAKEN_OVER) {
+    } else if (*news.end == MQTT_RC_SESSION_TAKEN_OVER) {
         yield();
-    } else if (is_refusal(reason, error)) {
+    } else if (news.is_refused) {
         refuse(kTlsFailed);
     } else {
-        wait_for_broker(text_of_end(reason, error));
+        wait_for_broker(text_of_end(*news.end, news.error));
     }
 }
 
-/// Whether an encrypted connection has ended since one side does not accept the other. Some brokers
-/// show that by ending it before they answer, which may have other reasons the first time.
-bool Link::is_refusal(int reason, int error)
-{
-    if (!setting_.description.is_encrypted || reason == MOSQ_ERR_EAI) {
-        return false;
-    }
-    if (reason == MOSQ_ERR_TLS || error == EPROTO) {
-        return true;
-    }
-    const bool is_early =
-        state_ == State::Connecting && (error == 0 || error == EPIPE || error == ECONNRESET);
-    return is_early && ++early_ends_ >= kMostEarlyEnds;
-}
-
-/// The connection stands.
+/// The broker has agreed; now it is asked for what the others say.
 void Link::welcome(bool has_session)
 {
-    if (has_told_) {
-        logger(LOGLEVEL_WARNING, "the broker %s is back", setting_.description.broker.c_str());
-    }
     if (was_online_ && !has_session && !network_.entries.empty()) {
         logger(LOGLEVEL_INFO, "the broker has begun a new session");
     }
-    state_ = State::Online;
+    state_ = State::Joining;
     was_online_ = true;
-    has_told_ = false;
-    pause_ = kFirstPause;
     goodbye_.reset();
     subscriptions_.clear();
     // Its own topic first: what stands there has come when the others are acknowledged, for nothing
     // of quality 0 waits behind values.
     for (const std::string& machine : {setting_.machine, std::string("+")}) {
-        subscriptions_[client_.subscribe(machine_topic(setting_.graph, machine), false, true)] =
-            "machines";
+        subscribe(machine_topic(setting_.graph, machine), false, true, "machines");
     }
     for (const Entry& entry : network_.entries) {
-        const std::string topic = value_topic(setting_.graph, entry.path, entry.port);
-        subscriptions_[client_.subscribe(topic, entry.keeps_all, !entry.keeps_all)] =
-            entry.path + "." + entry.port;
+        subscribe(value_topic(setting_.graph, entry.path, entry.port), entry.keeps_all,
+                  !entry.keeps_all, entry.path + "." + entry.port);
+    }
+}
+
+void Link::subscribe(const std::string& topic, bool keeps_all, bool wants_retained,
+                     const std::string& name)
+{
+    if (state_ != State::Joining) {
+        return;
+    }
+    std::string why;
+    const auto subscription = client_.subscribe(topic, keeps_all, wants_retained, why);
+    if (subscription) {
+        subscriptions_[*subscription] = name;
+    } else {
+        wait_for_broker("it cannot be asked for " + name + ": " + why);
+    }
+}
+
+/// The broker has answered all questions.
+void Link::stand()
+{
+    if (has_told_) {
+        logger(LOGLEVEL_WARNING, "the broker %s is back", setting_.description.broker.c_str());
+    }
+    logger(LOGLEVEL_INFO, "the link over the broker %s stands",
+           setting_.description.broker.c_str());
+    state_ = State::Online;
+    online_since_ = now_();
+    has_told_ = false;
+    if (!is_ending_) {
+        announce(kOnline);
+        is_announced_ = true;
     }
     for (Outbox& outbox : outboxes_) {
         outbox.repeat_latest();
@@ -317,8 +354,12 @@ void Link::welcome(bool has_session)
 void Link::wait_for_broker(const std::string& why)
 {
     event_.reset();
+    const Time now = now_();
+    if (state_ == State::Online && now - online_since_ >= pause_) {
+        pause_ = kFirstPause;
+    }
     state_ = State::Away;
-    next_attempt_ = now_() + pause_;
+    next_attempt_ = now + pause_;
     pause_ = std::min<Time>(2 * pause_, kLongestPause);
     if (!has_told_) {
         logger(LOGLEVEL_WARNING, "the broker %s is away: %s; values wait for it",
@@ -441,19 +482,23 @@ void Link::handle_receipts(const MqttClient::News& news)
         }
     }
     for (const MqttClient::Receipt& receipt : news.subscribed) {
-        if (receipt.reason >= kFirstRefusal) {
-            logger(LOGLEVEL_ERROR, "the broker refuses to tell of %s: %s",
-                   subscriptions_[receipt.message].c_str(),
-                   ::mosquitto_reason_string(receipt.reason));
-        }
-        if (subscriptions_.erase(receipt.message) > 0 && subscriptions_.empty()) {
-            logger(LOGLEVEL_INFO, "the link over the broker %s stands",
-                   setting_.description.broker.c_str());
-            if (!is_ending_) {
-                announce(kOnline);
-                is_announced_ = true;
-            }
-        }
+        handle_subscription(receipt);
+    }
+}
+
+void Link::handle_subscription(const MqttClient::Receipt& receipt)
+{
+    const auto subscription = subscriptions_.find(receipt.message);
+    if (subscription == subscriptions_.end()) {
+        return;
+    }
+    if (receipt.reason >= kFirstRefusal) {
+        logger(LOGLEVEL_ERROR, "the broker refuses to tell of %s: %s", subscription->second.c_str(),
+               ::mosquitto_reason_string(receipt.reason));
+    }
+    subscriptions_.erase(subscription);
+    if (subscriptions_.empty() && state_ == State::Joining) {
+        stand();
     }
 }
 

@@ -72,7 +72,8 @@ public:
     void end();
 
 private:
-    enum class State { Away, Connecting, Online, Closing, Closed };
+    /// Joining: the broker has agreed, and has not answered all questions.
+    enum class State { Away, Connecting, Joining, Online, Closing, Closed };
     enum class Presence { Unknown, Offline, Online };
 
     void has_value(std::uint32_t exit) override;
@@ -80,10 +81,14 @@ private:
     void connect();
     void handle_news();
     void handle_answer(const MqttClient::Answer& answer);
-    void handle_end(int reason, int error);
+    void handle_end(const MqttClient::News& news);
     void handle_receipts(const MqttClient::News& news);
-    bool is_refusal(int reason, int error);
+    void handle_subscription(const MqttClient::Receipt& receipt);
     void welcome(bool has_session);
+    void subscribe(const std::string& topic, bool keeps_all, bool wants_retained,
+                   const std::string& name);
+    void stand();
+    bool is_joining() const { return state_ == State::Connecting || state_ == State::Joining; }
     void wait_for_broker(const std::string& why);
     void refuse(const std::string& why);
     void yield();
@@ -121,7 +126,8 @@ private:
     Time deadline_{};  // of an attempt
     Time next_work_{};
     bool may_have_more_ = false;  // to read
-    int early_ends_ = 0;
+    Time online_since_{};
+    bool needs_lookup_;  // of the name of the host, which would block
     bool was_online_ = false;
     bool is_announced_ = false;
     bool has_rival_ = false;  // another client of this name

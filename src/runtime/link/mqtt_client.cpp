@@ -1,12 +1,14 @@
 #include "link/mqtt_client.h"
 
+#include "link/files.h"
+
 #include <mqtt_protocol.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -17,7 +19,9 @@ namespace {
 constexpr int kKeepAlive = 30;                   // seconds
 constexpr std::uint32_t kForEver = 0xFFFFFFFF;   // of a session
 constexpr std::size_t kRoomForRest = 1'048'576;  // of a packet, beside the value
-constexpr int kCallsAtOnce = 64;
+constexpr int kMostProperties = 16;              // of a message that are looked at
+constexpr std::size_t kMostTypeBytes = 1024;
+constexpr int kMostOwed = 1000;  // answers that the broker does not take
 constexpr const char* kSystemCertificates = "/etc/ssl/certs";
 
 /// Properties of a packet, which are a list in C.
@@ -68,18 +72,18 @@ std::uint64_t to_number(std::string_view text)
 Stamp read_stamp(const mosquitto_property* properties)
 {
     Stamp stamp;
-    bool is_next = false;
-    for (const mosquitto_property* at = properties; at != nullptr; is_next = true) {
+    const mosquitto_property* at = properties;
+    for (int count = 0; at != nullptr && count < kMostProperties; ++count) {
         char* name = nullptr;
         char* value = nullptr;
         at = ::mosquitto_property_read_string_pair(at, MQTT_PROP_USER_PROPERTY, &name, &value,
-                                                   is_next);
+                                                   count > 0);
         const Text owned_name(name);
         const Text owned_value(value);
         const std::string_view key = name == nullptr ? "" : name;
         const std::string_view text = value == nullptr ? "" : value;
         if (key == "type") {
-            stamp.type = text;
+            stamp.type = text.substr(0, kMostTypeBytes);
         } else if (key == "start") {
             stamp.start = to_number(text);
         } else if (key == "number") {
@@ -90,31 +94,6 @@ Stamp read_stamp(const mosquitto_property* properties)
         stamp.number = 0;
     }
     return stamp;
-}
-
-[[noreturn]] void throw_unreadable(const std::string& file)
-{
-    throw std::runtime_error("cannot read '" + file + "'");
-}
-
-void expect_readable(const std::string& file)
-{
-    if (!file.empty() && !std::ifstream(file)) {
-        throw_unreadable(file);
-    }
-}
-
-std::string read_password(const std::string& file)
-{
-    std::ifstream stream(file);
-    std::string password;
-    if (!stream || !std::getline(stream, password)) {
-        throw_unreadable(file);
-    }
-    if (!password.empty() && password.back() == '\r') {
-        password.pop_back();
-    }
-    return password;
 }
 
 const char* or_null(const std::string& text)
@@ -169,9 +148,10 @@ void MqttClient::set_will(const Identity& identity)
     const int result = ::mosquitto_will_set_v5(client_.get(), identity.will_topic.c_str(),
                                                static_cast<int>(identity.will.size()),
                                                identity.will.data(), 1, true, properties.get());
-    if (result == MOSQ_ERR_SUCCESS) {
-        properties.release();
+    if (result != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error("there is no last will for the broker: " + text_of_error(result));
     }
+    properties.release();
 }
 
 void MqttClient::secure()
@@ -180,14 +160,15 @@ void MqttClient::secure()
         return;
     }
     for (const std::string& file : {link_.ca, link_.cert, link_.key}) {
-        expect_readable(file);
+        if (!file.empty()) {
+            expect_usable(file);
+        }
     }
     const int result = ::mosquitto_tls_set(
         client_.get(), or_null(link_.ca), link_.ca.empty() ? kSystemCertificates : nullptr,
         or_null(link_.cert), or_null(link_.key), give_no_password);
     if (result != MOSQ_ERR_SUCCESS) {
-        throw std::runtime_error(std::string("the certificates cannot be used: ") +
-                                 ::mosquitto_strerror(result));
+        throw std::runtime_error("the certificates cannot be used: " + text_of_error(result));
     }
 }
 
@@ -198,59 +179,101 @@ void MqttClient::identify()
     }
     const std::string password =
         link_.password_file.empty() ? std::string() : read_password(link_.password_file);
-    ::mosquitto_username_pw_set(client_.get(), link_.user.c_str(),
-                                link_.password_file.empty() ? nullptr : password.c_str());
+    const int result =
+        ::mosquitto_username_pw_set(client_.get(), link_.user.c_str(),
+                                    link_.password_file.empty() ? nullptr : password.c_str());
+    if (result != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error("the user cannot be used: " + text_of_error(result));
+    }
 }
 
-/// The records for what a callback says.
-MqttClient::News& MqttClient::note(void* self)
+/// Takes what a callback says. Nothing may be thrown through the library.
+template <class Action>
+void MqttClient::contain(void* self, Action action)
 {
     auto& client = *static_cast<MqttClient*>(self);
+    const int error = errno;
     client.has_news_ = true;
-    return client.news_;
+    try {
+        action(client);
+    } catch (...) {
+        client.failure_ = std::current_exception();
+    }
+    errno = error;
 }
 
 void MqttClient::set_callbacks()
 {
-    mosquitto* const client = client_.get();
-    ::mosquitto_connect_v5_callback_set(client,
+    mosquitto* const library = client_.get();
+    ::mosquitto_connect_v5_callback_set(library,
                                         [](mosquitto* /*client*/, void* self, int reason, int flags,
                                            const mosquitto_property* /*properties*/) {
-                                            note(self).answer = {reason, (flags & 1) != 0};
+                                            contain(self, [&](MqttClient& client) {
+                                                client.news_.answer = {reason, (flags & 1) != 0};
+                                            });
                                         });
     ::mosquitto_disconnect_v5_callback_set(
-        client, [](mosquitto* /*client*/, void* self, int reason,
-                   const mosquitto_property* /*properties*/) { note(self).end = reason; });
+        library, [](mosquitto* /*client*/, void* self, int reason,
+                    const mosquitto_property* /*properties*/) {
+            contain(self, [&](MqttClient& client) { client.news_.end = reason; });
+        });
     ::mosquitto_publish_v5_callback_set(
-        client, [](mosquitto* /*client*/, void* self, int message, int reason,
-                   const mosquitto_property* /*properties*/) {
-            note(self).published.push_back({message, reason});
+        library, [](mosquitto* /*client*/, void* self, int message, int reason,
+                    const mosquitto_property* /*properties*/) {
+            contain(self, [&](MqttClient& client) {
+                client.news_.published.push_back({message, reason});
+            });
         });
     ::mosquitto_subscribe_v5_callback_set(
-        client, [](mosquitto* /*client*/, void* self, int message, int count, const int* reasons,
-                   const mosquitto_property* /*properties*/) {
-            for (int i = 0; i < count; ++i) {
-                note(self).subscribed.push_back({message, reasons[i]});
-            }
+        library, [](mosquitto* /*client*/, void* self, int message, int count, const int* reasons,
+                    const mosquitto_property* /*properties*/) {
+            // One topic was asked for; who answers more does not know either.
+            const int reason = count == 1 ? reasons[0] : MQTT_RC_PROTOCOL_ERROR;
+            contain(self, [&](MqttClient& client) {
+                client.news_.subscribed.push_back({message, reason});
+            });
         });
     ::mosquitto_message_v5_callback_set(
-        client, [](mosquitto* /*client*/, void* self, const mosquitto_message* message,
-                   const mosquitto_property* properties) {
-            note(self);
-            static_cast<MqttClient*>(self)->receive(*message, properties);
+        library, [](mosquitto* /*client*/, void* self, const mosquitto_message* message,
+                    const mosquitto_property* properties) {
+            contain(self, [&](MqttClient& client) { client.receive(*message, properties); });
+            // The library reads on as long as TLS holds more, unless the socket seems to be empty.
+            errno = EAGAIN;
         });
 }
 
-/// Nothing may be thrown through the library.
 void MqttClient::receive(const mosquitto_message& message, const mosquitto_property* properties)
 {
-    try {
-        receive_(message.topic, read_stamp(properties),
-                 {static_cast<const char*>(message.payload),
-                  static_cast<std::size_t>(message.payloadlen)});
-    } catch (...) {
-        failure_ = std::current_exception();
+    if (message.qos > 0) {
+        ++owed_;
     }
+    receive_(
+        message.topic, read_stamp(properties),
+        {static_cast<const char*>(message.payload), static_cast<std::size_t>(message.payloadlen)});
+}
+
+/// What the library logs says why TLS failed; its results do not: a proxy whose broker is away ends
+/// the connection without an alert.
+void MqttClient::look_at_log(std::string_view text)
+{
+    static constexpr std::array kRefusals = {
+        "certificate verify failed", "host name verification failed", " alert ",
+        // A file of this machine.
+        "Error: Unable to ", "Error: Client certificate/key are inconsistent"};
+    for (const char* refusal : kRefusals) {
+        if (text.find(refusal) != std::string_view::npos) {
+            news_.is_refused = true;
+        }
+    }
+}
+
+/// Messages of the library cost time, so they are wanted only until the broker answers.
+void MqttClient::watch_log(bool wants)
+{
+    const auto look = [](mosquitto* /*client*/, void* self, int /*level*/, const char* text) {
+        contain(self, [text](MqttClient& client) { client.look_at_log(text); });
+    };
+    ::mosquitto_log_callback_set(client_.get(), wants ? +look : nullptr);
 }
 
 void MqttClient::connect()
@@ -263,11 +286,17 @@ void MqttClient::connect()
     if (keeps_session_) {
         properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, kForEver);
     }
-    ::mosquitto_connect_bind_v5(client_.get(), nullptr, 1, kKeepAlive, nullptr, properties.get());
+    watch_log(link_.is_encrypted);
+    int result = ::mosquitto_connect_bind_v5(client_.get(), nullptr, 1, kKeepAlive, nullptr,
+                                             properties.get());
     news_ = {};
+    owed_ = 0;
     errno = 0;
-    note_end(::mosquitto_connect_bind_async(client_.get(), link_.host.c_str(), link_.port,
-                                            kKeepAlive, nullptr));
+    if (result == MOSQ_ERR_INVAL) {
+        result = ::mosquitto_connect_bind_async(client_.get(), link_.host.c_str(), link_.port,
+                                                kKeepAlive, nullptr);
+    }
+    note_end(result);
 }
 
 void MqttClient::disconnect()
@@ -283,6 +312,9 @@ void MqttClient::note_end(int result)
         news_.end = news_.end.value_or(result);
         news_.error = result == MOSQ_ERR_ERRNO ? error : 0;
     }
+    if (news_.answer) {
+        watch_log(false);
+    }
     if (failure_ != nullptr) {
         std::rethrow_exception(std::exchange(failure_, nullptr));
     }
@@ -295,20 +327,20 @@ void MqttClient::write()
 }
 
 /// The errno that a call leaves says that the socket is empty, or that an answer could not be
-/// written; so it ends with a call that brought nothing.
+/// written; so the socket is empty where a call brought nothing.
 bool MqttClient::read()
 {
-    for (int count = 0; count < kCallsAtOnce; ++count) {
-        errno = 0;
-        has_news_ = false;
-        const int result = ::mosquitto_loop_read(client_.get(), 1);
-        const bool is_empty = (errno == EAGAIN || errno == EWOULDBLOCK) && !has_news_;
-        note_end(result);
-        if (is_empty || result != MOSQ_ERR_SUCCESS || fd() < 0) {
-            return false;
-        }
+    if (!wants_write()) {
+        owed_ = 0;
+    } else if (owed_ >= kMostOwed) {
+        return true;  // the broker takes no answers; the keep-alive ends that
     }
-    return true;
+    errno = 0;
+    has_news_ = false;
+    const int result = ::mosquitto_loop_read(client_.get(), 1);
+    const bool is_empty = (errno == EAGAIN || errno == EWOULDBLOCK) && !has_news_;
+    note_end(result);
+    return !is_empty && result == MOSQ_ERR_SUCCESS && fd() >= 0;
 }
 
 void MqttClient::work()
@@ -336,16 +368,31 @@ std::optional<int> MqttClient::publish(const std::string& topic, std::string_vie
     if (result == MOSQ_ERR_SUCCESS || is_end(result)) {
         return message;
     }
-    why = ::mosquitto_strerror(result);
+    why = text_of_error(result);
     return std::nullopt;
 }
 
-int MqttClient::subscribe(const std::string& topic, bool keeps_all, bool wants_retained)
+std::optional<int> MqttClient::subscribe(const std::string& topic, bool keeps_all,
+                                         bool wants_retained, std::string& why)
 {
     int message = 0;
-    ::mosquitto_subscribe_v5(client_.get(), &message, topic.c_str(), keeps_all ? 1 : 0,
-                             wants_retained ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr);
-    return message;
+    const int result =
+        ::mosquitto_subscribe_v5(client_.get(), &message, topic.c_str(), keeps_all ? 1 : 0,
+                                 wants_retained ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr);
+    if (result == MOSQ_ERR_SUCCESS || is_end(result)) {
+        return message;
+    }
+    why = text_of_error(result);
+    return std::nullopt;
+}
+
+std::string text_of_error(int error)
+{
+    std::string text = ::mosquitto_strerror(error);
+    if (!text.empty() && text.back() == '.') {
+        text.pop_back();
+    }
+    return text;
 }
 
 }  // namespace Quorval::runtime

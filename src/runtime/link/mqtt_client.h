@@ -55,12 +55,16 @@ public:
         /// a reason of MQTT 5.
         std::optional<int> end;
         int error = 0;  ///< errno, with the end
+        /// A side of TLS does not accept the certificate of the other one, or this one has none
+        /// that can be used.
+        bool is_refused = false;
         std::vector<Receipt> published;
         std::vector<Receipt> subscribed;
     };
 
-    /// @param receive  gets the messages while turn() runs
-    /// @throws std::runtime_error  a file of the link cannot be used: "cannot read '<file>'"
+    /// @param receive  gets the messages while read() runs
+    /// @throws std::runtime_error  a file of the link cannot be used: "cannot read '<file>': ...",
+    ///                             or the library does not take the rest
     MqttClient(const LinkDescription& link, const Identity& identity, Receive receive);
     MqttClient(const MqttClient&) = delete;
     MqttClient& operator=(const MqttClient&) = delete;
@@ -77,7 +81,7 @@ public:
     bool wants_write() const { return ::mosquitto_want_write(client_.get()); }
 
     void write();
-    /// Reads some packets.
+    /// Reads a packet, or a part of it.
     /// @return whether there may be more, which the descriptor may not show
     bool read();
     /// What has to be done now and then: keep-alive.
@@ -91,8 +95,10 @@ public:
                                bool keeps_all, bool is_retained, std::string& why);
 
     /// @param wants_retained  what the broker keeps for the topic is to be sent at once
-    /// @return the number of the subscription
-    int subscribe(const std::string& topic, bool keeps_all, bool wants_retained);
+    /// @return the number of the subscription; nothing where it cannot be sent, with the reason in
+    ///         words
+    std::optional<int> subscribe(const std::string& topic, bool keeps_all, bool wants_retained,
+                                 std::string& why);
 
 private:
     struct Destroy {
@@ -103,7 +109,10 @@ private:
     void secure();
     void identify();
     void set_callbacks();
-    static News& note(void* self);
+    template <class Action>
+    static void contain(void* self, Action action);
+    void watch_log(bool wants);
+    void look_at_log(std::string_view text);
     void note_end(int result);
     void receive(const mosquitto_message& message, const mosquitto_property* properties);
 
@@ -113,7 +122,11 @@ private:
     std::unique_ptr<mosquitto, Destroy> client_;
     News news_;
     bool has_news_ = false;       // since the call began
+    int owed_ = 0;                // answers to messages, since all was written
     std::exception_ptr failure_;  // in a callback
 };
+
+/// What an error of libmosquitto means, without a full stop.
+std::string text_of_error(int error);
 
 }  // namespace Quorval::runtime

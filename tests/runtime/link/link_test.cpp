@@ -1,10 +1,12 @@
 // Graphs on two machines, each a process, with a broker between them.
 #include "command/command_test.h"
 #include "runtime/link/broker.h"
+#include "runtime/link/server.h"
 #include "support/process.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <memory>
@@ -359,10 +361,63 @@ TEST_F(LinkTest, EndsARunThatTheBrokerRefuses)
     expect_result(run_machine("hub"), 1, "", text);
     write_waiting_graph(broker.link() + "link.user = \"me\"\nlink.password_file = \"nowhere\"\n");
     expect_result(run_machine("hub"), 1, "",
-                  "quorval: error: the link cannot be used: cannot read 'nowhere'\n");
+                  "quorval: error: the link cannot be used: cannot read 'nowhere': No such file or "
+                  "directory\n");
     write_waiting_graph(broker.link() + "link.user = \"me\"\nlink.password_file = \"password\"\n");
     const auto hub = start("hub");
     EXPECT_TRUE(hub->wait_for(kStands));
+    EXPECT_EQ(stop(*hub).status, 0);
+}
+
+// --- brokers that are none ---
+
+TEST_F(LinkTest, WaitsForABrokerBehindTlsThatEndsEachConnection)
+{
+    Server server;
+    write_waiting_graph(server.link("mqtts"));
+    const auto hub = start("hub");
+
+    // As a proxy does whose broker is away.
+    for (int count = 0; count < 5; ++count) {
+        server.accept();
+    }
+
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(count(result.err, " is away: "), 1) << result.err;
+    EXPECT_EQ(count(result.err, "refuses"), 0) << result.err;
+}
+
+TEST_F(LinkTest, TriesMoreAndMoreSeldomWhereItIsAcceptedAndDropped)
+{
+    constexpr int kAttempts = 6;
+    constexpr std::chrono::milliseconds kPauses(100 + 200 + 400 + 800 + 1600);
+    Server server;
+    write_waiting_graph(server.link());
+    const auto begin = std::chrono::steady_clock::now();
+    const auto hub = start("hub");
+
+    for (int count = 0; count < kAttempts; ++count) {
+        server.welcome();
+    }
+
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, kPauses);
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(count(result.err, " is away: "), 1) << result.err;
+    EXPECT_EQ(count(result.err, " is back"), 0) << result.err;
+}
+
+TEST_F(LinkTest, SaysThatABrokerEndedTheConnection)
+{
+    Server server;
+    write_waiting_graph(server.link());
+    const auto hub = start("hub");
+
+    server.welcome();
+    server.send(Server::packet(0xE0, std::string(2, '\0')));
+
+    EXPECT_TRUE(hub->wait_for(" is away: it ended the connection; values wait for it\n"));
     EXPECT_EQ(stop(*hub).status, 0);
 }
 
