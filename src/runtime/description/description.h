@@ -64,6 +64,7 @@ struct ConnectionDescription {
     EndDescription to;
     Place place;  ///< of the entry in the list
     bool is_delayed = false;
+    bool is_delay_wrong = false;  ///< which is reported: it may be meant as delayed
     Delivery delivery = Delivery::Latest;
 };
 
@@ -93,7 +94,7 @@ constexpr std::size_t kDefaultLimit = 16'777'216;
 
 /// How values travel between machines.
 struct LinkDescription {
-    Place place;       ///< of the table; line 0: there is none
+    Place place;       ///< of the name of the table; line 0: there is none
     std::string host;  ///< of the broker; empty: none is given
     int port = 0;
     bool is_encrypted = false;
@@ -104,6 +105,7 @@ struct LinkDescription {
     std::string key;
     std::string user;
     std::string password_file;
+    std::vector<std::string> wrong_keys;  ///< whose values are missing because they are wrong
     std::size_t queue = kDefaultQueue;  ///< values that wait, for each output that is sent as "all"
     std::size_t limit = kDefaultLimit;  ///< bytes of one value
 };

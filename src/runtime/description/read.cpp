@@ -20,6 +20,36 @@ namespace Quorval::runtime {
 
 namespace {
 
+void note_gaps(const CompositeDescription& part, CompositeDescription& whole)
+{
+    whole.is_broken = whole.is_broken || part.is_broken;
+    whole.misses_connections = whole.misses_connections || part.misses_connections;
+    for (const MemberDescription& member : part.members) {
+        const std::size_t at = whole.find_member(member.name);
+        if (at < whole.members.size()) {
+            MemberDescription& merged = whole.members[at];
+            merged.misses_type = merged.misses_type && member.misses_type;
+            merged.misses_machine = merged.misses_machine && member.misses_machine;
+            merged.is_config_wrong = merged.is_config_wrong || member.is_config_wrong;
+        }
+    }
+}
+
+/// What one file lacks because it is wrong, the whole may lack too, although another file has
+/// something right under the same key.
+void note_gaps(const GraphDescription& part, GraphDescription& whole)
+{
+    whole.has_broken_kinds = whole.has_broken_kinds || part.has_broken_kinds;
+    whole.has_broken_machines = whole.has_broken_machines || part.has_broken_machines;
+    note_gaps(part.graph, whole.graph);
+    for (const auto& [name, kind] : part.kinds) {
+        const auto merged = whole.kinds.find(name);
+        if (merged != whole.kinds.end()) {
+            note_gaps(kind, merged->second);
+        }
+    }
+}
+
 /// Reads files and what they include, each once.
 class FileReader {
 public:
@@ -43,24 +73,29 @@ public:
         }
     }
 
-    /// The trees of all files as one. Forms are checked file by file: what is wrong in one is so
-    /// even where another replaces it.
-    toml::table merge(std::vector<std::uint32_t>& ranks)
+    /// Describes all files as one. Forms are checked file by file: what is wrong in one is so even
+    /// where another replaces it.
+    GraphDescription describe()
     {
-        ranks.resize(reading_.sources.size());
+        std::vector<std::uint32_t> ranks(reading_.sources.size());
         for (std::size_t i = 0; i < merge_order_.size(); ++i) {
             ranks[merge_order_[i]] = static_cast<std::uint32_t>(i);
         }
+        std::vector<GraphDescription> parts;
         toml::table merged;
         for (const std::uint32_t source : merge_order_) {
             if (merge_order_.size() > 1) {
-                read_tree(trees_[source], ranks, reading_.problems);
+                parts.push_back(read_tree(trees_[source], ranks, reading_.problems));
                 merge_toml(merged, std::move(trees_[source]));
             } else {
                 merged = std::move(trees_[source]);
             }
         }
-        return merged;
+        GraphDescription whole = read_tree(merged, ranks, reading_.problems);
+        for (const GraphDescription& part : parts) {
+            note_gaps(part, whole);
+        }
+        return whole;
     }
 
 private:
@@ -136,6 +171,7 @@ private:
             reading_.is_whole = false;
             return;
         }
+        reading_.is_whole = reading_.is_whole && head.has_all_includes;
         trees_[source] = std::move(*tree);
         is_open_[identity] = true;
         open_.push_back({source, identity, std::filesystem::path(file.name).parent_path(),
@@ -170,9 +206,7 @@ Reading read_graph(const std::vector<std::string>& files,
     for (const std::string& file : files) {
         reader.read(file);
     }
-    std::vector<std::uint32_t> ranks;
-    const toml::table tree = reader.merge(ranks);
-    reading.description = read_tree(tree, ranks, reading.problems);
+    reading.description = reader.describe();
     if (reading.description.name.empty()) {
         reading.description.name = name_of_file(files.front());
     }

@@ -114,10 +114,9 @@ public:
         return get_as<std::string>(key, "a string");
     }
 
-    bool get_bool(const char* key) const
+    const toml::value<bool>* get_bool(const char* key) const
     {
-        const auto* value = get_as<bool>(key, "a boolean");
-        return value != nullptr && **value;
+        return get_as<bool>(key, "a boolean");
     }
 
     const toml::value<std::int64_t>* get_integer(const char* key) const
@@ -190,6 +189,7 @@ public:
         read_machines(record, description);
         if (const toml::table* link = record.get_table("link")) {
             read_link(*link, description.link);
+            description.link.place = place_of(tree.find("link")->first);
         }
         if (const toml::table* kinds = record.get_table("superblocks")) {
             for (auto&& [key, node] : *kinds) {
@@ -266,11 +266,12 @@ private:
               std::pair("user", &link.user), std::pair("password_file", &link.password_file)}) {
             if (const auto* value = record.get_string(key)) {
                 *text = **value;
+            } else if (!record.is_absent(key)) {
+                link.wrong_keys.emplace_back(key);
             }
         }
         read_size(record, "queue", kLongestQueue, link.queue);
         read_size(record, "limit", kHighestLimit, link.limit);
-        link.place = place_of(table);
     }
 
     void read_broker(const toml::value<std::string>& text, LinkDescription& link)
@@ -431,7 +432,9 @@ private:
         const std::optional<EndDescription> to = read_end(record, "to", place_of(table));
         ConnectionDescription connection;
         connection.place = place_of(table);
-        connection.is_delayed = record.get_bool("delayed");
+        const auto* delayed = record.get_bool("delayed");
+        connection.is_delayed = delayed != nullptr && **delayed;
+        connection.is_delay_wrong = delayed == nullptr && !record.is_absent("delayed");
         if (record.get_word("delivery", {"all", "latest"}) == std::size_t{0}) {
             connection.delivery = Delivery::All;
         }
@@ -524,6 +527,23 @@ private:
     Problems& problems_;
 };
 
+void read_includes(const Record& record, FileHead& head, Problems& problems)
+{
+    const toml::array* list = record.get_list("include");
+    if (list == nullptr) {
+        head.has_all_includes = record.is_absent("include");
+        return;
+    }
+    for (const toml::node& node : *list) {
+        if (const auto* name = node.as_string()) {
+            head.includes.push_back({**name, place_of(node)});
+        } else {
+            problems.add_error(place_of(node), "'include' has to be a string");
+            head.has_all_includes = false;
+        }
+    }
+}
+
 }  // namespace
 
 GraphDescription read_tree(const toml::table& tree, const std::vector<std::uint32_t>& ranks,
@@ -546,15 +566,7 @@ FileHead read_head(const toml::table& tree, std::uint32_t source, Problems& prob
             return head;
         }
     }
-    if (const toml::array* list = record.get_list("include")) {
-        for (const toml::node& node : *list) {
-            if (const auto* name = node.as_string()) {
-                head.includes.push_back({**name, place_of(node)});
-            } else {
-                problems.add_error(place_of(node), "'include' has to be a string");
-            }
-        }
-    }
+    read_includes(record, head, problems);
     return head;
 }
 

@@ -27,6 +27,7 @@ struct Include {
 struct FileHead {
     bool is_supported = true;  ///< false: the file is written in a format of the future
     std::vector<Include> includes;
+    bool has_all_includes = true;  ///< false: some are wrong, which is reported
 };
 
 /// Reads `format` and `include`.

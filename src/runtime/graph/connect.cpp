@@ -164,6 +164,15 @@ private:
                                            "'" + advice(end.port, known));
     }
 
+    /// Not where the block may have it with the settings that are wrong.
+    void report_no_plain_port(const EndDescription& end, const char* kind, std::uint32_t block,
+                              const std::unordered_map<std::string, Datatype>& ports)
+    {
+        if (!expansion_.blocks[block].lacks_settings()) {
+            report_no_port(end, kind, path_of(block), sorted_names(ports));
+        }
+    }
+
     const std::string& path_of(std::uint32_t block) const { return expansion_.blocks[block].path; }
 
     /// The inputs behind an end, without what is wrong, which is reported.
@@ -209,8 +218,7 @@ private:
             return inputs;
         } catch (const std::out_of_range&) {
             is_excused_[block] = true;
-            report_no_port(end, "input", path_of(block),
-                           sorted_names(made->Block::get_inports_info()));
+            report_no_plain_port(end, "input", block, made->Block::get_inports_info());
             return {};
         }
     }
@@ -248,8 +256,7 @@ private:
         try {
             return Output{block, &made->Block::get_outport(end.port).second, &end.port};
         } catch (const std::out_of_range&) {
-            report_no_port(end, "output", path_of(block),
-                           sorted_names(made->Block::get_outports_info()));
+            report_no_plain_port(end, "output", block, made->Block::get_outports_info());
             return std::nullopt;
         }
     }
@@ -334,7 +341,8 @@ private:
             } else if (output->port == nullptr || input.port == nullptr) {
                 cut(connection, *output, input);
             } else if (check_codec(connection, *output, input) &&
-                       fits(connection, *output, input) && feed(connection, *output, input)) {
+                       fits(connection, *output, input) && feed(connection, *output, input) &&
+                       !connection.is_delay_wrong) {
                 add_wire(connection, *output, input);
                 made_.superblocks[written.composite]->add_connection(
                     *made_.blocks[output->block], *output->name, *made_.blocks[input.block],
@@ -431,9 +439,13 @@ private:
             return true;
         }
         fed_by_.try_emplace(input.port, kUnknown);
-        problems_.add_error(connection.place, name_of(output) + " (" + from.get_name() +
-                                                  ") does not fit " + name_of(input) + " (" +
-                                                  to.get_name() + ")");
+        // With the settings that are wrong the types may be others.
+        if (!expansion_.blocks[output.block].lacks_settings() &&
+            !expansion_.blocks[input.block].lacks_settings()) {
+            problems_.add_error(connection.place, name_of(output) + " (" + from.get_name() +
+                                                      ") does not fit " + name_of(input) + " (" +
+                                                      to.get_name() + ")");
+        }
         return false;
     }
 

@@ -44,8 +44,9 @@ void check_machine(const GraphOptions& options, const GraphDescription& descript
 
 void check_link(const LinkDescription& link, Problems& problems)
 {
-    const auto expect = [&](bool is_wrong, const char* missing) {
-        if (is_wrong) {
+    const std::vector<std::string>& wrong = link.wrong_keys;
+    const auto expect = [&](bool is_missing, const char* missing) {
+        if (is_missing && std::find(wrong.begin(), wrong.end(), missing) == wrong.end()) {
             problems.add_error(link.place, "missing key '" + std::string(missing) + "'");
         }
     };

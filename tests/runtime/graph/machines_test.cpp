@@ -172,9 +172,9 @@ TEST(MachineProblems, AreFoundInTheLink)
     EXPECT_EQ(findings_for("link.limit = 300000000"),
               Lines{"g.toml:3:14: error: 'limit' has to be from 1 to 268000000, not 300000000"});
     EXPECT_EQ(findings_for("link.ca = 1"), Lines{"g.toml:3:11: error: 'ca' has to be a string"});
-    EXPECT_EQ(findings_for("[link]\ncert = \"a\""), Lines{"g.toml:3:1: error: missing key 'key'"});
+    EXPECT_EQ(findings_for("[link]\ncert = \"a\""), Lines{"g.toml:3:2: error: missing key 'key'"});
     EXPECT_EQ(findings_for("[link]\npassword_file = \"a\""),
-              Lines{"g.toml:3:1: error: missing key 'user'"});
+              Lines{"g.toml:3:2: error: missing key 'user'"});
     EXPECT_EQ(findings_for("link.broker = \"http://a\""),
               Lines{"g.toml:3:15: error: 'http://a' is not of the form mqtt://HOST:PORT or "
                     "mqtts://HOST:PORT"});
