@@ -486,6 +486,30 @@ class Life(Operation):
         self.graph().Configure({"a.level": "5"})
         self.assertEqual(self.stop(process), "a 4 none\n17\na 5 none\n")
 
+    def test_nobody_reaches_stopped_blocks_while_values_wait_for_a_broker(self):
+        with socket.create_server(("127.0.0.1", 0)) as broker:  # that never answers
+            self.write(f"""format = 1
+name = "the-graph"
+connections = [{{ from = "object.out", to = "print.in", delivery = "all" }}]
+machines = {{ edge = {{}}, hub = {{}} }}
+link.broker = "mqtt://127.0.0.1:{broker.getsockname()[1]}"
+blocks.object = {{ type = "operated:Object", machine = "edge" }}
+blocks.print = {{ type = "numbers:Print", machine = "hub" }}
+""")
+            process = self.start("--machine", "edge")
+            self.graph("test.Object", "/object").Fire()
+            self.graph().Stop()
+            bus = self.connect()
+            while bus.name_has_owner(NAME):
+                pass
+            # It waits for its broker for some seconds.
+            with self.assertRaises(subprocess.TimeoutExpired):
+                process.wait(timeout=0.5)
+            _, err = process.communicate(timeout=100)
+            self.assertEqual((process.returncode, err),
+                             (0, "quorval: warning: 1 values of object.out are lost: the graph stopped "
+                                 "before they were sent\n"))
+
     def test_a_name_is_made_fit(self):
         self.write(GRAPH.replace("the-graph", "1-more"))
         process = self.start(ready=False)

@@ -143,7 +143,7 @@ void Link::has_value(std::uint32_t exit)
 void Link::prepare()
 {
     const Time now = now_();
-    if (state_ == State::Away && is_ending_ && needs_lookup_) {
+    if (state_ == State::Away && is_ending_ && (needs_lookup_ || !has_to_send())) {
         state_ = State::Closed;
     } else if (state_ == State::Away && now >= next_attempt_) {
         connect();

@@ -60,6 +60,12 @@ sd_event* Loop::event()
     return event_;
 }
 
+void Loop::close_event()
+{
+    event_event_.reset();
+    is_closed_ = true;
+}
+
 bool Loop::has_exited() const
 {
     int code = 0;
@@ -125,14 +131,14 @@ bool Loop::set_timer(std::optional<Time> until)
 /// @return whether a source is ready to be dispatched
 bool Loop::prepare_event()
 {
-    return event_ != nullptr && !has_exited() && sd_event_prepare(event_) > 0;
+    return event_ != nullptr && !is_closed_ && !has_exited() && sd_event_prepare(event_) > 0;
 }
 
 /// Dispatches what is ready; not for ever, when there is always something.
 void Loop::dispatch_event(bool is_prepared)
 {
     constexpr int kAtMost = 64;
-    if (event_ == nullptr || has_exited()) {
+    if (event_ == nullptr || is_closed_ || has_exited()) {
         return;
     }
     is_held_ = false;

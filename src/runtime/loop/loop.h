@@ -35,6 +35,8 @@ public:
     /// @throws std::system_error  there are no descriptors left
     sd_event* event();
     bool has_event() const { return event_ != nullptr; }
+    /// No source of the sd_event is dispatched from here on.
+    void close_event();
     /// Whether somebody ended the sd_event.
     bool has_exited() const;
 
@@ -65,6 +67,7 @@ private:
     sd_event* event_ = nullptr;
     std::unique_ptr<FDEvent> event_event_;
     bool is_held_ = false;
+    bool is_closed_ = false;  // the sd_event
 };
 
 }  // namespace Quorval::runtime

@@ -51,13 +51,14 @@ bool Runner::open_link()
     return true;
 }
 
-/// Sends what waits, for some seconds at most.
+/// Sends what waits, for some seconds at most. Nothing else is served then: the blocks are stopped.
 void Runner::close_link()
 {
     constexpr std::chrono::seconds kPatience(5);
     if (link_ == nullptr) {
         return;
     }
+    loop_.close_event();
     link_->begin_end();
     const Life::Time deadline = now() + kPatience;
     for (link_->prepare(); !link_->is_finished() && now() < deadline; link_->prepare()) {
@@ -85,15 +86,28 @@ std::vector<LinkStatistics> Runner::link_statistics() const
 
 RunResult Runner::run()
 {
-    if (outside_ == nullptr) {
-        return live();
-    }
-    RunResult result = outside_->open(run_);
+    RunResult result = outside_ == nullptr ? RunResult::Done : outside_->open(run_);
     if (result == RunResult::Done) {
         result = live();
     }
-    outside_->close();
-    return result;
+    if (outside_ != nullptr) {
+        outside_->close();
+    }
+    // Last, so that nobody reaches stopped blocks while it takes its time.
+    contain([this] { close_link(); });
+    return life_.has_failed() && result != RunResult::WrongObjects ? RunResult::Failed : result;
+}
+
+/// Does what may throw, which ends the run.
+template <class Action>
+void Runner::contain(Action action)
+{
+    try {
+        action();
+    } catch (...) {
+        logger(LOGLEVEL_ERROR, "the graph cannot run on: %s", text_of_present_exception().c_str());
+        life_.fail();
+    }
 }
 
 bool Runner::start()
@@ -117,23 +131,19 @@ RunResult Runner::live()
         return RunResult::Failed;
     }
     const bool has_work = start();
-    try {
+    contain([this, has_work] {
         while (playback_ != nullptr && !life_.is_stopping() && !loop_.has_exited()) {
             play_wave();
         }
         while (has_work && !life_.is_over() && !loop_.has_exited()) {
             turn();
         }
-    } catch (...) {
-        logger(LOGLEVEL_ERROR, "the graph cannot run on: %s", text_of_present_exception().c_str());
-        life_.fail();
-    }
+    });
     if (!has_work && !life_.has_failed()) {
         logger(LOGLEVEL_ERROR, "the graph has no source: nothing would ever run");
     }
     notice_.tell_stopping();
     life_.stop();
-    close_link();
     show_progress(true);
     return life_.has_failed() ? RunResult::Failed
            : has_work         ? RunResult::Done
@@ -149,7 +159,6 @@ void Runner::turn()
     life_.take(ready);
     if (link_ != nullptr) {
         link_->take(ready);
-        link_->feed(life_.wave());
         check_link();
     }
     life_.look_around();
@@ -164,6 +173,9 @@ void Runner::turn()
     if (must_stop() || loop_.has_exited() || (end_ && now() >= *end_)) {
         life_.request_stop();
         return;
+    }
+    if (link_ != nullptr) {
+        link_->feed(life_.wave());
     }
     life_.step();
     show_progress(false);

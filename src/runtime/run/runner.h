@@ -75,6 +75,8 @@ private:
     RunResult live();
     bool open_link();
     void close_link();
+    template <class Action>
+    void contain(Action action);
     void check_link();
     void play_wave();
     std::optional<Life::Time> next_time() const;

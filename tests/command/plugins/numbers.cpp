@@ -1,8 +1,9 @@
-// Blocks that count, double and print.
+// Blocks that count, double, print and interrupt.
 #include <quorval/block.h>
 #include <quorval/pluginloader.h>
 #include <quorval/runtime/tools.h>
 
+#include <csignal>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -93,6 +94,21 @@ private:
     InPort<int>* in_;  // owned by the block
 };
 
+/// Asks the process to stop with its first number.
+class Interrupt : public Block {
+public:
+    Interrupt(std::string name, const BlockConfiguration& config) : Block(std::move(name), config)
+    {
+        add_inport(std::make_unique<InPort<int>>("in", Datatype("int32")));
+    }
+
+    bool run() override
+    {
+        ::raise(SIGTERM);
+        return true;
+    }
+};
+
 /// Takes nothing but a type of its own.
 class Odd : public Block {
 public:
@@ -115,6 +131,7 @@ int lib_register_cpp(Quorval::IRegistry& registry)
 {
     registry.register_block_create_fn("Count", make<Count>);
     registry.register_block_create_fn("Double", make<Double>);
+    registry.register_block_create_fn("Interrupt", make<Interrupt>);
     registry.register_block_create_fn("Odd", make<Odd>);
     registry.register_block_create_fn("Print", make<Print>);
     return 0;

@@ -421,6 +421,32 @@ TEST_F(LinkTest, SaysThatABrokerEndedTheConnection)
     EXPECT_EQ(stop(*hub).status, 0);
 }
 
+TEST_F(LinkTest, CountsWhatItTookAndDidNotRun)
+{
+    Server server;
+    write("g.toml", "format = 1\nmachines = { edge = {}, hub = {} }\n" + server.link() +
+                        "blocks.count = { type = \"numbers:Count\", machine = \"edge\" }\n"
+                        "blocks.end = { type = \"numbers:Interrupt\", machine = \"hub\" }\n"
+                        "[[connections]]\nfrom = \"count.out\"\nto = \"end.in\"\n"
+                        "delivery = \"all\"\n");
+    const auto hub = start("hub");
+    server.serve(3);
+
+    std::string messages;
+    for (const std::uint64_t number : {1, 2, 3}) {
+        messages += Server::message("quorval/g/value/count/out", "int32", 1, number,
+                                    std::string("\1\0\0\0\0", 5), 1);
+    }
+    server.send(messages);
+
+    // The first one ends the run.
+    ASSERT_TRUE(hub->wait_for(" values of count.out are lost: "));
+    server.drop();
+    const ProcessResult result = hub->wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(lost(result.err), 2) << result.err;
+}
+
 // --- encrypted ---
 
 class EncryptedLinkTest : public LinkTest {

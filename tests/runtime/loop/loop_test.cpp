@@ -164,6 +164,22 @@ TEST(Loop, WakesForATimeOfItsEvent)
     EXPECT_EQ(calls, 1);
 }
 
+TEST(Loop, DispatchesNothingWhenItsEventIsClosed)
+{
+    Loop loop;
+    int calls = 0;
+    const auto count = [](sd_event_source* /*source*/, void* data) {
+        ++*static_cast<int*>(data);
+        return 0;
+    };
+    sd_event_add_defer(loop.event(), nullptr, count, &calls);
+
+    loop.close_event();
+    loop.wait(Loop::now() + 1ms);
+
+    EXPECT_EQ(calls, 0);
+}
+
 TEST(Loop, KnowsThatItsEventHasEnded)
 {
     Loop loop;
