@@ -28,13 +28,24 @@ void Observer::run_begins(std::uint32_t /*block*/)
 void Observer::run_ends(std::uint32_t block, bool has_failed)
 {
     const Time end = now_();
-    times_.add(block, static_cast<std::uint64_t>((end - begin_).count()));
-    if (trace_ != nullptr) {
-        ++runs_;
-        trace_->add_run(block, begin_, end, has_failed);
-    }
+    add({block, 0, begin_, end, has_failed});
     begin_ = end;
     is_between_ = has_failed;  // to report a failure takes its time
+}
+
+void Observer::ran(const TimedRun& run)
+{
+    add(run);
+    is_between_ = true;
+}
+
+void Observer::add(const TimedRun& run)
+{
+    times_.add(run.block, static_cast<std::uint64_t>((run.end - run.begin).count()));
+    if (trace_ != nullptr) {
+        ++runs_;
+        trace_->add_run(run.block, run.begin, run.end, run.has_failed, run.thread);
+    }
 }
 
 }  // namespace Quorval::runtime

@@ -28,10 +28,13 @@ public:
     void wave_ends() override;
     void run_begins(std::uint32_t block) override;
     void run_ends(std::uint32_t block, bool has_failed) override;
+    void ran(const TimedRun& run) override;
 
     const RunTimes& times() const { return times_; }
 
 private:
+    void add(const TimedRun& run);
+
     Time (*now_)();
     RunTimes times_;
     Trace* trace_;

@@ -30,20 +30,21 @@ Trace::Trace(const std::string& file, const std::string& graph, const Network& n
       descriptor_(::open(file.c_str(),
                          O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kForAll),
                   text_for(file).c_str()),
-      process_(R"(,"pid":)" + std::to_string(::getpid()) + R"(,"tid":1)"),
+      process_(R"(,"pid":)" + std::to_string(::getpid()) + R"(,"tid":)"),
       buffer_(kBufferSize)
 {
     // Graphs and blocks have names that need no escapes.
     add(R"([)"
         "\n"
         R"({"name":"process_name","ph":"M")");
-    add(process_);
+    add_thread(0);
     add(R"(,"args":{"name":")");
     add(graph);
     add(R"("}})");
 }
 
-void Trace::add_run(std::uint32_t block, Time begin, Time end, bool has_failed) noexcept
+void Trace::add_run(std::uint32_t block, Time begin, Time end, bool has_failed,
+                    std::uint32_t thread) noexcept
 {
     add(",\n{\"name\":\"");
     add(network_.nodes[block].path);
@@ -51,7 +52,7 @@ void Trace::add_run(std::uint32_t block, Time begin, Time end, bool has_failed) 
     add_time(begin);
     add(R"(,"dur":)");
     add_time(end - begin);
-    add(process_);
+    add_thread(thread);
     add(has_failed ? R"(,"args":{"failed":true}})" : "}");
 }
 
@@ -59,7 +60,7 @@ void Trace::add_wave(Time begin, std::uint64_t runs) noexcept
 {
     add(",\n{\"name\":\"wave\",\"ph\":\"C\",\"ts\":");
     add_time(begin);
-    add(process_);
+    add_thread(0);
     add(R"(,"args":{"runs":)");
     add(runs);
     add("}}");
@@ -105,6 +106,12 @@ void Trace::add_time(Time time) noexcept
                                           static_cast<char>('0' + rest / 10 % 10),
                                           static_cast<char>('0' + rest % 10)};
     add(std::string_view(fraction.data(), fraction.size()));
+}
+
+void Trace::add_thread(std::uint32_t thread) noexcept
+{
+    add(process_);
+    add(std::uint64_t{thread} + 1);
 }
 
 void Trace::write() noexcept

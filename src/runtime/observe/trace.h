@@ -25,7 +25,9 @@ public:
     /// @throws std::system_error  it cannot be written: "'<file>' cannot be written: <errno>"
     Trace(const std::string& file, const std::string& graph, const Network& network);
 
-    void add_run(std::uint32_t block, Time begin, Time end, bool has_failed) noexcept;
+    /// @param thread  that ran the block; 0 is that of the graph
+    void add_run(std::uint32_t block, Time begin, Time end, bool has_failed,
+                 std::uint32_t thread = 0) noexcept;
 
     /// @param runs  of all blocks in the wave
     void add_wave(Time begin, std::uint64_t runs) noexcept;
@@ -38,12 +40,13 @@ private:
     void add(std::string_view text) noexcept;
     void add(std::uint64_t number) noexcept;
     void add_time(Time time) noexcept;
+    void add_thread(std::uint32_t thread) noexcept;
     void write() noexcept;
 
     std::string file_;
     const Network& network_;
     Descriptor descriptor_;
-    std::string process_;  // the end of each event
+    std::string process_;  // with which the end of each event begins
     std::vector<char> buffer_;
     std::size_t used_ = 0;
     int error_ = 0;  // of the first write that failed

@@ -1,5 +1,6 @@
 #include "schedule/wave.h"
 
+#include "schedule/crew.h"
 #include "schedule/probes.h"
 
 #include <algorithm>
@@ -11,8 +12,6 @@
 namespace Quorval::runtime {
 
 namespace {
-
-constexpr const char* kOperation = "run";
 
 /// Shows the value of an output without its trigger.
 class Untriggered : public OutPortInternal {
@@ -236,6 +235,9 @@ bool Wave::run()
         probe_->wave_begins();
     }
     const ContextScope scope(nullptr, nullptr);
+    if (crew_ != nullptr) {
+        return crew_->run();
+    }
     Context& present = context();
     for (std::uint32_t block = 0; visits_.take_lowest(block);) {
         if (!slots_[block].is_done && !visit_block(slots_[block], present)) {
@@ -253,7 +255,12 @@ void Wave::drop_visits()
     }
 }
 
-inline bool Wave::visit_block(Slot& slot, Context& present)
+bool Wave::visit(Slot& slot)
+{
+    return visit_block(slot, context());
+}
+
+[[gnu::always_inline]] inline bool Wave::visit_block(Slot& slot, Context& present)
 {
     *visited_end_++ = &slot;
     present.path = slot.path;
@@ -275,8 +282,14 @@ inline bool Wave::visit_block(Slot& slot, Context& present)
     return true;
 }
 
+/// Takes the inputs over.
+bool Wave::is_due(const Slot& slot)
+{
+    return take_over(slot);
+}
+
 /// @return whether the block is due
-inline bool Wave::take_over(const Slot& slot)
+[[gnu::always_inline]] inline bool Wave::take_over(const Slot& slot)
 {
     bool is_due = slot.is_asked;
     const Take* const last = (&slot + 1)->takes;
@@ -339,6 +352,20 @@ bool Wave::run_probed(const Slot& slot)
     }
 }
 
+/// A run of which the outcome is looked at elsewhere.
+bool Wave::run_uncounted(Slot& slot)
+{
+    slot.is_asked = false;
+    if (slot.has_descriptors) {
+        descriptors_.before_run(number_of(slot));
+    }
+    const bool goes_on = slot.block->run();
+    if (slot.has_descriptors) {
+        descriptors_.after_run(number_of(slot));
+    }
+    return goes_on;
+}
+
 void Wave::end_block(Slot& slot)
 {
     slot.is_done = true;
@@ -347,11 +374,21 @@ void Wave::end_block(Slot& slot)
 
 bool Wave::contain_failure(Slot& slot, const std::string& text)
 {
+    drop_outputs(slot);
+    return tell_failure(slot, text);
+}
+
+void Wave::drop_outputs(Slot& slot)
+{
     slot.is_asked = false;
-    ++slot.failures;
     for (const Output* output = slot.outputs; output != (&slot + 1)->outputs; ++output) {
         output->port->reset(true);
     }
+}
+
+bool Wave::tell_failure(Slot& slot, const std::string& text)
+{
+    ++slot.failures;
     const ContextScope scope(nullptr, nullptr);
     events_.block_failed(number_of(slot), text);
     return slot.skips_failures;
@@ -363,6 +400,17 @@ inline void Wave::note_outputs(const Slot& slot)
     for (Output* output = slot.outputs; output != last; ++output) {
         if (!output->is_noted && output->port->is_triggered()) {
             note_output(*output);
+        }
+    }
+}
+
+/// Those that are triggered now, whose readers were visited already.
+void Wave::list_outputs(const Slot& slot)
+{
+    for (Output* output = slot.outputs; output != (&slot + 1)->outputs; ++output) {
+        if (!output->is_noted && output->port->is_triggered()) {
+            output->is_noted = true;
+            *triggered_end_++ = output;
         }
     }
 }
@@ -425,6 +473,21 @@ inline void Wave::reset_inputs(const Slot& slot)
     slot.block->reset_inports(false);
     if (slot.has_descriptors) {
         descriptors_.reset(number_of(slot));
+    }
+}
+
+/// Leaves nothing to be seen of a visit, as far as that can be had.
+void Wave::forget_visit(const Slot& slot)
+{
+    try {
+        for (const Output* output = slot.outputs; output != (&slot + 1)->outputs; ++output) {
+            if (!output->is_noted) {
+                output->port->reset(true);
+            }
+        }
+        reset_inputs(slot);
+    } catch (...) {
+        return;  // nobody would have heard of the block
     }
 }
 

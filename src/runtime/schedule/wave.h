@@ -5,6 +5,7 @@
 #include "schedule/bitset.h"
 #include "schedule/network.h"
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -48,6 +49,15 @@ protected:
     ~ITriggerWatcher() = default;
 };
 
+/// A run that is told of when it has ended.
+struct TimedRun {
+    std::uint32_t block = 0;
+    std::uint32_t thread = 0;  // that ran it; 0 is that of the graph
+    std::chrono::nanoseconds begin{};
+    std::chrono::nanoseconds end{};
+    bool has_failed = false;
+};
+
 /// Watches waves and each run in them, to measure them.
 struct IRunProbe {
     virtual void wave_begins() = 0;
@@ -55,15 +65,21 @@ struct IRunProbe {
     virtual void wave_ends() = 0;
     virtual void run_begins(std::uint32_t block) = 0;
     virtual void run_ends(std::uint32_t block, bool has_failed) = 0;
+    /// In place of the two before, for a block that ran side by side with others.
+    virtual void ran(const TimedRun& run) = 0;
 
 protected:
     ~IRunProbe() = default;
 };
 
+class Crew;
+
 /// Visits, in the order of the network, the blocks that something leads to, and runs those that
 /// are due. Knows no loop, no file and no clock. Between two waves it is told what the next one
 /// begins with. Costs what it visits, and allocates nothing.
 class Wave {
+    friend class Crew;  // does the visits, where a wave has one
+
 public:
     /// @param network  arranged, with all inputs and outputs of its blocks in place; it and the
     ///                 others must outlive the wave
@@ -162,23 +178,33 @@ private:
     {
         return static_cast<std::uint32_t>(&slot - slots_.data());
     }
+    static constexpr const char* kOperation = "run";
+
+    bool visit(Slot& slot);
     bool visit_block(Slot& slot, Context& present);
     void drop_visits();
+    bool is_due(const Slot& slot);
     bool take_over(const Slot& slot);
     bool take_over_rest(const Slot& slot);
     void run_block(Slot& slot);
     bool run_probed(const Slot& slot);
+    bool run_uncounted(Slot& slot);
     void end_block(Slot& slot);
     bool contain_failure(Slot& slot, const std::string& text);
+    static void drop_outputs(Slot& slot);
+    bool tell_failure(Slot& slot, const std::string& text);
     void note_outputs(const Slot& slot);
+    void list_outputs(const Slot& slot);
     void note_output(Output& output);
     void tell_watchers();
     void reset_inputs(const Slot& slot);
+    void forget_visit(const Slot& slot);
     void reset_outputs();
 
     IDescriptorPorts& descriptors_;
     IWaveEvents& events_;
     IRunProbe* probe_ = nullptr;
+    Crew* crew_ = nullptr;
     std::uint64_t waves_ = 0;
     Bitset visits_;
     // All in the order of the run, side by side in memory.

@@ -52,6 +52,11 @@ public:
     {
         add(has_failed ? "fails" : "ends", block);
     }
+    void ran(const TimedRun& run) override
+    {
+        run_begins(run.block);
+        run_ends(run.block, run.has_failed);
+    }
 
     std::set<std::uint32_t> triggered;
     std::vector<std::string> lines;

@@ -1,0 +1,129 @@
+#include "schedule/workers.h"
+
+#ifdef QUORVAL_HAS_THREADS
+
+#include <oneapi/tbb/global_control.h>
+#include <oneapi/tbb/info.h>
+#include <oneapi/tbb/task_arena.h>
+#include <oneapi/tbb/task_group.h>
+
+#include <optional>
+
+#ifdef QUORVAL_TELLS_THREAD_SANITIZER
+// oneTBB is not built for the thread sanitizer, so this file is not either, and says itself what
+// comes before what. Of the sanitizer's library.
+extern "C" void __tsan_acquire(void* address);  // NOLINT(bugprone-reserved-identifier)
+extern "C" void __tsan_release(void* address);  // NOLINT(bugprone-reserved-identifier)
+#endif
+
+namespace Quorval::runtime {
+
+namespace {
+
+/// A point that threads come to, some before and some behind it.
+struct Order {
+    void come_before()
+    {
+#ifdef QUORVAL_TELLS_THREAD_SANITIZER
+        __tsan_release(this);
+#endif
+    }
+
+    void come_behind()
+    {
+#ifdef QUORVAL_TELLS_THREAD_SANITIZER
+        __tsan_acquire(this);
+#endif
+    }
+};
+
+}  // namespace
+
+struct Workers::Impl {
+    explicit Impl(unsigned threads) : arena(static_cast<int>(threads), 1)
+    {
+        if (threads > static_cast<unsigned>(tbb::info::default_concurrency())) {
+            // The library has a thread for each processor unless it is told to have more.
+            control.emplace(tbb::global_control::max_allowed_parallelism, threads);
+        }
+    }
+
+    std::optional<tbb::global_control> control;
+    tbb::task_arena arena;
+    Order begin;
+    Order end;
+};
+
+bool Workers::are_there()
+{
+    return true;
+}
+
+Workers::Workers(unsigned threads) : impl_(std::make_unique<Impl>(threads)) {}
+
+Workers::~Workers() = default;
+
+void Workers::run(std::size_t count, const std::function<void(std::size_t)>& work,
+                  const std::function<void()>& own)
+{
+    Order& begin = impl_->begin;
+    Order& end = impl_->end;
+    // Isolated: a block that waits for tasks of its own must not be handed another block.
+    const auto run_one = [&](std::size_t at) {
+        tbb::this_task_arena::isolate([&] {
+            begin.come_behind();
+            work(at);
+            end.come_before();
+        });
+    };
+    begin.come_before();
+    impl_->arena.execute([&] {
+        tbb::task_group group;
+        for (std::size_t at = 0; at < count; ++at) {
+            group.run([&run_one, at] { run_one(at); });
+        }
+        group.run_and_wait([&own] { tbb::this_task_arena::isolate(own); });
+    });
+    end.come_behind();
+}
+
+std::uint32_t Workers::present()
+{
+    const int index = tbb::this_task_arena::current_thread_index();
+    return index > 0 ? static_cast<std::uint32_t>(index) : 0;
+}
+
+}  // namespace Quorval::runtime
+
+#else
+
+namespace Quorval::runtime {
+
+struct Workers::Impl {};
+
+bool Workers::are_there()
+{
+    return false;
+}
+
+Workers::Workers(unsigned /*threads*/) {}
+
+Workers::~Workers() = default;
+
+void Workers::run(std::size_t count, const std::function<void(std::size_t)>& work,
+                  const std::function<void()>& own)
+{
+    own();
+    for (std::size_t at = 0; at < count; ++at) {
+        work(at);
+    }
+}
+
+std::uint32_t Workers::present()
+{
+    return 0;
+}
+
+}  // namespace Quorval::runtime
+
+#endif

@@ -1,0 +1,491 @@
+#include "schedule/crew.h"
+
+#include <quorval/log.h>
+#include "loop/loop.h"
+#include "messages/context.h"
+#include "runtime/support/fakes.h"
+#include "support/support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace Quorval;
+using namespace Quorval::runtime;
+using quorval_test::FakeBlock;
+using quorval_test::FakeGraph;
+using quorval_test::LogRecorder;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr unsigned kThreads = 4;
+
+Crew::Setting always()
+{
+    // Every task goes to the threads, however short it is.
+    return {kThreads, Crew::Time(0), true};
+}
+
+/// What a wave tells and asks, as lines.
+class Watcher final : public IDescriptorPorts,
+                      public IWaveEvents,
+                      public IRunProbe,
+                      public ITriggerWatcher {
+public:
+    bool is_triggered(std::uint32_t block) override { return ready.count(block) > 0; }
+    void before_run(std::uint32_t block) override { add(port_lines, "before", block); }
+    void after_run(std::uint32_t block) override { add(port_lines, "after", block); }
+    void reset(std::uint32_t block) override { ready.erase(block); }
+    void block_failed(std::uint32_t block, const std::string& text) override
+    {
+        add(lines, "failed " + text, block);
+    }
+    void block_is_done(std::uint32_t block) override { add(lines, "done", block); }
+    void wave_begins() override {}
+    void wave_ends() override {}
+    void run_begins(std::uint32_t /*block*/) override {}
+    void run_ends(std::uint32_t block, bool has_failed) override
+    {
+        add(lines, has_failed ? "fails" : "runs", block);
+    }
+    void ran(const TimedRun& run) override { run_ends(run.block, run.has_failed); }
+    void has_value(std::uint32_t tag) override { add(lines, "value", tag); }
+
+    std::set<std::uint32_t> ready;
+    std::vector<std::string> lines;
+    std::vector<std::string> port_lines;
+
+private:
+    static void add(std::vector<std::string>& list, const std::string& what, std::uint32_t number)
+    {
+        list.push_back(what + " " + std::to_string(number));
+    }
+};
+
+/// A block that does at random, by a seed of its own, whatever blocks do.
+class Actor {
+public:
+    Actor(FakeBlock& block, std::uint32_t seed) : block_(block), random_(seed)
+    {
+        for (std::uint32_t count = random_() % 3 + 1; count > 0; --count) {
+            outputs_.push_back(&block.output("out" + std::to_string(count)));
+        }
+        block.on_run = [this] { return act(); };
+    }
+
+    InPort<int>& add_input()
+    {
+        inputs_.push_back(&block_.input("in" + std::to_string(inputs_.size()), random_() % 4 > 0));
+        return *inputs_.back();
+    }
+
+    OutPort<int>& output(std::uint32_t number) { return *outputs_[number % outputs_.size()]; }
+    FakeBlock& block() { return block_; }
+    std::vector<std::string> seen;
+
+private:
+    bool act()
+    {
+        std::string all;
+        for (const InPort<int>* input : inputs_) {
+            all += " " + (input->get() == nullptr ? "-" : std::to_string(input->value())) +
+                   (input->is_triggered() ? "!" : "");
+        }
+        seen.push_back(all);
+        if (random_() % 4 == 0) {
+            ilog(LOGLEVEL_INFO) << context().path << all;
+        }
+        int sum = 1;
+        for (const InPort<int>* input : inputs_) {
+            sum = (sum * 31 + (input->get() == nullptr ? 0 : input->value())) % 10007;
+        }
+        for (OutPort<int>* output : outputs_) {
+            output->value() = sum;  // seen by a delayed reader that has run before
+            if (random_() % 3 > 0) {
+                output->trigger();
+            }
+        }
+        if (random_() % 40 == 0) {
+            throw std::runtime_error("no" + all);
+        }
+        return random_() % 200 > 0;
+    }
+
+    FakeBlock& block_;
+    std::mt19937 random_;
+    std::vector<InPort<int>*> inputs_;
+    std::vector<OutPort<int>*> outputs_;
+};
+
+/// A random graph, the same one for a seed, in whose waves everything is written down.
+class World {
+public:
+    World(std::uint32_t seed, bool has_crew) : random_(seed)
+    {
+        const std::uint32_t count = random_() % 24 + 2;
+        for (std::uint32_t at = 0; at < count; ++at) {
+            actors_.push_back(std::make_unique<Actor>(
+                graph_.add("b" + std::to_string(random_() % 1000) + "x" + std::to_string(at),
+                           random_() % 8 > 0),
+                seed * 1000 + at));
+        }
+        connect();
+        graph_.arrange();
+        wave_ = std::make_unique<Wave>(graph_.network(), watcher_, watcher_);
+        wave_->set_probe(&watcher_);
+        tie();
+        watch();
+        if (has_crew) {
+            crew_ = std::make_unique<Crew>(*wave_, graph_.network(), ties_, always(), Loop::now);
+        }
+    }
+
+    bool run_waves(std::uint32_t count)
+    {
+        bool is_well = true;
+        for (std::uint32_t wave = 0; is_well && wave < count; ++wave) {
+            prepare();
+            is_well = wave_->run();
+            wave_->for_triggered([this, is_well](const OutPortInternal& output) {
+                // Where the wave ends early, a block behind its end may have run, and so changed a
+                // value that it had published before the wave.
+                const auto& port = static_cast<const OutPort<int>&>(output);
+                watcher_.lines.push_back("triggered " + port.get_name() +
+                                         (is_well ? " " + std::to_string(port.value()) : ""));
+            });
+            is_well = wave_->reset() && is_well;
+            watcher_.lines.push_back(wave_->is_idle() ? "idle" : "not idle");
+        }
+        return is_well;
+    }
+
+    /// What every block has seen, without those behind the last one that failed: these may or may
+    /// not have run in the wave that ended there.
+    std::vector<std::string> seen()
+    {
+        std::vector<std::string> all;
+        for (std::uint32_t block = 0; block < actors_.size(); ++block) {
+            Actor& actor = actor_at(block);
+            const auto runs = std::min<std::size_t>(wave_->runs(block), actor.seen.size());
+            all.insert(all.end(), actor.seen.begin(),
+                       actor.seen.begin() + static_cast<std::ptrdiff_t>(runs));
+            all.push_back(std::to_string(wave_->runs(block)) + " runs " +
+                          std::to_string(wave_->failures(block)) + " failures " +
+                          (wave_->is_done(block) ? "done" : ""));
+        }
+        return all;
+    }
+
+    /// Whether blocks have run more often than is counted.
+    bool has_run_ahead()
+    {
+        for (std::uint32_t block = 0; block < actors_.size(); ++block) {
+            if (actor_at(block).seen.size() > wave_->runs(block)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /// Whether one that keeps its place has.
+    bool has_run_out_of_place()
+    {
+        for (std::uint32_t block = 0; block < actors_.size(); ++block) {
+            if (ties_[block] == Tie::Place && actor_at(block).seen.size() > wave_->runs(block)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    const Watcher& watcher() const { return watcher_; }
+
+private:
+    void connect()
+    {
+        const auto count = static_cast<std::uint32_t>(actors_.size());
+        for (std::uint32_t wire = random_() % (2 * count); wire > 0; --wire) {
+            const std::uint32_t from = random_() % count;
+            const std::uint32_t to = random_() % count;
+            // A delayed one runs its reader first, so both kinds go the way of the numbers.
+            const bool is_delayed = from >= to;
+            InPort<int>& input = actors_[to]->add_input();
+            const OutPort<int>& output = actors_[from]->output(random_());
+            graph_.connect(actors_[from]->block(), output.get_name(), actors_[to]->block(),
+                           input.get_name(), is_delayed);
+        }
+        actors_[random_() % count]->add_input();  // that nothing feeds
+    }
+
+    void tie()
+    {
+        for (std::uint32_t block = 0; block < actors_.size(); ++block) {
+            const std::uint32_t kind = random_() % 8;
+            ties_.push_back(kind == 0 ? Tie::Place : kind <= 2 ? Tie::Thread : Tie::None);
+            if (ties_.back() == Tie::Thread) {
+                wave_->has_descriptors(block);
+            }
+        }
+    }
+
+    void watch()
+    {
+        for (std::uint32_t block = 0; block < actors_.size(); ++block) {
+            if (random_() % 2 == 0) {
+                wave_->watch(block, actor_at(block).output(0), watcher_, block);
+            }
+        }
+    }
+
+    /// Makes blocks due in all the ways that there are.
+    void prepare()
+    {
+        for (std::uint32_t block = 0; block < actors_.size(); ++block) {
+            switch (random_() % 6) {
+                case 0:
+                    wave_->ask(block);
+                    break;
+                case 1:
+                    actor_at(block).output(0).write(static_cast<int>(random_() % 1000));
+                    wave_->look_at_outputs(block);
+                    break;
+                case 2:
+                    if (ties_[block] == Tie::Thread) {
+                        watcher_.ready.insert(block);
+                        wave_->visit(block);
+                    }
+                    break;
+                default:
+                    break;
+            }
+        }
+    }
+
+    Actor& actor_at(std::uint32_t block)
+    {
+        return **std::find_if(actors_.begin(), actors_.end(), [&](const auto& actor) {
+            return graph_.number_of(actor->block()) == block;
+        });
+    }
+
+    std::mt19937 random_;
+    FakeGraph graph_;
+    std::vector<std::unique_ptr<Actor>> actors_;
+    std::vector<Tie> ties_;
+    Watcher watcher_;
+    std::unique_ptr<Wave> wave_;
+    std::unique_ptr<Crew> crew_;
+};
+
+/// Shows where two long lists begin to differ.
+void expect_same(const std::vector<std::string>& lines, const std::vector<std::string>& expected,
+                 std::uint32_t seed)
+{
+    const auto [line, wanted] =
+        std::mismatch(lines.begin(), lines.end(), expected.begin(), expected.end());
+    const auto rest = [](auto from, auto end) {
+        constexpr std::ptrdiff_t kShown = 8;
+        return std::vector<std::string>(from, from + std::min(kShown, end - from));
+    };
+    EXPECT_EQ(rest(line, lines.end()), rest(wanted, expected.end()))
+        << "seed " << seed << ", line " << line - lines.begin();
+}
+
+TEST(Crew, DoesOnSeveralThreadsWhatAWaveDoesOnOne)
+{
+    constexpr std::uint32_t kGraphs = 300;
+    constexpr std::uint32_t kWaves = 30;
+    std::uint32_t well = 0;
+    std::uint32_t ahead = 0;
+    for (std::uint32_t seed = 1; seed <= kGraphs; ++seed) {
+        LogRecorder recorder;
+        World alone(seed, false);
+        const bool is_well = alone.run_waves(kWaves);
+        const std::vector<std::string> texts = recorder.texts();
+        recorder.clear();
+        const MessagesInTurn messages;
+        World crew(seed, true);
+
+        ASSERT_EQ(crew.run_waves(kWaves), is_well) << seed;
+
+        expect_same(crew.watcher().lines, alone.watcher().lines, seed);
+        expect_same(crew.seen(), alone.seen(), seed);
+        expect_same(recorder.texts(), texts, seed);
+        ASSERT_FALSE(crew.has_run_out_of_place() || HasFailure()) << seed;
+        if (is_well) {
+            expect_same(crew.watcher().port_lines, alone.watcher().port_lines, seed);
+            ASSERT_FALSE(crew.has_run_ahead()) << seed;
+        }
+        well += is_well ? 1 : 0;
+        ahead += crew.has_run_ahead() ? 1 : 0;
+    }
+    EXPECT_GT(well, 20U);
+    EXPECT_LT(well, kGraphs - 20);
+    EXPECT_GT(ahead, 0U);
+}
+
+/// Blocks without connections, all due.
+class Row {
+public:
+    explicit Row(std::size_t count)
+    {
+        for (std::size_t at = 0; at < count; ++at) {
+            blocks.push_back(&graph.add(std::string(1, static_cast<char>('a' + at))));
+        }
+    }
+
+    void prepare(const Crew::Setting& setting = always())
+    {
+        graph.arrange();
+        wave = std::make_unique<Wave>(graph.network(), watcher, watcher);
+        ties.resize(blocks.size());
+        crew = std::make_unique<Crew>(*wave, graph.network(), ties, setting, Loop::now);
+    }
+
+    bool run()
+    {
+        for (std::uint32_t block = 0; block < blocks.size(); ++block) {
+            wave->ask(block);
+        }
+        const bool is_well = wave->run();
+        return wave->reset() && is_well;
+    }
+
+    FakeGraph graph;
+    std::vector<FakeBlock*> blocks;
+    Watcher watcher;
+    std::vector<Tie> ties;
+    std::unique_ptr<Wave> wave;
+    std::unique_ptr<Crew> crew;
+};
+
+TEST(Crew, RunsBlocksAtTheSameTime)
+{
+    if (!Workers::are_there()) {
+        EXPECT_EQ(Workers::present(), 0U);
+        return;
+    }
+    Row row(2);
+    std::atomic<int> arrived{0};
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&arrived] {
+            for (++arrived; arrived < 2;) {  // each waits for the other one
+                std::this_thread::yield();
+            }
+            return true;
+        };
+    }
+    row.prepare();
+
+    EXPECT_TRUE(row.run());
+
+    EXPECT_EQ(arrived, 2);
+}
+
+TEST(Crew, RunsTiedBlocksOnTheThreadOfTheGraphInTheirOrder)
+{
+    Row row(6);
+    std::vector<std::string> order;
+    const std::thread::id mine = std::this_thread::get_id();
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&, block] {
+            EXPECT_EQ(std::this_thread::get_id(), mine);
+            order.push_back(block->get_name());
+            return true;
+        };
+    }
+    row.blocks[0]->on_run = [] { return true; };
+    row.blocks[3]->on_run = [] { return true; };
+    row.ties = {Tie::None, Tie::Thread, Tie::Place, Tie::None, Tie::Thread, Tie::Place};
+    row.prepare();
+
+    for (int wave = 0; wave < 50; ++wave) {
+        order.clear();
+        ASSERT_TRUE(row.run());
+        ASSERT_THAT(order, ElementsAre("b", "c", "e", "f"));
+    }
+}
+
+TEST(Crew, CarriesWhatIsNoFailureOfABlockBackToTheWave)
+{
+    class Broken final : public IWaveEvents {
+        void block_failed(std::uint32_t /*block*/, const std::string& /*text*/) override
+        {
+            throw std::bad_alloc();
+        }
+        void block_is_done(std::uint32_t /*block*/) override {}
+    };
+    FakeGraph graph;
+    graph.add("a").on_run = []() -> bool { throw std::runtime_error("no"); };
+    Watcher watcher;
+    Broken events;
+    Wave wave(graph.arrange(), watcher, events);
+    const Crew crew(wave, graph.network(), {Tie::None}, always(), Loop::now);
+    wave.ask(0);
+
+    EXPECT_THROW(wave.run(), std::bad_alloc);
+}
+
+TEST(Crew, NamesTheBlockOnWhateverThreadItRuns)
+{
+    Row row(8);
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [block] {
+            EXPECT_EQ(context().path, block->get_name());
+            EXPECT_STREQ(context().operation, "run");
+            return true;
+        };
+    }
+    row.prepare();
+
+    EXPECT_TRUE(row.run());
+
+    EXPECT_EQ(context().path, nullptr);
+}
+
+// A clock by which each run takes as long as the test wants.
+std::chrono::nanoseconds present{0};
+
+std::chrono::nanoseconds read_clock()
+{
+    return present;
+}
+
+TEST(Crew, GivesNoThreadToBlocksThatDoNextToNothing)
+{
+    Row row(3);
+    const std::thread::id mine = std::this_thread::get_id();
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&] {
+            EXPECT_EQ(std::this_thread::get_id(), mine);
+            EXPECT_EQ(present_deeds(), nullptr);
+            present += Crew::Time(900);
+            return true;
+        };
+    }
+    row.graph.arrange();
+    row.wave = std::make_unique<Wave>(row.graph.network(), row.watcher, row.watcher);
+    row.ties.resize(3);
+    const Crew crew(*row.wave, row.graph.network(), row.ties, {kThreads, Crew::Time(1000), false},
+                    read_clock);
+
+    for (int wave = 0; wave < 300; ++wave) {
+        ASSERT_TRUE(row.run());
+    }
+}
+
+}  // namespace
