@@ -1,4 +1,5 @@
 // Print: shows values of any of the standard types.
+#include <quorval/runtime/tools.h>
 #include <quorval/settings.h>
 #include "blocks.h"
 
@@ -74,6 +75,9 @@ public:
                  std::vector<std::int32_t>, std::vector<std::int64_t>, std::vector<float>,
                  std::vector<double>>();
     }
+
+    // Standard output belongs to all blocks.
+    void start() override { get_tools().keep_place(); }
 
     bool run() override
     {

@@ -11,11 +11,13 @@
 #include "record/recorder.h"
 #include "run/runner.h"
 #include "run/signals.h"
+#include "schedule/workers.h"
 
 #include <atomic>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -36,10 +38,25 @@ using runtime::Signals;
 using runtime::StateLock;
 using runtime::Trace;
 using runtime::Wave;
+using runtime::Workers;
 
 [[noreturn]] void throw_cannot_run(const char* why)
 {
     throw std::logic_error(std::string("the graph cannot be run: ") + why);
+}
+
+GraphOptions check_threads(GraphOptions options)
+{
+    constexpr unsigned kMost = 256;
+    if (options.threads == 0 || options.threads > kMost) {
+        throw std::invalid_argument("the number of threads has to be from 1 to 256, not " +
+                                    std::to_string(options.threads));
+    }
+    if (options.threads > 1 && !Workers::are_there()) {
+        throw std::invalid_argument(
+            "this build has one thread alone: it was made without QUORVAL_WITH_THREADS");
+    }
+    return options;
 }
 
 std::unique_ptr<Signals> take_signals(const GraphOptions& options, const Loop* loop)
@@ -64,7 +81,7 @@ struct Graph::Impl {
     std::vector<LinkStatistics> link_statistics;
 
     explicit Impl(GraphOptions given)
-        : options(std::move(given)),
+        : options(check_threads(std::move(given))),
           loop(options.is_dry ? nullptr : std::make_unique<Loop>()),
           signals(take_signals(options, loop.get())),
           state(options.is_dry ? "" : runtime::find_state_directory(options.state_directory)),

@@ -38,11 +38,11 @@ TEST(RuntimeLayout, OfGraphOptions)
     using O = GraphOptions;
 
     EXPECT_EQ(places_in<O>(&O::files, &O::assignments, &O::plugin_path, &O::state_directory,
-                           &O::is_dry, &O::takes_signals, &O::run_for, &O::on_progress,
+                           &O::is_dry, &O::takes_signals, &O::threads, &O::run_for, &O::on_progress,
                            &O::times_runs, &O::trace_file, &O::tells_manager, &O::record_file,
                            &O::record_outputs, &O::replay_file, &O::replays_fast, &O::keeps_plugins,
                            &O::machine, &O::is_local, &O::bus),
-              (Places{0,   24,  48,  72,  104, 105, 112, 120, 152, 160,
+              (Places{0,   24,  48,  72,  104, 105, 108, 112, 120, 152, 160,
                       192, 200, 232, 256, 288, 289, 296, 328, 332, 336}));
 }
 
@@ -125,6 +125,7 @@ TEST(RuntimeLayout, ServicesStandAtTheirPlaces)
     EXPECT_EQ(slot_of(&RuntimeTools::stop), 5);
     EXPECT_EQ(slot_of(&RuntimeTools::loop), 6);
     EXPECT_EQ(slot_of(&RuntimeTools::bus), 7);
+    EXPECT_EQ(slot_of(&RuntimeTools::keep_place), 8);
     EXPECT_EQ(sizeof(RuntimeTools), sizeof(void*));
 }
 

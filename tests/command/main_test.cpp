@@ -42,8 +42,8 @@ TEST_F(Main, PrintsHelpForEachCommand)
         {"check", {"--set", "--plugin-path", "--strict", "--json"}},
         {"graph", {"--set", "--plugin-path", "--format"}},
         {"run",
-         {"--set", "--plugin-path", "--state", "--for", "--stats", "--trace", "-q,--quiet",
-          "-v,--verbose"}},
+         {"--set", "--plugin-path", "--state", "--for", "--stats", "--threads", "--trace",
+          "-q,--quiet", "-v,--verbose"}},
     };
     for (const auto& [command, options] : commands) {
         SCOPED_TRACE(command);

@@ -331,6 +331,25 @@ TEST_F(Run, RefusesWhatIsNoDuration)
     }
 }
 
+TEST_F(Run, RefusesWhatIsNoNumberOfThreads)
+{
+    for (const std::string text : {"0", "-1", "257", "two", "2x", "99999999999"}) {
+        expect_wrong_use(run({"run", "--threads=" + text, "numbers.toml"}),
+                         "--threads has to be a number from 1 to 256, not '" + text + "'");
+    }
+}
+
+TEST_F(Run, RunsOnSeveralThreadsWhereTheBuildHasThem)
+{
+    expect_result(run({"run", "--threads", "1", "numbers.toml"}), 0, "2\n4\n6\n", "");
+#ifdef QUORVAL_HAS_THREADS
+    expect_result(run({"run", "--threads", "2", "numbers.toml"}), 0, "2\n4\n6\n", "");
+#else
+    expect_wrong_use(run({"run", "--threads", "2", "numbers.toml"}),
+                     "this build has one thread alone: it was made without QUORVAL_WITH_THREADS");
+#endif
+}
+
 TEST_F(Run, KeepsStateWhereItIsTold)
 {
     write_trouble("", "");

@@ -36,6 +36,9 @@ struct GraphOptions {
     /// `config`; any other difference is refused with a message. SIGPIPE is ignored. One graph of
     /// a process can do this at a time; the former actions come back with its end.
     bool takes_signals = false;
+    /// Blocks that do not depend on each other run side by side on up to so many threads, where
+    /// that is faster; at most 256. What the graph computes does not depend on it.
+    unsigned threads = 1;
     /// run() stops the graph in order so long after its blocks were started; zero: it does not.
     std::chrono::nanoseconds run_for{0};
     /// Called by run(), between two waves, with the latest report of a block about its work, at
@@ -141,7 +144,9 @@ public:
     ///     "'<text>' is not of the form PATH.KEY=VALUE"; or a machine is not one of the graph, or
     ///     one is needed: "there is no machine '<name>'", "one of the machines <a>, <b> has to be
     ///     named with --machine, or --local be given"; or there are no files: "there is no graph
-    ///     file"
+    ///     file"; or GraphOptions::threads is out of its range: "the number of threads has to be
+    ///     from 1 to 256, not <n>"; or greater than 1 in a build without threads: "this build has
+    ///     one thread alone: it was made without QUORVAL_WITH_THREADS"
     /// @throws std::logic_error       another graph of the process takes the signals already:
     ///     "another graph takes the signals"
     /// @throws std::runtime_error     another graph that runs keeps its state there: "the state

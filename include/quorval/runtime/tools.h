@@ -17,7 +17,7 @@ struct InitTools {
 };
 
 /// What a running block gets. One object for each block, which lives at least as long as the block
-/// and is attached before start(). Used on the thread that runs the graph, but for request_run().
+/// and is attached before start(). Used in operations of the block, but for request_run().
 /// After stop() of the block nothing here has an effect any more. New operations come at the end.
 struct RuntimeTools {
     /// The path of the block: the names from the graph down to it with "/" between.
@@ -42,12 +42,19 @@ struct RuntimeTools {
     /// LOGLEVEL_INFO.
     virtual void stop(const std::string& reason) = 0;
 
-    /// The event loop that the graph runs on, owned by the runtime; null in a test.
+    /// The event loop that the graph runs on, owned by the runtime; null in a test. Where the graph
+    /// has several threads, a block that has asked for it, or for the bus, runs on the thread of
+    /// the loop from the next wave on. So ask in start() first.
     virtual sd_event* loop() = 0;
 
     /// The message bus that the graph is on, owned by the runtime; null without one. It is another
     /// one when the bus was lost and is back, and null in between: ask each time.
     virtual sd_bus* bus() = 0;
+
+    /// Has the block run on the thread of the graph, behind all blocks before it in the order, from
+    /// the next wave on, also where the graph has several threads. For blocks that share something
+    /// with others, such as standard output. To be called in start().
+    virtual void keep_place() {}
 
 protected:
     ~RuntimeTools() = default;

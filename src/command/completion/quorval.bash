@@ -47,7 +47,7 @@ _quorval()
         graph) options+=' --format' ;;
         inspect) options+=' --json' ;;
         replay) options+=' --state --machine --local --fast --quiet --verbose' ;;
-        run) options+=' --state --bus --for --machine --local --record --outputs --stats --trace --quiet --verbose' ;;
+        run) options+=' --state --bus --for --machine --local --record --outputs --stats --threads --trace --quiet --verbose' ;;
         describe | get | list | stop) options='--help --bus' ;;
         set) options='--help --bus --save' ;;
         top) options='--help --bus --once' ;;

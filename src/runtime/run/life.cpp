@@ -1,6 +1,7 @@
 #include "run/life.h"
 
 #include <quorval/log.h>
+#include "loop/loop.h"
 #include "messages/context.h"
 #include "messages/signal_mask.h"
 
@@ -10,7 +11,8 @@
 
 namespace Quorval::runtime {
 
-/// What one block gets. Outlives the life of the graph, and does nothing then.
+/// What one block gets. Outlives the life of the graph, and does nothing then. In a run on another
+/// thread than that of the graph only looks at what no wave changes; the rest waits for its turn.
 class Life::Services final : public RuntimeTools {
 public:
     Services(Life& life, std::uint32_t block)
@@ -40,20 +42,15 @@ public:
 
     void run_at(std::chrono::nanoseconds time) override
     {
-        if (life_ == nullptr || life_->wave_.is_done(block_)) {
-            return;
-        }
-        if (time.count() < 0) {
-            life_->timers_.cancel(block_);
-        } else {
-            life_->timers_.set(block_, time);
+        if (life_ != nullptr) {
+            do_in_turn([this, time] { set_timer(time); });
         }
     }
 
     void progress(std::uint64_t done, std::uint64_t total) override
     {
         if (life_ != nullptr) {
-            life_->world_.progress(path_, done, total);
+            do_in_turn([this, done, total] { life_->world_.progress(path_, done, total); });
         }
     }
 
@@ -61,7 +58,7 @@ public:
     {
         if (life_ != nullptr) {
             logger(LOGLEVEL_INFO, "%s", reason.c_str());
-            life_->request_stop();
+            do_in_turn([this] { life_->request_stop(); });
         }
     }
 
@@ -71,12 +68,29 @@ public:
             return nullptr;
         }
         if (!std::exchange(uses_loop_, true)) {
-            life_->loop_users_.push_back(block_);
+            do_in_turn([this] {
+                life_->loop_users_.push_back(block_);
+                life_->tie(block_, Tie::Thread);
+            });
         }
         return life_->world_.loop();
     }
 
-    sd_bus* bus() override { return life_ == nullptr ? nullptr : life_->world_.bus(); }
+    sd_bus* bus() override
+    {
+        if (life_ == nullptr) {
+            return nullptr;
+        }
+        tie(Tie::Thread);
+        return life_->world_.bus();
+    }
+
+    void keep_place() override
+    {
+        if (life_ != nullptr) {
+            tie(Tie::Place);
+        }
+    }
 
     void close()
     {
@@ -89,6 +103,23 @@ public:
     }
 
 private:
+    void set_timer(std::chrono::nanoseconds time)
+    {
+        if (life_->wave_.is_done(block_)) {
+            return;
+        }
+        if (time.count() < 0) {
+            life_->timers_.cancel(block_);
+        } else {
+            life_->timers_.set(block_, time);
+        }
+    }
+
+    void tie(Tie tie)
+    {
+        do_in_turn([this, tie] { life_->tie(block_, tie); });
+    }
+
     std::string path_;
     std::uint32_t block_;
     std::shared_ptr<Requests> requests_;
@@ -107,6 +138,7 @@ Life::Life(const Network& network, IWorld& world, Poller* poller, std::shared_pt
       ports_(network),
       wave_(network, ports_, *this),
       failures_(network),
+      ties_(network.nodes.size()),
       is_started_(network.nodes.size()),
       is_source_(network.nodes.size())
 {
@@ -125,6 +157,12 @@ Life::~Life()
     }
 }
 
+void Life::use_threads(const Crew::Setting& setting)
+{
+    threads_ = setting;
+    messages_.emplace();
+}
+
 bool Life::start()
 {
     was_started() = true;
@@ -141,7 +179,14 @@ bool Life::start()
         if (can_be_woken(block)) {
             add_source(block);
         }
+        if (network_.nodes[block].block->has_external_trigger()) {
+            tie(block, Tie::Thread);
+        }
         wave_.look_at_outputs(block);
+    }
+    if (threads_) {
+        crew_ = std::make_unique<Crew>(wave_, network_, ties_, *threads_, Loop::now);
+        has_new_ties_ = false;
     }
     watch_start();
     return is_stopping_ || has_sources_ || !wave_.is_idle();
@@ -188,6 +233,14 @@ bool Life::has_entry(std::uint32_t block) const
     return wire != end && wire->to == block;
 }
 
+void Life::tie(std::uint32_t block, Tie tie)
+{
+    if (ties_[block] < tie) {
+        ties_[block] = tie;
+        has_new_ties_ = true;
+    }
+}
+
 void Life::add_source(std::uint32_t block)
 {
     if (!is_source_[block]) {
@@ -220,6 +273,9 @@ void Life::step()
     take_timers(now);
     if (wave_.is_idle()) {
         return;
+    }
+    if (crew_ != nullptr && std::exchange(has_new_ties_, false)) {
+        crew_->plan(network_, ties_);
     }
     wave_time_ = now;
     is_in_wave_ = true;

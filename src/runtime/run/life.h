@@ -5,9 +5,12 @@
 #include "loop/descriptor_ports.h"
 #include "loop/poller.h"
 #include "loop/waker.h"
+#include "messages/turn.h"
 #include "run/failures.h"
 #include "run/requests.h"
+#include "schedule/crew.h"
 #include "schedule/network.h"
+#include "schedule/plan.h"
 #include "schedule/timers.h"
 #include "schedule/wave.h"
 
@@ -53,8 +56,8 @@ struct IOutputWatcher {
 };
 
 /// Attaches services to the blocks of a graph, starts them, runs waves and stops them. Waits for
-/// nothing: whoever owns it does, and tells what became ready. Reports what goes wrong. One thread,
-/// but for the requests of blocks.
+/// nothing: whoever owns it does, and tells what became ready. Reports what goes wrong. Used by one
+/// thread, but for the requests of blocks.
 class Life final : private IWaveEvents {
 public:
     using Time = std::chrono::nanoseconds;
@@ -67,6 +70,10 @@ public:
     Life& operator=(const Life&) = delete;
     /// The services do nothing from here on.
     ~Life();
+
+    /// Has waves run on several threads where that pays. Before start(); messages of the process
+    /// pass through this object from here on.
+    void use_threads(const Crew::Setting& setting);
 
     /// Starts the blocks, from the last to the first, until one fails or the graph has to stop.
     /// @return whether there is anything that would ever run
@@ -116,6 +123,7 @@ private:
     bool can_be_woken(std::uint32_t block);
     bool has_entry(std::uint32_t block) const;
     void add_source(std::uint32_t block);
+    void tie(std::uint32_t block, Tie tie);
     void watch_start();
     bool run_watched(Time now);
     void take_requests();
@@ -133,6 +141,11 @@ private:
     Wave wave_;
     Failures failures_;
     IOutputWatcher* watcher_ = nullptr;
+    std::optional<Crew::Setting> threads_;  // none: one thread
+    std::optional<MessagesInTurn> messages_;
+    std::unique_ptr<Crew> crew_;
+    std::vector<Tie> ties_;
+    bool has_new_ties_ = false;
     std::vector<std::shared_ptr<Services>> services_;
     std::vector<std::uint32_t> loop_users_;  // blocks
     std::vector<bool> is_started_;

@@ -23,6 +23,9 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
       run_{options, graph, loop, life_, overrides_, reload_},
       notice_(options.tells_manager, graph.blocks.size())
 {
+    if (options.threads > 1) {
+        life_.use_threads({options.threads});
+    }
 }
 
 void Runner::play(IPlayback& playback)

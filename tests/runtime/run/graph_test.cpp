@@ -1,5 +1,6 @@
 #include <quorval/runtime/graph.h>
 #include "runtime/support/graph_files.h"
+#include "schedule/workers.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
@@ -72,6 +73,34 @@ TEST_F(GraphTest, RunsToItsEnd)
 
     EXPECT_THAT(recorder.texts(),
                 ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
+}
+
+TEST_F(GraphTest, RunsOnSeveralThreadsWhereTheBuildHasThem)
+{
+    GraphOptions options;
+    options.threads = 3;
+
+    if (!runtime::Workers::are_there()) {
+        expect_throw<std::invalid_argument>(
+            [&] { make(kCounting, options); },
+            "this build has one thread alone: it was made without QUORVAL_WITH_THREADS");
+        return;
+    }
+    EXPECT_EQ(make(kCounting, options).run(), RunResult::Done);
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
+}
+
+TEST_F(GraphTest, RefusesNumbersOfThreadsOutOfTheirRange)
+{
+    for (const unsigned threads : {0U, 257U}) {
+        GraphOptions options;
+        options.threads = threads;
+
+        expect_throw<std::invalid_argument>(
+            [&] { make(kCounting, options); },
+            "the number of threads has to be from 1 to 256, not " + std::to_string(threads));
+    }
 }
 
 TEST_F(GraphTest, CountsRunsAndTimesThemWhereItIsTold)

@@ -8,9 +8,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -519,6 +523,166 @@ TEST_F(OverridesTest, LeaveWhatWasChangedInTheRunningGraphWhenFilesChange)
                                   BlockConfiguration{{"x", 8}}));
     EXPECT_TRUE(overrides.is_changed(0, "x"));
     EXPECT_FALSE(overrides.is_changed(0, "y"));
+}
+
+// --- several threads ---
+
+/// What a life tells and does in some waves, with threads or without.
+std::vector<std::string> live(bool has_threads)
+{
+    LogRecorder recorder;
+    FakeGraph graph;
+    FakeWorld world;
+    std::vector<FakeBlock*> blocks;
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        FakeBlock& block = graph.add(name, true);
+        block.on_start = [&block] { block.get_tools().request_run(); };
+        block.on_run = [&block] {
+            RuntimeTools& tools = block.get_tools();
+            const auto runs = static_cast<std::uint64_t>(block.runs);
+            ilog(LOGLEVEL_INFO) << tools.path() << " runs at " << tools.now().count();
+            tools.progress(runs, 9);
+            tools.run_at(tools.now() + std::chrono::seconds(block.runs % 3));
+            if (block.runs % 4 == 0) {
+                tools.request_run();
+            }
+            if (tools.path() == "c" && runs == 3) {
+                throw std::runtime_error("no third time");
+            }
+            if (tools.path() == "d" && runs == 7) {
+                tools.stop("enough");
+            }
+            return tools.path() != "b" || runs < 4;
+        };
+        blocks.push_back(&block);
+    }
+    graph.arrange();
+    Life life(graph.network(), world, nullptr, nullptr);
+    if (has_threads) {
+        life.use_threads({4, std::chrono::nanoseconds(0), true});
+    }
+    life.start();
+    while (!life.is_over()) {
+        life.step();
+        world.time += 1s;
+    }
+    life.stop();
+    std::vector<std::string> all = recorder.texts();
+    all.insert(all.end(), world.progresses.begin(), world.progresses.end());
+    for (const FakeBlock* block : blocks) {
+        all.push_back(std::to_string(block->runs));
+    }
+    all.push_back(std::to_string(life.wave().waves()));
+    return all;
+}
+
+TEST(LifeThreads, DoWhatOneThreadDoes)
+{
+    const std::vector<std::string> alone = live(false);
+
+    ASSERT_GT(alone.size(), 50U);
+    for (int turn = 0; turn < 20; ++turn) {
+        ASSERT_EQ(live(true), alone);
+    }
+}
+
+TEST(LifeThreads, LeaveBlocksThatUseTheLoopOrKeepTheirPlaceToTheThreadOfTheGraph)
+{
+    FakeGraph graph;
+    FakeWorld world;
+    std::vector<std::string> order;  // of the tied ones, so only the present thread writes it
+    const std::thread::id mine = std::this_thread::get_id();
+    for (const char* name : {"a", "b", "c", "d", "e", "f"}) {
+        FakeBlock& block = graph.add(name);
+        block.on_start = [&block, name = block.get_name()] {
+            RuntimeTools& tools = block.get_tools();
+            tools.request_run();
+            if (name == "b") {
+                tools.loop();
+            } else if (name == "c") {
+                tools.bus();
+            } else if (name == "e") {
+                tools.keep_place();
+            }
+        };
+        const bool is_tied = std::string("bce").find(name) != std::string::npos;
+        block.on_run = [&, name = block.get_name(), is_tied] {
+            if (is_tied) {
+                EXPECT_EQ(std::this_thread::get_id(), mine);
+                order.push_back(name);
+            }
+            return false;
+        };
+    }
+    graph.arrange();
+    Life life(graph.network(), world, nullptr, nullptr);
+    life.use_threads({4, std::chrono::nanoseconds(0), true});
+
+    life.start();
+    life.step();
+    life.stop();
+
+    EXPECT_THAT(order, ElementsAre("b", "c", "e"));
+}
+
+TEST(LifeThreads, TieABlockThatAsksForTheLoopInARunFromTheNextOneOn)
+{
+    FakeGraph graph;
+    FakeWorld world;
+    const std::thread::id mine = std::this_thread::get_id();
+    for (const char* name : {"a", "b", "c", "d"}) {
+        FakeBlock& block = graph.add(name);
+        block.on_start = [&block] { block.get_tools().request_run(); };
+        block.on_run = [&block, mine] {
+            block.get_tools().loop();
+            block.get_tools().request_run();
+            EXPECT_TRUE(block.runs == 1 || std::this_thread::get_id() == mine);
+            return true;
+        };
+    }
+    graph.arrange();
+    Life life(graph.network(), world, nullptr, nullptr);
+    life.use_threads({4, std::chrono::nanoseconds(0), true});
+
+    life.start();
+    for (int wave = 0; wave < 20; ++wave) {
+        life.step();
+    }
+    life.stop();
+}
+
+TEST(LifeThreads, BearRequestsAtAnyTime)
+{
+    FakeGraph graph;
+    FakeWorld world;
+    std::atomic<int> runs{0};
+    std::vector<FakeBlock*> blocks;
+    for (const char* name : {"a", "b", "c", "d"}) {
+        FakeBlock& block = graph.add(name);
+        block.on_start = [&block] { block.get_tools().request_run(); };
+        block.on_run = [&runs] {
+            ++runs;
+            return true;
+        };
+        blocks.push_back(&block);
+    }
+    graph.arrange();
+    Life life(graph.network(), world, nullptr, nullptr);
+    life.use_threads({4, std::chrono::nanoseconds(0), true});
+    life.start();
+
+    std::thread asker([&] {
+        for (std::size_t request = 0; runs < 100; ++request) {
+            blocks[request % blocks.size()]->get_tools().request_run();
+        }
+    });
+    while (runs < 100) {
+        life.step();
+    }
+    asker.join();
+    life.stop();
+
+    EXPECT_FALSE(life.has_failed());
 }
 
 }  // namespace
