@@ -52,6 +52,28 @@ private:
     OutPort<double>* out_ = add_output<double>(*this, "out");
 };
 
+/// Adds one to what it gets, and takes about 20 microseconds for that.
+class Work : public Block {
+public:
+    using Block::Block;
+
+    bool run() override
+    {
+        constexpr int kSteps = 15'000;
+        std::uint64_t state = 1;
+        for (int step = 0; step < kSteps; ++step) {
+            state = state * 6364136223846793005U + 1442695040888963407U;
+        }
+        // Nobody else knows that this is never 0.
+        out_->write(in_->value() + (state != 0 ? 1 : 0));
+        return true;
+    }
+
+private:
+    InPort<double>* in_ = add_input<double>(*this, "in");
+    OutPort<double>* out_ = add_output<double>(*this, "out");
+};
+
 /// Reads eight bytes whenever its descriptor is readable.
 class Read : public Block {
 public:
@@ -214,5 +236,6 @@ int lib_register_cpp(IRegistry& registry)
     add_type<Read>(registry, "Read");
     add_type<Sum>(registry, "Sum");
     add_type<Take>(registry, "Take");
+    add_type<Work>(registry, "Work");
     return 0;
 }

@@ -14,8 +14,11 @@ Quorval::GraphOptions chain_options(const std::string& file)
     return options;
 }
 
-Running::Running(const std::string& file) : options_(chain_options(file))
+Running::Running(const std::string& file, unsigned threads) : options_(chain_options(file))
 {
+    if (threads > 1) {
+        runner_.life().use_threads({threads});
+    }
     if (!runner_.start()) {
         throw std::runtime_error("the graph has no source");
     }

@@ -16,7 +16,7 @@ Quorval::GraphOptions chain_options(const std::string& file);
 class Running {
 public:
     /// @param file  of a graph that has a source
-    explicit Running(const std::string& file);
+    explicit Running(const std::string& file, unsigned threads = 1);
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 

@@ -202,6 +202,87 @@ void add_sparse()
     add("alone", 0);
 }
 
+/// Chains behind one block, which is due in each wave.
+class Chains {
+public:
+    Chains(const std::string& type, std::size_t chains, std::size_t length, unsigned threads)
+        : running_(write(type, chains, length), threads), chains_(chains), length_(length)
+    {
+    }
+
+    void run_waves(std::size_t count)
+    {
+        for (; count > 0; --count) {
+            running_.turn();
+        }
+    }
+
+    /// Whether the last block of each chain has what so many waves make of it.
+    bool has_run(std::size_t waves) const
+    {
+        std::size_t right = 0;
+        for (const auto& node : running_.network().nodes) {
+            const auto& out =
+                static_cast<const OutPort<double>&>(node.block->get_outport("out").second);
+            right += out.value() == static_cast<double>(waves + length_) ? 1 : 0;
+        }
+        return right == chains_;
+    }
+
+private:
+    static std::string write(const std::string& type, std::size_t chains, std::size_t length)
+    {
+        const std::string path = scratch_directory() + "chains.toml";
+        std::ofstream file(path);
+        file << "format = 1\nconnections = [\n";
+        for (std::size_t chain = 0; chain < chains; ++chain) {
+            for (std::size_t at = 0; at < length; ++at) {
+                file << '"' << (at == 0 ? "source" : name(chain, at - 1)) << ".out -> "
+                     << name(chain, at) << ".in\",\n";
+            }
+        }
+        file << "]\nblocks.source.type = \"bench-chain:Count\"\n";
+        for (std::size_t chain = 0; chain < chains; ++chain) {
+            for (std::size_t at = 0; at < length; ++at) {
+                file << "blocks." << name(chain, at) << ".type = \"bench-chain:" << type << "\"\n";
+            }
+        }
+        return path;
+    }
+
+    static std::string name(std::size_t chain, std::size_t at)
+    {
+        return "c" + std::to_string(chain) + "_" + std::to_string(at);
+    }
+
+    Running running_;
+    std::size_t chains_;
+    std::size_t length_;
+};
+
+/// Eight chains on one thread, and where the graph may use two.
+void add_threads(const std::string& name, const std::string& type, std::size_t length)
+{
+    constexpr std::size_t kChains = 8;
+    constexpr std::size_t kWaves = 20;
+    const auto add = [&](const std::string& side, unsigned threads) {
+        add_time("wave_threads/" + name + "/" + side, kWaves * kChains * length, [=] {
+            auto chains = std::make_shared<Chains>(type, kChains, length, threads);
+            auto done = std::make_shared<std::size_t>(0);
+            Side made;
+            made.run = [=] {
+                chains->run_waves(kWaves);
+                *done += kWaves;
+            };
+            made.is_right = [=] { return chains->has_run(*done); };
+            made.seconds = wall_seconds;
+            return made;
+        });
+    };
+    add("quorval", 2);
+    add("one_thread", 1);
+}
+
 #ifdef QUORVAL_BENCH_HAS_ONETBB
 
 /// A chain of nodes that run one after the other on the present thread.
@@ -360,6 +441,8 @@ const bool is_registered = [] {
     }
     add_timed();
     add_sparse();
+    add_threads("work", "Work", 4);
+    add_threads("tiny", "Add", 12);
 #ifdef QUORVAL_BENCH_HAS_ONETBB
     add_tbb(kMiddle);
     add_tbb(kLarge);

@@ -4,12 +4,17 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace Quorval::runtime {
 
 namespace {
 
 constexpr std::uint32_t kNone = UINT32_MAX;
+
+// Of the runs of a block the first ones are timed, and one after each pause.
+constexpr std::uint64_t kFirst = 4;
+constexpr std::uint64_t kPause = 64;
 
 }  // namespace
 
@@ -21,6 +26,7 @@ Crew::Crew(Wave& wave, const Network& network, const std::vector<Tie>& ties, con
       plan_(network, ties),
       workers_(setting.threads),
       costs_(network.nodes.size()),
+      next_looks_(network.nodes.size()),
       visits_(network.nodes.size()),
       pending_(network.nodes.size()),
       visited_(network.nodes.size())
@@ -35,31 +41,29 @@ void Crew::plan(const Network& network, const std::vector<Tie>& ties)
     plan_ = Plan(network, ties);
 }
 
-bool Crew::run()
+bool Crew::look(std::uint32_t block)
 {
     if (setting_.is_always_side_by_side) {
+        wave_.visits_.insert(block);
         return run_side_by_side();
     }
-    bool is_timed = false;
-    Time begin{};
-    bool is_well = true;
-    work_ = Time(0);
-    for (std::uint32_t block = 0; is_well && wave_.visits_.take_lowest(block);) {
-        if (!is_timed && is_worth_a_thread(block)) {
-            is_timed = true;
-            begin = now_();
-            if (pace_.is_side_by_side()) {
-                wave_.visits_.insert(block);
-                is_well = run_side_by_side();
-                break;
-            }
+    if (!is_timed_ && is_worth_a_thread(block)) {
+        is_timed_ = true;
+        work_ = Time(0);
+        begin_ = now_();
+        if (pace_.is_side_by_side()) {
+            wave_.visits_.insert(block);
+            return run_side_by_side();
         }
-        is_well = visit_in_order(block);
     }
-    if (is_timed) {
-        pace_.ended(now_() - begin, work_);
+    return visit_in_order(block);
+}
+
+void Crew::end_wave()
+{
+    if (std::exchange(is_timed_, false)) {
+        pace_.ended(now_() - begin_, work_);
     }
-    return is_well;
 }
 
 /// As a wave without a crew does it.
@@ -79,16 +83,11 @@ bool Crew::visit_in_order(std::uint32_t block)
         }
         work_ += work_of(block);
     }
-    if (!is_well) {
-        wave_.drop_visits();
-    }
     return is_well;
 }
 
 bool Crew::is_sample(std::uint64_t runs)
 {
-    constexpr std::uint64_t kFirst = 4;
-    constexpr std::uint64_t kPause = 64;
     return runs % kPause == 0 || runs < kFirst;
 }
 
@@ -102,6 +101,9 @@ void Crew::learn(std::uint32_t block, Time time)
     const std::uint64_t cost =
         before == 0 ? present : (3 * before + std::min(present, 4 * before)) / 4;
     costs_[block] = static_cast<std::uint32_t>(std::clamp<std::uint64_t>(cost, 1, kLongest));
+    const std::uint64_t runs = wave_.slots_[block].runs;
+    next_looks_[block] =
+        is_worth_a_thread(block) || runs < kFirst ? 0 : runs - runs % kPause + kPause;
 }
 
 bool Crew::is_worth_a_thread(std::uint32_t block) const

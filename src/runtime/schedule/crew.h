@@ -48,8 +48,15 @@ public:
     /// Other ties, between two waves.
     void plan(const Network& network, const std::vector<Tie>& ties);
 
-    /// Visits what the wave has to. As Wave::run() does.
-    bool run();
+    /// After so many of its runs the block is to be looked at when its turn has come.
+    std::uint64_t next_look(std::uint32_t block) const { return next_looks_[block]; }
+
+    /// Visits a block whose turn has come, or it and all that are to be visited in the wave.
+    /// @return false when a block failed that does not skip failures
+    bool look(std::uint32_t block);
+
+    /// The visits of the wave have ended.
+    void end_wave();
 
 private:
     /// A visit out of turn. Touched by one thread at a time.
@@ -93,13 +100,16 @@ private:
     Plan plan_;
     Workers workers_;
     Pace pace_;
-    std::vector<std::uint32_t> costs_;   // by block: the time of a run in nanoseconds
-    std::vector<Visit> visits_;          // by block
-    Bitset pending_;                     // tasks that have something to do
-    Bitset visited_;                     // blocks
-    std::vector<std::uint32_t> own_;     // tasks of the present level: for the calling thread
-    std::vector<std::uint32_t> shared_;  // and for any one
-    Time work_{};                        // of the present wave, one after the other
+    std::vector<std::uint32_t> costs_;       // by block: the time of a run in nanoseconds
+    std::vector<std::uint64_t> next_looks_;  // by block
+    std::vector<Visit> visits_;              // by block
+    Bitset pending_;                         // tasks that have something to do
+    Bitset visited_;                         // blocks
+    std::vector<std::uint32_t> own_;         // tasks of the present level: for the calling thread
+    std::vector<std::uint32_t> shared_;      // and for any one
+    bool is_timed_ = false;  // the present wave, from its first block that is worth a thread on
+    Time begin_{};
+    Time work_{};  // of such blocks, one after the other
     // Blocks behind this one are not to be run: it has failed, and the wave ends there.
     std::atomic<std::uint32_t> end_{0};
 };

@@ -236,7 +236,7 @@ bool Wave::run()
     }
     const ContextScope scope(nullptr, nullptr);
     if (crew_ != nullptr) {
-        return crew_->run();
+        return run_with_crew();
     }
     Context& present = context();
     for (std::uint32_t block = 0; visits_.take_lowest(block);) {
@@ -246,6 +246,25 @@ bool Wave::run()
         }
     }
     return true;
+}
+
+bool Wave::run_with_crew()
+{
+    Context& present = context();
+    bool is_well = true;
+    for (std::uint32_t block = 0; is_well && visits_.take_lowest(block);) {
+        Slot& slot = slots_[block];
+        if (slot.runs >= crew_->next_look(block)) {
+            is_well = crew_->look(block);
+        } else if (!slot.is_done) {
+            is_well = visit_block(slot, present);
+        }
+    }
+    if (!is_well) {
+        drop_visits();
+    }
+    crew_->end_wave();
+    return is_well;
 }
 
 void Wave::drop_visits()

@@ -180,6 +180,7 @@ private:
     }
     static constexpr const char* kOperation = "run";
 
+    bool run_with_crew();
     bool visit(Slot& slot);
     bool visit_block(Slot& slot, Context& present);
     void drop_visits();

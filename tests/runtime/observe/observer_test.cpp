@@ -49,6 +49,19 @@ TEST_F(ObserverTest, TimesARunFromTheEndOfTheOneBefore)
     EXPECT_EQ(readings, 3);
 }
 
+TEST_F(ObserverTest, TakesTheTimesOfRunsSideBySideAsTheyAre)
+{
+    observer.wave_begins();
+    observer.ran({0, 1, nanoseconds(100), nanoseconds(140), false});
+    observer.ran({1, 0, nanoseconds(110), nanoseconds(130), true});
+    run(2, 200, 207);
+    observer.wave_ends();
+
+    EXPECT_EQ(observer.times().total(0), 40U);
+    EXPECT_EQ(observer.times().total(1), 20U);
+    EXPECT_EQ(observer.times().total(2), 7U);
+}
+
 TEST_F(ObserverTest, LeavesOutWhatLiesBetweenWavesAndBehindFailures)
 {
     observer.wave_begins();

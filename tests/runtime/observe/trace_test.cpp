@@ -63,6 +63,18 @@ TEST_F(TraceTest, IsAnArrayOfRunsAndWaves)
                   "]\n");
 }
 
+TEST_F(TraceTest, ShowsTheThreadOfARun)
+{
+    Trace trace(path(), "loud", graph.network());
+    trace.add_run(1, 1000ns, 2000ns, false, 2);
+    trace.finish();
+
+    EXPECT_NE(read_file(path()).find("{\"name\":\"left/b\",\"ph\":\"X\",\"ts\":1.000,\"dur\":1.000,"
+                                     "\"pid\":" +
+                                     std::to_string(::getpid()) + ",\"tid\":3}"),
+              std::string::npos);
+}
+
 TEST_F(TraceTest, WritesPieceByPieceAndAllocatesNothing)
 {
     Trace trace(path(), "loud", graph.network());
