@@ -56,6 +56,9 @@ GraphOptions check_threads(GraphOptions options)
         throw std::invalid_argument(
             "this build has one thread alone: it was made without QUORVAL_WITH_THREADS");
     }
+    if (options.threads > 1) {
+        Workers::load();
+    }
     return options;
 }
 

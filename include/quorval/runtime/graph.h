@@ -150,7 +150,8 @@ public:
     /// @throws std::logic_error       another graph of the process takes the signals already:
     ///     "another graph takes the signals"
     /// @throws std::runtime_error     another graph that runs keeps its state there: "the state
-    ///     directory '<directory>' is in use"
+    ///     directory '<directory>' is in use"; or GraphOptions::threads is greater than 1 and the
+    ///     library that has them is not there: "<library> cannot be loaded: <text>"
     /// @throws std::system_error      there are no descriptors left for the event loop
     explicit Graph(GraphOptions options);
     Graph(const Graph&) = delete;

@@ -59,6 +59,11 @@ bool Workers::are_there()
     return true;
 }
 
+void Workers::load()
+{
+    static_cast<void>(tbb::info::default_concurrency());
+}
+
 Workers::Workers(unsigned threads) : impl_(std::make_unique<Impl>(threads)) {}
 
 Workers::~Workers() = default;
@@ -105,6 +110,8 @@ bool Workers::are_there()
 {
     return false;
 }
+
+void Workers::load() {}
 
 Workers::Workers(unsigned /*threads*/) {}
 

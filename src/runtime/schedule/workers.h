@@ -14,6 +14,11 @@ public:
     /// Whether this build has more threads than the one that calls.
     static bool are_there();
 
+    /// Loads the library that has the threads, so that what a graph begins with does not fail for
+    /// want of it.
+    /// @throws std::runtime_error  it cannot be loaded: "<name> cannot be loaded: <text>"
+    static void load();
+
     /// @param threads  at most so many work at a time, the one that calls among them
     explicit Workers(unsigned threads);
     Workers(const Workers&) = delete;

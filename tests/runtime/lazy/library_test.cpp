@@ -1,5 +1,6 @@
 #include "lazy/library.h"
 
+#include "schedule/workers.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -62,5 +63,17 @@ TEST(Library, IsLoadedWithTheFirstCall)
     EXPECT_TRUE(is_loaded("libsqlite3"));
     EXPECT_TRUE(is_loaded("libmosquitto"));
 }
+
+#ifdef QUORVAL_LOADS_TBB
+TEST(Library, OfThreadsIsLoadedWithTheFirstOfThem)
+{
+    using Quorval::runtime::Workers;
+    ASSERT_FALSE(is_loaded("libtbb.so"));
+
+    Workers::load();
+
+    EXPECT_TRUE(is_loaded("libtbb.so"));
+}
+#endif
 
 }  // namespace
