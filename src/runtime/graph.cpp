@@ -5,6 +5,7 @@
 #include "graph/loaded_graph.h"
 #include "graph/state.h"
 #include "loop/loop.h"
+#include "messages/left_open.h"
 #include "observe/observer.h"
 #include "observe/statistics.h"
 #include "record/playback.h"
@@ -26,6 +27,7 @@ namespace Quorval {
 namespace {
 
 using runtime::Control;
+using runtime::LeftOpen;
 using runtime::LoadedGraph;
 using runtime::Loop;
 using runtime::Network;
@@ -62,6 +64,16 @@ GraphOptions check_threads(GraphOptions options)
     return options;
 }
 
+std::unique_ptr<Loop> make_loop(const GraphOptions& options, LeftOpen& left_open)
+{
+    if (options.is_dry) {
+        return nullptr;
+    }
+    auto loop = std::make_unique<Loop>();
+    left_open.guard(loop->waker()->fd());
+    return loop;
+}
+
 std::unique_ptr<Signals> take_signals(const GraphOptions& options, const Loop* loop)
 {
     return options.takes_signals && loop != nullptr ? std::make_unique<Signals>(loop->waker())
@@ -72,6 +84,7 @@ std::unique_ptr<Signals> take_signals(const GraphOptions& options, const Loop* l
 
 struct Graph::Impl {
     GraphOptions options;
+    LeftOpen left_open;          // looks when all the others have closed theirs
     std::unique_ptr<Loop> loop;  // null for a graph that will not run
     std::unique_ptr<Signals> signals;
     StateLock state;
@@ -85,7 +98,9 @@ struct Graph::Impl {
 
     explicit Impl(GraphOptions given)
         : options(check_threads(std::move(given))),
-          loop(options.is_dry ? nullptr : std::make_unique<Loop>()),
+          // A process that gives its signals away does nothing else.
+          left_open(options.takes_signals && !options.is_dry),
+          loop(make_loop(options, left_open)),
           signals(take_signals(options, loop.get())),
           state(options.is_dry ? "" : runtime::find_state_directory(options.state_directory)),
           graph(runtime::load_graph(options, signals.get()))

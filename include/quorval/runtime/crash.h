@@ -10,10 +10,10 @@ namespace Quorval {
 /// `quorval: fatal: plug-in '<plugin>' crashed while it was loaded: signal <n> (<name>)`; outside
 /// of both `quorval: fatal: signal <n> (<name>)`. The process then dies of that signal.
 ///
-/// A plug-in that calls exit() is named likewise, `block '<path>' called exit in <operation>` and
-/// `plug-in '<plugin>' called exit while it was loaded`, `plug-in '<plugin>' called exit` outside
-/// of both, in a thread of its own for example. The process then ends with the status 1 when the
-/// graph was started, 3 before.
+/// A plug-in that calls exit() or quick_exit() is named likewise, `block '<path>' called exit in
+/// <operation>` and `plug-in '<plugin>' called exit while it was loaded`, `plug-in '<plugin>'
+/// called exit` outside of both, in a thread of its own for example. The process then ends with the
+/// status 1 when the graph was started, 3 before.
 ///
 /// For programs alone: takes over the signals of crashes, and the alternative signal stack of the
 /// calling thread.

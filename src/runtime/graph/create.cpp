@@ -6,6 +6,7 @@
 #include "graph/unread.h"
 #include "graph/values.h"
 #include "messages/context.h"
+#include "messages/left_open.h"
 #include "messages/signal_mask.h"
 
 #include <exception>
@@ -161,6 +162,7 @@ private:
             type, name, config, [&destruction = destruction_] { destruction.next(); });
         to_block(*container);
         give_back_signals();
+        note_left_open();
         if (container->get_name() != name) {
             container->set_name(name);
         }

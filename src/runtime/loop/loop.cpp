@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/timerfd.h>
 
+#include <cerrno>
 #include <system_error>
 
 namespace Quorval::runtime {
@@ -22,6 +23,13 @@ sd_event* make_event()
         throw std::system_error(-result, std::generic_category(), "cannot make an event loop");
     }
     return event;
+}
+
+void set_time(const Descriptor& timer, int flags, const itimerspec& time)
+{
+    if (::timerfd_settime(timer.get(), flags, &time, nullptr) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot set the timer");
+    }
 }
 
 timespec to_timespec(Loop::Time time)
@@ -113,7 +121,7 @@ bool Loop::set_timer(std::optional<Time> until)
         if (timer_time_) {
             timer_time_.reset();
             const itimerspec none = {};
-            ::timerfd_settime(timer_.get(), 0, &none, nullptr);
+            set_time(timer_, 0, none);
         }
         return true;
     }
@@ -123,7 +131,7 @@ bool Loop::set_timer(std::optional<Time> until)
     if (timer_time_ != until) {
         timer_time_ = until;
         const itimerspec time = {{0, 0}, to_timespec(*until)};
-        ::timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &time, nullptr);
+        set_time(timer_, TFD_TIMER_ABSTIME, time);
     }
     return true;
 }

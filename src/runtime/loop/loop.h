@@ -44,6 +44,7 @@ public:
     /// dispatches the sources of the sd_event. Does not wait after a wake() since the last call.
     /// @param until  none: no time
     /// @return what is ready, all of it; entries with reserved tags are to be ignored
+    /// @throws std::system_error  the system refuses, or somebody closed descriptors of the loop
     const std::vector<Ready>& wait(std::optional<Time> until);
 
     /// From a source of the sd_event: the present wait() dispatches no other, so that what this one

@@ -13,6 +13,14 @@ namespace {
 
 constexpr const char* kNoSet = "cannot make a set of descriptors";
 
+[[noreturn]] void throw_cannot_wait(int error)
+{
+    throw std::system_error(error, std::generic_category(),
+                            error == EBADF ? "cannot wait for descriptors, of which a block may "
+                                             "have closed one that is not its own"
+                                           : "cannot wait for descriptors");
+}
+
 [[noreturn]] void throw_cannot_watch(int error, int fd)
 {
     throw std::system_error(error, std::generic_category(),
@@ -161,6 +169,9 @@ const std::vector<Ready>& Poller::wait(bool may_wait)
     const int timeout = may_wait && always_ready_.empty() ? -1 : 0;
     const int count =
         ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeout);
+    if (count < 0 && errno != EINTR) {
+        throw_cannot_wait(errno);
+    }
     for (int at = 0; at < count; ++at) {
         if (!report(events_[at])) {
             start_anew();

@@ -38,6 +38,7 @@ public:
 
     /// All that is ready, at once; valid until the next call.
     /// @param may_wait  whether to wait until something is ready, or a signal arrives
+    /// @throws std::system_error  somebody closed the set
     const std::vector<Ready>& wait(bool may_wait);
 
     void update_fd(FDEvent& event, int new_fd) override;

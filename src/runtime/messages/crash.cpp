@@ -160,6 +160,7 @@ void report_crashes()
         ::sigaction(signal, &action, nullptr);
     }
     static_cast<void>(std::atexit(report_exit));
+    static_cast<void>(std::at_quick_exit(report_exit));
 }
 
 }  // namespace Quorval

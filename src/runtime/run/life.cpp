@@ -3,6 +3,7 @@
 #include <quorval/log.h>
 #include "loop/loop.h"
 #include "messages/context.h"
+#include "messages/left_open.h"
 #include "messages/signal_mask.h"
 
 #include <algorithm>
@@ -200,6 +201,7 @@ void Life::start_block(std::uint32_t block)
         node.block->start();
         give_back_signals();
         is_started_[block] = true;
+        note_left_open();
         if (ports_.collect(block)) {
             wave_.has_descriptors(block);
             if (poller_ != nullptr) {

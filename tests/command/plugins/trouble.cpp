@@ -43,7 +43,8 @@ public:
 }
 
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
-/// "say", "kill", "block", "exit in thread", "leave thread" or "throw nothing".
+/// "say", "kill", "block", "exit in thread", "leave thread", "throw nothing", "throw number",
+/// "abort", "quick exit", "leave open", "close all", "close error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -76,6 +77,7 @@ public:
     void reconfigure(const BlockConfiguration& merged,
                      const BlockConfiguration& /*override*/) override
     {
+        be_at("reconfigure");
         std::cout << get_name() << " reconfigured: step " << merged.getInt("step") << std::endl;
     }
 
@@ -118,6 +120,16 @@ private:
         if (what_ == "throw nothing") {
             throw Wordless();
         }
+        if (what_ == "throw number") {
+            throw 42;
+        }
+        if (what_ == "abort") {
+            std::abort();
+        }
+        if (what_ == "quick exit") {
+            std::quick_exit(0);
+        }
+        be_careless();
         if (what_ == "block") {
             sigset_t all;
             ::sigfillset(&all);
@@ -137,6 +149,27 @@ private:
         }
         if (what_ == "wait") {
             wait_for_signal();
+        }
+    }
+
+    /// Troubles with descriptors and files, and a long wait without one.
+    void be_careless() const
+    {
+        constexpr int kMany = 256;
+        if (what_ == "leave open") {
+            ::eventfd(0, EFD_CLOEXEC);
+        }
+        if (what_ == "close all") {
+            for (int fd = STDERR_FILENO + 1; fd < kMany; ++fd) {
+                ::close(fd);
+            }
+        }
+        if (what_ == "close error") {
+            ::close(STDERR_FILENO);
+        }
+        if (what_ == "spin") {
+            std::cerr << "spinning" << std::endl;
+            work_for_ever();
         }
     }
 

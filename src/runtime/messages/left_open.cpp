@@ -1,0 +1,143 @@
+#include "messages/left_open.h"
+
+#include <quorval/log.h>
+#include "messages/context.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+#include <system_error>
+
+namespace Quorval::runtime {
+
+namespace {
+
+LeftOpen*& present()
+{
+    static thread_local LeftOpen* watch = nullptr;
+    return watch;
+}
+
+/// Sorted. That of the directory that is read is among them, and closed by then.
+std::vector<int> open_descriptors()
+{
+    std::vector<int> fds;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at("/proc/self/fd", error), end; !error && at != end;
+         at.increment(error)) {
+        fds.push_back(std::stoi(at->path().filename().string()));
+    }
+    std::sort(fds.begin(), fds.end());
+    return fds;
+}
+
+std::string target_of(int fd)
+{
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error).string();
+}
+
+[[noreturn]] void throw_closed_another()
+{
+    throw std::runtime_error("it closed a descriptor that is not its own");
+}
+
+/// Whether it is what the C library or that of the journal keeps to send messages through.
+bool is_for_messages(int fd)
+{
+    int domain = 0;
+    int type = 0;
+    socklen_t size = sizeof(int);
+    return ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 &&
+           ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && domain == AF_UNIX &&
+           type == SOCK_DGRAM;
+}
+
+}  // namespace
+
+LeftOpen::LeftOpen(bool is_on) : is_on_(is_on)
+{
+    if (is_on_) {
+        before_ = open_descriptors();
+        present() = this;
+    }
+}
+
+LeftOpen::~LeftOpen()
+{
+    if (!is_on_) {
+        return;
+    }
+    present() = nullptr;
+    try {
+        warn();
+    } catch (const std::exception&) {
+        // There is no memory for a warning.
+        return;
+    }
+}
+
+/// The system gives the lowest number that is free, so what was opened stands behind what is known.
+void LeftOpen::note()
+{
+    struct stat status = {};
+    for (; ::fstat(next_, &status) == 0; ++next_) {
+        if (!was_there(next_)) {
+            const char* path = context().path;
+            opened_.push_back({next_, status.st_dev, status.st_ino, path != nullptr ? path : ""});
+        }
+    }
+    if (guarded_ >= 0 && ::fcntl(guarded_, F_GETFD) < 0) {
+        guarded_ = -1;
+        throw_closed_another();
+    }
+}
+
+bool LeftOpen::was_there(int fd) const
+{
+    return std::binary_search(before_.begin(), before_.end(), fd);
+}
+
+/// Empty where that is not known: the number may stand for another file by now.
+const std::string& LeftOpen::opener_of(int fd) const
+{
+    static const std::string kNobody;
+    struct stat status = {};
+    const auto opened = std::find_if(opened_.begin(), opened_.end(),
+                                     [fd](const Opened& one) { return one.fd == fd; });
+    const bool is_same = opened != opened_.end() && ::fstat(fd, &status) == 0 &&
+                         status.st_dev == opened->device && status.st_ino == opened->file;
+    return is_same ? opened->path : kNobody;
+}
+
+void LeftOpen::warn() const
+{
+    std::map<std::string, std::vector<int>> left;  // by block
+    for (const int fd : open_descriptors()) {
+        struct stat status = {};
+        if (!was_there(fd) && ::fstat(fd, &status) == 0 && !is_for_messages(fd)) {
+            left[opener_of(fd)].push_back(fd);
+        }
+    }
+    for (const auto& [path, fds] : left) {
+        const std::string who = path.empty() ? "a block" : "block '" + path + "'";
+        const std::string many = std::to_string(fds.size()) + " descriptors open, the first is";
+        logger(LOGLEVEL_WARNING, "%s left %s '%s'", who.c_str(),
+               fds.size() == 1 ? "a descriptor open:" : many.c_str(), target_of(fds[0]).c_str());
+    }
+}
+
+void note_left_open()
+{
+    if (present() != nullptr) {
+        present()->note();
+    }
+}
+
+}  // namespace Quorval::runtime
