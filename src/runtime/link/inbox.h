@@ -34,6 +34,9 @@ public:
     /// How many values wait.
     std::size_t size() const { return values_.size(); }
 
+    /// How many bytes they are.
+    std::size_t bytes() const { return bytes_; }
+
     /// Decodes the next value into the entry's output. There is one.
     /// @return false: it cannot be decoded
     bool put_next(Time now);
@@ -45,7 +48,8 @@ public:
 
 private:
     bool follow(const Stamp& stamp, Time now);
-    std::string find_fault(const Stamp& stamp, std::string_view bytes) const;
+    void clear();
+    std::string find_fault(const Stamp& stamp);
     std::string find_fault(const std::string& type) const;
 
     Entry& entry_;
@@ -57,8 +61,11 @@ private:
         std::string bytes;
     };
     std::deque<Value> values_;
-    std::uint64_t start_ = 0;   // of the sender
-    std::uint64_t number_ = 0;  // of its last value; 0 before the first
+    std::size_t bytes_ = 0;      // of the values
+    std::string accepted_type_;  // the last one
+    int late_ = 0;               // values of an earlier run in a row
+    std::uint64_t start_ = 0;    // of the sender
+    std::uint64_t number_ = 0;   // of its last value; 0 before the first
     Losses losses_;
     LinkStatistics statistics_;  // without losses
 };

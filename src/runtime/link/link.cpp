@@ -28,11 +28,10 @@ constexpr seconds kWorkPause(10);          // a third of the keep-alive
 constexpr std::size_t kMostSent = 20;      // messages without a receipt
 constexpr std::size_t kMostPending = 100;  // values that the graph has not taken
 constexpr int kReadsAtOnce = 64;
+constexpr std::size_t kMostBytes = std::size_t{64} * 1024 * 1024;  // of values, in a direction
 constexpr int kFirstRefusal = 128;  // reasons of MQTT 5 from here on are refusals
 
 constexpr const char* kTlsFailed = "TLS failed; a certificate or a key may be wrong";
-constexpr const char* kOnline = "online";
-constexpr const char* kOffline = "offline";
 
 MqttClient::Identity identity_of(const Link::Setting& setting, const Network& network,
                                  std::uint64_t start)
@@ -40,7 +39,15 @@ MqttClient::Identity identity_of(const Link::Setting& setting, const Network& ne
     const bool keeps_session = std::any_of(network.entries.begin(), network.entries.end(),
                                            [](const Entry& entry) { return entry.keeps_all; });
     return {client_name(setting.graph, setting.machine),
-            machine_topic(setting.graph, setting.machine), kOffline, start, keeps_session};
+            machine_topic(setting.graph, setting.machine), Presence::kOffline, start,
+            keeps_session};
+}
+
+std::vector<std::string> others_of(const Link::Setting& setting)
+{
+    std::vector<std::string> others = setting.machines;
+    others.erase(std::remove(others.begin(), others.end(), setting.machine), others.end());
+    return others;
 }
 
 std::vector<Datatype> input_types(const Network& network, std::uint32_t entry)
@@ -102,10 +109,12 @@ Link::Link(const Setting& setting, Network& network, const PluginSet& plugins, P
       poller_(poller),
       now_(now),
       start_(time_of_day()),
+      presence_(others_of(setting)),
       client_(setting.description, identity_of(setting, network, start_),
               [this](const char* topic, const Stamp& stamp, std::string_view bytes) {
                   receive(topic, stamp, bytes);
               }),
+      most_bytes_(std::max(setting.description.limit, kMostBytes)),
       pause_(kFirstPause),
       needs_lookup_(needs_lookup(setting.description.host))
 {
@@ -151,6 +160,7 @@ void Link::prepare()
         wait_for_broker("it does not answer");
     } else if (now >= next_work_) {
         client_.work();
+        presence_.tell(now);
         next_work_ = now + kWorkPause;
     }
     handle_news();
@@ -170,7 +180,7 @@ void Link::watch()
         event_.reset();
         return;
     }
-    const FDEvent::EventMask mask{!is_full(), client_.wants_write()};
+    const FDEvent::EventMask mask{!is_full_, client_.wants_write()};
     if (event_ == nullptr) {
         event_ = poller_.add(fd, mask, kLinkTag);
     } else if (event_->get_mask() != mask) {
@@ -182,7 +192,7 @@ std::optional<Link::Time> Link::next_time() const
 {
     const bool has_value = std::any_of(inboxes_.begin(), inboxes_.end(),
                                        [](const Inbox& inbox) { return inbox.size() > 0; });
-    if (has_value || (may_have_more_ && !is_full()) || !failure_.empty()) {
+    if (has_value || (may_have_more_ && !is_full_) || !failure_.empty()) {
         return Time(0);
     }
     switch (state_) {
@@ -212,20 +222,14 @@ void Link::take(const std::vector<Ready>& ready)
     }
     // Read first: what the broker says at the end of a connection is lost with the first write that
     // fails.
-    for (int count = 0; count < kReadsAtOnce && may_have_more_ && !is_full(); ++count) {
+    for (int count = 0; count < kReadsAtOnce && may_have_more_ && !is_full_ && !has_rival_;
+         ++count) {
         may_have_more_ = client_.fd() >= 0 && client_.read();
     }
     if (is_writable && client_.fd() >= 0) {
         client_.write();
     }
     handle_news();
-}
-
-/// Whether the graph has to take values before more are read.
-bool Link::is_full() const
-{
-    return std::any_of(inboxes_.begin(), inboxes_.end(),
-                       [](const Inbox& inbox) { return inbox.size() >= kMostPending; });
 }
 
 void Link::feed(Wave& wave)
@@ -235,6 +239,27 @@ void Link::feed(Wave& wave)
             wave.note_entry(entry);
         }
     }
+    measure();
+}
+
+/// Looks whether the graph has to take values before more are read.
+void Link::measure()
+{
+    waiting_bytes_ = 0;
+    is_full_ = false;
+    for (const Inbox& inbox : inboxes_) {
+        waiting_bytes_ += inbox.bytes();
+        is_full_ = is_full_ || inbox.size() >= kMostPending;
+    }
+    is_full_ = is_full_ || waiting_bytes_ >= most_bytes_;
+}
+
+void Link::drop_rest()
+{
+    for (Inbox& inbox : inboxes_) {
+        inbox.drop_rest(now_());
+    }
+    measure();
 }
 
 // --- the connection ---
@@ -257,10 +282,8 @@ void Link::handle_news()
     if (news.answer) {
         handle_answer(*news.answer);
     }
-    if (has_rival_ && state_ == State::Online) {
+    if (has_rival_ && (state_ == State::Joining || state_ == State::Online)) {
         yield();
-        // In order, so that no will follows what the other one said.
-        client_.disconnect();
     }
     if (news.end && state_ != State::Away && state_ != State::Closed) {
         handle_end(news);
@@ -287,7 +310,7 @@ void Link::handle_end(const MqttClient::News& news)
     if (state_ == State::Closing) {
         state_ = State::Closed;
     } else if (*news.end == MQTT_RC_SESSION_TAKEN_OVER) {
-        yield();
+        come_back();
     } else if (news.is_refused) {
         refuse(kTlsFailed);
     } else {
@@ -342,9 +365,9 @@ void Link::stand()
     state_ = State::Online;
     online_since_ = now_();
     has_told_ = false;
+    has_stood_ = true;
     if (!is_ending_) {
-        announce(kOnline);
-        is_announced_ = true;
+        announce(Presence::kOnline);
     }
     for (Outbox& outbox : outboxes_) {
         outbox.repeat_latest();
@@ -368,13 +391,30 @@ void Link::wait_for_broker(const std::string& why)
     }
 }
 
-/// Another client of this name has taken the session over. A broker says so, or it shows when this
-/// one comes back and finds what the other one said on their topic.
+/// Another client of this name has taken the session over. Whether this one is the earlier shows
+/// when it is back, by what the other one has said on their topic, or its will.
+void Link::come_back()
+{
+    logger(LOGLEVEL_INFO, "%s", text_of_rival().c_str());
+    state_ = State::Away;
+    next_attempt_ = now_() + pause_;
+    pause_ = std::min<Time>(2 * pause_, kLongestPause);
+}
+
+std::string Link::text_of_rival() const
+{
+    return "another '" + client_name(setting_.graph, setting_.machine) +
+           "' has taken the place at the broker";
+}
+
+/// A later run of this name is there, or was while this one was away.
 void Link::yield()
 {
-    failure_ = "another '" + client_name(setting_.graph, setting_.machine) +
-               "' has taken the place at the broker";
+    event_.reset();
+    failure_ = text_of_rival();
     state_ = State::Closed;
+    // In order, so that no will follows what the other one said.
+    client_.disconnect();
 }
 
 /// The broker is there and does not want this client. It ends the run, unless that went well
@@ -396,30 +436,37 @@ void Link::receive(const std::string& topic, const Stamp& stamp, std::string_vie
 {
     const auto entry = by_topic_.find(topic);
     if (entry != by_topic_.end()) {
-        inboxes_[entry->second].receive(stamp, bytes, now_());
+        Inbox& inbox = inboxes_[entry->second];
+        waiting_bytes_ -= inbox.bytes();
+        inbox.receive(stamp, bytes, now_());
+        waiting_bytes_ += inbox.bytes();
+        is_full_ = is_full_ || inbox.size() >= kMostPending || waiting_bytes_ >= most_bytes_;
         return;
     }
     const std::string prefix = machine_topic(setting_.graph, "");
-    if (topic.compare(0, prefix.size(), prefix) == 0) {
-        const std::string machine = topic.substr(prefix.size());
-        if (machine != setting_.machine) {
-            note_presence(machine, bytes);
-        } else if (is_announced_ && stamp.start != 0 && stamp.start != start_) {
-            has_rival_ = true;
-        }
+    if (topic.compare(0, prefix.size(), prefix) != 0) {
+        return;
+    }
+    const std::string machine = topic.substr(prefix.size());
+    if (machine == setting_.machine) {
+        compare_start(stamp.start);
+    } else {
+        presence_.take(machine, bytes, now_());
     }
 }
 
-void Link::note_presence(const std::string& machine, std::string_view text)
+/// Looks at what runs of this name have said. The later one stays. A run that comes after another
+/// one is later, also where the clock was set back between them.
+void Link::compare_start(std::uint64_t start)
 {
-    if (text != kOnline && text != kOffline) {
+    if (start <= start_) {
         return;
     }
-    const Presence now = text == kOnline ? Presence::Online : Presence::Offline;
-    const Presence before = std::exchange(machines_[machine], now);
-    if (before != now) {
-        logger(before == Presence::Unknown ? LOGLEVEL_INFO : LOGLEVEL_WARNING, "machine '%s' is %s",
-               machine.c_str(), std::string(text).c_str());
+    if (has_stood_) {
+        has_rival_ = true;
+    } else if (start < UINT64_MAX) {
+        start_ = start + 1;
+        client_.set_start(start_);
     }
 }
 
@@ -432,7 +479,7 @@ void Link::send()
         goes_on = false;
         for (std::uint32_t exit = 0; exit < outboxes_.size(); ++exit) {
             const bool may_send = outboxes_[exit].size() > 0 && !client_.wants_write() &&
-                                  (!outboxes_[exit].keeps_all() || sent_.size() < kMostSent);
+                                  (!outboxes_[exit].keeps_all() || may_send_more());
             if (may_send) {
                 send_next(exit);
                 goes_on = true;
@@ -441,18 +488,28 @@ void Link::send()
     }
 }
 
+/// Whether the library may keep one more value until the broker has it.
+bool Link::may_send_more() const
+{
+    return sent_.size() < kMostSent && sent_bytes_ < most_bytes_;
+}
+
 void Link::send_next(std::uint32_t exit)
 {
     Outbox& outbox = outboxes_[exit];
+    const std::size_t bytes = outbox.next().bytes.size();
     const Stamp stamp{outbox.type(), start_, outbox.next().number};
     std::string why;
     const auto message = client_.publish(topics_[exit], outbox.next().bytes, stamp,
                                          outbox.keeps_all(), !outbox.keeps_all(), why);
-    outbox.pop();
     if (!message) {
-        outbox.lose(1, why, now_());
-    } else if (outbox.keeps_all()) {
-        sent_[*message] = exit;
+        outbox.lose_next(why, now_());
+        return;
+    }
+    outbox.hand_on();
+    if (outbox.keeps_all()) {
+        sent_[*message] = {exit, bytes};
+        sent_bytes_ += bytes;
     }
 }
 
@@ -466,8 +523,9 @@ void Link::handle_receipts(const MqttClient::News& news)
         if (sent == sent_.end()) {
             continue;
         }
-        const std::uint32_t exit = sent->second;
+        const auto [exit, bytes] = sent->second;
         sent_.erase(sent);
+        sent_bytes_ -= bytes;
         if (receipt.reason == MQTT_RC_NO_MATCHING_SUBSCRIBERS) {
             if (!lacks_reader_[exit]) {
                 logger(LOGLEVEL_WARNING, "values of %s go nowhere: no reader was there yet",
@@ -475,10 +533,10 @@ void Link::handle_receipts(const MqttClient::News& news)
             }
             lacks_reader_[exit] = true;
         } else if (receipt.reason >= kFirstRefusal) {
-            outboxes_[exit].lose(1,
-                                 std::string("the broker refuses them: ") +
-                                     ::mosquitto_reason_string(receipt.reason),
-                                 now_());
+            outboxes_[exit].take_back(bytes,
+                                      std::string("the broker refuses them: ") +
+                                          ::mosquitto_reason_string(receipt.reason),
+                                      now_());
         }
     }
     for (const MqttClient::Receipt& receipt : news.subscribed) {
@@ -525,9 +583,7 @@ std::vector<LinkStatistics> Link::statistics() const
 
 void Link::begin_end()
 {
-    for (Inbox& inbox : inboxes_) {
-        inbox.drop_rest(now_());
-    }
+    drop_rest();
     is_ending_ = true;
     if (state_ != State::Online && !has_to_send()) {
         state_ = State::Closed;
@@ -548,13 +604,11 @@ void Link::close_when_sent()
     if (!is_ending_) {
         return;
     }
-    for (Inbox& inbox : inboxes_) {
-        inbox.drop_rest(now_());
-    }
+    drop_rest();
     if (goodbye_ || has_to_send()) {
         return;
     }
-    goodbye_ = announce(kOffline);
+    goodbye_ = announce(Presence::kOffline);
     if (!goodbye_) {
         leave();
     }
@@ -572,9 +626,7 @@ void Link::end()
     for (Outbox& outbox : outboxes_) {
         outbox.drop_rest(now);
     }
-    for (Inbox& inbox : inboxes_) {
-        inbox.drop_rest(now);
-    }
+    drop_rest();
     if (!sent_.empty()) {
         logger(LOGLEVEL_WARNING, "%zu values may not have reached the broker", sent_.size());
     }

@@ -5,6 +5,7 @@
 #include "link/inbox.h"
 #include "link/mqtt_client.h"
 #include "link/outbox.h"
+#include "link/presence.h"
 #include "loop/poller.h"
 #include "plugins/plugin_set.h"
 #include "schedule/network.h"
@@ -12,7 +13,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,6 +32,7 @@ public:
         const LinkDescription& description;
         std::string graph;
         std::string machine;
+        std::vector<std::string> machines;  ///< all of them
     };
 
     /// All that is handed in must outlive the object, and it the wave.
@@ -74,7 +75,11 @@ public:
 private:
     /// Joining: the broker has agreed, and has not answered all questions.
     enum class State { Away, Connecting, Joining, Online, Closing, Closed };
-    enum class Presence { Unknown, Offline, Online };
+    /// A value that the broker has not acknowledged.
+    struct Sent {
+        std::uint32_t exit = 0;
+        std::size_t bytes = 0;
+    };
 
     void has_value(std::uint32_t exit) override;
 
@@ -91,10 +96,12 @@ private:
     bool is_joining() const { return state_ == State::Connecting || state_ == State::Joining; }
     void wait_for_broker(const std::string& why);
     void refuse(const std::string& why);
+    void come_back();
+    std::string text_of_rival() const;
     void yield();
 
     void receive(const std::string& topic, const Stamp& stamp, std::string_view bytes);
-    void note_presence(const std::string& machine, std::string_view text);
+    void compare_start(std::uint64_t start);
 
     void send();
     void send_next(std::uint32_t exit);
@@ -102,24 +109,30 @@ private:
     bool has_to_send() const;
     void close_when_sent();
     void leave();
-    bool is_full() const;
+    bool may_send_more() const;
+    void measure();
+    void drop_rest();
     void watch();
 
     const Setting setting_;
     Network& network_;
     Poller& poller_;
     Time (*now_)();
-    std::uint64_t start_;
+    std::uint64_t start_;  // of this run, in stamps; settled when the link stands first
+    Presence presence_;
     std::vector<Inbox> inboxes_;  // of the entries
     std::unordered_map<std::string, std::size_t> by_topic_;
-    std::vector<Outbox> outboxes_;                 // of the exits
-    std::vector<std::string> topics_;              // likewise
-    std::vector<bool> lacks_reader_;               // likewise, and it was told
-    std::unordered_map<int, std::uint32_t> sent_;  // messages without a receipt, and their exits
-    std::map<std::string, Presence> machines_;
+    std::vector<Outbox> outboxes_;        // of the exits
+    std::vector<std::string> topics_;     // likewise
+    std::vector<bool> lacks_reader_;      // likewise, and it was told
+    std::unordered_map<int, Sent> sent_;  // messages without a receipt
+    std::size_t sent_bytes_ = 0;          // of them
     std::unordered_map<int, std::string> subscriptions_;
     MqttClient client_;
     std::unique_ptr<FDEvent> event_;
+    const std::size_t most_bytes_;   // of values that wait, in a direction
+    std::size_t waiting_bytes_ = 0;  // of the inboxes
+    bool is_full_ = false;           // the graph has to take values before more are read
     State state_ = State::Away;
     Time next_attempt_{};
     Time pause_;
@@ -129,8 +142,8 @@ private:
     Time online_since_{};
     bool needs_lookup_;  // of the name of the host, which would block
     bool was_online_ = false;
-    bool is_announced_ = false;
-    bool has_rival_ = false;  // another client of this name
+    bool has_stood_ = false;
+    bool has_rival_ = false;  // a later client of this name
     bool has_told_ = false;   // that the broker is away
     bool is_ending_ = false;
     std::optional<int> goodbye_;  // the message that says so

@@ -123,17 +123,17 @@ bool start_library()
 
 }  // namespace
 
-MqttClient::MqttClient(const LinkDescription& link, const Identity& identity, Receive receive)
-    : link_(link), keeps_session_(identity.keeps_session), receive_(std::move(receive))
+MqttClient::MqttClient(const LinkDescription& link, Identity identity, Receive receive)
+    : link_(link), identity_(std::move(identity)), receive_(std::move(receive))
 {
     // No clean start: it would throw away what the broker keeps for this client.
-    client_.reset(start_library() ? ::mosquitto_new(identity.name.c_str(), false, this) : nullptr);
+    client_.reset(start_library() ? ::mosquitto_new(identity_.name.c_str(), false, this) : nullptr);
     if (client_ == nullptr) {
         throw std::runtime_error("there is no client for the broker");
     }
     ::mosquitto_int_option(client_.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     ::mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1);
-    set_will(identity);
+    set_will();
     secure();
     identify();
     set_callbacks();
@@ -141,13 +141,19 @@ MqttClient::MqttClient(const LinkDescription& link, const Identity& identity, Re
 
 MqttClient::~MqttClient() = default;
 
-void MqttClient::set_will(const Identity& identity)
+void MqttClient::set_start(std::uint64_t start)
+{
+    identity_.start = start;
+    set_will();
+}
+
+void MqttClient::set_will()
 {
     Properties properties;
-    properties.add("start", std::to_string(identity.start));
-    const int result = ::mosquitto_will_set_v5(client_.get(), identity.will_topic.c_str(),
-                                               static_cast<int>(identity.will.size()),
-                                               identity.will.data(), 1, true, properties.get());
+    properties.add("start", std::to_string(identity_.start));
+    const int result = ::mosquitto_will_set_v5(client_.get(), identity_.will_topic.c_str(),
+                                               static_cast<int>(identity_.will.size()),
+                                               identity_.will.data(), 1, true, properties.get());
     if (result != MOSQ_ERR_SUCCESS) {
         throw std::runtime_error("there is no last will for the broker: " + text_of_error(result));
     }
@@ -283,7 +289,7 @@ void MqttClient::connect()
     Properties properties;
     properties.add(MQTT_PROP_MAXIMUM_PACKET_SIZE,
                    static_cast<std::uint32_t>(link_.limit + kRoomForRest));
-    if (keeps_session_) {
+    if (identity_.keeps_session) {
         properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, kForEver);
     }
     watch_log(link_.is_encrypted);

@@ -65,10 +65,14 @@ public:
     /// @param receive  gets the messages while read() runs
     /// @throws std::runtime_error  a file of the link cannot be used: "cannot read '<file>': ...",
     ///                             or the library does not take the rest
-    MqttClient(const LinkDescription& link, const Identity& identity, Receive receive);
+    MqttClient(const LinkDescription& link, Identity identity, Receive receive);
     MqttClient(const MqttClient&) = delete;
     MqttClient& operator=(const MqttClient&) = delete;
     ~MqttClient();
+
+    /// Changes the start in the stamp of the will, from the next connection on.
+    /// @throws std::runtime_error  the library does not take it
+    void set_start(std::uint64_t start);
 
     /// Begins to connect, after the end of a former connection too.
     void connect();
@@ -105,7 +109,7 @@ private:
         void operator()(mosquitto* client) const { ::mosquitto_destroy(client); }
     };
 
-    void set_will(const Identity& identity);
+    void set_will();
     void secure();
     void identify();
     void set_callbacks();
@@ -117,7 +121,7 @@ private:
     void receive(const mosquitto_message& message, const mosquitto_property* properties);
 
     LinkDescription link_;
-    bool keeps_session_;
+    Identity identity_;
     Receive receive_;
     std::unique_ptr<mosquitto, Destroy> client_;
     News news_;

@@ -47,6 +47,7 @@ void Outbox::take(Time now)
         }
     }
     messages_.push_back({number_, bytes_});
+    is_repeated_ = false;
     longest_ = std::max(longest_, messages_.size());
 }
 
@@ -61,10 +62,13 @@ LinkStatistics Outbox::statistics() const
     return statistics;
 }
 
-void Outbox::pop()
+void Outbox::hand_on()
 {
-    ++values_;
-    sent_bytes_ += messages_.front().bytes.size();
+    if (!is_repeated_) {
+        ++values_;
+        sent_bytes_ += messages_.front().bytes.size();
+    }
+    is_repeated_ = false;
     if (!keeps_all_) {
         latest_ = std::move(messages_.front());
     }
@@ -76,12 +80,21 @@ void Outbox::repeat_latest()
     if (!keeps_all_ && messages_.empty() && latest_.number > 0) {
         messages_.push_back(std::move(latest_));
         latest_ = {};
+        is_repeated_ = true;
     }
 }
 
-void Outbox::lose(std::uint64_t count, const std::string& why, Time now)
+void Outbox::lose_next(const std::string& why, Time now)
 {
-    losses_.add(count, why, now);
+    messages_.pop_front();
+    losses_.add(1, why, now);
+}
+
+void Outbox::take_back(std::size_t bytes, const std::string& why, Time now)
+{
+    --values_;
+    sent_bytes_ -= bytes;
+    losses_.add(1, why, now);
 }
 
 void Outbox::drop_rest(Time now)

@@ -45,14 +45,15 @@ public:
     /// The next one. There is one.
     const Message& next() const { return messages_.front(); }
 
-    /// It was handed on.
-    void pop();
+    /// The next one was handed on.
+    void hand_on();
+    /// The next one cannot be.
+    void lose_next(const std::string& why, Time now);
+    /// One that was handed on is lost all the same.
+    void take_back(std::size_t bytes, const std::string& why, Time now);
 
-    /// The broker forgot or never had the present value: it waits again.
+    /// The broker forgot or never had the present value: it waits again, and counts once.
     void repeat_latest();
-
-    /// For a value that was handed on and is lost all the same.
-    void lose(std::uint64_t count, const std::string& why, Time now);
 
     /// Drops what waits, at the end.
     void drop_rest(Time now);
@@ -69,6 +70,7 @@ private:
     std::size_t limit_;
     std::deque<Message> messages_;
     Message latest_;            // that was sent, of an output that keeps one alone
+    bool is_repeated_ = false;  // the one that waits
     std::string bytes_;         // kept for its memory
     std::uint64_t number_ = 0;  // of the last value
     Losses losses_;

@@ -44,7 +44,8 @@ bool Runner::open_link()
         return true;
     }
     try {
-        link_ = std::make_unique<Link>(Link::Setting{link, graph_.name, options_.machine},
+        link_ = std::make_unique<Link>(Link::Setting{link, graph_.name, options_.machine,
+                                                     graph_.reading->description.machines},
                                        graph_.network, *graph_.plugins, loop_.poller(), Loop::now);
     } catch (const std::runtime_error& error) {
         logger(LOGLEVEL_ERROR, "the link cannot be used: %s", error.what());

@@ -143,6 +143,64 @@ TEST_F(InboxTest, FollowsASenderThatStartsAgain)
     EXPECT_EQ(recorder_.texts(), Lines());
 }
 
+TEST_F(InboxTest, IsNotResetByAnEarlierRun)
+{
+    Inbox inbox = make(true);
+
+    receive(inbox, 4);
+    receive(inbox, 9, kStart - 1);
+    receive(inbox, 4);
+    receive(inbox, 5);
+
+    EXPECT_EQ(take_all(inbox), (Values{4, 5}));
+    EXPECT_EQ(inbox.statistics().duplicates, 1U);
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: they are of an earlier run"}));
+}
+
+TEST_F(InboxTest, FollowsASenderWhoseClockWasSetBack)
+{
+    Inbox inbox = make(true);
+    receive(inbox, 1, UINT64_MAX);
+
+    for (std::uint64_t number = 1; number <= 101; ++number) {
+        receive(inbox, number);
+    }
+
+    EXPECT_EQ(take_all(inbox), (Values{1, 100, 101}));
+    EXPECT_EQ(inbox.statistics().lost, 99U);
+}
+
+TEST_F(InboxTest, BearsAbsurdNumbers)
+{
+    Inbox inbox = make(true);
+
+    for (const std::uint64_t number :
+         {std::uint64_t{1}, UINT64_MAX, std::uint64_t{2}, UINT64_MAX - 1, UINT64_MAX,
+          std::uint64_t{3}, std::uint64_t{5}}) {
+        receive(inbox, number);
+    }
+
+    EXPECT_EQ(take_all(inbox).size(), 7U);
+    EXPECT_EQ(inbox.statistics().lost, 1U);
+    EXPECT_EQ(inbox.statistics().gaps, 1U);
+}
+
+TEST_F(InboxTest, KnowsItsBytes)
+{
+    Inbox inbox = make(true);
+    EXPECT_EQ(inbox.bytes(), 0U);
+
+    receive(inbox, 1);
+    receive(inbox, 2);
+    EXPECT_EQ(inbox.bytes(), 2 * encode(1).size());
+    inbox.put_next(kNow);
+    EXPECT_EQ(inbox.bytes(), encode(1).size());
+    inbox.drop_rest(kNow);
+
+    EXPECT_EQ(inbox.bytes(), 0U);
+}
+
 TEST_F(InboxTest, DropsWhatIsNoValue)
 {
     struct Case {

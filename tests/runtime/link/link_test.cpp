@@ -345,6 +345,52 @@ TEST_F(LinkTest, EndsARunWhosePlaceIsTaken)
     EXPECT_EQ(stop(*second).status, 0);
 }
 
+TEST_F(LinkTest, EndsTheEarlierOfTwoRunsThatComeBack)
+{
+    for (const char* delivery : {"all", "latest"}) {
+        Broker broker(directory());
+        write_graph(broker.link(), 3, delivery, waiting_blocks());
+        const auto first = start("hub");
+        ASSERT_TRUE(first->wait_for(kStands));
+        broker.stop();
+        const auto second = start("hub");
+        ASSERT_TRUE(second->wait_for(" is away: "));
+
+        broker.restart();
+        const ProcessResult result = first->wait();
+        EXPECT_EQ(result.status, 1) << delivery;
+        EXPECT_NE(result.err.find("quorval: error: another 'quorval-g-hub' has taken the place at "
+                                  "the broker\n"),
+                  std::string::npos)
+            << delivery << "\n"
+            << result.err;
+
+        EXPECT_TRUE(second->wait_for(kStands)) << delivery;
+        EXPECT_EQ(stop(*second).status, 0) << delivery;
+    }
+}
+
+TEST_F(LinkTest, IsTheLaterOneWhereTheClockWasSetBack)
+{
+    const std::string future = "9000000000000000000";
+    Server server;
+    write_waiting_graph(server.link());
+    const auto hub = start("hub");
+
+    server.welcome();
+    const std::string own = server.read(Server::kSubscribe);
+    server.send(Server::message("quorval/g/machine/hub", "x", std::stoull(future), 1, "offline"));
+    server.send(Server::packet(0x90, own.substr(0, 2) + std::string(2, '\0')));
+    for (int count = 0; count < 2; ++count) {
+        server.send(Server::packet(
+            0x90, server.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0')));
+    }
+
+    EXPECT_NE(server.read(Server::kPublish).find("9000000000000000001"), std::string::npos);
+    server.drop();
+    EXPECT_EQ(stop(*hub).status, 0);
+}
+
 TEST_F(LinkTest, EndsARunThatTheBrokerRefuses)
 {
     ProcessOptions options;

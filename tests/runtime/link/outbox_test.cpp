@@ -36,7 +36,7 @@ protected:
     static Numbers send_all(Outbox& outbox)
     {
         Numbers numbers;
-        for (; outbox.size() > 0; outbox.pop()) {
+        for (; outbox.size() > 0; outbox.hand_on()) {
             numbers.push_back(outbox.next().number);
         }
         return numbers;
@@ -87,6 +87,40 @@ TEST_F(OutboxTest, SendsTheLatestAgain)
 
     EXPECT_EQ(send_all(outbox), Numbers{2});
     EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(OutboxTest, CountsAValueOnce)
+{
+    Outbox latest = make(false);
+    take(latest, "a");
+    send_all(latest);
+    const std::uint64_t bytes = latest.statistics().bytes;
+
+    latest.repeat_latest();
+    send_all(latest);
+    latest.repeat_latest();
+    take(latest, "b");
+    send_all(latest);
+
+    EXPECT_EQ(latest.statistics().values, 2U);
+    EXPECT_EQ(latest.statistics().bytes, 2 * bytes);
+}
+
+TEST_F(OutboxTest, CountsAValueAsLostOrAsHandedOn)
+{
+    Outbox all = make(true);
+    take(all, "a");
+    take(all, "b");
+
+    const std::size_t bytes = all.next().bytes.size();
+    all.hand_on();
+    all.lose_next("why", kNow);
+    EXPECT_EQ(all.statistics().values, 1U);
+    all.take_back(bytes, "why", kNow);
+
+    EXPECT_EQ(all.statistics().values, 0U);
+    EXPECT_EQ(all.statistics().bytes, 0U);
+    EXPECT_EQ(all.statistics().lost, 2U);
 }
 
 TEST_F(OutboxTest, DropsWhatIsTooLarge)
