@@ -36,12 +36,14 @@ int replay_command(const Arguments& arguments)
     std::string state;
     std::string machine;
     bool is_local = false;
+    std::string threads;
     Verbosity verbosity;
     line.add_flag("--fast", is_fast, "do not wait for the time of each wave");
     line.add_value("--state", state, "DIR",
                    "keep the state of the blocks below DIR (default: the first of "
                    "$STATE_DIRECTORY, else none)");
     add_machines(line, machine, is_local);
+    add_threads(line, threads);
     add_verbosity(line, verbosity);
     auto files = line.read(arguments);
     if (!files.has_value()) {
@@ -57,6 +59,7 @@ int replay_command(const Arguments& arguments)
     options.takes_signals = true;
     options.tells_manager = true;
     set_machine(options, machine, is_local);
+    options.threads = read_threads(threads);
     options.replay_file = recording;
     options.replays_fast = is_fast;
     Quorval::report_crashes();

@@ -11,12 +11,10 @@
 #include "running.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace {
@@ -28,17 +26,6 @@ std::chrono::nanoseconds read_duration(const std::string& text)
         throw UsageError("--for has to be a duration such as 500ms, 10s or 5m, not '" + text + "'");
     }
     return *duration;
-}
-
-unsigned read_threads(const std::string& text)
-{
-    unsigned threads = 0;
-    const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, threads);
-    if (error != std::errc() || rest != end || threads < 1 || threads > 256) {
-        throw UsageError("--threads has to be a number from 1 to 256, not '" + text + "'");
-    }
-    return threads;
 }
 
 /// The parts of a list whose parts are parted by ",".
@@ -94,7 +81,7 @@ int run_command(const Arguments& arguments)
     std::string duration;
     std::string machine;
     bool is_local = false;
-    std::string threads = "1";
+    std::string threads;
     std::string trace_file;
     bool shows_statistics = false;
     std::string record_file;
@@ -107,8 +94,7 @@ int run_command(const Arguments& arguments)
                    "be seen and changed on this bus: user, system, none (default: none)");
     line.add_value("--for", duration, "DURATION",
                    "stop after this time: 500ms, 10s, 5m (default: at the end of the graph)");
-    line.add_value("--threads", threads, "N",
-                   "run blocks side by side on up to N threads, where that is faster (default: 1)");
+    add_threads(line, threads);
     line.add_flag("--stats", shows_statistics,
                   "write how often blocks ran, failed, and how long that took, at the end");
     line.add_value("--trace", trace_file, "FILE",

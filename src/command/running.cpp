@@ -9,8 +9,10 @@
 #include "statistics.h"
 #include "text.h"
 
+#include <charconv>
 #include <cstdio>
 #include <memory>
+#include <system_error>
 
 namespace {
 
@@ -49,6 +51,24 @@ void set_machine(Quorval::GraphOptions& options, const std::string& machine, boo
     }
     options.machine = machine;
     options.is_local = is_local;
+}
+
+void add_threads(CommandLine& line, std::string& threads)
+{
+    threads = "1";
+    line.add_value("--threads", threads, "N",
+                   "run blocks side by side on up to N threads, where that is faster (default: 1)");
+}
+
+unsigned read_threads(const std::string& text)
+{
+    unsigned threads = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, threads);
+    if (error != std::errc() || rest != end || threads < 1 || threads > 256) {
+        throw UsageError("--threads has to be a number from 1 to 256, not '" + text + "'");
+    }
+    return threads;
 }
 
 loglevel to_level(const Verbosity& verbosity)

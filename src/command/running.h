@@ -24,6 +24,13 @@ void add_machines(CommandLine& line, std::string& machine, bool& is_local);
 /// @throws UsageError  both were given: "--machine and --local exclude each other"
 void set_machine(Quorval::GraphOptions& options, const std::string& machine, bool is_local);
 
+/// Adds the option --threads.
+/// @param threads  what was given; has to live as long as `line` is used
+void add_threads(CommandLine& line, std::string& threads);
+
+/// @throws UsageError  "--threads has to be a number from 1 to 256, not '<text>'"
+unsigned read_threads(const std::string& text);
+
 /// The most verbose level that is shown.
 loglevel to_level(const Verbosity& verbosity);
 

@@ -70,6 +70,22 @@ TEST_F(RecordingCommand, ReplaysWhatWasRecordedBitForBit)
     expect_result(run_with_basic({"replay", "--fast", "r", "sine.toml"}), 0, live.out, "");
 }
 
+TEST_F(RecordingCommand, ReplaysOnSeveralThreadsWhereTheBuildHasThem)
+{
+    const ProcessResult live = run_with_basic({"run", "--record", "r", "sine.toml"});
+    ASSERT_EQ(live.status, 0) << live.err;
+#ifdef QUORVAL_HAS_THREADS
+    const std::string most = "2";
+#else
+    const std::string most = "1";
+#endif
+
+    expect_result(run_with_basic({"replay", "--fast", "--threads", most, "r", "sine.toml"}), 0,
+                  live.out, "");
+    expect_wrong_use(run({"replay", "--threads", "0", "r", "sine.toml"}),
+                     "--threads has to be a number from 1 to 256, not '0'");
+}
+
 TEST_F(RecordingCommand, ReplaysOutputsThatWereNamed)
 {
     const ProcessResult live =

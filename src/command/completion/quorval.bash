@@ -46,7 +46,7 @@ _quorval()
         check) options+=' --machine --strict --json' ;;
         graph) options+=' --format' ;;
         inspect) options+=' --json' ;;
-        replay) options+=' --state --machine --local --fast --quiet --verbose' ;;
+        replay) options+=' --state --machine --local --fast --threads --quiet --verbose' ;;
         run) options+=' --state --bus --for --machine --local --record --outputs --stats --threads --trace --quiet --verbose' ;;
         describe | get | list | stop) options='--help --bus' ;;
         set) options='--help --bus --save' ;;

@@ -73,7 +73,7 @@ complete -c quorval -n '__fish_seen_subcommand_from run' -l bus -x -a 'user syst
 complete -c quorval -n '__fish_seen_subcommand_from run' -l for -x -d 'Stop after this time'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l stats \
     -d 'Show what blocks did at the end'
-complete -c quorval -n '__fish_seen_subcommand_from run' -l threads -x \
+complete -c quorval -n '__fish_seen_subcommand_from replay run' -l threads -x \
     -d 'Run blocks on up to so many threads'
 complete -c quorval -n '__fish_seen_subcommand_from run' -l trace -r \
     -d 'Write each run of a block to this file'
