@@ -1,20 +1,25 @@
 #include <quorval/runtime/crash.h>
 #include "messages/context.h"
+#include "messages/crash_threads.h"
 #include "messages/plugin_code.h"
+#include "messages/turn.h"
 
 #include <execinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <charconv>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Quorval {
 
@@ -22,13 +27,17 @@ namespace {
 
 using runtime::Context;
 using runtime::context;
+using runtime::Deeds;
 using runtime::find_plugin_code;
+using runtime::present_deeds;
 using runtime::was_started;
 
 constexpr std::array kSignals = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
 constexpr std::size_t kStackSize = 65536;
 constexpr int kFailedRun = 1;
 constexpr int kWrongGraph = 3;
+
+std::atomic<bool> reports_exit{false};
 
 /// A line made without memory from the heap, which a crash may have left broken. What does not
 /// fit is cut.
@@ -121,6 +130,16 @@ std::string find_caller()
     return {};
 }
 
+/// What the block of the present thread said before, whose turn does not come any more.
+void say_what_waits()
+{
+    if (const Deeds* deeds = std::exchange(present_deeds(), nullptr)) {
+        for (const std::function<void()>& deed : *deeds) {
+            deed();
+        }
+    }
+}
+
 /// Names who called exit(): a block in an operation, else a plug-in, in a thread of its own for
 /// example.
 void report_exit()
@@ -137,6 +156,7 @@ void report_exit()
     } else {
         line << "plug-in '" << caller.c_str() << "' called exit";
     }
+    say_what_waits();
     static_cast<void>(std::fflush(nullptr));
     line.write();
     ::_exit(is_running(where) ? kFailedRun : kWrongGraph);
@@ -161,6 +181,15 @@ void report_crashes()
     }
     static_cast<void>(std::atexit(report_exit));
     static_cast<void>(std::at_quick_exit(report_exit));
+    reports_exit = true;
+}
+
+void runtime::report_exit_first()
+{
+    // The last one that was registered comes first; the other one finds the process ended.
+    if (reports_exit.exchange(false)) {
+        static_cast<void>(std::atexit(report_exit));
+    }
 }
 
 }  // namespace Quorval

@@ -1,5 +1,6 @@
 #include "schedule/crew.h"
 
+#include "messages/crash_threads.h"
 #include "schedule/probes.h"
 
 #include <algorithm>
@@ -34,6 +35,7 @@ Crew::Crew(Wave& wave, const Network& network, const std::vector<Tie>& ties, con
     own_.reserve(network.nodes.size());
     shared_.reserve(network.nodes.size());
     wave.crew_ = this;
+    report_exit_first();
 }
 
 void Crew::plan(const Network& network, const std::vector<Tie>& ties)
@@ -189,11 +191,14 @@ void Crew::run_level()
             run_task(task);
         }
     };
+    const auto run_shared = [this](std::size_t at) {
+        have_crash_stack();
+        run_task(shared_[at]);
+    };
     if (shared_.empty()) {
         run_own();
     } else {
-        workers_.run(
-            shared_.size(), [this](std::size_t at) { run_task(shared_[at]); }, run_own);
+        workers_.run(shared_.size(), run_shared, run_own);
     }
     for (const std::uint32_t task : own_) {
         note(task);

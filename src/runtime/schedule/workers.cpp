@@ -6,7 +6,10 @@
 #include <oneapi/tbb/info.h>
 #include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
+#include <pthread.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <optional>
 
 #ifdef QUORVAL_TELLS_THREAD_SANITIZER
@@ -19,6 +22,8 @@ extern "C" void __tsan_release(void* address);  // NOLINT(bugprone-reserved-iden
 namespace Quorval::runtime {
 
 namespace {
+
+constexpr std::size_t kLeastStack = 4 << 20;
 
 /// A point that threads come to, some before and some behind it.
 struct Order {
@@ -37,10 +42,25 @@ struct Order {
     }
 };
 
+/// What threads of the process have. Those of oneTBB have 4 MB if nothing else is said, and what
+/// runs on the thread of the graph is to run on them.
+std::size_t stack_size()
+{
+    pthread_attr_t attributes;
+    std::size_t size = 0;
+    if (::pthread_getattr_default_np(&attributes) == 0) {
+        ::pthread_attr_getstacksize(&attributes, &size);
+        ::pthread_attr_destroy(&attributes);
+    }
+    return std::max(size, kLeastStack);
+}
+
 }  // namespace
 
 struct Workers::Impl {
-    explicit Impl(unsigned threads) : arena(static_cast<int>(threads), 1)
+    explicit Impl(unsigned threads)
+        : stack(tbb::global_control::thread_stack_size, stack_size()),
+          arena(static_cast<int>(threads), 1)
     {
         if (threads > static_cast<unsigned>(tbb::info::default_concurrency())) {
             // The library has a thread for each processor unless it is told to have more.
@@ -48,6 +68,7 @@ struct Workers::Impl {
         }
     }
 
+    tbb::global_control stack;
     std::optional<tbb::global_control> control;
     tbb::task_arena arena;
     Order begin;

@@ -1,6 +1,8 @@
 #include "schedule/crew.h"
 
 #include <quorval/log.h>
+#include <quorval/runtime/crash.h>
+#include <quorval/runtime/messages.h>
 #include "loop/loop.h"
 #include "messages/context.h"
 #include "runtime/support/fakes.h"
@@ -9,10 +11,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <new>
 #include <random>
@@ -455,6 +464,94 @@ TEST(Crew, NamesTheBlockOnWhateverThreadItRuns)
     EXPECT_TRUE(row.run());
 
     EXPECT_EQ(context().path, nullptr);
+}
+
+/// Does it in a block that runs beside another one, on a thread that is not that of the graph where
+/// the build has more.
+void do_in_a_block(const std::function<void()>& deed)
+{
+    report_crashes();
+    const Messages shown(LOGLEVEL_INFO);
+    const MessagesInTurn messages;
+    Row row(2);
+    std::atomic<int> arrived{0};
+    const std::thread::id mine = std::this_thread::get_id();
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&, mine] {
+            for (++arrived; Workers::are_there() && arrived < 2;) {
+                std::this_thread::yield();
+            }
+            if (!Workers::are_there() || std::this_thread::get_id() != mine) {
+                deed();
+            }
+            return true;
+        };
+    }
+    row.prepare();
+    row.run();
+}
+
+TEST(CrewDeathTest, NamesTheBlockThatCrashesOnAnyThread)
+{
+    EXPECT_EXIT(do_in_a_block([] { ::raise(SIGSEGV); }), testing::KilledBySignal(SIGSEGV),
+                "^quorval: fatal: block '[ab]' crashed in run: signal 11 \\(SIGSEGV\\)\n$");
+    EXPECT_EXIT(do_in_a_block([] { std::abort(); }), testing::KilledBySignal(SIGABRT),
+                "^quorval: fatal: block '[ab]' crashed in run: signal 6 \\(SIGABRT\\)\n$");
+}
+
+/// Takes a stack of any size.
+[[gnu::noinline]] int overflow(int depth)
+{
+    volatile char room[4096] = {};
+    room[static_cast<std::size_t>(depth) % sizeof room] = 1;
+    return depth < 0 ? 0 : overflow(depth + 1) + room[0];
+}
+
+TEST(CrewDeathTest, NamesTheBlockWhoseStackRanOverOnAnyThread)
+{
+    EXPECT_EXIT(do_in_a_block([] { overflow(0); }), testing::KilledBySignal(SIGSEGV),
+                "quorval: fatal: block '[ab]' crashed in run: signal 11 \\(SIGSEGV\\)\n$");
+}
+
+TEST(CrewDeathTest, SaysWhatABlockSaidThatEndsTheProcessOnAnyThread)
+{
+    const auto say_and_exit = [] {
+        ilog(LOGLEVEL_WARNING) << "enough";
+        std::exit(0);
+    };
+
+    EXPECT_EXIT(do_in_a_block(say_and_exit), testing::ExitedWithCode(1),
+                "^quorval: warning: ([ab]): enough\n"
+                "quorval: fatal: block '[ab]' called exit in run\n$");
+}
+
+/// The bytes of the stack that threads have if nothing else is said.
+std::size_t stack_size()
+{
+    pthread_attr_t attributes;
+    std::size_t size = 0;
+    EXPECT_EQ(::pthread_getattr_default_np(&attributes), 0);
+    EXPECT_EQ(::pthread_attr_getstacksize(&attributes, &size), 0);
+    ::pthread_attr_destroy(&attributes);
+    return size;
+}
+
+/// Takes as much of the stack.
+[[gnu::noinline]] int take_stack(std::size_t size)
+{
+    volatile char room[16384] = {};
+    room[size % sizeof room] = 1;
+    return size < sizeof room ? 0 : take_stack(size - sizeof room) + room[0];
+}
+
+TEST(CrewDeathTest, LeavesABlockAsMuchStackOnAnyThread)
+{
+    const auto take_and_exit = [] {
+        take_stack(stack_size() / 4 * 3);
+        ::_exit(7);
+    };
+
+    EXPECT_EXIT(do_in_a_block(take_and_exit), testing::ExitedWithCode(7), "^$");
 }
 
 // A clock by which each run takes as long as the test wants.
