@@ -77,7 +77,7 @@ private:
     std::vector<Watched> watched_;  // by descriptor
     std::vector<int> always_ready_;
     std::uint32_t generations_ = 0;
-    std::vector<epoll_event> events_;
+    std::vector<epoll_event> events_ = std::vector<epoll_event>(1);  // never without room
     std::vector<Ready> ready_;
 };
 

@@ -71,6 +71,13 @@ struct Pipe {
     int write_end = -1;
 };
 
+TEST(Poller, HasNothingReadyBeforeAnythingIsWatched)
+{
+    Poller poller;
+
+    EXPECT_THAT(ready_in(poller), IsEmpty());
+}
+
 TEST(Poller, ReportsWhatIsReadyWithItsTag)
 {
     Poller poller;
