@@ -34,6 +34,7 @@
 namespace {
 
 using Quorval::BlockStatistics;
+using Quorval::LinkStatistics;
 using Quorval::RemoteError;
 using Quorval::RemoteGraph;
 using Clock = std::chrono::steady_clock;
@@ -45,8 +46,9 @@ HelpText help_of_top()
 {
     return {
         "quorval top [OPTION...] NAME",
-        "Shows the blocks of a running graph by the time that they take, once a second, until "
-        "\"q\" is typed or the graph has gone. Times are taken from the first look at the graph "
+        "Shows the blocks of a running graph by the time that they take, and what goes over its "
+        "links, once a second, until \"q\" is typed or the graph has gone. Times are taken from "
+        "the first look at the graph "
         "on. Where standard input or output is no terminal, a table is printed once, as with "
         "--once.",
         "Exit status:\n"
@@ -58,13 +60,14 @@ HelpText help_of_top()
         "  quorval top loudness"};
 }
 
-std::string to_sorted_table(const std::vector<BlockStatistics>& statistics)
+std::string to_tables(RemoteGraph& graph)
 {
     std::vector<BlockStatistics> sorted;
-    for (TopRow& row : to_rows({}, statistics)) {
+    for (TopRow& row : to_rows({}, graph.statistics())) {
         sorted.push_back(std::move(row.block));
     }
-    return to_table(sorted);
+    const std::vector<LinkStatistics> links = graph.link_statistics();
+    return to_table(sorted) + (links.empty() ? "" : to_link_table(links));
 }
 
 /// A descriptor of its own.
@@ -101,6 +104,7 @@ int take_signals()
 struct Answer {
     std::uint64_t waves = 0;
     std::vector<BlockStatistics> blocks;
+    std::vector<LinkStatistics> links;
     Clock::time_point time;
 };
 
@@ -156,7 +160,8 @@ private:
         {
             try {
                 const std::uint64_t waves = graph->waves();
-                Answer answer = {waves, graph->statistics(), Clock::now()};
+                Answer answer = {waves, graph->statistics(), graph->link_statistics(),
+                                 Clock::now()};
                 has_answered = true;
                 return answer;
             } catch (const RemoteError&) {
@@ -273,7 +278,8 @@ private:
     std::vector<std::string> picture() const
     {
         const Screen::Size size = Screen::size();
-        return draw_top(name_ + ": " + title(), rows_, interval_,
+        return draw_top(name_ + ": " + title(), rows_,
+                        answer_ ? answer_->links : std::vector<LinkStatistics>(), interval_,
                         {size.width, size.height, has_output_colours(), has_unicode()});
     }
 
@@ -314,7 +320,7 @@ int top_command(const Arguments& arguments)
     }
     refuse_more_than(1, *rest);
     if (is_once || !has_screen()) {
-        write_output(to_sorted_table(remote.find_graph(*rest)->statistics()));
+        write_output(to_tables(*remote.find_graph(*rest)));
     } else if (!Top(remote, *rest).run()) {
         say("graph '" + rest->front() + "' has gone");
     }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -14,6 +15,7 @@
 namespace {
 
 using Quorval::BlockStatistics;
+using Quorval::LinkStatistics;
 using Time = std::chrono::nanoseconds;
 
 constexpr std::size_t kGap = 2;
@@ -28,7 +30,7 @@ constexpr const char* kPlain = "\033[0m";
 
 /// In a row of a block.
 constexpr std::size_t kLoad = 1;
-constexpr std::size_t kFailures = 3;
+constexpr std::size_t kFailures = 3;  // in one of a link: losses
 
 double load_of(const TopRow& row, Time interval)
 {
@@ -57,7 +59,7 @@ struct Layout {
     std::size_t bar = 0;  // behind the first number; 0: there is none
 };
 
-Layout lay_out(const std::vector<Row>& rows, std::size_t width)
+Layout lay_out(const std::vector<Row>& rows, std::size_t width, bool wants_bar)
 {
     std::vector<std::size_t> widths(rows.front().size());
     for (const Row& row : rows) {
@@ -74,7 +76,7 @@ Layout lay_out(const std::vector<Row>& rows, std::size_t width)
     widths.resize(count);
     widths[0] = std::min(widths[0], width - std::min(width, used));
     used += widths[0] + kGap;
-    const bool has_bar = count > 1 && width >= used + kNarrowestBar;
+    const bool has_bar = wants_bar && count > 1 && width >= used + kNarrowestBar;
     return {std::move(widths), has_bar ? std::min(kWidestBar, width - used) : 0};
 }
 
@@ -137,7 +139,7 @@ public:
                                        style_.has_colours ? style_.width : 0));
     }
 
-    std::string block(const Row& row, double share, bool has_failures) const
+    std::string item(const Row& row, bool has_failures, double share = 0) const
     {
         return line(row, coloured(kGreen, draw_bar(share, layout_.bar, style_.has_unicode)),
                     has_failures);
@@ -168,10 +170,50 @@ private:
     const TopStyle& style_;
 };
 
+void append(std::vector<std::string>& lines, std::vector<std::string> more)
+{
+    lines.insert(lines.end(), std::make_move_iterator(more.begin()),
+                 std::make_move_iterator(more.end()));
+}
+
 std::string draw_title(const std::string& text, const TopStyle& style)
 {
     const std::string shown = text.substr(0, style.width);
     return style.has_colours ? kBold + shown + kPlain : shown;
+}
+
+/// Names of columns, and as many links as there is room for.
+std::vector<std::string> draw_links(const std::vector<LinkStatistics>& links, const TopStyle& style)
+{
+    std::vector<Row> texts = {link_titles()};
+    for (const LinkStatistics& link : links) {
+        texts.push_back(to_row(link));
+    }
+    const Drawing drawing(lay_out(texts, style.width, false), style);
+    std::vector<std::string> lines = {drawing.names(texts.front())};
+    for (std::size_t at = 0; at < links.size() && lines.size() < style.height; ++at) {
+        lines.push_back(drawing.item(texts[at + 1], links[at].lost > 0));
+    }
+    return lines;
+}
+
+/// Likewise of blocks.
+std::vector<std::string> draw_blocks(const std::vector<TopRow>& rows, Time interval,
+                                     const TopStyle& style)
+{
+    std::vector<Row> texts = {with_load(block_titles(), "load")};
+    for (const TopRow& row : rows) {
+        texts.push_back(with_load(to_row(row.block), describe_load(load_of(row, interval))));
+    }
+    const Drawing drawing(lay_out(texts, style.width, true), style);
+    const double highest = rows.empty() ? 0 : load_of(rows.front(), interval);
+    std::vector<std::string> lines = {drawing.names(texts.front())};
+    for (std::size_t at = 0; at < rows.size() && lines.size() < style.height; ++at) {
+        const double load = load_of(rows[at], interval);
+        lines.push_back(drawing.item(texts[at + 1], rows[at].block.failures > 0,
+                                     highest > 0 ? load / highest : 0));
+    }
+    return lines;
 }
 
 }  // namespace
@@ -198,20 +240,24 @@ std::vector<TopRow> to_rows(const std::vector<BlockStatistics>& before,
 }
 
 std::vector<std::string> draw_top(const std::string& title, const std::vector<TopRow>& rows,
+                                  const std::vector<LinkStatistics>& links,
                                   std::chrono::nanoseconds interval, const TopStyle& style)
 {
-    std::vector<Row> texts = {with_load(block_titles(), "load")};
-    for (const TopRow& row : rows) {
-        texts.push_back(with_load(to_row(row.block), describe_load(load_of(row, interval))));
+    constexpr std::size_t kAbove = 2;  // title and names of columns, or an empty line and names
+    const std::size_t height = style.height;
+    const std::size_t left = height - std::min(height, rows.size() + kAbove);
+    const std::size_t room = std::min(std::max(height / 2, left), links.size() + kAbove);
+    const bool has_links = !links.empty() && room > kAbove;
+
+    TopStyle part = style;
+    part.height = static_cast<unsigned>(has_links ? height - room : height) - (height > 0 ? 1 : 0);
+    std::vector<std::string> lines = {draw_title(title, style)};
+    append(lines, draw_blocks(rows, interval, part));
+    if (has_links) {
+        lines.emplace_back();
+        part.height = static_cast<unsigned>(room - 1);
+        append(lines, draw_links(links, part));
     }
-    const Drawing drawing(lay_out(texts, style.width), style);
-    const double highest = rows.empty() ? 0 : load_of(rows.front(), interval);
-    std::vector<std::string> lines = {draw_title(title, style), drawing.names(texts.front())};
-    for (std::size_t at = 0; at < rows.size() && lines.size() < style.height; ++at) {
-        const double load = load_of(rows[at], interval);
-        lines.push_back(drawing.block(texts[at + 1], highest > 0 ? load / highest : 0,
-                                      rows[at].block.failures > 0));
-    }
-    lines.resize(std::min<std::size_t>(lines.size(), style.height));
+    lines.resize(std::min(lines.size(), height));
     return lines;
 }

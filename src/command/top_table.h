@@ -26,10 +26,12 @@ struct TopStyle {
 std::vector<TopRow> to_rows(const std::vector<Quorval::BlockStatistics>& before,
                             const std::vector<Quorval::BlockStatistics>& now);
 
-/// A table as large as the terminal at most: a title, names of columns, and as many blocks as there
-/// is room for. A narrow one has fewer columns; the beginning of a long path is left out. A bar
-/// shows the load of a block, the longest one that of the first.
+/// Tables as large as the terminal at most: a title, names of columns, and as many blocks as there
+/// is room for; below them the links, on the lower half of the terminal, or more where the blocks
+/// leave it. A narrow one has fewer columns; the beginning of a long path is left out. A bar shows
+/// the load of a block, the longest one that of the first.
 /// @param interval  since the look before
 /// @return the lines, without ends of line
 std::vector<std::string> draw_top(const std::string& title, const std::vector<TopRow>& rows,
+                                  const std::vector<Quorval::LinkStatistics>& links,
                                   std::chrono::nanoseconds interval, const TopStyle& style);

@@ -33,6 +33,7 @@ PLUGINS = str(pathlib.Path(sys.argv.pop()).resolve())
 NAME = "org.quorval.graph.the_graph"
 PATH = "/org/quorval/graph"
 INTERFACE = "org.quorval.Graph1"
+LINK_INTERFACE = "org.quorval.Links1"
 ERROR = "org.quorval.Error."
 STRANGER = 65534
 
@@ -97,6 +98,32 @@ class Bus:
         self.socket.unlink(missing_ok=True)
 
 
+class Broker:
+    """mosquitto, on a port of its own."""
+
+    def __init__(self, directory):
+        for _ in range(20):
+            with socket.create_server(("127.0.0.1", 0)) as free:
+                self.port = free.getsockname()[1]
+            if self.start(directory / "mosquitto.conf"):
+                return
+        raise RuntimeError("mosquitto does not start")
+
+    def start(self, file):
+        file.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nlog_dest stderr\n"
+                        "log_type information\n" + ("user root\n" if os.geteuid() == 0 else ""))
+        self.process = subprocess.Popen(["/usr/sbin/mosquitto", "-c", str(file)], text=True,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        if any(line.endswith(" running\n") for line in self.process.stderr):
+            return True
+        self.stop()
+        return False
+
+    def stop(self):
+        self.process.kill()
+        self.process.communicate()
+
+
 class Operation(unittest.TestCase):
     system_address = None
 
@@ -106,7 +133,7 @@ class Operation(unittest.TestCase):
         self.directory = pathlib.Path(directory.name)
         self.directory.chmod(0o755)
         self.bus = Bus(self.directory)
-        self.addCleanup(lambda: self.bus.stop())
+        self.addCleanup(lambda: self.bus.stop())  # the present one
         self.write(GRAPH)
 
     def write(self, text, name="g.toml"):
@@ -168,6 +195,19 @@ class Operation(unittest.TestCase):
         self.assertEqual((process.returncode, err), (0, ""))
         return out
 
+    def own_interfaces(self):
+        """The members of each, as the graph describes them."""
+        text = self.graph("org.freedesktop.DBus.Introspectable").Introspect()
+        interfaces = {}
+        for interface in xml.etree.ElementTree.fromstring(text).iter("interface"):
+            if interface.get("name").startswith("org.quorval."):
+                interfaces[interface.get("name")] = shown = {}
+                for member in interface:
+                    arguments = [(one.get("direction", "out"), one.get("type"))
+                                 for one in member.iter("arg")]
+                    shown[member.get("name")] = (member.tag, member.get("type") or arguments)
+        return interfaces
+
     def refused(self, name, text, call, *arguments):
         with self.assertRaises(dbus.DBusException) as caught:
             call(*arguments)
@@ -182,15 +222,8 @@ class Operation(unittest.TestCase):
 class Interface(Operation):
     def test_it_is_described_to_callers(self):
         self.start()
-        text = dbus.Interface(self.connect().get_object(NAME, PATH, introspect=False),
-                              "org.freedesktop.DBus.Introspectable").Introspect()
-        tree = xml.etree.ElementTree.fromstring(text)
-        shown = {}
-        for member in tree.find(f"interface[@name='{INTERFACE}']"):
-            arguments = [(one.get("direction", "out"), one.get("type"))
-                         for one in member.iter("arg")]
-            shown[member.get("name")] = (member.tag, member.get("type") or arguments)
-        self.assertEqual(shown, {
+        self.assertEqual(list(self.own_interfaces()), [INTERFACE])
+        self.assertEqual(self.own_interfaces()[INTERFACE], {
             "Describe": ("method", [("out", "s")]),
             "Configure": ("method", [("in", "a{ss}")]),
             "Get": ("method", [("in", "s"), ("out", "s")]),
@@ -452,8 +485,9 @@ class Objects(Operation):
         for config, text in (
                 ('path = "relative"', "block 'object': the object relative with the interface "
                  "test.Object cannot be published: Invalid argument"),
-                (f'path = "{PATH}", interface = "{INTERFACE}"', "the graph itself and block 'object'"
-                 f" both offer the object {PATH} with the interface {INTERFACE}")):
+                *((f'path = "{PATH}", interface = "{interface}"', "the graph itself and block "
+                   f"'object' both offer the object {PATH} with the interface {interface}")
+                  for interface in (INTERFACE, LINK_INTERFACE))):
             self.write(GRAPH.replace('blocks.object.type = "operated:Object"',
                                      'blocks.object = { type = "operated:Object", '
                                      f"config = {{ {config} }} }}"))
@@ -657,19 +691,16 @@ ENTER = "\x1b[?1049h"
 LEAVE = "\x1b[?25h\x1b[?1049l"
 
 
-class Top(Operation):
-    """On a terminal."""
+class OnTerminal(Operation):
+    """`quorval top`."""
 
-    def setUp(self):
-        super().setUp()
-        self.graph_process = self.start()
+    def open_terminal(self):
         self.terminal, self.inside = pty.openpty()
         self.addCleanup(os.close, self.inside)
         self.resize(80, 24)
         self.before = termios.tcgetattr(self.inside)
         self.shown = ""
         self.top = self.start_top()
-        self.wait_for(r"the-graph: 4 blocks, 0 waves\r\n.*\x1b\[J")
 
     def start_top(self):
         top = subprocess.Popen(
@@ -696,6 +727,14 @@ class Top(Operation):
         self.wait_for(re.escape(LEAVE))
         self.assertEqual((self.top.communicate(timeout=100)[1], self.top.returncode), (err, 0))
         self.assertEqual(termios.tcgetattr(self.inside), self.before)
+
+
+class Top(OnTerminal):
+    def setUp(self):
+        super().setUp()
+        self.graph_process = self.start()
+        self.open_terminal()
+        self.wait_for(r"the-graph: 4 blocks, 0 waves\r\n.*\x1b\[J")
 
     def test_it_shows_blocks_by_time_until_q(self):
         self.assertNotEqual(termios.tcgetattr(self.inside), self.before)
@@ -766,6 +805,87 @@ class Top(Operation):
         self.graph_process.send_signal(signal.SIGSTOP)
         self.addCleanup(self.graph_process.send_signal, signal.SIGCONT)
         self.wait_for(r"0 waves, no answer for \d s")
+        os.write(self.terminal, b"q")
+        self.check_end()
+
+
+class Links(OnTerminal):
+    """A graph on two machines, each with a bus of its own."""
+
+    GRAPH = """format = 1
+name = "the-graph"
+connections = [{ from = "object.out", to = "print.in", delivery = "all" }]
+machines = { edge = {}, hub = {} }
+link.broker = "mqtt://127.0.0.1:PORT"
+blocks.object = { type = "operated:Object", machine = "edge" }
+blocks.print = { type = "numbers:Print", machine = "hub" }
+"""
+
+    def setUp(self):
+        super().setUp()
+        broker = Broker(self.directory)
+        self.addCleanup(broker.stop)
+        self.write(self.GRAPH.replace("PORT", str(broker.port)))
+        there = self.directory / "hub"
+        there.mkdir()
+        self.buses = {"hub": Bus(there), "edge": self.bus}
+        self.addCleanup(self.buses["hub"].stop)
+        # Nothing is kept for a hub that was never there.
+        self.hub = self.start_machine("hub")
+        self.edge = self.start_machine("edge")
+
+    def start_machine(self, machine):
+        self.bus = self.buses[machine]
+        process = self.popen("run", "--bus", "user", "-v", "--machine", machine, "g.toml")
+        self.assertTrue(any(line.endswith(" stands\n") for line in process.stderr))
+        return process
+
+    def fire(self, count):
+        """One after the other, so that none waits for another."""
+        for at in range(count):
+            self.graph("test.Object", "/object").Fire()
+            self.bus = self.buses["hub"]
+            while self.statistics()[0][2] != at + 1:
+                self.assertIsNone(self.hub.poll())
+            self.bus = self.buses["edge"]
+
+    def statistics(self):
+        return [tuple(row) for row in self.graph(LINK_INTERFACE).Statistics()]
+
+    def test_what_went_over_them_is_on_the_bus(self):
+        self.assertEqual(self.statistics(), [("object.out", False, 0, 0, 0, 0, 0, 0)])
+        self.fire(3)
+        self.assertEqual(self.statistics(), [("object.out", False, 3, 15, 0, 0, 0, 1)])
+        self.bus = self.buses["hub"]
+        self.assertEqual(self.statistics(), [("object.out", True, 3, 15, 0, 0, 0, 1)])
+        self.assertEqual(self.own_interfaces()[LINK_INTERFACE],
+                         {"Statistics": ("method", [("out", "a(sbtttttt)")])})
+        self.bus = self.buses["edge"]
+
+    def test_a_queue_and_what_it_loses_are_counted(self):
+        self.edge.send_signal(signal.SIGTERM)
+        self.edge.communicate(timeout=100)
+        self.write("format = 1\nlink.queue = 2\nlink.broker = 'mqtt://127.0.0.1:1'\n", "away.toml")
+        self.popen("run", "--bus", "user", "--machine", "edge", "g.toml", "away.toml")
+        bus = self.connect()
+        while not bus.name_has_owner(NAME):
+            pass
+        for _ in range(5):
+            self.graph("test.Object", "/object").Fire()
+        self.assertEqual(self.statistics(), [("object.out", False, 0, 0, 3, 0, 0, 2)])
+
+    def test_top_shows_them_below_the_blocks(self):
+        self.fire(2)
+        self.assertEqual(self.run_quorval("top", "--once", "the-graph"), (
+            0, "block   runs  failures  total   max  99 %\n"
+               "object     0         0   0 ns  0 ns  0 ns\n"
+               "link           values  bytes  lost  gaps  queue\n"
+               "object.out ->       2     10     0     0      1\n", ""))
+        self.open_terminal()
+        frame = self.wait_for(r"the-graph: 1 blocks, 2 waves\r\n.*?\x1b\[J")
+        lines = [line.replace("\x1b[K", "") for line in frame.split("\r\n")]
+        self.assertEqual(lines[3:6], ["", "link           values  bytes  lost  gaps  queue",
+                                      "object.out ->       2     10     0     0      1"])
         os.write(self.terminal, b"q")
         self.check_end()
 

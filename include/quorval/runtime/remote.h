@@ -29,9 +29,9 @@ struct RunningGraph {
 /// @throws RemoteError  there is only one bus, and it cannot be reached
 QUORVAL_EXPORT std::vector<RunningGraph> list_graphs(const std::vector<Bus>& buses);
 
-/// A running graph, as the interface org.quorval.Graph1 shows it. One thread at a time. Each
-/// operation but the constructor throws RemoteError when the call fails, with the text of the
-/// graph.
+/// A running graph, as the interfaces org.quorval.Graph1 and org.quorval.Links1 show it. One thread
+/// at a time. Each operation but the constructor throws RemoteError when the call fails, with the
+/// text of the graph.
 class QUORVAL_EXPORT RemoteGraph {
 public:
     /// Looks for a graph.
@@ -64,6 +64,9 @@ public:
 
     /// Stops the graph in order.
     void stop();
+
+    /// What went out and came in over links so far; empty where there are none.
+    std::vector<LinkStatistics> link_statistics();
 
 private:
     struct QUORVAL_HIDDEN Impl;

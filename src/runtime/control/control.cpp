@@ -32,7 +32,7 @@ RunResult Control::open(Run& run)
     }
     connection_.emplace(kind_, bus_name_of(run.graph.name), [this](sd_bus* bus) {
         std::vector<SlotHandle> slots;
-        slots.push_back(graph_->publish(bus));
+        graph_->publish(bus, slots);
         objects_->publish(bus, slots);
         return slots;
     });

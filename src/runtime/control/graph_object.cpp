@@ -158,6 +158,11 @@ struct GraphObject::Methods {
         return contain(error, [&] { return self(object).statistics(message); });
     }
 
+    static int link_statistics(sd_bus_message* message, void* object, sd_bus_error* error)
+    {
+        return contain(error, [&] { return self(object).link_statistics(message); });
+    }
+
     static int stop(sd_bus_message* message, void* object, sd_bus_error* error)
     {
         return contain(error, [&] { return self(object).stop(message); });
@@ -186,6 +191,7 @@ struct GraphObject::Methods {
     }
 
     static const sd_bus_vtable table[];
+    static const sd_bus_vtable link_table[];
 };
 
 // Callers that change something are looked at in the functions, so that a refusal has its text.
@@ -208,6 +214,12 @@ const sd_bus_vtable GraphObject::Methods::table[] = {
     SD_BUS_SIGNAL_WITH_NAMES("BlockFailed", "ss", SD_BUS_PARAM(path) SD_BUS_PARAM(text), 0),
     SD_BUS_SIGNAL_WITH_NAMES("Configured", "a{ss}", SD_BUS_PARAM(values), 0), SD_BUS_VTABLE_END};
 
+const sd_bus_vtable GraphObject::Methods::link_table[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_NAMES("Statistics", "", "", "a(sbtttttt)", SD_BUS_PARAM(links),
+                             link_statistics, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END};
+
 GraphObject::GraphObject(Run& run, Statistics statistics)
     : run_(run), statistics_(std::move(statistics))
 {
@@ -216,12 +228,18 @@ GraphObject::GraphObject(Run& run, Statistics statistics)
     }
 }
 
-SlotHandle GraphObject::publish(sd_bus* bus)
+void GraphObject::publish(sd_bus* bus, std::vector<SlotHandle>& slots)
 {
     callers_.clear();  // another connection has other names
-    sd_bus_slot* slot = nullptr;
-    check(sd_bus_add_object_vtable(bus, &slot, kPath, kInterface, Methods::table, this));
-    return SlotHandle(slot);
+    const auto add = [&](const char* interface, const sd_bus_vtable* table) {
+        sd_bus_slot* slot = nullptr;
+        check(sd_bus_add_object_vtable(bus, &slot, kPath, interface, table, this));
+        slots.emplace_back(slot);
+    };
+    add(kInterface, Methods::table);
+    if (!run_.link_statistics().empty()) {
+        add(kLinkInterface, Methods::link_table);
+    }
 }
 
 int GraphObject::configure(sd_bus_message* message)
@@ -295,6 +313,21 @@ int GraphObject::statistics(sd_bus_message* message) const
                                     static_cast<std::uint64_t>(one.total.count()),
                                     static_cast<std::uint64_t>(one.longest.count()),
                                     static_cast<std::uint64_t>(one.percentile_99.count())));
+    }
+    check(sd_bus_message_close_container(made));
+    return sd_bus_send(nullptr, made, nullptr);
+}
+
+int GraphObject::link_statistics(sd_bus_message* message) const
+{
+    sd_bus_message* made = nullptr;
+    check(sd_bus_message_new_method_return(message, &made));
+    const MessageHandle reply(made);
+    check(sd_bus_message_open_container(made, 'a', "(sbtttttt)"));
+    for (const LinkStatistics& one : run_.link_statistics()) {
+        check(sd_bus_message_append(made, "(sbtttttt)", one.output.c_str(),
+                                    static_cast<int>(one.comes_in), one.values, one.bytes, one.lost,
+                                    one.gaps, one.duplicates, one.longest_queue));
     }
     check(sd_bus_message_close_container(made));
     return sd_bus_send(nullptr, made, nullptr);

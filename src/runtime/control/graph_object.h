@@ -16,8 +16,8 @@
 
 namespace Quorval::runtime {
 
-/// org.quorval.Graph1. Whoever can reach the bus may look; only root and the user of this process
-/// may change something.
+/// org.quorval.Graph1, and org.quorval.Links1 where the graph has links. Whoever can reach the bus
+/// may look; only root and the user of this process may change something.
 class GraphObject {
 public:
     using Statistics = std::function<std::vector<BlockStatistics>()>;
@@ -27,9 +27,9 @@ public:
     GraphObject(const GraphObject&) = delete;
     GraphObject& operator=(const GraphObject&) = delete;
 
-    /// @return the slot, which must go before this object
+    /// Adds its slots, which must go before this object.
     /// @throws std::runtime_error  it is refused
-    SlotHandle publish(sd_bus* bus);
+    void publish(sd_bus* bus, std::vector<SlotHandle>& slots);
 
     /// Emit signals. Nothing happens without a connection.
     static void tell_failure(sd_bus* bus, const std::string& path, const std::string& text);
@@ -42,6 +42,7 @@ private:
     int get(sd_bus_message* message) const;
     int save(sd_bus_message* message);
     int statistics(sd_bus_message* message) const;
+    int link_statistics(sd_bus_message* message) const;
     int stop(sd_bus_message* message);
 
     std::vector<Change> read_changes(sd_bus_message* message) const;

@@ -28,6 +28,7 @@ using SourceHandle = std::unique_ptr<sd_event_source, Release>;
 constexpr const char* kNamePrefix = "org.quorval.graph.";
 constexpr const char* kPath = "/org/quorval/graph";
 constexpr const char* kInterface = "org.quorval.Graph1";
+constexpr const char* kLinkInterface = "org.quorval.Links1";
 constexpr const char* kUnknownBlock = "org.quorval.Error.UnknownBlock";
 constexpr const char* kInvalidValue = "org.quorval.Error.InvalidValue";
 constexpr const char* kRefused = "org.quorval.Error.Refused";

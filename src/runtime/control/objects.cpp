@@ -172,7 +172,9 @@ void BlockObjects::guard(sd_bus_vtable& entry, std::size_t offset)
 std::string BlockObjects::find_problem() const
 {
     std::map<std::pair<std::string, std::string>, std::string> taken;
-    taken[{kPath, kInterface}] = "the graph itself";
+    for (const char* interface : {kInterface, kLinkInterface}) {
+        taken[{kPath, interface}] = "the graph itself";
+    }
     for (const std::unique_ptr<Object>& object : objects_) {
         const std::string block = "block '" + network_.nodes[object->block].path + "'";
         const auto [at, is_new] = taken.try_emplace({object->path, object->interface}, block);

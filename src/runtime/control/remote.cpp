@@ -19,6 +19,7 @@ namespace {
 using runtime::bus_name_of;
 using runtime::BusHandle;
 using runtime::kInterface;
+using runtime::kLinkInterface;
 using runtime::kNamePrefix;
 using runtime::kPath;
 using runtime::MessageHandle;
@@ -51,6 +52,13 @@ public:
     ~BusError() { sd_bus_error_free(&error_); }
 
     sd_bus_error* get() { return &error_; }
+
+    /// Whether what was called is not there, and its object is.
+    bool is_unknown() const
+    {
+        return sd_bus_error_has_name(&error_, SD_BUS_ERROR_UNKNOWN_METHOD) > 0 ||
+               sd_bus_error_has_name(&error_, SD_BUS_ERROR_UNKNOWN_INTERFACE) > 0;
+    }
 
     /// @throws RemoteError  the call failed
     void check(int result) const
@@ -164,10 +172,10 @@ struct RemoteGraph::Impl {
     std::string name;
     BusHandle bus;
 
-    MessageHandle new_call(const char* method) const
+    MessageHandle new_call(const char* method, const char* interface = kInterface) const
     {
         sd_bus_message* made = nullptr;
-        check(sd_bus_message_new_method_call(bus.get(), &made, name.c_str(), kPath, kInterface,
+        check(sd_bus_message_new_method_call(bus.get(), &made, name.c_str(), kPath, interface,
                                              method));
         return MessageHandle(made);
     }
@@ -175,9 +183,17 @@ struct RemoteGraph::Impl {
     MessageHandle call(const MessageHandle& message) const
     {
         BusError error;
-        sd_bus_message* reply = nullptr;
-        error.check(sd_bus_call(bus.get(), message.get(), 0, error.get(), &reply));
-        return MessageHandle(reply);
+        MessageHandle reply;
+        error.check(try_call(message, error, reply));
+        return reply;
+    }
+
+    int try_call(const MessageHandle& message, BusError& error, MessageHandle& reply) const
+    {
+        sd_bus_message* made = nullptr;
+        const int result = sd_bus_call(bus.get(), message.get(), 0, error.get(), &made);
+        reply.reset(made);
+        return result;
     }
 };
 
@@ -269,6 +285,33 @@ std::vector<BlockStatistics> RemoteGraph::statistics()
         one.total = Time(total);
         one.longest = Time(longest);
         one.percentile_99 = Time(percentile_99);
+        statistics.push_back(one);
+    }
+    check(result);
+    return statistics;
+}
+
+std::vector<LinkStatistics> RemoteGraph::link_statistics()
+{
+    const MessageHandle call = impl_->new_call("Statistics", kLinkInterface);
+    BusError error;
+    MessageHandle reply;
+    const int called = impl_->try_call(call, error, reply);
+    if (called < 0 && error.is_unknown()) {
+        return {};
+    }
+    error.check(called);
+    std::vector<LinkStatistics> statistics;
+    check(sd_bus_message_enter_container(reply.get(), 'a', "(sbtttttt)"));
+    const char* output = nullptr;
+    int comes_in = 0;
+    LinkStatistics one;
+    int result = 0;
+    while ((result = sd_bus_message_read(reply.get(), "(sbtttttt)", &output, &comes_in, &one.values,
+                                         &one.bytes, &one.lost, &one.gaps, &one.duplicates,
+                                         &one.longest_queue)) > 0) {
+        one.output = output;
+        one.comes_in = comes_in != 0;
         statistics.push_back(one);
     }
     check(result);

@@ -8,6 +8,9 @@
 #include "run/overrides.h"
 #include "run/reload.h"
 
+#include <functional>
+#include <vector>
+
 namespace Quorval::runtime {
 
 /// What belongs to a run. All of it is used between two waves.
@@ -18,6 +21,7 @@ struct Run {
     Life& life;
     Overrides& overrides;
     Reload& reload;
+    std::function<std::vector<LinkStatistics>()> link_statistics;  // empty where there are none
 };
 
 /// Whoever looks at a run and changes it, over a bus for example. It works in the loop of the run.

@@ -20,7 +20,7 @@ Runner::Runner(const GraphOptions& options, LoadedGraph& graph, Loop& loop, Sign
       life_(graph.network, *this, &loop.poller(), loop.waker()),
       overrides_(graph, life_),
       reload_(options, graph, overrides_, signals),
-      run_{options, graph, loop, life_, overrides_, reload_},
+      run_{options, graph, loop, life_, overrides_, reload_, [this] { return link_statistics(); }},
       notice_(options.tells_manager, graph.blocks.size())
 {
     if (options.threads > 1) {
@@ -90,15 +90,21 @@ std::vector<LinkStatistics> Runner::link_statistics() const
 
 RunResult Runner::run()
 {
+    if (!open_link()) {
+        return RunResult::Failed;
+    }
     RunResult result = outside_ == nullptr ? RunResult::Done : outside_->open(run_);
-    if (result == RunResult::Done) {
+    const bool is_open = result == RunResult::Done;
+    if (is_open) {
         result = live();
     }
     if (outside_ != nullptr) {
         outside_->close();
     }
     // Last, so that nobody reaches stopped blocks while it takes its time.
-    contain([this] { close_link(); });
+    if (is_open) {
+        contain([this] { close_link(); });
+    }
     return life_.has_failed() && result != RunResult::WrongObjects ? RunResult::Failed : result;
 }
 
@@ -131,9 +137,6 @@ bool Runner::start()
 
 RunResult Runner::live()
 {
-    if (!open_link()) {
-        return RunResult::Failed;
-    }
     const bool has_work = start();
     contain([this, has_work] {
         while (playback_ != nullptr && !life_.is_stopping() && !loop_.has_exited()) {
