@@ -1,5 +1,6 @@
 // The graph of the sound example, run as its users run it.
 #include "examples/recording.h"
+#include "runtime/link/broker.h"
 #include "support/process.h"
 #include "support/support.h"
 
@@ -473,6 +474,34 @@ TEST_F(SoundGraph, HasNoMistakeOnTwoMachines)
         expect_success(result);
         EXPECT_EQ(result.out, found);
     }
+}
+
+TEST_F(SoundGraph, MakesTheSameOnTwoMachines)
+{
+    write_recording(file("in.wav"), make_recording(2, 100'000));
+    quorval_test::Broker broker(work_.path());
+    write_file(file("broker.toml"), "format = 1\n" + broker.link());
+    const auto run_machine = [&](Arguments arguments) {
+        arguments.insert(arguments.begin(), {"run", "-v"});
+        arguments.insert(arguments.end(), {"two-machines.toml", "broker.toml"});
+        return command(arguments);
+    };
+
+    Process archive(run_machine({"--machine", "archive"}));
+    ASSERT_TRUE(archive.wait_for(" stands\n"));
+    const ProcessResult studio = quorval_test::run_process(run_machine({"--machine", "studio"}));
+    ASSERT_TRUE(archive.wait_for(" has come to its end\n"));
+    archive.send(SIGTERM);
+    const ProcessResult result = archive.wait();
+    const ProcessResult local =
+        quorval_test::run_process(run_machine({"--local", "--set", "sink.path=local.flac"}));
+
+    EXPECT_EQ(studio.status, 0) << studio.err;
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(local.status, 0) << local.err;
+    EXPECT_EQ(result.out, local.out);
+    EXPECT_NE(result.out, "");
+    EXPECT_EQ(read_file(file("out.flac")), read_file(file("local.flac")));
 }
 
 TEST_F(SoundGraph, FindsTheThreeMistakes)

@@ -141,6 +141,9 @@ public:
                                      ": cannot be written: " + sf_strerror(file_.get()));
         }
         frames_written_ += frames;
+        if (block.last && !is_complete_) {
+            Quorval::ilog(LOGLEVEL_INFO) << "the recording has come to its end";
+        }
         is_complete_ = block.last;
         return true;
     }

@@ -105,6 +105,21 @@ void Broker::stop()
     process_.reset();
 }
 
+void Broker::save()
+{
+    process_->send(SIGUSR1);
+    if (!process_->wait_for(": Saving in-memory database to ")) {
+        throw std::runtime_error("mosquitto does not save");
+    }
+}
+
+void Broker::kill()
+{
+    process_->send(SIGKILL);
+    process_->wait();
+    process_.reset();
+}
+
 void Broker::restart()
 {
     if (!start()) {

@@ -25,6 +25,10 @@ public:
 
     /// Ends it in order.
     void stop();
+    /// Has it write down what it keeps for sessions.
+    void save();
+    /// Ends it by SIGKILL: what it did not write down is gone.
+    void kill();
     /// Starts it again, on its port.
     void restart();
     /// Likewise, with other settings.

@@ -9,7 +9,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -100,6 +102,19 @@ protected:
         return sum(messages, "warning: ", " values of count.out are lost") +
                sum(messages, "(", " more since the last)") +
                sum(messages, "warning: ", " more values of count.out are lost");
+    }
+
+    /// As the codec has it.
+    static std::string int32(int value)
+    {
+        return {'\1', static_cast<char>(value), '\0', '\0', '\0'};
+    }
+
+    /// Kilobytes that a process had at once.
+    static long most_memory(const Process& process)
+    {
+        const std::string status = read_file("/proc/" + std::to_string(process.id()) + "/status");
+        return std::stol(status.substr(status.find("VmHWM:") + 6));
     }
 
     static std::string numbers(int from, int to)
@@ -207,6 +222,36 @@ TEST_F(LinkTest, CarriesAllValuesOverARestartOfTheBroker)
 
     EXPECT_EQ(stop(*edge).status, 0);
     EXPECT_EQ(stop(*hub).out, numbers(1, count));
+}
+
+TEST_F(LinkTest, CountsWhatABrokerLosesThatIsKilled)
+{
+    const int count = 50'000;
+    Broker broker(directory());
+    write_graph(broker.link(), count, "all", "link.queue = 200000\n" + waiting_blocks());
+    const auto hub = start("hub");
+    ASSERT_TRUE(hub->wait_for(kStands));
+    const auto edge = start("edge");
+
+    // What it sent behind the save comes twice, and what it got is gone.
+    ASSERT_TRUE(hub->wait_for("\n" + std::to_string(count / 100) + "\n"));
+    broker.save();
+    ASSERT_TRUE(hub->wait_for("\n" + std::to_string(count / 40) + "\n"));
+    broker.kill();
+    broker.restart();
+    ASSERT_TRUE(hub->wait_for("\n" + std::to_string(count) + "\n"));
+
+    EXPECT_EQ(stop(*edge).status, 0);
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    std::istringstream lines(result.out);
+    int last = 0;
+    int printed = 0;
+    for (int number = 0; lines >> number; ++printed) {
+        EXPECT_GT(number, last);
+        last = number;
+    }
+    EXPECT_EQ(printed + lost(result.err), count) << result.err;
 }
 
 TEST_F(LinkTest, WaitsForTheBroker)
@@ -467,6 +512,125 @@ TEST_F(LinkTest, SaysThatABrokerEndedTheConnection)
     EXPECT_EQ(stop(*hub).status, 0);
 }
 
+TEST_F(LinkTest, TakesWhatIsAValueOfTheOutputAlone)
+{
+    constexpr std::uint64_t kStart = 5;
+    Server server;
+    write_graph(server.link() + "link.limit = 1000\n", 3, "all");
+    const auto hub = start("hub");
+    server.serve(3);
+
+    const auto send = [&](const std::string& type, std::uint64_t number, const std::string& value) {
+        server.send(Server::message("quorval/g/value/count/out", type, kStart, number, value, 1));
+    };
+    send("int32", 1, int32(1));
+    send("string", 2, int32(2));
+    send("int32", 3, "x");
+    send("int32", 4, std::string(1001, 'x'));
+    send("int32", 5, int32(5));
+    send("int32", 1, int32(1));
+    send("int32", 5, int32(5));
+    send("int32", UINT64_MAX, int32(6));
+    send("int32", 6, int32(7));
+    ASSERT_TRUE(hub->wait_for("7\n"));
+    server.drop();
+
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "1\n5\n6\n7\n");
+    // The value of another type is one, and the gap that it leaves is another.
+    EXPECT_EQ(lost(result.err), 4) << result.err;
+}
+
+TEST_F(LinkTest, BearsWhatNobodyAskedFor)
+{
+    Server server;
+    write_graph(server.link(), 3, "all");
+    const auto hub = start("hub");
+    server.serve(3);
+
+    const std::string value = int32(1);
+    for (int count = 0; count < 10'000; ++count) {
+        const std::string name = std::to_string(count);
+        server.send(Server::message("quorval/g/machine/stranger" + name, "x", 1, 1, "online"));
+        server.send(Server::message("quorval/other/value/count/out", "int32", 1, 1, value));
+        server.send(Server::message("quorval/g/value/count/out" + name, "int32", 1, 1, value));
+        server.send(Server::packet(0x40, std::string("\x12\x34", 2)));
+    }
+    server.send(Server::packet(0x90, std::string("\0\1\0", 3) + std::string(100'000, '\x87')));
+    std::string properties;
+    for (int count = 0; count < 1000; ++count) {
+        properties += "\x26" + Server::text("type") + Server::text(std::string(60, 't'));
+    }
+    server.send(Server::packet(0x30, Server::text("quorval/g/value/count/out") +
+                                         Server::length(properties.size()) + properties));
+    server.send(Server::message("quorval/g/value/count/out", "int32", 1, 1, value));
+    ASSERT_TRUE(hub->wait_for("1\n"));
+    server.drop();
+
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(count(result.err, "stranger"), 0);
+    // One of them for the message with many properties.
+    EXPECT_EQ(count(result.err, "\n"), 5) << result.err;
+}
+
+TEST_F(LinkTest, BearsGarbage)
+{
+    const std::vector<std::string> garbage = {
+        "HTTP/1.1 502 Bad Gateway\r\n\r\n",
+        std::string(10'000, '\0'),
+        std::string(10'000, '\xFF'),
+        // A packet of 256 MiB that does not come.
+        std::string("\x30\xFF\xFF\xFF\x7F") + std::string(1000, 'x'),
+        Server::packet(0x20, "\1"),
+    };
+    Server server;
+    write_graph(server.link(), 3, "all");
+    const auto hub = start("hub");
+
+    for (std::size_t at = 0; at < garbage.size(); ++at) {
+        if (at % 2 == 0) {
+            server.accept();
+            server.read(Server::kConnect);
+        } else {
+            server.serve(3);
+        }
+        server.send(garbage[at]);
+    }
+    server.serve(3);
+    server.send(Server::message("quorval/g/value/count/out", "int32", 1, 1, int32(1)));
+    ASSERT_TRUE(hub->wait_for("1\n"));
+    server.drop();
+
+    EXPECT_EQ(stop(*hub).status, 0);
+}
+
+TEST_F(LinkTest, HoldsLargeValuesBack)
+{
+    constexpr std::size_t kSize = std::size_t{16} * 1024 * 1024;
+    constexpr int kCount = 60;
+    constexpr long kMostKilobytes = 600'000;  // with room for what sanitizers hold back
+    Server server;
+    write_graph(server.link(), 3, "all");
+    const auto hub = start("hub");
+    server.serve(3);
+
+    for (int number = 1; number <= kCount; ++number) {
+        const auto stamp = static_cast<std::uint64_t>(number);
+        ASSERT_TRUE(server.send(Server::message("quorval/g/value/count/out", "int32", 1, stamp,
+                                                std::string(kSize, 'x'))));
+    }
+    server.send(Server::message("quorval/g/value/count/out", "int32", 1, kCount + 1, int32(1)));
+    ASSERT_TRUE(hub->wait_for("1\n"));
+
+    EXPECT_LT(most_memory(*hub), kMostKilobytes);
+    server.drop();
+    const ProcessResult result = stop(*hub);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(lost(result.err), kCount) << result.err;
+}
+
 TEST_F(LinkTest, CountsWhatItTookAndDidNotRun)
 {
     Server server;
@@ -480,8 +644,7 @@ TEST_F(LinkTest, CountsWhatItTookAndDidNotRun)
 
     std::string messages;
     for (const std::uint64_t number : {1, 2, 3}) {
-        messages += Server::message("quorval/g/value/count/out", "int32", 1, number,
-                                    std::string("\1\0\0\0\0", 5), 1);
+        messages += Server::message("quorval/g/value/count/out", "int32", 1, number, int32(0), 1);
     }
     server.send(messages);
 
@@ -571,6 +734,30 @@ TEST_F(EncryptedLinkTest, CarriesAllValues)
     ASSERT_TRUE(hub->wait_for("\n2000\n"));
 
     EXPECT_EQ(stop(*hub).out, numbers(1, 2000));
+}
+
+TEST_F(EncryptedLinkTest, StaysWithinItsLimitsInAFlood)
+{
+    write_graph(link("ca", "machine"), 20'000, "all", "link.queue = 200000\n");
+    const auto before = start("hub");
+    ASSERT_TRUE(before->wait_for(kStands));
+    stop(*before);
+    expect_result(run_machine("edge"), 0, "", "");
+
+    const auto hub =
+        std::make_unique<Process>(command({"run", "--stats", "--machine", "hub", "g.toml"}));
+    ASSERT_TRUE(hub->wait_for("\n20000\n"));
+    const ProcessResult result = stop(*hub);
+
+    EXPECT_EQ(lost(result.err), 0) << result.err;
+    std::istringstream row(result.err.substr(result.err.find("-> count.out") + 12));
+    int values = 0;
+    int bytes = 0;
+    int rest = 0;
+    int queue = 0;
+    row >> values >> bytes >> rest >> rest >> queue;
+    EXPECT_EQ(values, 20'000) << result.err;
+    EXPECT_LE(queue, 100) << result.err;
 }
 
 TEST_F(EncryptedLinkTest, EndsWhereTheBrokerHasAnotherCertificate)

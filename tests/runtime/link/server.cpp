@@ -32,17 +32,6 @@ std::string number_of_two_bytes(std::size_t number)
     return {static_cast<char>(number >> 8U), static_cast<char>(number & 0xFFU)};
 }
 
-std::string length_of(std::size_t number)
-{
-    std::string bytes;
-    do {
-        const std::size_t rest = number / 128;
-        bytes += static_cast<char>(number % 128 + (rest > 0 ? 128 : 0));
-        number = rest;
-    } while (number > 0);
-    return bytes;
-}
-
 std::string user_property(const std::string& name, const std::string& value)
 {
     return "\x26" + Server::text(name) + Server::text(value);
@@ -159,6 +148,17 @@ void Server::serve(int count)
     }
 }
 
+std::string Server::length(std::size_t length)
+{
+    std::string bytes;
+    do {
+        const std::size_t rest = length / 128;
+        bytes += static_cast<char>(length % 128 + (rest > 0 ? 128 : 0));
+        length = rest;
+    } while (length > 0);
+    return bytes;
+}
+
 std::string Server::text(const std::string& text)
 {
     return number_of_two_bytes(text.size()) + text;
@@ -166,7 +166,7 @@ std::string Server::text(const std::string& text)
 
 std::string Server::packet(unsigned first, const std::string& rest)
 {
-    return static_cast<char>(first) + length_of(rest.size()) + rest;
+    return static_cast<char>(first) + length(rest.size()) + rest;
 }
 
 std::string Server::message(const std::string& topic, const std::string& type, std::uint64_t start,
@@ -175,9 +175,9 @@ std::string Server::message(const std::string& topic, const std::string& type, s
     const std::string properties = user_property("type", type) +
                                    user_property("start", std::to_string(start)) +
                                    user_property("number", std::to_string(number));
-    return packet(quality == 0 ? 0x30 : 0x32,
-                  text(topic) + (quality == 0 ? "" : number_of_two_bytes(1)) +
-                      length_of(properties.size()) + properties + value);
+    return packet(quality == 0 ? 0x30 : 0x32, text(topic) +
+                                                  (quality == 0 ? "" : number_of_two_bytes(1)) +
+                                                  length(properties.size()) + properties + value);
 }
 
 }  // namespace quorval_test

@@ -51,6 +51,8 @@ public:
     static std::string message(const std::string& topic, const std::string& type,
                                std::uint64_t start, std::uint64_t number, const std::string& value,
                                int quality = 0);
+    /// The length of what follows.
+    static std::string length(std::size_t length);
     /// A text with its length.
     static std::string text(const std::string& text);
 
