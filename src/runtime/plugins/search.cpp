@@ -37,10 +37,10 @@ std::string join(const std::string& directory, const std::string& file)
     return directory + (directory.back() == '/' ? "" : "/") + file;
 }
 
-bool is_refused(const std::string& directory)
+bool is_refused(const std::string& path)
 {
     struct stat status {};
-    return ::stat(directory.c_str(), &status) == 0 && is_refused_for_root(status);
+    return ::stat(path.c_str(), &status) == 0 && is_refused_for_root(status);
 }
 
 bool is_there(const std::string& file)
@@ -84,7 +84,7 @@ PluginFile find_plugin(const std::string& name, const std::vector<std::string>& 
             return {name, is_there(file) ? file : "", text_of_refusal(directory)};
         }
         if (is_there(file)) {
-            return {name, file, ""};
+            return {name, file, is_refused(file) ? text_of_refusal(file) : ""};
         }
         list += (list.empty() ? "" : ":") + directory;
     }

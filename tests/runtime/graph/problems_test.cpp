@@ -408,6 +408,24 @@ TEST(TypeProblems, ShowTheTextOfTheLoader)
                      "too short"}));
 }
 
+TEST(TypeProblems, TellRootWhichPluginsOthersMayWriteTo)
+{
+    GraphFiles files;
+    files.write("plugins/x.so", "");
+    files.write("g.toml", "format = 1\nblocks.a.type = \"x:A\"");
+    ::chmod(files.path("plugins").c_str(), 0755);
+    ::chmod(files.path("plugins/x.so").c_str(), 0666);
+    GraphOptions options = files.options();
+    options.plugin_path = {files.path("plugins")};
+
+    EXPECT_EQ(files.findings(options),
+              ::geteuid() == 0
+                  ? Lines{"g.toml:2:17: error: 'plugins/x.so' is writable by others: refused for "
+                          "root"}
+                  : Lines{"g.toml:2:17: error: plug-in 'x' cannot be loaded: x.so: file too "
+                          "short"});
+}
+
 TEST(TypeProblems, TellRootWhichDirectoriesOthersMayWriteTo)
 {
     GraphFiles files;
