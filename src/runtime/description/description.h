@@ -1,5 +1,5 @@
 // A graph as the files and assignments describe it, checked for its form alone. Plain records: no
-// plug-in has been looked for, no name has been looked up.
+// plug-in has been looked for, no port has been looked up.
 #pragma once
 
 #include "description/problem.h"
@@ -52,11 +52,14 @@ struct MemberDescription {
     bool misses_machine = false;  ///< nothing was written that could be meant as its machine
 };
 
+constexpr std::uint32_t kNoMember = 0xFFFFFFFF;
+
 /// One end of a connection, or the inner end of an exposed port.
 struct EndDescription {
     std::string block;
     std::string port;
     Place place;
+    std::uint32_t member = kNoMember;  ///< where the block stands in the list; see find_ends()
 };
 
 struct ConnectionDescription {
@@ -87,6 +90,9 @@ struct CompositeDescription {
 
     /// Where a member stands in the list, or the length of the list when there is none of the name.
     std::size_t find_member(std::string_view name) const;
+
+    /// Looks up the members at all ends.
+    void find_ends();
 };
 
 constexpr std::size_t kDefaultQueue = 10'000;

@@ -95,6 +95,10 @@ public:
         for (const GraphDescription& part : parts) {
             note_gaps(part, whole);
         }
+        whole.graph.find_ends();
+        for (auto& [name, kind] : whole.kinds) {
+            kind.find_ends();
+        }
         return whole;
     }
 

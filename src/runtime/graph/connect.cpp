@@ -133,9 +133,8 @@ private:
     std::optional<MemberRef> find_member(std::size_t composite, const EndDescription& end)
     {
         const Composite& place = expansion_.composites[composite];
-        const std::size_t at = place.inside->find_member(end.block);
-        if (at < place.members.size()) {
-            return place.members[at];
+        if (end.member != kNoMember) {
+            return place.members[end.member];
         }
         is_all_excused_ = true;
         if (!place.inside->is_broken) {

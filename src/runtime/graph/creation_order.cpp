@@ -74,11 +74,10 @@ private:
     Blocks find(std::size_t composite, const EndDescription& end, bool is_input) const
     {
         const Composite& place = expansion_.composites[composite];
-        const std::size_t member = place.inside->find_member(end.block);
-        if (member == place.members.size()) {
+        if (end.member == kNoMember) {
             return {};
         }
-        const MemberRef& ref = place.members[member];
+        const MemberRef& ref = place.members[end.member];
         if (ref.kind != MemberRef::Kind::Composite) {
             return ref.kind == MemberRef::Kind::Plain ? Blocks{ref.index} : Blocks();
         }

@@ -439,3 +439,27 @@ TEST(ReadGraph, NamesAssignmentsBehindTheFiles)
     EXPECT_EQ(reading.sources[2].name, "--set d.e");
     EXPECT_TRUE(reading.sources[2].is_assignment);
 }
+
+TEST(ReadGraph, FindsTheMembersAtEachEnd)
+{
+    const CompositeDescription kind = describe(R"(
+[superblocks.k]
+connections = ["b.out -> a.in", "c.out -> missing.in"]
+inports.in = ["c.in", "b.in"]
+outports.out = "a.out"
+[superblocks.k.blocks]
+c.type = "p:T"
+a.type = "p:T"
+b.type = "p:T"
+)")
+                                          .kinds.at("k");
+
+    const auto members_of = [](const ConnectionDescription& connection) {
+        return std::pair(connection.from.member, connection.to.member);
+    };
+    EXPECT_EQ(members_of(kind.connections.at(0)), std::pair(1U, 0U));
+    EXPECT_EQ(members_of(kind.connections.at(1)), std::pair(2U, Quorval::runtime::kNoMember));
+    EXPECT_EQ(kind.inports.at(0).ends.at(0).member, 2U);
+    EXPECT_EQ(kind.inports.at(0).ends.at(1).member, 1U);
+    EXPECT_EQ(kind.outports.at(0).ends.at(0).member, 0U);
+}
