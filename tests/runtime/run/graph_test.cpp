@@ -382,6 +382,21 @@ TEST_F(ReloadTest, LeavesAllAsItWasWhenABlockRefuses)
                             "stop idle"));
 }
 
+TEST_F(ReloadTest, BearsRequestsOfOtherThreads)
+{
+    const std::string threaded =
+        "[blocks.a]\ntype = \"running:Threaded\"\nconfig.reloads = true\n"
+        "[blocks.b]\ntype = \"running:Threaded\"\n";
+    const std::string changed =
+        "format = 1\n[blocks.idle]\ntype = \"running:Tell\"\nconfig = { is_idle = true, x = 2 }\n";
+    make(kIdle + threaded, with_signals());
+    files.write("g.toml", changed + threaded);
+
+    EXPECT_EQ(graph->run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), ::testing::Contains("change idle 2 -1").Times(1));
+}
+
 TEST_F(ReloadTest, RefusesFilesWithErrors)
 {
     EXPECT_THAT(run_changed(kIdle, "format = 2\n"),

@@ -146,10 +146,14 @@ private:
     InPort<int>* in_;
 };
 
-/// A thread of its own asks for a run again and again, until the block is destroyed.
+/// A thread of its own asks for a run again and again, until the block is destroyed. With `reloads`
+/// it sends SIGHUP in each fiftieth of its runs.
 class Threaded : public Block {
 public:
-    Threaded(std::string name, const BlockConfiguration& config) : Block(std::move(name), config) {}
+    Threaded(std::string name, const BlockConfiguration& config)
+        : Block(std::move(name), config), reloads_(config.getBool("reloads", false))
+    {
+    }
     Threaded(const Threaded&) = delete;
     Threaded& operator=(const Threaded&) = delete;
     ~Threaded() override
@@ -174,6 +178,10 @@ public:
     bool run() override
     {
         constexpr int kEnough = 200;
+        constexpr int kPause = 50;
+        if (reloads_ && runs_ % kPause == 0) {
+            std::raise(SIGHUP);
+        }
         if (++runs_ == kEnough) {
             get_tools().stop("enough");
         }
@@ -181,6 +189,7 @@ public:
     }
 
 private:
+    bool reloads_;
     std::atomic<bool> ends_{false};
     int runs_ = 0;
     std::thread thread_;
