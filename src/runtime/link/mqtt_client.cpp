@@ -4,6 +4,7 @@
 
 #include <mqtt_protocol.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -113,6 +114,15 @@ bool is_end(int result)
 {
     return result == MOSQ_ERR_ERRNO || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_NO_CONN ||
            result == MOSQ_ERR_TLS;
+}
+
+/// Whether a connection that leaves this errno is none. Over TLS the library takes one that could
+/// not be made for one that is not made yet.
+bool is_broken(int error)
+{
+    static constexpr std::array kErrors = {EPIPE,        ECONNREFUSED, ECONNRESET, ECONNABORTED,
+                                           EHOSTUNREACH, ENETUNREACH,  ETIMEDOUT,  ENOTCONN};
+    return std::find(kErrors.begin(), kErrors.end(), error) != kErrors.end();
 }
 
 bool start_library()
@@ -313,6 +323,9 @@ void MqttClient::disconnect()
 void MqttClient::note_end(int result)
 {
     const int error = errno;
+    if (result == MOSQ_ERR_SUCCESS && link_.is_encrypted && is_broken(error)) {
+        result = MOSQ_ERR_ERRNO;
+    }
     if (result != MOSQ_ERR_SUCCESS) {
         // A reason of the broker says more.
         news_.end = news_.end.value_or(result);
@@ -346,7 +359,7 @@ bool MqttClient::read()
     const int result = ::mosquitto_loop_read(client_.get(), 1);
     const bool is_empty = (errno == EAGAIN || errno == EWOULDBLOCK) && !has_news_;
     note_end(result);
-    return !is_empty && result == MOSQ_ERR_SUCCESS && fd() >= 0;
+    return !is_empty && !news_.end && fd() >= 0;
 }
 
 void MqttClient::work()
