@@ -320,18 +320,33 @@ class Changes(Operation):
         self.assertEqual(self.run_quorval("get", "the-graph", "a"), (0, shown, ""))
         self.assertEqual(self.stop(process), "")
 
-    def test_signals_tell_of_changes_and_failures(self):
-        process = self.start()
-        monitor = subprocess.Popen(
-            ["dbus-monitor", "--address", self.bus.address,
-             f"type='signal',interface='{INTERFACE}'"], text=True, stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL)
+    def monitor(self, *matches):
+        """Lines about the messages from here on."""
+        monitor = subprocess.Popen(["dbus-monitor", "--address", self.bus.address, *matches],
+                                   text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         self.addCleanup(self.end, monitor)
         monitor.stdout.readline()
-        # The monitor listens when it has lost its own name.
+        # It listens when it has lost its own name.
         for line in monitor.stdout:
             if "NameLost" in line:
                 break
+        return monitor.stdout
+
+    def test_the_caller_is_answered_before_others_are_told(self):
+        self.start()
+        lines = self.monitor()
+        self.graph().Configure({"a.level": "4"})
+        seen = []
+        for line in lines:
+            if "sender=:" in line:
+                seen += re.findall("member=Configured?$|^method return", line)
+            if "member=Configured" in seen:
+                break
+        self.assertEqual(seen, ["member=Configure", "method return", "member=Configured"])
+
+    def test_signals_tell_of_changes_and_failures(self):
+        process = self.start()
+        lines = self.monitor(f"type='signal',interface='{INTERFACE}'")
         self.graph().Configure({"a.level": "4", "a.label": "x"})
         self.write(GRAPH.replace("config.b.level = 3", "config.b.level = 8"))
         process.send_signal(signal.SIGHUP)
@@ -340,7 +355,7 @@ class Changes(Operation):
         with self.assertRaises(dbus.DBusException):
             self.graph("test.Object", "/object").Fail()
         texts = []
-        for line in monitor.stdout:
+        for line in lines:
             texts += re.findall(r'string "(.*)"', line)
             if "not today" in line:
                 break

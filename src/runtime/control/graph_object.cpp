@@ -247,14 +247,18 @@ int GraphObject::configure(sd_bus_message* message)
     if (!may_change(message)) {
         throw_not_allowed();
     }
-    const std::string text = run_.overrides.change(read_changes(message));
+    const std::vector<Change> changes = read_changes(message);
+    const std::string text = run_.overrides.change(changes);
     if (run_.life.has_work()) {
         run_.loop.hold();
     }
     if (!text.empty()) {
         throw_refused(text);
     }
-    return sd_bus_reply_method_return(message, "");
+    // First, because the caller waits for it, and the bus takes one message after the other.
+    const int result = sd_bus_reply_method_return(message, "");
+    tell_changes(sd_bus_message_get_bus(message), changes);
+    return result;
 }
 
 /// What a call wants to be changed, block by block in the order in which they run.
@@ -385,6 +389,9 @@ void GraphObject::tell_failure(sd_bus* bus, const std::string& path, const std::
 
 void GraphObject::tell_changes(sd_bus* bus, const std::vector<Change>& changes) const
 {
+    if (changes.empty()) {
+        return;
+    }
     emit(bus, "Configured", [&](sd_bus_message* message) {
         int result = sd_bus_message_open_container(message, 'a', "{ss}");
         for (const Change& change : changes) {

@@ -31,7 +31,7 @@ public:
     /// @throws std::runtime_error  it is refused
     void publish(sd_bus* bus, std::vector<SlotHandle>& slots);
 
-    /// Emit signals. Nothing happens without a connection.
+    /// Emit signals. Nothing happens without a connection, or where nothing was changed.
     static void tell_failure(sd_bus* bus, const std::string& path, const std::string& text);
     void tell_changes(sd_bus* bus, const std::vector<Change>& changes) const;
 

@@ -64,7 +64,11 @@ std::string Overrides::reload(const std::vector<Change>& changes)
             wanted.push_back({change.block, std::move(values)});
         }
     }
-    return apply(wanted);
+    std::string text = apply(wanted);
+    if (text.empty() && listener_ && !wanted.empty()) {
+        listener_(wanted);
+    }
+    return text;
 }
 
 std::string Overrides::apply(const std::vector<Change>& changes)
@@ -87,9 +91,6 @@ std::string Overrides::apply(const std::vector<Change>& changes)
     }
     for (const Change& change : changes) {
         sums_[change.block] += change.values;
-    }
-    if (listener_ && !changes.empty()) {
-        listener_(changes);
     }
     return "";
 }

@@ -29,7 +29,7 @@ public:
     /// All must outlive the object.
     Overrides(const LoadedGraph& graph, Life& life);
 
-    /// Told of changes that were applied.
+    /// Told of changes of the files that were applied.
     void set_listener(Listener listener) { listener_ = std::move(listener); }
 
     /// Applies changes of the running graph, one at most for each block: all of them, or none.
