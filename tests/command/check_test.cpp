@@ -77,7 +77,7 @@ TEST_F(Check, ShowsErrors)
     expect_result(run({"check", "wrong.toml"}), 3, "",
                   "wrong.toml:2:16: error: block 'print' has no input 'im'; it has in\n"
                   "wrong.toml:3:21: error: plug-in 'numbers' has no block type 'Cuont'; "
-                  "it has Count, Double, Odd, Print\n");
+                  "it has Count, Double, Interrupt, Odd, Print\n");
 }
 
 TEST_F(Check, TakesSeveralFiles)

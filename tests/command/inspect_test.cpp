@@ -66,7 +66,7 @@ TEST_F(Inspect, ListsAllPluginsWithTheirTypes)
             path_of("exits") + "    plug-in 'exits' called exit while it was loaded\n\n" +
             path_of("needs") + "    plug-in 'needs' cannot be loaded: " + kDirectory +
             "/needs.so: undefined symbol: quorval_test_nobody_has_this\n\n" + path_of("numbers") +
-            "    Count\n    Double\n    Odd\n    Print\n\n" + path_of("shapes") +
+            "    Count\n    Double\n    Interrupt\n    Odd\n    Print\n\n" + path_of("shapes") +
             "    Crash\n    Exit\n    Full   Has a bit of everything.\n    Plain\n    Super\n\n" +
             path_of("trouble") + "    Trouble\n",
         "");
@@ -81,7 +81,7 @@ TEST_F(Inspect, ListsTheFirstOfPluginsWithOneName)
 
     expect_result(run_process(options), 0,
                   "shapes  " + directory() +
-                      "/shapes.so\n    Count\n    Double\n    Odd\n"
+                      "/shapes.so\n    Count\n    Double\n    Interrupt\n    Odd\n"
                       "    Print\n",
                   "");
 }
@@ -229,7 +229,7 @@ TEST_F(Inspect, NamesWhatIsNotThere)
 
     expect_result(inspect({"numbers", "Nothing"}), 3, head_of("numbers"),
                   "quorval: error: plug-in 'numbers' has no block type 'Nothing'; "
-                  "it has Count, Double, Odd, Print\n");
+                  "it has Count, Double, Interrupt, Odd, Print\n");
 }
 
 TEST_F(Inspect, RefusesWrongUse)
