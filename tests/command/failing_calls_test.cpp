@@ -137,6 +137,25 @@ config = { path = "out.csv", columns = ["y"] }
         EXPECT_TRUE(text == "old\n" || (has_whole_rows && new_text.rfind(text, 0) == 0)) << text;
     }
 
+    /// The file from before, with whole rows behind it.
+    void expect_appended(const std::string& new_text) const
+    {
+        const std::string text = read_file(file("out.csv"));
+        EXPECT_EQ(text.rfind("old\n", 0), 0U) << text;
+        EXPECT_EQ(text.back(), '\n') << text;
+        EXPECT_EQ(new_text.rfind(text, 0), 0U) << text;
+    }
+
+    /// An end in order, with a message unless nothing failed.
+    static void expect_orderly_end(const ProcessResult& result)
+    {
+        EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 3)
+            << result.status << ", signal " << result.signal << "\n"
+            << result.err;
+        EXPECT_TRUE(result.status == 0 || result.err.find("error: ") != std::string::npos)
+            << result.err;
+    }
+
     /// Runs with each call failing in each way.
     template <class Check>
     void fail_each(const Arguments& arguments, Check check) const
@@ -167,29 +186,36 @@ TEST_F(FailingCalls, EndARunInOrder)
 
     std::size_t failed = 0;
     fail_each(kRun, [&](const ProcessResult& result) {
-        EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 3)
-            << result.status << ", signal " << result.signal << "\n"
-            << result.err;
+        expect_orderly_end(result);
         expect_old_or_new(new_text);
         EXPECT_EQ(result.out, "");
         failed += result.status != 0 ? 1 : 0;
         if (result.status == 0) {
             EXPECT_EQ(read_file(file("out.csv")), new_text) << result.err;
             EXPECT_EQ(waves(), all_waves) << result.err;
-        } else {
-            EXPECT_NE(result.err.find("error: "), std::string::npos) << result.err;
         }
     });
     EXPECT_GT(failed, 50U / QUORVAL_FAULT_STEP);
+}
+
+TEST_F(FailingCalls, LeaveWholeRowsInAFileThatGrows)
+{
+    const Arguments run = {"run", "--set", "file.append=true", "g.toml"};
+    calls_of(run);
+    const std::string new_text = read_file(file("out.csv"));
+
+    fail_each(run, [&](const ProcessResult& result) {
+        expect_orderly_end(result);
+        expect_appended(new_text);
+        EXPECT_TRUE(result.status != 0 || read_file(file("out.csv")) == new_text) << result.err;
+    });
 }
 
 TEST_F(FailingCalls, EndACheckInOrder)
 {
     fail_each({"check", "g.toml"}, [](const ProcessResult& result) {
         const bool is_well = result.status == 0;
-        EXPECT_TRUE(is_well || result.status == 1 || result.status == 3)
-            << result.status << ", signal " << result.signal << "\n"
-            << result.err;
+        expect_orderly_end(result);
         EXPECT_EQ(result.out,
                   is_well ? "3 blocks, 2 connections: no problem found\n" : std::string());
         EXPECT_EQ(result.err.find("error: ") == std::string::npos, is_well) << result.err;
