@@ -196,6 +196,10 @@ TEST_F(Check, NamesWhoEndsTheProcess)
                   "quorval: fatal: plug-in 'exits' called exit while it was loaded\n");
     expect_result(check_trouble("destructor", "exit"), 3, "",
                   "quorval: fatal: block 'a/b' called exit in destroy\n");
+    for (const char* where : {"constructor", "setup", "destructor"}) {
+        expect_result(check_trouble(where, "sudden exit"), 3, "",
+                      "quorval: error: a plug-in ended the process without exit()\n");
+    }
 }
 
 TEST_F(Check, ReportsASignalThatNobodyCatches)

@@ -44,7 +44,7 @@ public:
 
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
 /// "say", "kill", "block", "exit in thread", "leave thread", "throw nothing", "throw number",
-/// "abort", "quick exit", "leave open", "close all", "close error" or "spin".
+/// "abort", "quick exit", "sudden exit", "leave open", "close all", "close error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -128,6 +128,9 @@ private:
         }
         if (what_ == "quick exit") {
             std::quick_exit(0);
+        }
+        if (what_ == "sudden exit") {
+            ::_exit(0);
         }
         be_careless();
         if (what_ == "block") {
