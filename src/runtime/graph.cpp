@@ -14,6 +14,7 @@
 #include "run/signals.h"
 #include "schedule/workers.h"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -47,6 +48,7 @@ using runtime::Workers;
     throw std::logic_error(std::string("the graph cannot be run: ") + why);
 }
 
+/// With as many threads as are of use.
 GraphOptions check_threads(GraphOptions options)
 {
     constexpr unsigned kMost = 256;
@@ -59,7 +61,7 @@ GraphOptions check_threads(GraphOptions options)
             "this build has one thread alone: it was made without QUORVAL_WITH_THREADS");
     }
     if (options.threads > 1) {
-        Workers::load();
+        options.threads = std::min(options.threads, Workers::processors());
     }
     return options;
 }

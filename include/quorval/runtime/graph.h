@@ -36,8 +36,9 @@ struct GraphOptions {
     /// `config`; any other difference is refused with a message. SIGPIPE is ignored. One graph of
     /// a process can do this at a time; the former actions come back with its end.
     bool takes_signals = false;
-    /// Blocks that do not depend on each other run side by side on up to so many threads, where
-    /// that is faster; at most 256. What the graph computes does not depend on it.
+    /// Blocks that do not depend on each other run side by side on up to so many threads, and no
+    /// more than there are processors, where that is faster; at most 256. What the graph computes
+    /// does not depend on it.
     unsigned threads = 1;
     /// run() stops the graph in order so long after its blocks were started; zero: it does not.
     std::chrono::nanoseconds run_for{0};

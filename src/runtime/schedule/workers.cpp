@@ -62,7 +62,7 @@ struct Workers::Impl {
         : stack(tbb::global_control::thread_stack_size, stack_size()),
           arena(static_cast<int>(threads), 1)
     {
-        if (threads > static_cast<unsigned>(tbb::info::default_concurrency())) {
+        if (threads > processors()) {
             // The library has a thread for each processor unless it is told to have more.
             control.emplace(tbb::global_control::max_allowed_parallelism, threads);
         }
@@ -80,9 +80,9 @@ bool Workers::are_there()
     return true;
 }
 
-void Workers::load()
+unsigned Workers::processors()
 {
-    static_cast<void>(tbb::info::default_concurrency());
+    return static_cast<unsigned>(std::max(tbb::info::default_concurrency(), 1));
 }
 
 Workers::Workers(unsigned threads) : impl_(std::make_unique<Impl>(threads)) {}
@@ -108,7 +108,14 @@ void Workers::run(std::size_t count, const std::function<void(std::size_t)>& wor
         for (std::size_t at = 0; at < count; ++at) {
             group.run([&run_one, at] { run_one(at); });
         }
-        group.run_and_wait([&own] { tbb::this_task_arena::isolate(own); });
+        try {
+            tbb::this_task_arena::isolate(own);
+        } catch (...) {
+            group.cancel();
+            group.wait();
+            throw;
+        }
+        group.wait();
     });
     end.come_behind();
 }
@@ -132,7 +139,10 @@ bool Workers::are_there()
     return false;
 }
 
-void Workers::load() {}
+unsigned Workers::processors()
+{
+    return 1;
+}
 
 Workers::Workers(unsigned /*threads*/) {}
 

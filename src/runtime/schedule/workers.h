@@ -14,10 +14,10 @@ public:
     /// Whether this build has more threads than the one that calls.
     static bool are_there();
 
-    /// Loads the library that has the threads, so that what a graph begins with does not fail for
-    /// want of it.
+    /// The processors of the process: more threads than that get in each other's way. Loads the
+    /// library that has the threads.
     /// @throws std::runtime_error  it cannot be loaded: "<name> cannot be loaded: <text>"
-    static void load();
+    static unsigned processors();
 
     /// @param threads  at most so many work at a time, the one that calls among them
     explicit Workers(unsigned threads);

@@ -70,7 +70,7 @@ TEST(Library, OfThreadsIsLoadedWithTheFirstOfThem)
     using Quorval::runtime::Workers;
     ASSERT_FALSE(is_loaded("libtbb.so"));
 
-    Workers::load();
+    EXPECT_GT(Workers::processors(), 0U);
 
     EXPECT_TRUE(is_loaded("libtbb.so"));
 }
