@@ -180,7 +180,7 @@ void Link::watch()
         event_.reset();
         return;
     }
-    const FDEvent::EventMask mask{!is_full_, client_.wants_write()};
+    const FDEvent::EventMask mask{may_read(), client_.wants_write()};
     if (event_ == nullptr) {
         event_ = poller_.add(fd, mask, kLinkTag);
     } else if (event_->get_mask() != mask) {
@@ -192,7 +192,7 @@ std::optional<Link::Time> Link::next_time() const
 {
     const bool has_value = std::any_of(inboxes_.begin(), inboxes_.end(),
                                        [](const Inbox& inbox) { return inbox.size() > 0; });
-    if (has_value || (may_have_more_ && !is_full_) || !failure_.empty()) {
+    if (has_value || (may_have_more_ && may_read()) || !failure_.empty()) {
         return Time(0);
     }
     switch (state_) {
@@ -222,14 +222,18 @@ void Link::take(const std::vector<Ready>& ready)
     }
     // Read first: what the broker says at the end of a connection is lost with the first write that
     // fails.
-    for (int count = 0; count < kReadsAtOnce && may_have_more_ && !is_full_ && !has_rival_;
-         ++count) {
+    for (int count = 0; count < kReadsAtOnce && may_have_more_ && may_read(); ++count) {
         may_have_more_ = client_.fd() >= 0 && client_.read();
     }
     if (is_writable && client_.fd() >= 0) {
         client_.write();
     }
     handle_news();
+}
+
+bool Link::may_read() const
+{
+    return !is_full_ && !has_rival_ && client_.may_read();
 }
 
 void Link::feed(Wave& wave)
@@ -374,9 +378,11 @@ void Link::stand()
     }
 }
 
-void Link::wait_for_broker(const std::string& why)
+/// Leaves the connection, until the next attempt.
+void Link::go_away()
 {
     event_.reset();
+    may_have_more_ = false;
     const Time now = now_();
     if (state_ == State::Online && now - online_since_ >= pause_) {
         pause_ = kFirstPause;
@@ -384,6 +390,11 @@ void Link::wait_for_broker(const std::string& why)
     state_ = State::Away;
     next_attempt_ = now + pause_;
     pause_ = std::min<Time>(2 * pause_, kLongestPause);
+}
+
+void Link::wait_for_broker(const std::string& why)
+{
+    go_away();
     if (!has_told_) {
         logger(LOGLEVEL_WARNING, "the broker %s is away: %s; values wait for it",
                setting_.description.broker.c_str(), why.c_str());
@@ -396,9 +407,7 @@ void Link::wait_for_broker(const std::string& why)
 void Link::come_back()
 {
     logger(LOGLEVEL_INFO, "%s", text_of_rival().c_str());
-    state_ = State::Away;
-    next_attempt_ = now_() + pause_;
-    pause_ = std::min<Time>(2 * pause_, kLongestPause);
+    go_away();
 }
 
 std::string Link::text_of_rival() const

@@ -94,6 +94,7 @@ private:
                    const std::string& name);
     void stand();
     bool is_joining() const { return state_ == State::Connecting || state_ == State::Joining; }
+    void go_away();
     void wait_for_broker(const std::string& why);
     void refuse(const std::string& why);
     void come_back();
@@ -110,6 +111,7 @@ private:
     void close_when_sent();
     void leave();
     bool may_send_more() const;
+    bool may_read() const;
     void measure();
     void drop_rest();
     void watch();

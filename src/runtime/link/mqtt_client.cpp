@@ -345,14 +345,17 @@ void MqttClient::write()
     note_end(::mosquitto_loop_write(client_.get(), 1));
 }
 
+bool MqttClient::may_read() const
+{
+    return owed_ < kMostOwed || !wants_write();
+}
+
 /// The errno that a call leaves says that the socket is empty, or that an answer could not be
 /// written; so the socket is empty where a call brought nothing.
 bool MqttClient::read()
 {
     if (!wants_write()) {
         owed_ = 0;
-    } else if (owed_ >= kMostOwed) {
-        return true;  // the broker takes no answers; the keep-alive ends that
     }
     errno = 0;
     has_news_ = false;

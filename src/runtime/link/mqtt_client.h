@@ -85,6 +85,9 @@ public:
     bool wants_write() const { return ::mosquitto_want_write(client_.get()); }
 
     void write();
+    /// Whether the broker takes the answers to what is read. If not, they would fill the memory;
+    /// what stands unread then ends the connection, by its keep-alive.
+    bool may_read() const;
     /// Reads a packet, or a part of it.
     /// @return whether there may be more, which the descriptor may not show
     bool read();
