@@ -8,15 +8,20 @@
 
 #include <systemd/sd-bus.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -202,6 +207,7 @@ public:
     }
 
     void end() { child_.reset(); }
+    pid_t id() const { return child_->id(); }
     bool is_right() const { return !notice_.empty(); }
 
     /// The most that the process held.
@@ -227,6 +233,85 @@ private:
     std::unique_ptr<Child> child_;
 };
 
+/// The files that a process has mapped.
+std::set<std::string> mapped_files(pid_t process)
+{
+    std::set<std::string> files;
+    std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
+    for (std::string line; std::getline(maps, line);) {
+        const std::size_t path = line.find('/');
+        if (path != std::string::npos) {
+            files.insert(line.substr(path));
+        }
+    }
+    return files;
+}
+
+/// Takes a file out of the page cache, but for what a process has mapped.
+/// @return how many of its pages stayed
+std::size_t forget(const std::string& file)
+{
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    ::fdatasync(fd);  // what is to be written cannot be forgotten
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    const auto size = static_cast<std::size_t>(::lseek(fd, 0, SEEK_END));
+    void* pages = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    ::close(fd);
+    std::vector<unsigned char> is_there(size / static_cast<std::size_t>(::getpagesize()) + 1);
+    if (pages == MAP_FAILED || ::mincore(pages, size, is_there.data()) != 0) {
+        throw std::runtime_error("the pages of " + file + " cannot be counted");
+    }
+    ::munmap(pages, size);
+    return static_cast<std::size_t>(std::count_if(
+        is_there.begin(), is_there.end(), [](unsigned char page) { return (page & 1U) != 0; }));
+}
+
+/// The command, when its files and those of its libraries are on the disk alone. What other
+/// processes use too, such as libc, is in memory as on any machine that runs.
+class ColdStart {
+public:
+    ColdStart()
+    {
+        start_.run();
+        files_ = mapped_files(start_.id());
+    }
+
+    void prepare()
+    {
+        start_.end();
+        for (const std::string& file : files_) {
+            forget(file);
+        }
+        is_cold_ = forget(QUORVAL_BENCH_COMMAND) == 0;
+    }
+    void run() { start_.run(); }
+    bool is_right() const { return is_cold_ && start_.is_right(); }
+
+private:
+    Start start_;
+    std::set<std::string> files_;
+    bool is_cold_ = false;
+};
+
+void add_cold_start()
+{
+    add_time("start_cold/quorval", 1, [] {
+        auto start = std::make_shared<ColdStart>();
+        return Side{[start] { start->run(); }, [start] { return start->is_right(); },
+                    [start] { start->prepare(); }, wall_seconds};
+    });
+    add_time("start_cold/warm", 1, [] {
+        auto start = std::make_shared<Start>();
+        return Side{[start] { start->run(); }, [start] { return start->is_right(); },
+                    [start] {
+                        start->run();
+                        start->end();
+                    },
+                    wall_seconds};
+    });
+    add_known_seconds("start_cold/goal", 0.020);
+}
+
 void add_start()
 {
     add_time("start/quorval", 1, [] {
@@ -250,6 +335,7 @@ void add_start()
 const bool is_registered = [] {
     add_configure();
     add_start();
+    add_cold_start();
     return true;
 }();
 

@@ -161,6 +161,8 @@ ROWS = [
     Row("plugin_load_many", "load a hundred plug-ins", "system", 1.3),
     Row("bus_configure", "a change over the bus, peer: a call that does nothing", "by_hand", 1.6),
     Row("start", "start of `quorval run` until it is ready, peer: the shell", "true"),
+    Row("start_cold", "start, its files on the disk alone, peer: 20 ms", "goal", 1),
+    *_others("start_cold", "start, its files on the disk alone", "warm"),
     Row("peak_start", "memory of `quorval run`, peer: the goal", "goal", 1),
     Row("load_graph/10000", "load a graph of 10,000 blocks, peer: the parser alone", "tomlplusplus",
         2.5),
