@@ -101,16 +101,6 @@ void execute(d1::task_arena_base& arena, d1::delegate_base& work)
     kFound(arena, work);
 }
 
-void execute_and_wait(d1::task& task, d1::task_group_context& context, d1::wait_context& wait,
-                      d1::task_group_context& wait_context)
-{
-    static void (*const kFound)(d1::task&, d1::task_group_context&, d1::wait_context&,
-                                d1::task_group_context&) = Symbol{
-        "_ZN3tbb6detail2r116execute_and_waitERNS0_2d14taskERNS2_18task_group_contextERNS2_12wait_"
-        "contextES6_"};
-    kFound(task, context, wait, wait_context);
-}
-
 d1::slot_id execution_slot(const d1::execution_data* data)
 {
     static d1::slot_id (*const kFound)(const d1::execution_data*) =
