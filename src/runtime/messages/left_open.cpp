@@ -3,11 +3,12 @@
 #include <quorval/log.h>
 #include "messages/context.h"
 
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <filesystem>
 #include <map>
@@ -83,8 +84,22 @@ LeftOpen::~LeftOpen()
     }
 }
 
-/// The system gives the lowest number that is free, so what was opened stands behind what is known.
 void LeftOpen::note()
+{
+    // Both in one call. What is not open is not valid, and what is negative is not looked at.
+    std::array<pollfd, 2> looked{{{next_, 0, 0}, {guarded_, 0, 0}}};
+    ::poll(looked.data(), looked.size(), 0);
+    if ((looked[0].revents & POLLNVAL) == 0) {
+        take_opened();
+    }
+    if ((looked[1].revents & POLLNVAL) != 0) {
+        guarded_ = -1;
+        throw_closed_another();
+    }
+}
+
+/// The system gives the lowest number that is free, so what was opened stands behind what is known.
+void LeftOpen::take_opened()
 {
     struct stat status = {};
     for (; ::fstat(next_, &status) == 0; ++next_) {
@@ -92,10 +107,6 @@ void LeftOpen::note()
             const char* path = context().path;
             opened_.push_back({next_, status.st_dev, status.st_ino, path != nullptr ? path : ""});
         }
-    }
-    if (guarded_ >= 0 && ::fcntl(guarded_, F_GETFD) < 0) {
-        guarded_ = -1;
-        throw_closed_another();
     }
 }
 

@@ -23,7 +23,8 @@ public:
     /// A descriptor that no block has any business with.
     void guard(int fd) { guarded_ = fd; }
 
-    /// Notes what the present operation of the thread opened.
+    /// Notes what the present operation of the thread opened. One system call where that is
+    /// nothing.
     /// @throws std::runtime_error  it closed the guarded descriptor: "it closed a descriptor that
     /// is
     ///     not its own"; once
@@ -37,6 +38,7 @@ private:
         std::string path;  // of the block
     };
 
+    void take_opened();
     bool was_there(int fd) const;
     const std::string& opener_of(int fd) const;
     void warn() const;
