@@ -113,7 +113,13 @@ public:
         for (std::size_t i = expansion_.composites.size(); i-- > 0;) {
             expose(i);
         }
-        for (const Written& written : connections_as_written()) {
+        const std::vector<Written> connections = connections_as_written();
+        // Nearly always one wire for each.
+        network_.wires.reserve(connections.size());
+        places_.reserve(connections.size());
+        sources_.reserve(connections.size());
+        fed_by_.reserve(connections.size());
+        for (const Written& written : connections) {
             connect(written);
         }
         warn_of_unfed_inputs();
@@ -510,6 +516,7 @@ private:
 
     Network arrange_network(std::vector<std::uint32_t>& positions)
     {
+        network_.nodes.reserve(expansion_.blocks.size());
         for (std::uint32_t i = 0; i < expansion_.blocks.size(); ++i) {
             const PlainBlock& block = expansion_.blocks[i];
             network_.nodes.push_back(

@@ -21,6 +21,7 @@ public:
 
     Network trace()
     {
+        network_.nodes.reserve(expansion_.blocks.size());
         for (const PlainBlock& block : expansion_.blocks) {
             network_.nodes.push_back({block.path, nullptr, false});
         }

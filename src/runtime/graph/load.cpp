@@ -86,6 +86,7 @@ void build(LoadedGraph& graph, const GraphOptions& options)
                                    {graph.reading->description, *graph.plugins, options.is_local},
                                    problems, order);
     check_broker(graph.reading->description.link, graph.network, problems);
+    graph.blocks.reserve(order.size());
     for (const std::uint32_t i : order) {
         graph.blocks.push_back({std::move(expansion.blocks[i]), std::move(made.configs[i]),
                                 std::move(made.state_directories[i]), nullptr, nullptr});
