@@ -14,46 +14,74 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <system_error>
 
 namespace {
 
-/// A word from the child to its parent: it has come to its end itself.
-class Completion {
+/// What the child tells its parent about its end.
+struct End {
+    bool is_done;  // the work, with this status
+    int status;
+    bool is_reported;  // exit() was called, and report_crashes() tells by whom
+
+    bool has_reason_for(int exit_status) const
+    {
+        return (is_done && exit_status == status) || (is_reported && exit_status == kWrongGraph);
+    }
+};
+
+/// In memory that parent and child share, zeros at first.
+class SharedEnd {
 public:
-    Completion()
-        : memory_(::mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+    SharedEnd()
+        : memory_(::mmap(nullptr, sizeof(End), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
                          -1, 0))
     {
         if (memory_ == MAP_FAILED) {
             throw std::system_error(errno, std::generic_category(), "mmap");
         }
     }
-    Completion(const Completion&) = delete;
-    Completion& operator=(const Completion&) = delete;
-    ~Completion() { ::munmap(memory_, sizeof(bool)); }
+    SharedEnd(const SharedEnd&) = delete;
+    SharedEnd& operator=(const SharedEnd&) = delete;
+    ~SharedEnd() { ::munmap(memory_, sizeof(End)); }
 
-    void note() { *static_cast<bool*>(memory_) = true; }
-    /// Of a child that has ended.
-    bool is_noted() const { return *static_cast<bool*>(memory_); }
+    End& get() const { return *static_cast<End*>(memory_); }
 
 private:
-    void* memory_;  // zeros at first
+    void* memory_;
 };
 
-[[noreturn]] void run_in_child(const std::function<int()>& work, pid_t parent,
-                               Completion& completion)
+/// Of the present process, where it is a child.
+End* own_end = nullptr;
+
+void note_exit()
+{
+    own_end->is_reported = true;
+}
+
+/// Has an exit() be noted before it is reported: the last one that is registered comes first.
+void note_and_report_ends(End& end)
+{
+    own_end = &end;
+    Quorval::report_crashes();
+    static_cast<void>(std::atexit(note_exit));
+    static_cast<void>(std::at_quick_exit(note_exit));
+}
+
+[[noreturn]] void run_in_child(const std::function<int()>& work, pid_t parent, End& end)
 {
     // A child that hangs goes with its parent.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) {
         ::_exit(kFailed);
     }
-    Quorval::report_crashes();
+    note_and_report_ends(end);
     const int status = run_and_close_output(work);
-    completion.note();
+    end.status = status;
+    end.is_done = true;
     end_process(status);
 }
 
@@ -79,19 +107,18 @@ bool is_crash(int signal)
 
 int run_apart(const std::function<int()>& work)
 {
-    Completion completion;
+    const SharedEnd end;
     const pid_t parent = ::getpid();
     const pid_t child = ::fork();
     if (child < 0) {
         throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (child == 0) {
-        run_in_child(work, parent, completion);
+        run_in_child(work, parent, end.get());
     }
     const int state = wait_for(child);
     if (WIFEXITED(state)) {
-        // The child itself tells who called exit(), and ends with the status of a wrong graph.
-        if (!completion.is_noted() && WEXITSTATUS(state) != kWrongGraph) {
+        if (!end.get().has_reason_for(WEXITSTATUS(state))) {
             say_error("a plug-in ended the process without exit()");
             return kWrongGraph;
         }

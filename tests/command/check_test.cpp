@@ -196,9 +196,13 @@ TEST_F(Check, NamesWhoEndsTheProcess)
                   "quorval: fatal: plug-in 'exits' called exit while it was loaded\n");
     expect_result(check_trouble("destructor", "exit"), 3, "",
                   "quorval: fatal: block 'a/b' called exit in destroy\n");
+    expect_result(check_trouble("constructor", "quick exit"), 3, "",
+                  "quorval: fatal: block 'a/b' called exit in create\n");
     for (const char* where : {"constructor", "setup", "destructor"}) {
-        expect_result(check_trouble(where, "sudden exit"), 3, "",
-                      "quorval: error: a plug-in ended the process without exit()\n");
+        for (const char* what : {"sudden exit", "sudden exit 3"}) {
+            expect_result(check_trouble(where, what), 3, "",
+                          "quorval: error: a plug-in ended the process without exit()\n");
+        }
     }
 }
 

@@ -44,7 +44,8 @@ public:
 
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
 /// "say", "kill", "block", "exit in thread", "leave thread", "throw nothing", "throw number",
-/// "abort", "quick exit", "sudden exit", "leave open", "close all", "close error" or "spin".
+/// "abort", "quick exit", "sudden exit", "sudden exit 3", "leave open", "close all", "close error"
+/// or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -131,6 +132,9 @@ private:
         }
         if (what_ == "sudden exit") {
             ::_exit(0);
+        }
+        if (what_ == "sudden exit 3") {
+            ::_exit(3);
         }
         be_careless();
         if (what_ == "block") {
