@@ -48,9 +48,8 @@ HelpText help_of_top()
         "quorval top [OPTION...] NAME",
         "Shows the blocks of a running graph by the time that they take, and what goes over its "
         "links, once a second, until \"q\" is typed or the graph has gone. Times are taken from "
-        "the first look at the graph "
-        "on. Where standard input or output is no terminal, a table is printed once, as with "
-        "--once.",
+        "the first look at the graph on. Where standard input or output is no terminal, the tables "
+        "of blocks and links are printed once, as with --once.",
         "Exit status:\n"
         "  0  done, or the graph has gone\n"
         "  1  there is no such graph, or it refuses\n"
@@ -313,7 +312,7 @@ int top_command(const Arguments& arguments)
     CommandLine line(help_of_top());
     const RemoteLine remote(line);
     bool is_once = false;
-    line.add_flag("--once", is_once, "print a table, and end");
+    line.add_flag("--once", is_once, "print the tables of blocks and links, and end");
     const auto rest = line.read(arguments);
     if (!rest.has_value()) {
         return kDone;

@@ -93,4 +93,4 @@ complete -c quorval -n "__fish_seen_subcommand_from $remote_commands" -l bus -x 
     -d 'Look on this bus'
 complete -c quorval -n '__fish_seen_subcommand_from set' -l save \
     -d 'Keep the changes for the next start'
-complete -c quorval -n '__fish_seen_subcommand_from top' -l once -d 'Print a table, and end'
+complete -c quorval -n '__fish_seen_subcommand_from top' -l once -d 'Print the tables of blocks and links, and end'

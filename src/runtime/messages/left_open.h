@@ -25,9 +25,8 @@ public:
 
     /// Notes what the present operation of the thread opened. One system call where that is
     /// nothing.
-    /// @throws std::runtime_error  it closed the guarded descriptor: "it closed a descriptor that
-    /// is
-    ///     not its own"; once
+    /// @throws std::runtime_error  the guarded one is closed, told once:
+    ///                             "it closed a descriptor that is not its own"
     void note();
 
 private:
