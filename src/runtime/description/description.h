@@ -100,8 +100,9 @@ constexpr std::size_t kDefaultLimit = 16'777'216;
 
 /// How values travel between machines.
 struct LinkDescription {
-    Place place;       ///< of the name of the table; line 0: there is none
-    std::string host;  ///< of the broker; empty: none is given
+    Place place;            ///< of the name of the table; line 0: there is none
+    bool is_wrong = false;  ///< parts of it are missing because they are wrong, which is reported
+    std::string host;       ///< of the broker; empty: none is given
     int port = 0;
     bool is_encrypted = false;
     std::string broker;  ///< as it was written, for messages

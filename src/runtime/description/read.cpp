@@ -41,6 +41,7 @@ void note_gaps(const GraphDescription& part, GraphDescription& whole)
 {
     whole.has_broken_kinds = whole.has_broken_kinds || part.has_broken_kinds;
     whole.has_broken_machines = whole.has_broken_machines || part.has_broken_machines;
+    whole.link.is_wrong = whole.link.is_wrong || part.link.is_wrong;
     note_gaps(part.graph, whole.graph);
     for (const auto& [name, kind] : part.kinds) {
         const auto merged = whole.kinds.find(name);

@@ -99,6 +99,14 @@ public:
         return !table_.contains(key) && meant_.count(key) == 0;
     }
 
+    /// Whether something that is meant as a key is wrong, which is reported: another key is, or
+    /// what stands under the key is no such value.
+    /// @param value  what was found there; null: nothing of the kind
+    bool is_wrong(const std::string& key, const void* value) const
+    {
+        return meant_.count(key) > 0 || (value == nullptr && table_.contains(key));
+    }
+
     const toml::table* get_table(const char* key) const
     {
         return get_as<toml::table>(key, "a table");
@@ -187,16 +195,18 @@ public:
         description.on_error = read_on_error(record).value_or(OnError::Stop);
         read_inside(record, description.graph, true);
         read_machines(record, description);
-        if (const toml::table* link = record.get_table("link")) {
+        const toml::table* link = record.get_table("link");
+        description.link.is_wrong = record.is_wrong("link", link);
+        if (link != nullptr) {
             read_link(*link, description.link);
             description.link.place = place_of(tree.find("link")->first);
         }
-        if (const toml::table* kinds = record.get_table("superblocks")) {
+        const toml::table* kinds = record.get_table("superblocks");
+        description.has_broken_kinds = record.is_wrong("superblocks", kinds);
+        if (kinds != nullptr) {
             for (auto&& [key, node] : *kinds) {
                 description.kinds.emplace(key.str(), read_kind(key, node));
             }
-        } else {
-            description.has_broken_kinds = !record.is_absent("superblocks");
         }
         return description;
     }
@@ -242,7 +252,7 @@ private:
     void read_machines(const Record& record, GraphDescription& description)
     {
         const toml::table* machines = record.get_table("machines");
-        description.has_broken_machines = machines == nullptr && !record.is_absent("machines");
+        description.has_broken_machines = record.is_wrong("machines", machines);
         if (machines == nullptr) {
             return;
         }
@@ -300,23 +310,29 @@ private:
 
     void read_inside(const Record& record, CompositeDescription& inside, bool is_at_top = false)
     {
-        if (const toml::table* blocks = record.get_table("blocks")) {
+        const toml::table* blocks = record.get_table("blocks");
+        inside.is_broken = record.is_wrong("blocks", blocks);
+        if (blocks != nullptr) {
             inside.members.reserve(blocks->size());
             for (auto&& [key, node] : *blocks) {
                 inside.members.push_back(read_member(key, node, is_at_top));
             }
-        } else {
-            inside.is_broken = !record.is_absent("blocks");
         }
-        if (const toml::array* connections = record.get_list("connections")) {
-            inside.connections.reserve(connections->size());
-            for (const toml::node& node : *connections) {
-                read_connection(node, inside.connections);
-            }
-            inside.misses_connections = inside.connections.size() < connections->size();
-        } else {
-            inside.misses_connections = !record.is_absent("connections");
+        const toml::array* connections = record.get_list("connections");
+        inside.misses_connections = record.is_wrong("connections", connections);
+        if (connections != nullptr) {
+            read_connections(*connections, inside);
         }
+    }
+
+    void read_connections(const toml::array& list, CompositeDescription& inside)
+    {
+        inside.connections.reserve(list.size());
+        for (const toml::node& node : list) {
+            read_connection(node, inside.connections);
+        }
+        inside.misses_connections =
+            inside.misses_connections || inside.connections.size() < list.size();
     }
 
     CompositeDescription read_kind(const toml::key& key, const toml::node& node)
@@ -351,10 +367,10 @@ private:
         if (is_at_top) {
             read_machine(record, member);
         }
-        if (const toml::table* config = record.get_table("config")) {
+        const toml::table* config = record.get_table("config");
+        member.is_config_wrong = record.is_wrong("config", config);
+        if (config != nullptr) {
             member.config = read_settings(*config, ranks_, problems_);
-        } else {
-            member.is_config_wrong = !record.is_absent("config");
         }
         return member;
     }
@@ -434,7 +450,7 @@ private:
         connection.place = place_of(table);
         const auto* delayed = record.get_bool("delayed");
         connection.is_delayed = delayed != nullptr && **delayed;
-        connection.is_delay_wrong = delayed == nullptr && !record.is_absent("delayed");
+        connection.is_delay_wrong = record.is_wrong("delayed", delayed);
         if (record.get_word("delivery", {"all", "latest"}) == std::size_t{0}) {
             connection.delivery = Delivery::All;
         }
@@ -476,16 +492,21 @@ private:
         return EndDescription{text.substr(0, stop), text.substr(stop + 1), place};
     }
 
-    /// Whether it is a table, or not there.
+    /// Whether all of it stands in a table under the key, or there is none.
     bool read_exposed(const Record& record, const char* key,
                       std::vector<ExposedDescription>& exposed)
     {
         const toml::table* table = record.get_table(key);
-        if (table == nullptr) {
-            return record.is_absent(key);
+        if (table != nullptr) {
+            read_exposed(*table, std::string_view(key) == "inports", exposed);
         }
-        const bool is_input = std::string_view(key) == "inports";
-        for (auto&& [name, node] : *table) {
+        return !record.is_wrong(key, table);
+    }
+
+    void read_exposed(const toml::table& table, bool is_input,
+                      std::vector<ExposedDescription>& exposed)
+    {
+        for (auto&& [name, node] : table) {
             ExposedDescription port;
             port.name = name.str();
             port.name_place = place_of(name);
@@ -493,7 +514,6 @@ private:
             read_exposed_ends(port, node, is_input);
             exposed.push_back(std::move(port));
         }
-        return true;
     }
 
     void read_exposed_ends(ExposedDescription& port, const toml::node& node, bool is_input)

@@ -240,6 +240,31 @@ TEST(FormatProblems, TellUnknownKeysAtTheirLastComponent)
     });
 }
 
+TEST(FormatProblems, OfTablesThatStandTwiceHideWhatFollowsFromThem)
+{
+    expect_findings({
+        {"connections = [\"p.out -> t.in\"]\n[blocks.t]\ntype = \"parts:Gain\"\n"
+         "[bloks.p]\ntype = \"parts:Gain\"\n",
+         {"g.toml:5:2: error: unknown key 'bloks'; did you mean 'blocks'?"}},
+        {"blocks.t = { type = \"parts:Declared\", config.count = 1, confg.needed = 2 }",
+         {"g.toml:2:46: error: block type 'parts:Declared' has no setting 'count'",
+          "g.toml:2:57: error: unknown key 'confg'; did you mean 'config'?"}},
+        {"blocks.t.type = \"two\"\n[superblocks.one]\n[superblock.two]\n",
+         {"g.toml:4:2: error: unknown key 'superblock'; did you mean 'superblocks'?"}},
+        {"connections = [\"g.out -> k.on\"]\nblocks.k.type = \"s\"\nblocks.g.type = "
+         "\"parts:Gain\"\n[superblocks.s]\ninports.in = \"a.in\"\ninport.on = \"b.in\"\n"
+         "blocks.a.type = \"parts:Gain\"\nblocks.b.type = \"parts:Gain\"\n",
+         {"g.toml:7:1: error: unknown key 'inport'; did you mean 'inports'?"}},
+        {"blocks.t = { type = \"parts:Late\", machine = \"b\" }\n[machines.a]\n[machine.b]\n",
+         {"g.toml:4:2: error: unknown key 'machine'; did you mean 'machines'?"}},
+        {"connections = []\nconections = [\"q.out -> q.in\"]\nblocks.q.type = \"parts:Gain\"",
+         {"g.toml:3:1: error: unknown key 'conections'; did you mean 'connections'?"}},
+        {"connections = [{ from = \"q.out\", to = \"q.in\", delayed = false, delayd = true }]\n"
+         "blocks.q.type = \"parts:Gain\"",
+         {"g.toml:2:64: error: unknown key 'delayd'; did you mean 'delayed'?"}},
+    });
+}
+
 TEST(FormatProblems, TellTheKindThatAValueHasToBe)
 {
     expect_findings({

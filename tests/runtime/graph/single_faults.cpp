@@ -344,9 +344,31 @@ private:
     void add_misspelt(const std::string& part)
     {
         const std::string key = last_key(part);
-        add_renamed(part, key + "x",
-                    {error(renamed(part, key + "x"),
-                           "unknown key '" + key + "x'; did you mean '" + key + "'?", At::Key)});
+        const Lines lines = {error(renamed(part, key + "x"),
+                                   "unknown key '" + key + "x'; did you mean '" + key + "'?",
+                                   At::Key)};
+        add_renamed(part, key + "x", lines);
+        if (right_.at(part).parts.size() > 1) {
+            for (const Part& member : right_.at(part).parts) {
+                add_parted(part, member, key + "x", lines);
+            }
+        }
+    }
+
+    /// A table or list with one member in another one beside it.
+    void add_parted(const std::string& table, const Part& member, const std::string& key,
+                    const Lines& lines)
+    {
+        Part other = right_.at(table);
+        other.key = key;
+        other.parts = {member};
+        add(
+            join(table, member.key) + " in " + key,
+            [=](WrittenGraph& graph) {
+                graph.drop(join(table, other.parts.front().key));
+                graph.insert(table_of(table), other, last_key(table));
+            },
+            lines);
     }
 
     /// Another key in its place.
