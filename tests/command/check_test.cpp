@@ -276,6 +276,18 @@ blocks.print = { type = "numbers:Print", machine = "hub" }
                   "");
     expect_result(run({"check", "--machine", "hub", "machines.toml"}), 0,
                   "2 blocks, 1 connections: no problem found\n", "");
+    write("parted.toml", R"(format = 1
+connections = ["count.out -> print.in"]
+blocks.count = { type = "numbers:Count", machine = "edge" }
+blocks.print = { type = "numbers:Print", machine = "hub" }
+[machines]
+edge = {}
+hub = {}
+[link]
+)");
+    const std::string missing = "parted.toml:8:2: error: missing key 'broker'\n";
+    expect_result(run({"check", "parted.toml"}), 3, "", missing);
+    expect_result(run({"check", "--machine", "hub", "parted.toml"}), 3, "", missing);
     expect_wrong_use(run({"check", "--machine", "hup", "machines.toml"}),
                      "there is no machine 'hup'; did you mean 'hub'?");
 }

@@ -82,6 +82,7 @@ TEST_F(Graph, IsDrawnForMermaid)
 constexpr const char* kMachines = R"(format = 1
 connections = ["count.out -> twice.in", "twice.out -> print.in"]
 machines = { edge = {}, hub = {} }
+link.broker = "mqtt://localhost"
 blocks.count = { type = "numbers:Count", machine = "edge", config.count = 2 }
 blocks.twice = { type = "pair", machine = "edge" }
 blocks.print = { type = "numbers:Print", machine = "hub" }

@@ -268,9 +268,7 @@ private:
     {
         const Record record(table, keys_of_a_link(), problems_);
         record.report_unknown_keys();
-        if (const auto* broker = record.get_string("broker")) {
-            read_broker(*broker, link);
-        }
+        read_broker(record, link);
         for (const auto& [key, text] :
              {std::pair("ca", &link.ca), std::pair("cert", &link.cert), std::pair("key", &link.key),
               std::pair("user", &link.user), std::pair("password_file", &link.password_file)}) {
@@ -284,12 +282,16 @@ private:
         read_size(record, "limit", kHighestLimit, link.limit);
     }
 
-    void read_broker(const toml::value<std::string>& text, LinkDescription& link)
+    void read_broker(const Record& record, LinkDescription& link)
     {
-        if (!parse_broker(*text, link)) {
+        const auto* text = record.get_string("broker");
+        if (text != nullptr && !parse_broker(**text, link)) {
             problems_.add_error(
-                place_of(text),
-                "'" + *text + "' is not of the form mqtt://HOST:PORT or mqtts://HOST:PORT");
+                place_of(*text),
+                "'" + **text + "' is not of the form mqtt://HOST:PORT or mqtts://HOST:PORT");
+        }
+        if (link.host.empty() && !record.is_absent("broker")) {
+            link.wrong_keys.emplace_back("broker");
         }
     }
 

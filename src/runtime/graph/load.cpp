@@ -75,6 +75,7 @@ void build(LoadedGraph& graph, const GraphOptions& options)
     Problems& problems = graph.reading->problems;
     Expansion expansion = expand(graph.reading->description, problems);
     check_link(graph.reading->description.link, problems);
+    check_broker(options, graph.reading->description, problems);
     if (expansion.composites.empty()) {
         return;
     }
@@ -85,7 +86,6 @@ void build(LoadedGraph& graph, const GraphOptions& options)
     graph.network = connect_blocks(expansion, made,
                                    {graph.reading->description, *graph.plugins, options.is_local},
                                    problems, order);
-    check_broker(graph.reading->description.link, graph.network, problems);
     graph.blocks.reserve(order.size());
     for (const std::uint32_t i : order) {
         graph.blocks.push_back({std::move(expansion.blocks[i]), std::move(made.configs[i]),

@@ -25,6 +25,39 @@ namespace {
                                 " has to be named with --machine, or --local be given");
 }
 
+/// Whether a key of the link is missing because of what is reported.
+bool is_excused(const LinkDescription& link, const char* key)
+{
+    const std::vector<std::string>& wrong = link.wrong_keys;
+    return link.is_wrong || std::find(wrong.begin(), wrong.end(), key) != wrong.end();
+}
+
+/// The machine of the block at an end; empty where it has none, or a wrong one, which is reported.
+std::string machine_at(const EndDescription& end, const GraphDescription& description)
+{
+    if (end.member == kNoMember) {
+        return "";
+    }
+    const std::vector<std::string>& known = description.machines;
+    const std::string& machine = description.graph.members[end.member].machine;
+    const bool is_known =
+        description.has_broken_machines || std::binary_search(known.begin(), known.end(), machine);
+    return is_known ? machine : "";
+}
+
+/// Whether a connection leads from one machine to another.
+/// @param machine  that it has to begin or end at; empty: any
+bool is_linked(const GraphDescription& description, const std::string& machine)
+{
+    const std::vector<ConnectionDescription>& connections = description.graph.connections;
+    return std::any_of(connections.begin(), connections.end(), [&](const auto& connection) {
+        const std::string from = machine_at(connection.from, description);
+        const std::string to = machine_at(connection.to, description);
+        return !from.empty() && !to.empty() && from != to &&
+               (machine.empty() || machine == from || machine == to);
+    });
+}
+
 }  // namespace
 
 void check_machine(const GraphOptions& options, const GraphDescription& description)
@@ -44,12 +77,8 @@ void check_machine(const GraphOptions& options, const GraphDescription& descript
 
 void check_link(const LinkDescription& link, Problems& problems)
 {
-    if (link.is_wrong) {
-        return;
-    }
-    const std::vector<std::string>& wrong = link.wrong_keys;
     const auto expect = [&](bool is_missing, const char* missing) {
-        if (is_missing && std::find(wrong.begin(), wrong.end(), missing) == wrong.end()) {
+        if (is_missing && !is_excused(link, missing)) {
             problems.add_error(link.place, "missing key '" + std::string(missing) + "'");
         }
     };
@@ -58,10 +87,17 @@ void check_link(const LinkDescription& link, Problems& problems)
     expect(link.user.empty() && !link.password_file.empty(), "user");
 }
 
-void check_broker(const LinkDescription& link, const Network& network, Problems& problems)
+void check_broker(const GraphOptions& options, const GraphDescription& description,
+                  Problems& problems)
 {
-    const bool needs_link = !network.entries.empty() || !network.exits.empty();
-    if (needs_link && link.host.empty() && !problems.has_errors()) {
+    const LinkDescription& link = description.link;
+    if (options.is_local || !link.host.empty() || is_excused(link, "broker") ||
+        !is_linked(description, options.machine)) {
+        return;
+    }
+    if (link.place.line > 0) {
+        problems.add_error(link.place, "missing key 'broker'");
+    } else {
         problems.add_error({0, 1, 1}, "missing key 'link.broker'");
     }
 }

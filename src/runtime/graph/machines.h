@@ -5,7 +5,6 @@
 #include "description/description.h"
 #include "description/problem.h"
 #include "graph/expansion.h"
-#include "schedule/network.h"
 
 #include <string>
 
@@ -20,8 +19,10 @@ void check_machine(const GraphOptions& options, const GraphDescription& descript
 /// Reports keys that are missing beside others.
 void check_link(const LinkDescription& link, Problems& problems);
 
-/// Reports a part of a graph that exchanges values without a broker.
-void check_broker(const LinkDescription& link, const Network& network, Problems& problems);
+/// Reports a broker that is missing for connections between machines: of a graph that is looked at
+/// as a whole for any, of a part for those of its machine.
+void check_broker(const GraphOptions& options, const GraphDescription& description,
+                  Problems& problems);
 
 /// Marks what belongs to another machine.
 /// @param machine  empty: nothing does

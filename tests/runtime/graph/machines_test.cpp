@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 using Quorval::GraphOptions;
@@ -232,6 +233,77 @@ blocks.b = { type = "parts:Gain", machine = "hub" }
     options.machine = "hub";
 
     EXPECT_EQ(files.findings(options), Lines{"g.toml:1:1: error: missing key 'link.broker'"});
+}
+
+namespace {
+
+/// A connection from one machine to another, and a text from line 6 on.
+Lines findings_of_two_machines(const std::string& text, const std::string& machine = "")
+{
+    GraphFiles files;
+    files.write("g.toml", R"(format = 1
+connections = ["a.out -> b.in"]
+machines = { edge = {}, hub = {}, attic = {} }
+blocks.a = { type = "parts:Gain", machine = "edge" }
+blocks.b = { type = "parts:Gain", machine = "hub" }
+)" + text);
+    GraphOptions options = files.options();
+    options.is_dry = true;
+    options.machine = machine;
+    Lines lines = files.findings(options);
+    lines.erase(
+        std::remove(lines.begin(), lines.end(), "g.toml:4:8: warning: a.in is not connected"),
+        lines.end());
+    return lines;
+}
+
+}  // namespace
+
+TEST(MachineProblems, AreBrokersThatAreMissingInALink)
+{
+    const Lines missing = {"g.toml:6:2: error: missing key 'broker'"};
+
+    for (const char* machine : {"", "edge", "hub"}) {
+        EXPECT_EQ(findings_of_two_machines("[link]\nqueue = 2\n", machine), missing) << machine;
+    }
+    EXPECT_EQ(findings_of_two_machines("[link]\n", "attic"), Lines{});
+}
+
+TEST(MachineProblems, AreConnectionsWithoutALinkInTheWholeToo)
+{
+    EXPECT_EQ(findings_of_two_machines(""), Lines{"g.toml:1:1: error: missing key 'link.broker'"});
+}
+
+TEST(MachineProblems, OfBrokersComeWithErrorsThatHaveNothingToDoWithThem)
+{
+    EXPECT_EQ(findings_of_two_machines("unknown = 1\n[link]\n", "hub"),
+              (Lines{"g.toml:6:1: error: unknown key 'unknown'",
+                     "g.toml:7:2: error: missing key 'broker'"}));
+    EXPECT_EQ(findings_of_two_machines("[link]\nqueue = 0\n", "hub"),
+              (Lines{"g.toml:6:2: error: missing key 'broker'",
+                     "g.toml:7:9: error: 'queue' has to be from 1 to 1000000000, not 0"}));
+}
+
+TEST(MachineProblems, HideBrokersThatAreMissingBecauseOfThem)
+{
+    for (const char* machine : {"", "hub"}) {
+        SCOPED_TRACE(machine);
+        EXPECT_EQ(findings_of_two_machines("[link]\nbroker = 1\n", machine),
+                  Lines{"g.toml:7:10: error: 'broker' has to be a string"});
+        EXPECT_EQ(findings_of_two_machines("[link]\nbrokr = \"mqtt://a\"\n", machine),
+                  Lines{"g.toml:7:1: error: unknown key 'brokr'; did you mean 'broker'?"});
+        EXPECT_EQ(findings_of_two_machines("[link]\n[lnk]\nbroker = \"mqtt://a\"\n", machine),
+                  Lines{"g.toml:7:2: error: unknown key 'lnk'; did you mean 'link'?"});
+        EXPECT_EQ(findings_of_two_machines("link = 1\n", machine),
+                  Lines{"g.toml:6:8: error: 'link' has to be a table"});
+    }
+    EXPECT_EQ(check(R"(connections = ["a.out -> b.in", "b.out -> a.in"]
+machines.hub = {}
+blocks.a = { type = "parts:Gain", machine = "hup" }
+blocks.b = { type = "parts:Late", machine = "hub", config.x = [] }
+)"),
+              (Lines{"g.toml:4:45: error: there is no machine 'hup'; did you mean 'hub'?",
+                     "g.toml:5:63: error: 'x' is an empty list"}));
 }
 
 TEST(Broker, IsAHostAndAPort)

@@ -1126,7 +1126,7 @@ private:
         for (const std::string& link : right_.all("link")) {
             add_wrong_kinds(link, "a table");
             add_misspelt(link);
-            add_dropped(link, {});
+            add_dropped(link, {{files().front(), At::Begin, "error: missing key 'link.broker'"}});
             add_unknown_key(link);
             for (const Part& entry : right_.at(link).parts) {
                 add_faults_of_link_entry(link, join(link, entry.key));
@@ -1138,8 +1138,8 @@ private:
     {
         const std::string key = last_key(part);
         const bool is_number = key == "queue" || key == "limit";
-        // Those that another one needs.
-        const Lines lines = key == "key" || key == "cert" || key == "user"
+        // Those that another one needs, or a connection.
+        const Lines lines = key == "key" || key == "cert" || key == "user" || key == "broker"
                                 ? Lines{error(link, "missing key '" + key + "'", At::Key)}
                                 : Lines();
         add_dropped(part, lines);
