@@ -51,6 +51,30 @@ void note_gaps(const GraphDescription& part, GraphDescription& whole)
     }
 }
 
+/// What a file that is not included may have is not missed: more of everything, but nothing that
+/// replaces what is there.
+void note_missing_file(CompositeDescription& inside)
+{
+    inside.is_broken = true;
+    inside.misses_connections = true;
+    for (MemberDescription& member : inside.members) {
+        member.misses_type = false;
+        member.misses_machine = false;
+        member.is_config_wrong = true;
+    }
+}
+
+void note_missing_file(GraphDescription& whole)
+{
+    whole.has_broken_kinds = true;
+    whole.has_broken_machines = true;
+    whole.link.is_wrong = true;
+    note_missing_file(whole.graph);
+    for (auto& [name, kind] : whole.kinds) {
+        note_missing_file(kind);
+    }
+}
+
 /// Reads files and what they include, each once.
 class FileReader {
 public:
@@ -95,6 +119,9 @@ public:
         GraphDescription whole = read_tree(merged, ranks, reading_.problems);
         for (const GraphDescription& part : parts) {
             note_gaps(part, whole);
+        }
+        if (!has_all_includes_) {
+            note_missing_file(whole);
         }
         whole.graph.find_ends();
         for (auto& [name, kind] : whole.kinds) {
@@ -176,7 +203,7 @@ private:
             reading_.is_whole = false;
             return;
         }
-        reading_.is_whole = reading_.is_whole && head.has_all_includes;
+        has_all_includes_ = has_all_includes_ && head.has_all_includes;
         trees_[source] = std::move(*tree);
         is_open_[identity] = true;
         open_.push_back({source, identity, std::filesystem::path(file.name).parent_path(),
@@ -190,6 +217,7 @@ private:
     // The files that were met, and whether they are among the open ones.
     std::map<GraphFile::Identity, bool> is_open_;
     std::vector<std::uint32_t> merge_order_;  // of sources
+    bool has_all_includes_ = true;            // false: one is no name or a key is misspelt
 };
 
 }  // namespace

@@ -552,8 +552,8 @@ private:
 void read_includes(const Record& record, FileHead& head, Problems& problems)
 {
     const toml::array* list = record.get_list("include");
+    head.has_all_includes = !record.is_wrong("include", list);
     if (list == nullptr) {
-        head.has_all_includes = record.is_absent("include");
         return;
     }
     for (const toml::node& node : *list) {

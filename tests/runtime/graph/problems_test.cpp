@@ -109,6 +109,77 @@ TEST(FileProblems, StandAtTheEntryOfAnIncludedFile)
                      "sub/g.toml:2:30: error: '/dev/null' cannot be read: not a regular file"}));
 }
 
+namespace {
+
+/// A graph that has errors of its own, and others only if nothing is included.
+constexpr const char* kNeedsInclude = R"(
+connections = ["a.out -> b.in", "left.out -> k.in", "k.more -> k.in", "none.out -> c.in"]
+machines.edge = {}
+link.cert = "cert.pem"
+blocks.a = { machine = "hub", config.factor = 2.0 }
+blocks.b = { type = "parts:Gain" }
+blocks.c = { type = "nope:Gain", machine = "edge" }
+blocks.d = { type = "parts:Declared", machine = "edge", config.foo = 1 }
+blocks.e = { type = "parts:Ports", machine = "edge", on_error = "go" }
+blocks.k = { type = "kind", machine = "edge", config.none.x = 1, config.g = 1 }
+blocks.left = { type = "other", machine = "edge" }
+blocks.t = { type = "parts:Throws", machine = "edge" }
+[superblocks.kind]
+inports.in = ["g.in", "none.in"]
+connections = ["g.out -> none.in"]
+blocks.g.type = "parts:Gain"
+blocks.h = {}
+)";
+
+/// What is found in that beside what is wrong with `include`.
+const Lines kFoundWithoutInclude = {
+    "g.toml:8:21: error: there is no plug-in 'nope' in PLUGINS",
+    "g.toml:9:64: error: block type 'parts:Declared' has no setting 'foo'",
+    "g.toml:10:65: error: 'on_error' has to be one of stop, skip",
+    "g.toml:11:77: error: 'g' has to be a table",
+};
+
+Lines findings_with_include(const std::string& include)
+{
+    GraphFiles files;
+    files.write("empty.toml", "format = 1\n");
+    files.write("g.toml", "format = 1\n" + include + kNeedsInclude);
+    GraphOptions options = files.options();
+    options.is_dry = true;
+    Lines lines = files.findings(options);
+    for (std::string& line : lines) {
+        const std::size_t at = line.find("no plug-in 'nope' in ");
+        if (at != std::string::npos) {
+            line = line.substr(0, at) + "no plug-in 'nope' in PLUGINS";
+        }
+    }
+    return lines;
+}
+
+/// Those lines behind one of line 2.
+Lines with_line_of_include(const std::string& line)
+{
+    Lines lines = {line};
+    lines.insert(lines.end(), kFoundWithoutInclude.begin(), kFoundWithoutInclude.end());
+    return lines;
+}
+
+}  // namespace
+
+TEST(FileProblems, OfIncludesHideOnlyWhatFollowsFromThem)
+{
+    EXPECT_EQ(
+        findings_with_include("includ = [\"empty.toml\"]"),
+        with_line_of_include("g.toml:2:1: error: unknown key 'includ'; did you mean 'include'?"));
+    EXPECT_EQ(findings_with_include("include = [1, \"empty.toml\"]"),
+              with_line_of_include("g.toml:2:12: error: 'include' has to be a string"));
+    EXPECT_EQ(findings_with_include("include = \"empty.toml\""),
+              with_line_of_include("g.toml:2:11: error: 'include' has to be a list"));
+    EXPECT_EQ(findings_with_include("include = [\"none.toml\"]"),
+              (Lines{"g.toml:2:12: error: 'none.toml' cannot be read: No such file or directory",
+                     "g.toml:10:65: error: 'on_error' has to be one of stop, skip"}));
+}
+
 TEST(FileProblems, OfNamesThatHoldAZeroNameNoOtherFile)
 {
     GraphFiles files;
