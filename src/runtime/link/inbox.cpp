@@ -157,7 +157,6 @@ void Inbox::drop_rest(Time now)
         losses_.add(values_.size(), "the graph stopped before it took them", now);
     }
     clear();
-    losses_.add_rest();
 }
 
 }  // namespace Quorval::runtime

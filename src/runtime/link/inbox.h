@@ -41,8 +41,10 @@ public:
     /// @return false: it cannot be decoded
     bool put_next(Time now);
 
-    /// Drops what waits, at the end.
+    /// Drops what waits, of a graph that has stopped.
     void drop_rest(Time now);
+    /// Tells of losses that were not told of yet, at the end.
+    void tell_rest() { losses_.add_rest(); }
 
     LinkStatistics statistics() const;
 

@@ -636,6 +636,9 @@ void Link::end()
         outbox.drop_rest(now);
     }
     drop_rest();
+    for (Inbox& inbox : inboxes_) {
+        inbox.tell_rest();
+    }
     if (!sent_.empty()) {
         logger(LOGLEVEL_WARNING, "%zu values may not have reached the broker", sent_.size());
     }

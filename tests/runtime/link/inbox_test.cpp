@@ -242,4 +242,19 @@ TEST_F(InboxTest, TellsOfValuesThatNobodyTook)
               (Lines{"1 values of mic.out are lost: the graph stopped before it took them"}));
 }
 
+TEST_F(InboxTest, TellsOnceASecondOfValuesThatNobodyTook)
+{
+    Inbox inbox = make(true);
+
+    for (std::uint64_t number = 1; number <= 4; ++number) {
+        receive(inbox, number);
+        inbox.drop_rest(kNow);
+    }
+    const std::string first = "1 values of mic.out are lost: the graph stopped before it took them";
+    EXPECT_EQ(recorder_.texts(), (Lines{first}));
+    inbox.tell_rest();
+
+    EXPECT_EQ(recorder_.texts(), (Lines{first, "3 more values of mic.out are lost"}));
+}
+
 }  // namespace
