@@ -151,6 +151,9 @@ void Link::has_value(std::uint32_t exit)
 
 void Link::prepare()
 {
+    if (is_ending_) {
+        drop_rest();
+    }
     const Time now = now_();
     if (state_ == State::Away && is_ending_ && (needs_lookup_ || !has_to_send())) {
         state_ = State::Closed;
@@ -592,7 +595,6 @@ std::vector<LinkStatistics> Link::statistics() const
 
 void Link::begin_end()
 {
-    drop_rest();
     is_ending_ = true;
     if (state_ != State::Online && !has_to_send()) {
         state_ = State::Closed;
@@ -610,11 +612,7 @@ bool Link::has_to_send() const
 /// may be reset, and the broker drops what it has not read yet.
 void Link::close_when_sent()
 {
-    if (!is_ending_) {
-        return;
-    }
-    drop_rest();
-    if (goodbye_ || has_to_send()) {
+    if (!is_ending_ || goodbye_ || has_to_send()) {
         return;
     }
     goodbye_ = announce(Presence::kOffline);

@@ -672,6 +672,45 @@ TEST_F(LinkTest, CountsWhatItTookAndDidNotRun)
     EXPECT_EQ(lost(result.err), 2) << result.err;
 }
 
+TEST_F(LinkTest, SendsWhatWaitsWhereItStopsWhileTheBrokerAnswers)
+{
+    constexpr int kCount = 400;  // more than an output may have waiting
+    Server server;
+    write("g.toml", "format = 1\nmachines = { edge = {}, hub = {} }\n" + server.link() +
+                        "blocks.count = { type = \"numbers:Count\", machine = \"edge\" }\n"
+                        "blocks.end = { type = \"numbers:Interrupt\", machine = \"hub\" }\n"
+                        "blocks.one = { type = \"numbers:Count\", machine = \"hub\", "
+                        "config.count = 1 }\n"
+                        "blocks.show = { type = \"numbers:Print\", machine = \"hub\", "
+                        "config.flush = true }\n"
+                        "blocks.print = { type = \"numbers:Print\", machine = \"edge\" }\n"
+                        "[[connections]]\nfrom = \"count.out\"\nto = \"end.in\"\n"
+                        "delivery = \"all\"\n"
+                        "[[connections]]\nfrom = \"one.out\"\nto = \"show.in\"\n"
+                        "[[connections]]\nfrom = \"one.out\"\nto = \"print.in\"\n");
+    const auto hub = start("hub");
+    server.welcome();
+    ASSERT_TRUE(hub->wait_for("1\n"));
+
+    // The first value ends the run; the answers to its subscriptions come behind all values.
+    std::string packets;
+    for (std::uint64_t number = 1; number <= kCount; ++number) {
+        packets += Server::message("quorval/g/value/count/out", "int32", 1, number, int32(0), 1);
+    }
+    for (int count = 0; count < 3; ++count) {
+        packets += Server::packet(
+            0x90, server.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0'));
+    }
+    server.send(packets);
+
+    EXPECT_NE(server.read(Server::kPublish).find("quorval/g/value/one/out"), std::string::npos);
+    EXPECT_NE(server.read(Server::kPublish).find("offline"), std::string::npos);
+    server.drop();
+    const ProcessResult result = hub->wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(lost(result.err), kCount - 1) << result.err;
+}
+
 // --- encrypted ---
 
 class EncryptedLinkTest : public LinkTest {
