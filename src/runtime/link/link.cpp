@@ -285,6 +285,9 @@ void Link::connect()
 void Link::handle_news()
 {
     const MqttClient::News news = client_.take_news();
+    if (std::exchange(has_new_start_, false)) {
+        client_.set_start(start_);
+    }
     handle_receipts(news);
     if (news.answer) {
         handle_answer(*news.answer);
@@ -478,7 +481,7 @@ void Link::compare_start(std::uint64_t start)
         has_rival_ = true;
     } else if (start < UINT64_MAX) {
         start_ = start + 1;
-        client_.set_start(start_);
+        has_new_start_ = true;
     }
 }
 

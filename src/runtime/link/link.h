@@ -120,7 +120,8 @@ private:
     Network& network_;
     Poller& poller_;
     Time (*now_)();
-    std::uint64_t start_;  // of this run, in stamps; settled when the link stands first
+    std::uint64_t start_;         // of this run, in stamps; settled when the link stands first
+    bool has_new_start_ = false;  // for the will
     Presence presence_;
     std::vector<Inbox> inboxes_;  // of the entries
     std::unordered_map<std::string, std::size_t> by_topic_;

@@ -448,6 +448,9 @@ TEST_F(LinkTest, IsTheLaterOneWhereTheClockWasSetBack)
     }
 
     EXPECT_NE(server.read(Server::kPublish).find("9000000000000000001"), std::string::npos);
+    // Its last will says so too, from the next connection on.
+    server.accept();
+    EXPECT_NE(server.read(Server::kConnect).find("9000000000000000001"), std::string::npos);
     server.drop();
     EXPECT_EQ(stop(*hub).status, 0);
 }
