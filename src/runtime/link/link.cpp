@@ -292,7 +292,7 @@ void Link::handle_news()
     if (news.answer) {
         handle_answer(*news.answer);
     }
-    if (has_rival_ && (state_ == State::Joining || state_ == State::Online)) {
+    if (has_rival_ && state_ != State::Closing && state_ != State::Closed) {
         yield();
     }
     if (news.end && state_ != State::Away && state_ != State::Closed) {

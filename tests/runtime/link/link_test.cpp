@@ -455,6 +455,31 @@ TEST_F(LinkTest, IsTheLaterOneWhereTheClockWasSetBack)
     EXPECT_EQ(stop(*hub).status, 0);
 }
 
+TEST_F(LinkTest, EndsARunWhosePlaceIsTakenWhereItMayNotSubscribe)
+{
+    const std::string takes_ten_bytes("\0\0\5\x27\0\0\0\12", 8);
+    const std::string topic = "quorval/g/machine/hub";
+    Server server;
+    write_waiting_graph(server.link());
+    const auto hub = start("hub");
+    server.serve(3);
+    // Nothing is left to be sent again.
+    const std::string online = server.read(Server::kPublish);
+    server.send(Server::packet(0x40, online.substr(Server::text(topic).size(), 2)));
+
+    server.accept();
+    server.read(Server::kConnect);
+    server.send(Server::packet(0x20, takes_ten_bytes) +
+                Server::message(topic, "x", 9'000'000'000'000'000'000U, 1, "online"));
+
+    const ProcessResult result = hub->wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("quorval: error: another 'quorval-g-hub' has taken the place at the "
+                              "broker\n"),
+              std::string::npos)
+        << result.err;
+}
+
 TEST_F(LinkTest, EndsARunThatTheBrokerRefuses)
 {
     ProcessOptions options;
