@@ -83,7 +83,8 @@ loglevel to_level(const Verbosity& verbosity)
 
 int run_graph(const Quorval::GraphOptions& options, loglevel level)
 {
-    Quorval::Messages messages(level);
+    // Lives until the process ends, as threads that plug-ins leave behind may log until then.
+    static Quorval::Messages messages(level);
     std::unique_ptr<Quorval::Graph> graph;
     try {
         graph = make_graph(options);

@@ -152,6 +152,23 @@ TEST_F(Run, EndsInOrderWhereAPluginLeftAThreadBehind)
     }
 }
 
+TEST_F(Run, EndsInOrderWhereAThreadOfAPluginLogs)
+{
+#ifdef QUORVAL_HAS_THREADS
+    const std::string most = "2";
+#else
+    const std::string most = "1";
+#endif
+    constexpr int kRuns = 4;
+    write_trouble("constructor", "leave talk");
+    for (int turn = 0; turn < kRuns; ++turn) {
+        for (const std::string& threads : {std::string("1"), most}) {
+            expect_result(run({"run", "--threads", threads, "--for", "1ms", "trouble.toml"}), 0,
+                          "b started\nb stopped\n", "");
+        }
+    }
+}
+
 TEST_F(Run, NamesTheBlockWhoseDestructorCrashes)
 {
     write_trouble("destructor", "crash");

@@ -38,7 +38,9 @@ struct GraphOptions {
     bool takes_signals = false;
     /// Blocks that do not depend on each other run side by side on up to so many threads, and no
     /// more than there are processors, where that is faster; at most 256. What the graph computes
-    /// does not depend on it.
+    /// does not depend on it, and neither does the order of what blocks log where `Messages` is
+    /// the sink. Another sink in Quorval::loginstance gets each message at once, on the thread
+    /// of the block.
     unsigned threads = 1;
     /// run() stops the graph in order so long after its blocks were started; zero: it does not.
     std::chrono::nanoseconds run_for{0};

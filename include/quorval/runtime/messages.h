@@ -13,7 +13,8 @@ namespace Quorval {
 /// path of the block in whose operation they were written, and each line of a message in a line
 /// of its own. Where standard error is the journal, they become entries with the fields
 /// PRIORITY, QUORVAL_GRAPH and QUORVAL_BLOCK. Threads may log at any time; it must outlive
-/// everything that does.
+/// everything that does. Where a graph has several threads, messages of its blocks come in the
+/// order of the blocks, as on one.
 class QUORVAL_EXPORT Messages {
 public:
     /// Takes the place of the sink in Quorval::loginstance.

@@ -4,6 +4,7 @@
 #include <quorval/runtime/messages.h>
 #include "messages/context.h"
 #include "messages/lines.h"
+#include "messages/turn.h"
 
 #include <systemd/sd-journal.h>
 
@@ -22,6 +23,8 @@ namespace Quorval {
 namespace {
 
 using runtime::context;
+using runtime::do_in_turn;
+using runtime::present_deeds;
 using runtime::to_entry;
 using runtime::to_lines;
 
@@ -52,6 +55,8 @@ int priority_of(loglevel level)
     return level <= LOGLEVEL_WARNING ? level + 1 : level + 2;
 }
 
+/// Of its messages those of blocks that run side by side wait for their turn. Nothing else brings
+/// them into order: threads that log at any time must find one sink all the while.
 class Sink : public LogInstance {
 public:
     explicit Sink(loglevel threshold) : LogInstance(threshold), is_journal_(is_journal()) {}
@@ -59,7 +64,9 @@ public:
     void emit(loglevel level, const char* text, int length) override
     {
         const std::string_view message(text, static_cast<std::size_t>(length));
-        if (is_journal_) {
+        if (present_deeds() != nullptr) {
+            do_in_turn([this, level, kept = std::string(message)] { show_late(level, kept); });
+        } else if (is_journal_) {
             send(level, context().path, message);
         } else {
             write_all(to_lines(level, context().path, message));
@@ -73,6 +80,15 @@ public:
     }
 
 private:
+    void show_late(loglevel level, const std::string& text)
+    {
+        try {
+            emit(level, text.data(), static_cast<int>(text.size()));
+        } catch (...) {
+            return;  // as everywhere: a message that cannot be shown is lost
+        }
+    }
+
     void send(loglevel level, const char* path, std::string_view text)
     {
         std::vector<std::string> fields = {"MESSAGE=" + to_entry(path, text),

@@ -1,10 +1,7 @@
 // What blocks that run side by side do to the world comes in the order of the blocks.
 #pragma once
 
-#include <quorval/log.h>
-
 #include <functional>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -38,21 +35,6 @@ public:
 
 private:
     Deeds* before_;
-};
-
-/// While it lives, messages wait for their turn. Takes the place of the sink of the process, and
-/// hands them on to that.
-class MessagesInTurn {
-public:
-    MessagesInTurn();
-    MessagesInTurn(const MessagesInTurn&) = delete;
-    MessagesInTurn& operator=(const MessagesInTurn&) = delete;
-    ~MessagesInTurn();
-
-private:
-    class Sink;
-
-    Sink* sink_;  // owned by loginstance
 };
 
 }  // namespace Quorval::runtime

@@ -5,6 +5,7 @@
 #include "messages/context.h"
 #include "messages/left_open.h"
 #include "messages/signal_mask.h"
+#include "messages/turn.h"
 
 #include <algorithm>
 #include <atomic>
@@ -156,12 +157,6 @@ Life::~Life()
         services_[block]->close();
         ports_.unwatch(block);
     }
-}
-
-void Life::use_threads(const Crew::Setting& setting)
-{
-    threads_ = setting;
-    messages_.emplace();
 }
 
 bool Life::start()

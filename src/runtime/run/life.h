@@ -5,7 +5,6 @@
 #include "loop/descriptor_ports.h"
 #include "loop/poller.h"
 #include "loop/waker.h"
-#include "messages/turn.h"
 #include "run/failures.h"
 #include "run/requests.h"
 #include "schedule/crew.h"
@@ -71,9 +70,8 @@ public:
     /// The services do nothing from here on.
     ~Life();
 
-    /// Has waves run on several threads where that pays. Before start(); messages of the process
-    /// pass through this object from here on.
-    void use_threads(const Crew::Setting& setting);
+    /// Has waves run on several threads where that pays. Before start().
+    void use_threads(const Crew::Setting& setting) { threads_ = setting; }
 
     /// Starts the blocks, from the last to the first, until one fails or the graph has to stop.
     /// @return whether there is anything that would ever run
@@ -142,7 +140,6 @@ private:
     Failures failures_;
     IOutputWatcher* watcher_ = nullptr;
     std::optional<Crew::Setting> threads_;  // none: one thread
-    std::optional<MessagesInTurn> messages_;
     std::unique_ptr<Crew> crew_;
     std::vector<Tie> ties_;
     bool has_new_ties_ = false;

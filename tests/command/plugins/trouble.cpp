@@ -42,10 +42,19 @@ public:
     }
 }
 
+/// Likewise, and logs what is seldom shown.
+[[noreturn]] void talk_for_ever()
+{
+    for (;;) {
+        Quorval::ilog(LOGLEVEL_INFO) << "talk";
+        std::this_thread::yield();
+    }
+}
+
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
-/// "say", "kill", "block", "exit in thread", "leave thread", "throw nothing", "throw number",
-/// "abort", "quick exit", "sudden exit", "sudden exit 3", "leave open", "close all", "close error"
-/// or "spin".
+/// "say", "kill", "block", "exit in thread", "leave thread", "leave talk", "throw nothing",
+/// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "leave open",
+/// "close all", "close error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -147,6 +156,9 @@ private:
         }
         if (what_ == "leave thread") {
             std::thread(work_for_ever).detach();
+        }
+        if (what_ == "leave talk") {
+            std::thread(talk_for_ever).detach();
         }
         if (what_ == "hang") {
             std::cerr << "hanging" << std::endl;

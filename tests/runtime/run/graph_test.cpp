@@ -1,4 +1,5 @@
 #include <quorval/runtime/graph.h>
+#include <quorval/runtime/messages.h>
 #include "runtime/support/graph_files.h"
 #include "schedule/workers.h"
 #include "support/support.h"
@@ -11,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Quorval;
@@ -89,6 +91,23 @@ TEST_F(GraphTest, RunsOnSeveralThreadsWhereTheBuildHasThem)
     EXPECT_EQ(make(kCounting, options).run(), RunResult::Done);
     EXPECT_THAT(recorder.texts(),
                 ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
+}
+
+TEST_F(GraphTest, BearsThreadsOfItsBlocksThatLogBesideAnotherGraph)
+{
+    const std::string talkative =
+        "format = 1\nblocks.a.type = \"running:Talkative\"\n"
+        "blocks.b.type = \"running:Talkative\"\n";
+    const Messages messages(LOGLEVEL_ERROR);
+    GraphOptions options;
+    options.threads = runtime::Workers::are_there() ? 2 : 1;
+    make(talkative, options);
+    const std::unique_ptr<Graph> first = std::move(graph);
+    make(talkative, options);
+
+    EXPECT_EQ(first->run(), RunResult::Done);
+    EXPECT_EQ(graph->run(), RunResult::Done);
+    graph.reset();  // as the sink has to outlive it
 }
 
 TEST_F(GraphTest, RefusesNumbersOfThreadsOutOfTheirRange)

@@ -1,5 +1,6 @@
 #include "run/life.h"
 
+#include <quorval/runtime/messages.h>
 #include "messages/context.h"
 #include "run/overrides.h"
 #include "runtime/support/fakes.h"
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -529,7 +531,8 @@ TEST_F(OverridesTest, LeaveWhatWasChangedInTheRunningGraphWhenFilesChange)
 /// What a life tells and does in some waves, with threads or without. A block fails in the third.
 std::vector<std::string> live(bool has_threads, bool skips_failures)
 {
-    LogRecorder recorder;
+    const Messages messages(LOGLEVEL_DEBUG);
+    testing::internal::CaptureStderr();
     FakeGraph graph;
     FakeWorld world;
     std::vector<FakeBlock*> blocks;
@@ -566,7 +569,11 @@ std::vector<std::string> live(bool has_threads, bool skips_failures)
         world.time += 1s;
     }
     life.stop();
-    std::vector<std::string> all = recorder.texts();
+    std::vector<std::string> all;
+    std::istringstream written(testing::internal::GetCapturedStderr());
+    for (std::string line; std::getline(written, line);) {
+        all.push_back(line);
+    }
     all.insert(all.end(), world.progresses.begin(), world.progresses.end());
     for (const FakeBlock* block : blocks) {
         // One behind the block that failed may have run, which does not count.

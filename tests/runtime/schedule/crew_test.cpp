@@ -35,7 +35,6 @@ using namespace Quorval;
 using namespace Quorval::runtime;
 using quorval_test::FakeBlock;
 using quorval_test::FakeGraph;
-using quorval_test::LogRecorder;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -321,19 +320,19 @@ TEST(Crew, DoesOnSeveralThreadsWhatAWaveDoesOnOne)
     std::uint32_t well = 0;
     std::uint32_t ahead = 0;
     for (std::uint32_t seed = 1; seed <= kGraphs; ++seed) {
-        LogRecorder recorder;
         World alone(seed, false);
-        const bool is_well = alone.run_waves(kWaves);
-        const std::vector<std::string> texts = recorder.texts();
-        recorder.clear();
-        const MessagesInTurn messages;
         World crew(seed, true);
+        const Messages messages(LOGLEVEL_DEBUG);
+        testing::internal::CaptureStderr();
+        const bool is_well = alone.run_waves(kWaves);
+        const std::string texts = testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
 
         ASSERT_EQ(crew.run_waves(kWaves), is_well) << seed;
 
+        ASSERT_EQ(testing::internal::GetCapturedStderr(), texts) << seed;
         expect_same(crew.watcher().lines, alone.watcher().lines, seed);
         expect_same(crew.seen(), alone.seen(), seed);
-        expect_same(recorder.texts(), texts, seed);
         ASSERT_FALSE(crew.has_run_out_of_place() || HasFailure()) << seed;
         if (is_well) {
             expect_same(crew.watcher().port_lines, alone.watcher().port_lines, seed);
@@ -472,7 +471,6 @@ void do_in_a_block(const std::function<void()>& deed)
 {
     report_crashes();
     const Messages shown(LOGLEVEL_INFO);
-    const MessagesInTurn messages;
     Row row(2);
     std::atomic<int> arrived{0};
     const std::thread::id mine = std::this_thread::get_id();

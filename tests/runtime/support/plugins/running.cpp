@@ -6,6 +6,7 @@
 
 #include <systemd/sd-event.h>
 
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <memory>
@@ -195,6 +196,49 @@ private:
     std::thread thread_;
 };
 
+/// Threads of its own log, from its constructor on until it is destroyed. A run fails where they
+/// lost their sink meanwhile.
+class Talkative : public Block {
+public:
+    Talkative(std::string name, const BlockConfiguration& config) : Block(std::move(name), config)
+    {
+        for (std::thread& thread : threads_) {
+            thread = std::thread([this] {
+                while (!ends_) {
+                    tell("talk");
+                    std::this_thread::yield();
+                }
+            });
+        }
+    }
+    Talkative(const Talkative&) = delete;
+    Talkative& operator=(const Talkative&) = delete;
+    ~Talkative() override
+    {
+        ends_ = true;
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+    }
+
+    void start() override { get_tools().request_run(); }
+
+    bool run() override
+    {
+        if (loginstance.get() != sink_) {
+            throw std::runtime_error("there is another sink");
+        }
+        get_tools().request_run();
+        return ++runs_ < 100;
+    }
+
+private:
+    const LogInstance* sink_ = loginstance.get();
+    std::atomic<bool> ends_{false};
+    int runs_ = 0;
+    std::array<std::thread, 2> threads_;
+};
+
 template <class Kind>
 void add(IRegistry& registry, const std::string& type)
 {
@@ -212,6 +256,7 @@ int lib_register_cpp(IRegistry& registry)
     add<Count>(registry, "Count");
     add<Tell>(registry, "Tell");
     add<EndLoop>(registry, "EndLoop");
+    add<Talkative>(registry, "Talkative");
     add<Threaded>(registry, "Threaded");
     return 0;
 }
