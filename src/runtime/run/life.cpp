@@ -69,6 +69,7 @@ public:
         if (life_ == nullptr) {
             return nullptr;
         }
+        take_loop();
         if (!std::exchange(uses_loop_, true)) {
             do_in_turn([this] {
                 life_->loop_users_.push_back(block_);
@@ -83,6 +84,7 @@ public:
         if (life_ == nullptr) {
             return nullptr;
         }
+        take_loop();
         tie(Tie::Thread);
         return life_->world_.bus();
     }
@@ -114,6 +116,14 @@ private:
             life_->timers_.cancel(block_);
         } else {
             life_->timers_.set(block_, time);
+        }
+    }
+
+    /// The block is not on the thread of the graph yet when it asks in a run first.
+    void take_loop()
+    {
+        if (life_->crew_ != nullptr) {
+            life_->crew_->take_loop(block_);
         }
     }
 

@@ -229,7 +229,12 @@ void Crew::visit(std::uint32_t block)
     Wave::Slot& slot = wave_.slots_[block];
     Visit& visit = visits_[block];
     const ContextScope scope(slot.path, Wave::kOperation);
+    std::unique_lock<std::mutex> loop(loop_, std::defer_lock);
+    visit.loop = &loop;
     const TurnScope turn(visit.deeds);
+    if (plan_.is_tied(plan_.task_of(block))) {
+        loop.lock();
+    }
     try {
         visit.is_due = wave_.is_due(slot);
         if (visit.is_due) {
@@ -238,6 +243,15 @@ void Crew::visit(std::uint32_t block)
     } catch (...) {
         visit.failure = text_of_present_exception();
         fail(slot, visit);
+    }
+}
+
+void Crew::take_loop(std::uint32_t block)
+{
+    const Visit& visit = visits_[block];
+    const bool is_out_of_turn = present_deeds() == &visit.deeds;
+    if (is_out_of_turn && !visit.loop->owns_lock()) {
+        visit.loop->lock();
     }
 }
 

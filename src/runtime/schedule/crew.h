@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,10 @@ public:
     /// @return false when a block failed that does not skip failures
     bool look(std::uint32_t block);
 
+    /// In a run of the block: from here to its end no other block uses what only one thread may,
+    /// the event loop and the bus. Those that are tied do so all the time.
+    void take_loop(std::uint32_t block);
+
     /// The visits of the wave have ended.
     void end_wave();
 
@@ -70,6 +75,7 @@ private:
         Time end{};
         std::string failure;  // the text
         Deeds deeds;
+        std::unique_lock<std::mutex>* loop = nullptr;  // while it lasts
     };
 
     bool visit_in_order(std::uint32_t block);
@@ -103,6 +109,7 @@ private:
     std::vector<std::uint32_t> costs_;       // by block: the time of a run in nanoseconds
     std::vector<std::uint64_t> next_looks_;  // by block
     std::vector<Visit> visits_;              // by block
+    std::mutex loop_;                        // held by the block that may use the event loop
     Bitset pending_;                         // tasks that have something to do
     Bitset visited_;                         // blocks
     std::vector<std::uint32_t> own_;         // tasks of the present level: for the calling thread

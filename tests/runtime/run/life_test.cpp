@@ -1,6 +1,7 @@
 #include "run/life.h"
 
 #include <quorval/runtime/messages.h>
+#include "loop/loop.h"
 #include "messages/context.h"
 #include "run/overrides.h"
 #include "runtime/support/fakes.h"
@@ -8,6 +9,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <systemd/sd-event.h>
 
 #include <atomic>
 #include <chrono>
@@ -42,9 +44,10 @@ public:
     {
         progresses.push_back(path + " " + std::to_string(done) + "/" + std::to_string(total));
     }
-    sd_event* loop() override { return nullptr; }
+    sd_event* loop() override { return events == nullptr ? nullptr : events->event(); }
     sd_bus* bus() override { return nullptr; }
 
+    Loop* events = nullptr;
     std::chrono::nanoseconds time = 100s;
     bool stops = false;
     std::vector<std::string> progresses;
@@ -658,6 +661,49 @@ TEST(LifeThreads, TieABlockThatAsksForTheLoopInARunFromTheNextOneOn)
         life.step();
     }
     life.stop();
+}
+
+int do_nothing(sd_event_source* /*source*/, void* /*data*/)
+{
+    return 0;
+}
+
+TEST(LifeThreads, LetOneBlockAtATimeUseTheLoopThatManyAskForFirstInTheirRun)
+{
+    constexpr int kLives = 300;
+    for (int turn = 0; turn < kLives; ++turn) {
+        FakeGraph graph;
+        FakeWorld world;
+        Loop loop;
+        world.events = &loop;
+        std::atomic<int> users{0};
+        for (const char* name : {"a", "b", "c", "d"}) {
+            FakeBlock& block = graph.add(name);
+            block.on_start = [&block] {
+                block.get_tools().request_run();
+                if (block.get_name() == "d") {
+                    block.get_tools().loop();
+                }
+            };
+            block.on_run = [&] {
+                sd_event* const event = block.get_tools().loop();
+                EXPECT_EQ(++users, 1);
+                EXPECT_GE(sd_event_add_defer(event, nullptr, do_nothing, nullptr), 0);
+                std::this_thread::yield();
+                --users;
+                return false;
+            };
+        }
+        graph.arrange();
+        Life life(graph.network(), world, &loop.poller(), loop.waker());
+        life.use_threads({4, std::chrono::nanoseconds(0), true});
+
+        life.start();
+        life.step();
+        life.stop();
+
+        ASSERT_FALSE(life.has_failed() || HasFailure()) << turn;
+    }
 }
 
 TEST(LifeThreads, BearRequestsAtAnyTime)
