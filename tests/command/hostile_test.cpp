@@ -139,6 +139,17 @@ TEST_F(HostilePlugin, IsNamedWhereItLeavesDescriptorsOpen)
     }
 }
 
+TEST_F(HostilePlugin, IsNamedWhereItLeavesDescriptorsOpenAndFails)
+{
+    const std::string warning =
+        "quorval: warning: block 'a/b' left a descriptor open: 'anon_inode:[eventfd]'\n";
+
+    expect_result(run_trouble("constructor", "leave open and throw"), 3, "",
+                  warning + "hostile.toml:3:38: error: block 'a/b' cannot be created: no luck\n");
+    expect_result(run_trouble("start", "leave open and throw"), 1, "",
+                  "quorval: error: block 'a/b' failed in start: no luck\n" + warning);
+}
+
 TEST_F(HostilePlugin, EndsTheRunWhereItClosesTheDescriptorsOfOthers)
 {
     const std::string it_closed = "it closed a descriptor that is not its own\n";

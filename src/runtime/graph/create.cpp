@@ -158,9 +158,15 @@ private:
     {
         const ContextScope scope(place.path.c_str(), "create");
         const std::string& name = place.member->name;
-        UniqueDlPtr<Container> container = plugin.create(
-            type, name, config, [&destruction = destruction_] { destruction.next(); });
-        to_block(*container);
+        UniqueDlPtr<Container> container;
+        try {
+            container = plugin.create(type, name, config,
+                                      [&destruction = destruction_] { destruction.next(); });
+            to_block(*container);
+        } catch (...) {
+            note_left_open_of_failure();
+            throw;
+        }
         give_back_signals();
         note_left_open();
         if (container->get_name() != name) {

@@ -101,13 +101,37 @@ void LeftOpen::note()
 /// The system gives the lowest number that is free, so what was opened stands behind what is known.
 void LeftOpen::take_opened()
 {
-    struct stat status = {};
-    for (; ::fstat(next_, &status) == 0; ++next_) {
-        if (!was_there(next_)) {
-            const char* path = context().path;
-            opened_.push_back({next_, status.st_dev, status.st_ino, path != nullptr ? path : ""});
+    for (; take(next_); ++next_) {}
+}
+
+void LeftOpen::note_failure()
+{
+    // What the block closed when it failed may have had lower numbers than what it left open.
+    constexpr int kLooked = 64;
+    std::array<pollfd, kLooked> looked{};
+    for (int i = 0; i < kLooked; ++i) {
+        looked[i].fd = next_ + i;
+    }
+    ::poll(looked.data(), looked.size(), 0);
+    for (const pollfd& one : looked) {
+        if ((one.revents & POLLNVAL) == 0) {
+            take(one.fd);
         }
     }
+}
+
+/// @return whether it is open
+bool LeftOpen::take(int fd)
+{
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0) {
+        return false;
+    }
+    if (!was_there(fd)) {
+        const char* path = context().path;
+        opened_.push_back({fd, status.st_dev, status.st_ino, path != nullptr ? path : ""});
+    }
+    return true;
 }
 
 bool LeftOpen::was_there(int fd) const
@@ -148,6 +172,18 @@ void note_left_open()
 {
     if (present() != nullptr) {
         present()->note();
+    }
+}
+
+void note_left_open_of_failure() noexcept
+{
+    try {
+        if (present() != nullptr) {
+            present()->note_failure();
+        }
+    } catch (const std::exception&) {
+        // There is no memory for it.
+        return;
     }
 }
 

@@ -29,6 +29,10 @@ public:
     ///                             "it closed a descriptor that is not its own"
     void note();
 
+    /// The same where the operation failed, among the next 64 descriptors. What it closed is not
+    /// told.
+    void note_failure();
+
 private:
     struct Opened {
         int fd = -1;
@@ -38,6 +42,7 @@ private:
     };
 
     void take_opened();
+    bool take(int fd);
     bool was_there(int fd) const;
     const std::string& opener_of(int fd) const;
     void warn() const;
@@ -51,5 +56,8 @@ private:
 
 /// Does so where that is watched. To be called in the operation of a block.
 void note_left_open();
+
+/// The same where the operation has failed.
+void note_left_open_of_failure() noexcept;
 
 }  // namespace Quorval::runtime

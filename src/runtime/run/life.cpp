@@ -203,7 +203,12 @@ void Life::start_block(std::uint32_t block)
     const Node& node = network_.nodes[block];
     try {
         const ContextScope scope(node.path.c_str(), "start");
-        node.block->start();
+        try {
+            node.block->start();
+        } catch (...) {
+            note_left_open_of_failure();
+            throw;
+        }
         give_back_signals();
         is_started_[block] = true;
         note_left_open();

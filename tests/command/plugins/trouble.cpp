@@ -54,7 +54,7 @@ public:
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
 /// "say", "kill", "block", "exit in thread", "leave thread", "leave talk", "throw nothing",
 /// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "leave open",
-/// "close all", "close error" or "spin".
+/// "leave open and throw", "close all", "close error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -177,6 +177,10 @@ private:
         constexpr int kMany = 256;
         if (what_ == "leave open") {
             ::eventfd(0, EFD_CLOEXEC);
+        }
+        if (what_ == "leave open and throw") {
+            ::eventfd(0, EFD_CLOEXEC);
+            throw std::runtime_error("no luck");
         }
         if (what_ == "close all") {
             for (int fd = STDERR_FILENO + 1; fd < kMany; ++fd) {
