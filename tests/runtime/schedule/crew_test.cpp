@@ -489,12 +489,13 @@ void do_in_a_block(const std::function<void()>& deed)
     row.run();
 }
 
+// Without the end of the text: an emulator writes a line of its own behind it.
 TEST(CrewDeathTest, NamesTheBlockThatCrashesOnAnyThread)
 {
     EXPECT_EXIT(do_in_a_block([] { ::raise(SIGSEGV); }), testing::KilledBySignal(SIGSEGV),
-                "^quorval: fatal: block '[ab]' crashed in run: signal 11 \\(SIGSEGV\\)\n$");
+                "^quorval: fatal: block '[ab]' crashed in run: signal 11 \\(SIGSEGV\\)\n");
     EXPECT_EXIT(do_in_a_block([] { std::abort(); }), testing::KilledBySignal(SIGABRT),
-                "^quorval: fatal: block '[ab]' crashed in run: signal 6 \\(SIGABRT\\)\n$");
+                "^quorval: fatal: block '[ab]' crashed in run: signal 6 \\(SIGABRT\\)\n");
 }
 
 /// Takes a stack of any size.
@@ -508,12 +509,17 @@ TEST(CrewDeathTest, NamesTheBlockThatCrashesOnAnyThread)
 TEST(CrewDeathTest, NamesTheBlockWhoseStackRanOverOnAnyThread)
 {
     EXPECT_EXIT(do_in_a_block([] { overflow(0); }), testing::KilledBySignal(SIGSEGV),
-                "quorval: fatal: block '[ab]' crashed in run: signal 11 \\(SIGSEGV\\)\n$");
+                "quorval: fatal: block '[ab]' crashed in run: signal 11 \\(SIGSEGV\\)\n");
 }
 
 TEST(CrewDeathTest, SaysWhatABlockSaidThatEndsTheProcessOnAnyThread)
 {
-    const auto say_and_exit = [] {
+    // Two threads that are in exit() at once are more than the C library bears.
+    std::atomic<bool> is_first{true};
+    const auto say_and_exit = [&is_first] {
+        if (!is_first.exchange(false)) {
+            return;
+        }
         ilog(LOGLEVEL_WARNING) << "enough";
         std::exit(0);
     };
