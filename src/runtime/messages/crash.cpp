@@ -88,17 +88,28 @@ bool is_in_plugin(const Context& where)
 
 void report_signal(int signal)
 {
-    const Context where = context();
-    Line line;
-    line << "quorval: fatal: ";
-    if (is_in_plugin(where)) {
-        append_culprit(line, where, "crashed");
-        line << ": ";
+    static std::atomic<pid_t> reporter{0};
+    const pid_t mine = ::gettid();
+    pid_t first = 0;
+    if (reporter.compare_exchange_strong(first, mine)) {
+        const Context where = context();
+        Line line;
+        line << "quorval: fatal: ";
+        if (is_in_plugin(where)) {
+            append_culprit(line, where, "crashed");
+            line << ": ";
+        }
+        const char* name = ::sigabbrev_np(signal);
+        line << "signal " << signal << " (SIG" << (name != nullptr ? name : "?") << ")";
+        line.write();
+    } else {
+        // A second thread would end the process before the first one has said what happened.
+        while (first != mine) {
+            ::pause();
+        }
     }
-    const char* name = ::sigabbrev_np(signal);
-    line << "signal " << signal << " (SIG" << (name != nullptr ? name : "?") << ")";
-    line.write();
-    // The handler is gone, and the signal is not blocked.
+    // The signal is not blocked.
+    static_cast<void>(::signal(signal, SIG_DFL));
     static_cast<void>(::raise(signal));
 }
 
@@ -175,7 +186,7 @@ void report_crashes()
 
     struct sigaction action {};
     action.sa_handler = report_signal;
-    action.sa_flags = SA_ONSTACK | SA_RESETHAND | SA_NODEFER;
+    action.sa_flags = SA_ONSTACK | SA_NODEFER;
     for (const int signal : kSignals) {
         ::sigaction(signal, &action, nullptr);
     }
