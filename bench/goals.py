@@ -176,7 +176,7 @@ ROWS = [
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "onetbb", 1),
     Row("wave_chain/100000", "a run in a wave over a chain of 100,000", "onetbb"),
     Row("wave_chain/1000", "a run in a wave over a chain of 1,000", "gstreamer", 0.2),
-    Row("wave_threads/work", "a run of 20 µs in eight chains, on two threads, peer: one thread",
+    Row("wave_threads/busy", "a run of 20 µs in eight chains, on two threads, peer: one thread",
         "one_thread", 0.556),
     Row("wave_threads/tiny", "a run of next to nothing likewise", "one_thread", 1.1),
     Row("wave_timed/1000", "a timed run in a wave over a chain of 1,000", "untimed"),

@@ -441,7 +441,7 @@ const bool is_registered = [] {
     }
     add_timed();
     add_sparse();
-    add_threads("work", "Work", 4);
+    add_threads("busy", "Work", 4);
     add_threads("tiny", "Add", 12);
 #ifdef QUORVAL_BENCH_HAS_ONETBB
     add_tbb(kMiddle);
