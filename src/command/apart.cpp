@@ -4,6 +4,7 @@
 #include "command.h"
 #include "command_line.h"
 #include "output.h"
+#include "signal_name.h"
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -15,8 +16,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
-#include <string>
 #include <system_error>
 
 namespace {
@@ -125,8 +124,7 @@ int run_apart(const std::function<int()>& work)
         return WEXITSTATUS(state);
     }
     if (!is_crash(WTERMSIG(state))) {
-        say_error("ended by signal " + std::to_string(WTERMSIG(state)) + " (SIG" +
-                  ::sigabbrev_np(WTERMSIG(state)) + ")");
+        say_error("ended by " + describe_signal(WTERMSIG(state)));
     }
     return kWrongGraph;
 }

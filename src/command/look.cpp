@@ -2,6 +2,7 @@
 
 #include <quorval/runtime/messages.h>
 #include "look_child.h"
+#include "signal_name.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,7 +16,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -104,10 +104,7 @@ public:
         if (!WIFSIGNALED(state_)) {
             return "called exit" + when;
         }
-        const int signal = WTERMSIG(state_);
-        const char* name = ::sigabbrev_np(signal);
-        return "crashed" + when + ": signal " + std::to_string(signal) + " (SIG" +
-               (name != nullptr ? name : "?") + ")";
+        return "crashed" + when + ": " + describe_signal(WTERMSIG(state_));
     }
     bool has_ended() const { return has_ended_; }
 
