@@ -146,10 +146,7 @@ void show_plugins(const json& plugins, Page& page)
 void show_plugin(const json& plugin, Page& page)
 {
     page.add_title(0, plugin["name"]);
-    std::vector<Page::Row> rows;
-    if (plugin.contains("file")) {
-        rows.push_back({"file", {bare(plugin["file"])}});
-    }
+    std::vector<Page::Row> rows = {{"file", {bare(plugin["file"])}}};
     const json note = plugin.value("note", json::object());
     for (const auto& [title, member] :
          {std::pair("interface", "interface"), std::pair("standard library", "standard_library"),

@@ -20,7 +20,7 @@ nlohmann::json to_json_value(const BlockConfiguration& config, const std::string
         case BlockConfiguration::Type::StringVector:
             return config.getStringVector(key);
         case BlockConfiguration::Type::BoolVector:
-            return config.getBoolVector(key);
+            break;
     }
-    return nullptr;
+    return config.getBoolVector(key);
 }

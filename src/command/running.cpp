@@ -25,9 +25,9 @@ int to_status(Quorval::RunResult result)
             return kFailed;
         case Quorval::RunResult::NoSource:
         case Quorval::RunResult::WrongObjects:
-            return kWrongGraph;
+            break;
     }
-    return kFailed;
+    return kWrongGraph;
 }
 
 }  // namespace

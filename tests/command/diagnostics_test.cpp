@@ -1,9 +1,14 @@
 #include "diagnostics.h"
 
 #include <quorval/runtime/diagnostic.h>
+#include "command/terminal.h"
+#include "support/support.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <optional>
 #include <string>
 
 namespace {
@@ -61,6 +66,40 @@ TEST(DiagnosticsToJson, KeepsItsFormWhateverTheTextsHold)
     EXPECT_EQ(to_json({diagnostic}),
               "[\n  {\n    \"column\": 2,\n    \"file\": \"\xef\xbf\xbd\\\"\",\n    \"line\": 1,\n"
               "    \"severity\": \"error\",\n    \"text\": \"\\n\"\n  }\n]\n");
+}
+
+/// What a terminal gets, of an error with a place and a warning without one.
+std::string show_on_terminal(const std::string& kind, const std::optional<std::string>& no_color)
+{
+    const quorval_test::ScopedEnvironment term("TERM", kind);
+    const quorval_test::ScopedEnvironment colours("NO_COLOR", no_color);
+    Diagnostic error = at(3, "a error: = 1");
+    error.text = "wrong: error: twice";
+    quorval_test::TerminalStreams terminal({STDERR_FILENO});
+    show_diagnostics({error, {"--set a.b", 0, 0, false, "unused", ""}});
+    return terminal.end();
+}
+
+TEST(ShowDiagnostics, ColoursTheKindOfAFinding)
+{
+    EXPECT_EQ(show_on_terminal("xterm", std::nullopt),
+              "a.toml:1:3: \033[1;31merror:\033[0m wrong: error: twice\n"
+              "a error: = 1\n"
+              "  ^\n"
+              "--set a.b: \033[1;35mwarning:\033[0m unused\n");
+}
+
+TEST(ShowDiagnostics, HasNoColoursWhereTheyAreNotWanted)
+{
+    const std::string plain =
+        "a.toml:1:3: error: wrong: error: twice\n"
+        "a error: = 1\n"
+        "  ^\n"
+        "--set a.b: warning: unused\n";
+
+    EXPECT_EQ(show_on_terminal("xterm", "1"), plain);
+    EXPECT_EQ(show_on_terminal("dumb", std::nullopt), plain);
+    EXPECT_NE(show_on_terminal("xterm", ""), plain);
 }
 
 }  // namespace

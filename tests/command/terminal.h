@@ -1,0 +1,51 @@
+// A terminal in place of standard streams.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quorval_test {
+
+/// Standard streams of this process are another file while it lives.
+class OtherStreams {
+public:
+    /// @param fd  taken over
+    OtherStreams(std::vector<int> streams, int fd);
+    OtherStreams(const OtherStreams&) = delete;
+    OtherStreams& operator=(const OtherStreams&) = delete;
+    ~OtherStreams() { put_back(); }
+
+    void put_back();
+
+private:
+    std::vector<std::pair<int, int>> before_;  // each stream, and what it was
+};
+
+/// Standard streams of this process are a terminal of some size, which passes on what is written as
+/// it is.
+class TerminalStreams {
+public:
+    explicit TerminalStreams(std::vector<int> streams, unsigned short columns = 0,
+                             unsigned short rows = 0);
+    TerminalStreams(const TerminalStreams&) = delete;
+    TerminalStreams& operator=(const TerminalStreams&) = delete;
+    ~TerminalStreams();
+
+    /// Puts the streams back.
+    /// @return what was written on the terminal
+    std::string end();
+
+private:
+    struct Ends {
+        int outside;
+        int inside;
+    };
+    static Ends open(unsigned short columns, unsigned short rows);
+    TerminalStreams(std::vector<int> streams, Ends ends);
+
+    int outside_;
+    OtherStreams streams_;
+};
+
+}  // namespace quorval_test
