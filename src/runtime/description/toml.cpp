@@ -1,7 +1,9 @@
 #include "description/toml.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <climits>
 #include <cstddef>
 #include <string_view>
 #include <utility>
@@ -14,6 +16,33 @@ namespace {
 /// Trees are taken apart and destroyed level by level, so their depth has to stay far from what a
 /// stack bears.
 constexpr std::size_t kMostLevels = 256;
+
+/// Some characters, to be found in a text.
+class Characters {
+public:
+    constexpr explicit Characters(std::string_view characters)
+    {
+        for (const char c : characters) {
+            are_in_[static_cast<unsigned char>(c)] = true;
+        }
+    }
+
+    /// Where the first one stands, at `at` or behind it, or the end of the text.
+    std::size_t find(std::string_view text, std::size_t at) const
+    {
+        while (at < text.size() && !are_in_[static_cast<unsigned char>(text[at])]) {
+            ++at;
+        }
+        return at;
+    }
+
+private:
+    std::array<bool, UCHAR_MAX + 1> are_in_{};
+};
+
+constexpr Characters kMarks("\"'#.{[}],\n");
+constexpr Characters kMarksInString("\"\\\n");
+constexpr Characters kMarksInLiteral("'\n");
 
 /// Finds what is nested too deeply in a text, without understanding more of it than strings,
 /// comments and brackets. Whatever it makes of a text that is no TOML, the parser stops there.
@@ -28,7 +57,10 @@ public:
             if (depth_ >= kMostLevels) {
                 return at_;
             }
-            step();
+            at_ = kMarks.find(text_, at_);
+            if (at_ < text_.size()) {
+                step();
+            }
         }
         return std::string_view::npos;
     }
@@ -75,28 +107,25 @@ private:
 
     void skip_string(char quote)
     {
-        const std::string three(3, quote);
+        const Characters& marks = quote == '"' ? kMarksInString : kMarksInLiteral;
+        const std::string_view three = quote == '"' ? R"(""")" : "'''";
         const bool is_long = text_.compare(at_, three.size(), three) == 0;
-        at_ += is_long ? three.size() : 1;
+        at_ = marks.find(text_, at_ + (is_long ? three.size() : 1));
         while (at_ < text_.size()) {
             const char c = text_[at_];
-            if (c == '\\' && quote == '"') {
+            if (c == '\\') {
                 at_ += 2;
-            } else if (c != quote) {
-                if (c == '\n' && !is_long) {
-                    return;
-                }
-                ++at_;
             } else if (!is_long) {
-                ++at_;
+                at_ += c == quote ? 1 : 0;  // or the line ends, which no such string may go over
                 return;
-            } else if (text_.compare(at_, three.size(), three) == 0) {
+            } else if (c == quote && text_.compare(at_, three.size(), three) == 0) {
                 // A long string may end with one or two quotes of its own.
                 at_ = std::min(text_.find_first_not_of(quote, at_), at_ + three.size() + 2);
                 return;
             } else {
                 ++at_;
             }
+            at_ = marks.find(text_, at_);
         }
     }
 
@@ -149,7 +178,9 @@ std::optional<toml::table> parse_toml(const std::string& text, std::uint32_t sou
         return std::nullopt;
     }
     try {
-        return toml::parse(text, std::to_string(source));
+        // Each node has a share of the name, so the first source, nearly always the only one, has
+        // none.
+        return source == 0 ? toml::parse(text) : toml::parse(text, std::to_string(source));
     } catch (const toml::parse_error& error) {
         problems.add_error(place_of(error.source()), std::string(error.description()));
         return std::nullopt;

@@ -20,7 +20,7 @@ namespace Quorval::runtime {
 
 namespace {
 
-constexpr const char* kArrow = " -> ";
+constexpr std::string_view kArrow = " -> ";
 constexpr std::int64_t kFormat = 1;
 constexpr std::int64_t kLongestQueue = 1'000'000'000;
 constexpr std::int64_t kHighestLimit = 268'000'000;  // a message of MQTT has 256 MiB at most
@@ -82,6 +82,9 @@ public:
 
     void report_unknown_keys() const
     {
+        if (meant_.empty()) {
+            return;  // there is none
+        }
         for (auto&& [key, node] : table_) {
             if (is_unknown(key.str())) {
                 const std::string name(key.str());
@@ -407,91 +410,87 @@ private:
 
     void read_connection(const toml::node& node, std::vector<ConnectionDescription>& connections)
     {
-        std::optional<ConnectionDescription> connection;
+        ConnectionDescription& connection = connections.emplace_back();
+        connection.place = place_of(node);
+        bool is_right = false;
         if (const auto* text = node.as_string()) {
-            connection = read_arrow(**text, place_of(node));
+            is_right = read_arrow(**text, connection);
         } else if (const toml::table* table = node.as_table()) {
-            connection = read_connection_table(*table);
+            is_right = read_connection_table(*table, connection);
         } else {
-            problems_.add_error(place_of(node), "'connections' has to be a string or a table");
+            problems_.add_error(connection.place, "'connections' has to be a string or a table");
         }
-        if (connection) {
-            connections.push_back(std::move(*connection));
+        if (!is_right) {
+            connections.pop_back();
         }
     }
 
-    std::optional<ConnectionDescription> read_arrow(const std::string& text, const Place& place)
+    bool read_arrow(std::string_view text, ConnectionDescription& connection)
     {
-        const std::string arrow(kArrow);
-        const std::size_t at = text.find(arrow);
-        std::optional<EndDescription> from;
-        std::optional<EndDescription> to;
-        if (at != std::string::npos) {
-            from = to_end(text.substr(0, at), place);
-            to = to_end(text.substr(at + arrow.size()), place);
+        const std::size_t at = text.find(kArrow);
+        const bool is_right =
+            at != std::string_view::npos &&
+            to_end(text.substr(0, at), connection.place, connection.from) &&
+            to_end(text.substr(at + kArrow.size()), connection.place, connection.to);
+        if (!is_right) {
+            problems_.add_error(
+                connection.place,
+                "'" + std::string(text) + "' is not of the form BLOCK.OUTPUT -> BLOCK.INPUT");
         }
-        if (!from || !to || text.find(arrow, at + 1) != std::string::npos) {
-            problems_.add_error(place,
-                                "'" + text + "' is not of the form BLOCK.OUTPUT -> BLOCK.INPUT");
-            return std::nullopt;
-        }
-        ConnectionDescription connection;
-        connection.from = std::move(*from);
-        connection.to = std::move(*to);
-        connection.place = place;
-        return connection;
+        return is_right;
     }
 
-    std::optional<ConnectionDescription> read_connection_table(const toml::table& table)
+    bool read_connection_table(const toml::table& table, ConnectionDescription& connection)
     {
         const Record record(table, keys_of_a_connection(), problems_);
         record.report_unknown_keys();
-        const std::optional<EndDescription> from = read_end(record, "from", place_of(table));
-        const std::optional<EndDescription> to = read_end(record, "to", place_of(table));
-        ConnectionDescription connection;
-        connection.place = place_of(table);
+        const bool has_source = read_end(record, "from", connection.place, connection.from);
+        const bool has_reader = read_end(record, "to", connection.place, connection.to);
         const auto* delayed = record.get_bool("delayed");
         connection.is_delayed = delayed != nullptr && **delayed;
         connection.is_delay_wrong = record.is_wrong("delayed", delayed);
         if (record.get_word("delivery", {"all", "latest"}) == std::size_t{0}) {
             connection.delivery = Delivery::All;
         }
-        if (!from || !to) {
-            return std::nullopt;
-        }
-        connection.from = *from;
-        connection.to = *to;
-        return connection;
+        return has_source && has_reader;
     }
 
-    std::optional<EndDescription> read_end(const Record& record, const char* key,
-                                           const Place& table)
+    /// @return whether there is an end, which is right
+    bool read_end(const Record& record, const char* key, const Place& table, EndDescription& end)
     {
         if (record.is_absent(key)) {
             problems_.add_error(table, "missing key '" + std::string(key) + "'");
         }
         const auto* text = record.get_string(key);
-        return text != nullptr ? check_end(*text) : std::nullopt;
+        return text != nullptr && check_end(*text, end);
     }
 
-    std::optional<EndDescription> check_end(const toml::value<std::string>& text)
+    bool check_end(const toml::value<std::string>& text, EndDescription& end)
     {
-        std::optional<EndDescription> end = to_end(*text, place_of(text));
-        if (!end) {
+        const bool is_right = to_end(*text, place_of(text), end);
+        if (!is_right) {
             problems_.add_error(place_of(text), "'" + *text + "' is not of the form BLOCK.PORT");
         }
-        return end;
+        return is_right;
     }
 
-    static std::optional<EndDescription> to_end(const std::string& text, const Place& place)
+    /// @return whether the text is one; else `end` is as it was
+    static bool to_end(std::string_view text, const Place& place, EndDescription& end)
     {
         const std::size_t stop = text.find('.');
-        if (stop == std::string::npos || stop + 1 == text.size() ||
-            !is_name(std::string_view(text).substr(0, stop)) ||
-            text.find_first_of(" \t") != std::string::npos) {
-            return std::nullopt;
+        if (stop == std::string_view::npos || stop + 1 == text.size()) {
+            return false;
         }
-        return EndDescription{text.substr(0, stop), text.substr(stop + 1), place};
+        const std::string_view block = text.substr(0, stop);
+        const std::string_view port = text.substr(stop + 1);
+        const auto is_blank = [](char c) { return c == ' ' || c == '\t'; };
+        if (!is_name(block) || std::any_of(port.begin(), port.end(), is_blank)) {
+            return false;
+        }
+        end.block = block;
+        end.port = port;
+        end.place = place;
+        return true;
     }
 
     /// Whether all of it stands in a table under the key, or there is none.
@@ -540,8 +539,8 @@ private:
         const auto* text = node.as_string();
         if (text == nullptr) {
             problems_.add_error(place_of(node), "'" + port.name + "' has to be " + kind);
-        } else if (std::optional<EndDescription> end = check_end(*text)) {
-            port.ends.push_back(std::move(*end));
+        } else if (EndDescription end; check_end(*text, end)) {
+            port.ends.push_back(std::move(end));
         }
     }
 
