@@ -40,9 +40,11 @@ struct ExposedPorts {
 /// The input that a port leads to, which its plug-in decides; null where there is none.
 InPortInternal* connectable(InPortProvider& port)
 {
-    InPortInternal* input = nullptr;
-    text_of_failure([&] { input = port.get_connectable(); });
-    return input;
+    try {
+        return port.get_connectable();
+    } catch (...) {
+        return nullptr;
+    }
 }
 
 std::vector<std::string> sorted_names(const std::unordered_map<std::string, Datatype>& ports)
@@ -100,6 +102,7 @@ public:
           rules_(rules),
           problems_(problems),
           exposed_(expansion.composites.size()),
+          fed_counts_(expansion.blocks.size()),
           is_excused_(expansion.blocks.size())
     {
     }
@@ -180,15 +183,18 @@ private:
 
     const std::string& path_of(std::uint32_t block) const { return expansion_.blocks[block].path; }
 
-    /// The inputs behind an end, without what is wrong, which is reported.
-    std::vector<Input> find_inputs(std::size_t composite, const EndDescription& end)
+    /// The inputs behind an end, without what is wrong, which is reported. To be used before the
+    /// next call.
+    const std::vector<Input>& find_inputs(std::size_t composite, const EndDescription& end)
     {
+        found_.clear();
         const std::optional<MemberRef> member = find_member(composite, end);
         if (!member || member->kind == MemberRef::Kind::Nothing) {
-            return {};
+            return found_;
         }
         if (member->kind == MemberRef::Kind::Plain) {
-            return find_plain_inputs(member->index, end);
+            find_plain_inputs(member->index, end);
+            return found_;
         }
         const Composite& inner = expansion_.composites[member->index];
         const std::size_t at = find_port(inner.inside->inports, end.port);
@@ -197,34 +203,33 @@ private:
             if (!inner.inside->is_broken) {
                 report_no_port(end, "input", inner.path, names_of(inner.inside->inports));
             }
-            return {};
+            return found_;
         }
         return exposed_[member->index].inputs[at];
     }
 
-    std::vector<Input> find_plain_inputs(std::uint32_t block, const EndDescription& end)
+    void find_plain_inputs(std::uint32_t block, const EndDescription& end)
     {
         if (expansion_.blocks[block].is_elsewhere) {
-            return std::vector<Input>{{block, nullptr, &end.port}};
+            found_.push_back({block, nullptr, &end.port});
+            return;
         }
         const Block* made = made_.blocks[block];
         if (made == nullptr) {
-            return {};
+            return;
         }
         const ContextScope scope(path_of(block).c_str(), "connect");
         try {
-            std::vector<Input> inputs;
             for (const auto& [owner, port] : made->Block::get_inport(end.port)) {
-                inputs.push_back({block, connectable(port), &end.port});
-                if (inputs.back().port == nullptr) {
+                found_.push_back({block, connectable(port), &end.port});
+                if (found_.back().port == nullptr) {
                     throw std::out_of_range(end.port);
                 }
             }
-            return inputs;
         } catch (const std::out_of_range&) {
+            found_.clear();
             is_excused_[block] = true;
             report_no_plain_port(end, "input", block, made->Block::get_inports_info());
-            return {};
         }
     }
 
@@ -330,9 +335,13 @@ private:
                 all.push_back({&connection, i});
             }
         }
-        std::stable_sort(all.begin(), all.end(), [](const Written& a, const Written& b) {
+        const auto is_before = [](const Written& a, const Written& b) {
             return a.connection->place < b.connection->place;
-        });
+        };
+        // Those of a graph without superblocks, in one file, come sorted.
+        if (!std::is_sorted(all.begin(), all.end(), is_before)) {
+            std::stable_sort(all.begin(), all.end(), is_before);
+        }
         return all;
     }
 
@@ -342,7 +351,7 @@ private:
         const std::optional<Output> output = find_output(written.composite, connection.from);
         for (const Input& input : find_inputs(written.composite, connection.to)) {
             if (!output) {
-                fed_by_.try_emplace(input.port, kUnknown);
+                claim(input, kUnknown);
             } else if (output->port == nullptr || input.port == nullptr) {
                 cut(connection, *output, input);
             } else if (check_codec(connection, *output, input) &&
@@ -373,7 +382,7 @@ private:
         } else if (input.port != nullptr) {
             const Datatype& type = input.port->get_datatype();
             if (!type.is_generic() && !check_codec(connection, type.get_name())) {
-                fed_by_.try_emplace(input.port, kUnknown);
+                claim(input, kUnknown);
             } else if (feed(connection, output, input)) {
                 add_entry_wire(connection, output, input);
             }
@@ -389,7 +398,7 @@ private:
         const bool is_fine = from == to || from.empty() || to.empty() || rules_.is_local ||
                              check_codec(connection, output.port->get_datatype().get_name());
         if (!is_fine) {
-            fed_by_.try_emplace(input.port, kUnknown);
+            claim(input, kUnknown);
         }
         return is_fine;
     }
@@ -443,7 +452,7 @@ private:
         if (to.is_assignable_from(from)) {
             return true;
         }
-        fed_by_.try_emplace(input.port, kUnknown);
+        claim(input, kUnknown);
         // With the settings that are wrong the types may be others.
         if (!expansion_.blocks[output.block].lacks_settings() &&
             !expansion_.blocks[input.block].lacks_settings()) {
@@ -458,14 +467,23 @@ private:
     bool feed(const ConnectionDescription& connection, const Output& output, const Input& input)
     {
         const auto wire = static_cast<std::uint32_t>(sources_.size());
-        const auto [fed, is_new] = fed_by_.try_emplace(input.port, wire);
-        if (!is_new && fed->second != kUnknown) {
-            report_fed_twice(connection, input, sources_[fed->second]);
+        std::uint32_t& fed_by = claim(input, wire);
+        if (fed_by != wire && fed_by != kUnknown) {
+            report_fed_twice(connection, input, sources_[fed_by]);
             return false;
         }
-        fed->second = wire;
+        fed_by = wire;
         sources_.push_back(output);
         return true;
+    }
+
+    /// Notes the source of an input that has none so far, an unknown one too.
+    /// @return what the source is
+    std::uint32_t& claim(const Input& input, std::uint32_t source)
+    {
+        const auto [fed, is_new] = fed_by_.try_emplace(input.port, source);
+        fed_counts_[input.block] += is_new ? 1 : 0;
+        return fed->second;
     }
 
     void add_wire(const ConnectionDescription& connection, const Output& output, const Input& input)
@@ -492,7 +510,8 @@ private:
     void warn_of_unfed_inputs()
     {
         for (std::uint32_t i = 0; i < made_.blocks.size() && !is_all_excused_; ++i) {
-            if (made_.blocks[i] != nullptr && !is_excused_[i]) {
+            if (made_.blocks[i] != nullptr && !is_excused_[i] &&
+                fed_counts_[i] != made_.input_counts[i]) {
                 warn_of_unfed_inputs(i);
             }
         }
@@ -546,6 +565,7 @@ private:
     const ConnectionRules& rules_;
     Problems& problems_;
     std::vector<ExposedPorts> exposed_;  // by composite
+    std::vector<Input> found_;           // see find_inputs()
     Network network_;
     std::vector<Place> places_;  // of the wires
     // What feeds inputs, in the order in which that was written.
@@ -554,6 +574,7 @@ private:
     std::map<std::pair<std::uint32_t, std::string>, std::uint32_t> entries_;  // by block and port
     // The source of each input; unknown where the connection to it is wrong.
     std::unordered_map<const InPortInternal*, std::uint32_t> fed_by_;
+    std::vector<std::size_t> fed_counts_;  // how many inputs of each block have one
     // What misses a connection may do so because of an error that was reported.
     std::vector<bool> is_excused_;
     bool is_all_excused_ = false;

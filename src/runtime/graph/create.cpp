@@ -47,8 +47,8 @@ public:
         }
         const std::size_t count = expansion_.blocks.size();
         made_.blocks.resize(count);
-        made_.configs.resize(count);
-        made_.state_directories.resize(count);
+        made_.records.resize(count);
+        made_.input_counts.resize(count);
         for (const std::uint32_t block : creation_order(expansion_)) {
             add_block(block);
         }
@@ -74,33 +74,37 @@ private:
         if (place.is_elsewhere) {
             return;
         }
-        const std::string& type = place.member->type;
-        const std::size_t colon = type.find(':');
-        const Plugin* plugin = find_plugin(place, type.substr(0, colon), type.substr(colon + 1));
+        const std::size_t colon = place.member->type.find(':');
+        const std::string type = place.member->type.substr(colon + 1);
+        const Plugin* plugin = find_plugin(place, place.member->type.substr(0, colon), type);
         if (plugin == nullptr) {
             return;
         }
-        BlockConfiguration& config = made_.configs[index];
-        const auto* declared = plugin->settings_of(type.substr(colon + 1));
-        const bool adds_store = configure(place, declared, config, made_.state_directories[index]);
-        if (declared != nullptr && !check_declared(*declared, place, config, problems_)) {
+        BlockRecord& record = made_.records[index];
+        record.declared = plugin->settings_of(type);
+        record.description = plugin->description_of(type);
+        const bool adds_store = configure(place, record);
+        if (record.declared != nullptr &&
+            !check_declared(*record.declared, place, record.config, problems_)) {
             return;
         }
         UniqueDlPtr<Container> container;
         const std::string failure = text_of_failure([&] {
             if (adds_store && !options_.is_dry) {
-                make_state_directory(made_.state_directories[index]);
+                make_state_directory(record.state_directory);
             }
-            container = make(*plugin, place, type.substr(colon + 1), config);
+            container = make(*plugin, place, type, record.config);
         });
         if (!failure.empty()) {
             report_failure(place, failure);
             return;
         }
-        made_.blocks[index] = static_cast<Block*>(container.get());
+        auto* const block = static_cast<Block*>(container.get());
+        made_.blocks[index] = block;
+        made_.input_counts[index] = block->Block::get_inports_info().size();
         made_.superblocks[place.composite]->add_block(std::move(container));
         destruction_.add(place.path);
-        warn_of_unread_keys(place, config, adds_store);
+        warn_of_unread_keys(place, record.config, adds_store);
     }
 
     void report_failure(const PlainBlock& place, const std::string& text)
@@ -129,27 +133,26 @@ private:
         return found.plugin.get();
     }
 
-    /// @param declared  null where the type declares no settings
+    /// @param record  with what the type declares
     /// @return whether the runtime adds the path of the store
-    bool configure(const PlainBlock& place, const std::vector<Quorval::Setting>* declared,
-                   BlockConfiguration& config, std::string& directory)
+    bool configure(const PlainBlock& place, BlockRecord& record)
     {
         bool has_store = false;
         for (const SettingRef& ref : place.settings) {
-            if (ref.setting->is_saved && declared != nullptr &&
-                !is_declared(*declared, ref.key())) {
+            if (ref.setting->is_saved && record.declared != nullptr &&
+                !is_declared(*record.declared, ref.key())) {
                 continue;  // of a former version of the block; reported below
             }
             if (!ref.setting->is_wrong) {
-                set_value(config, std::string(ref.key()), ref.setting->value);
+                set_value(record.config, std::string(ref.key()), ref.setting->value);
             }
             has_store = has_store || ref.key() == kStoreKey;
         }
         if (has_store || options_.state_directory.empty()) {
             return false;
         }
-        directory = state_directory_of(options_.state_directory, place.path);
-        config.set(kStoreKey, directory);
+        record.state_directory = state_directory_of(options_.state_directory, place.path);
+        record.config.set(kStoreKey, record.state_directory);
         return true;
     }
 

@@ -8,6 +8,7 @@
 #include "graph/loaded_graph.h"
 #include "plugins/plugin_set.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -21,8 +22,8 @@ constexpr const char* kStoreKey = "pstore_path";
 struct Creation {
     std::vector<Superblock*> superblocks;  ///< of the composites; null: it is elsewhere
     std::vector<Block*> blocks;  ///< null: it is elsewhere, or could not be made, which is reported
-    std::vector<BlockConfiguration> configs;
-    std::vector<std::string> state_directories;
+    std::vector<BlockRecord> records;
+    std::vector<std::size_t> input_counts;
 };
 
 /// What all blocks of a graph are made with.

@@ -11,6 +11,20 @@ namespace {
 
 using Blocks = std::vector<std::uint32_t>;
 
+/// Blocks that lie side by side somewhere.
+class Range {
+public:
+    Range() = default;
+    Range(const std::uint32_t* first, std::size_t count) : begin_(first), end_(first + count) {}
+
+    const std::uint32_t* begin() const { return begin_; }
+    const std::uint32_t* end() const { return end_; }
+
+private:
+    const std::uint32_t* begin_ = nullptr;
+    const std::uint32_t* end_ = nullptr;
+};
+
 /// Follows names to the blocks behind them.
 class Tracer {
 public:
@@ -59,7 +73,7 @@ private:
         for (std::size_t port = 0; port < ports.size(); ++port) {
             std::size_t kept = 0;
             for (const EndDescription& end : ports[port].ends) {
-                const Blocks more = find(composite, end, is_input);
+                const Range more = find(composite, end, is_input);
                 exposed[port].insert(exposed[port].end(), more.begin(), more.end());
                 if (exposed[port].size() > 2 * kept) {
                     keep_one_of_each(exposed[port]);
@@ -71,8 +85,8 @@ private:
         return exposed;
     }
 
-    /// The blocks behind an end.
-    Blocks find(std::size_t composite, const EndDescription& end, bool is_input) const
+    /// The blocks behind an end, which lie in the expansion or in what is exposed.
+    Range find(std::size_t composite, const EndDescription& end, bool is_input) const
     {
         const Composite& place = expansion_.composites[composite];
         if (end.member == kNoMember) {
@@ -80,7 +94,7 @@ private:
         }
         const MemberRef& ref = place.members[end.member];
         if (ref.kind != MemberRef::Kind::Composite) {
-            return ref.kind == MemberRef::Kind::Plain ? Blocks{ref.index} : Blocks();
+            return ref.kind == MemberRef::Kind::Plain ? Range(&ref.index, 1) : Range();
         }
         const CompositeDescription& inside = *expansion_.composites[ref.index].inside;
         const Ports& ports = is_input ? inside.inports : inside.outports;
@@ -91,7 +105,8 @@ private:
         if (at == ports.end() || at->name != end.port) {
             return {};
         }
-        return (is_input ? exposed.inputs : exposed.outputs)[at - ports.begin()];
+        const Blocks& blocks = (is_input ? exposed.inputs : exposed.outputs)[at - ports.begin()];
+        return {blocks.data(), blocks.size()};
     }
 
     void connect(std::size_t composite, const ConnectionDescription& connection)

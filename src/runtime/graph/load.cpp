@@ -59,17 +59,6 @@ void take_saved(LoadedGraph& graph)
     insert_saved(*graph.reading, graph.saved_file, graph.saved);
 }
 
-void note_declared(LoadedBlock& block, PluginSet& plugins)
-{
-    const std::string& type = block.place.member->type;
-    const std::size_t colon = type.find(':');
-    const std::unique_ptr<Plugin>& plugin = plugins.get(type.substr(0, colon)).plugin;
-    if (plugin != nullptr && plugin->has_type(type.substr(colon + 1))) {
-        block.declared = plugin->settings_of(type.substr(colon + 1));
-        block.description = plugin->description_of(type.substr(colon + 1));
-    }
-}
-
 void build(LoadedGraph& graph, const GraphOptions& options)
 {
     Problems& problems = graph.reading->problems;
@@ -88,9 +77,7 @@ void build(LoadedGraph& graph, const GraphOptions& options)
                                    problems, order);
     graph.blocks.reserve(order.size());
     for (const std::uint32_t i : order) {
-        graph.blocks.push_back({std::move(expansion.blocks[i]), std::move(made.configs[i]),
-                                std::move(made.state_directories[i]), nullptr, nullptr});
-        note_declared(graph.blocks.back(), *graph.plugins);
+        graph.blocks.push_back({std::move(made.records[i]), std::move(expansion.blocks[i])});
     }
 }
 

@@ -18,9 +18,8 @@
 
 namespace Quorval::runtime {
 
-/// A plain block as it was made.
-struct LoadedBlock {
-    PlainBlock place;           ///< its path, type, places and settings; refers to the reading
+/// How a plain block was made.
+struct BlockRecord {
     BlockConfiguration config;  ///< what it was made with
     /// Of its own, absolute and with a "/" at its end; empty where it has none, or one that the
     /// file sets.
@@ -28,6 +27,11 @@ struct LoadedBlock {
     /// What its type declares, and the description of that; null where it declares nothing.
     const std::vector<Quorval::Setting>* declared = nullptr;
     const BlockConfiguration* description = nullptr;
+};
+
+/// A plain block that was made.
+struct LoadedBlock : BlockRecord {
+    PlainBlock place;  ///< its path, type, places and settings; refers to the reading
 };
 
 /// Destroyed from the last member to the first: the blocks go before their plug-ins, the plug-ins

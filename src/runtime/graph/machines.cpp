@@ -49,6 +49,9 @@ std::string machine_at(const EndDescription& end, const GraphDescription& descri
 /// @param machine  that it has to begin or end at; empty: any
 bool is_linked(const GraphDescription& description, const std::string& machine)
 {
+    if (description.machines.empty() && !description.has_broken_machines) {
+        return false;
+    }
     const std::vector<ConnectionDescription>& connections = description.graph.connections;
     return std::any_of(connections.begin(), connections.end(), [&](const auto& connection) {
         const std::string from = machine_at(connection.from, description);
