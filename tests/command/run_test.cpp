@@ -364,6 +364,25 @@ TEST_F(Run, RunsOnSeveralThreadsWhereTheBuildHasThem)
 #endif
 }
 
+#ifdef QUORVAL_LOADS_TBB
+TEST_F(Run, SaysWhatIsWrongWithTheLibraryOfThreads)
+{
+    const std::string library = directory() + "/libtbb.so.12";
+    ProcessOptions options = command({"run", "--threads", "2", "numbers.toml"});
+    set_variable(options, "LD_LIBRARY_PATH", directory());
+    const auto expect_error = [&options](const std::string& text) {
+        expect_result(run_process(options), 1, "", "quorval: error: " + text + "\n");
+    };
+
+    write("libtbb.so.12", "");
+    expect_error("libtbb.so.12 cannot be loaded: " + library + ": file too short");
+
+    std::filesystem::copy_file(QUORVAL_TEST_PLUGIN_DIR "/numbers.so", library,
+                               std::filesystem::copy_options::overwrite_existing);
+    expect_error("libtbb.so.12 has no _ZN3tbb6detail2r18allocateERPNS0_2d117small_object_poolEm");
+}
+#endif
+
 TEST_F(Run, KeepsStateWhereItIsTold)
 {
     write_trouble("", "");

@@ -13,6 +13,9 @@
 
 namespace {
 
+namespace d0 = tbb::detail::d0;
+namespace d1 = tbb::detail::d1;
+
 const Quorval::runtime::Library& libtbb()
 {
     static const Quorval::runtime::Library kLoaded("libtbb.so.12");
@@ -30,6 +33,56 @@ struct Symbol {
     }
 };
 
+/// All that is called: a library that lacks one of them is refused with the first call.
+struct Functions {
+    void* (*allocate)(d1::small_object_pool*&, std::size_t) = Symbol{
+        "_ZN3tbb6detail2r18allocateERPNS0_2d117small_object_poolEm"};
+    void (*assertion_failure)(const char*, int, const char*, const char*) = Symbol{
+        "_ZN3tbb6detail2r117assertion_failureEPKciS3_S3_"};
+    void (*call_itt_notify)(int, void*) = Symbol{"_ZN3tbb6detail2r115call_itt_notifyEiPv"};
+    bool (*cancel_group_execution)(d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r122cancel_group_executionERNS0_2d118task_group_contextE"};
+    void (*create_control)(d1::global_control&) = Symbol{
+        "_ZN3tbb6detail2r16createERNS0_2d114global_controlE"};
+    void (*deallocate)(d1::small_object_pool&, void*, std::size_t,
+                       const d1::execution_data&) = Symbol{
+        "_ZN3tbb6detail2r110deallocateERNS0_2d117small_object_poolEPvmRKNS2_14execution_dataE"};
+    void (*destroy_control)(d1::global_control&) = Symbol{
+        "_ZN3tbb6detail2r17destroyERNS0_2d114global_controlE"};
+    void (*destroy_context)(d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r17destroyERNS0_2d118task_group_contextE"};
+    void (*execute)(d1::task_arena_base&, d1::delegate_base&) = Symbol{
+        "_ZN3tbb6detail2r17executeERNS0_2d115task_arena_baseERNS2_13delegate_baseE"};
+    d1::slot_id (*execution_slot)(const d1::execution_data*) = Symbol{
+        "_ZN3tbb6detail2r114execution_slotEPKNS0_2d114execution_dataE"};
+    void (*initialize_arena)(d1::task_arena_base&) = Symbol{
+        "_ZN3tbb6detail2r110initializeERNS0_2d115task_arena_baseE"};
+    void (*initialize_context)(d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r110initializeERNS0_2d118task_group_contextE"};
+    bool (*is_group_execution_cancelled)(d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r128is_group_execution_cancelledERNS0_2d118task_group_contextE"};
+    void (*isolate_within_arena)(d1::delegate_base&, std::intptr_t) = Symbol{
+        "_ZN3tbb6detail2r120isolate_within_arenaERNS0_2d113delegate_baseEl"};
+    void (*notify_waiters)(std::uintptr_t) = Symbol{"_ZN3tbb6detail2r114notify_waitersEm"};
+    int (*numa_default_concurrency)(int) = Symbol{"_ZN3tbb6detail2r124numa_default_concurrencyEi"};
+    void (*reset)(d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r15resetERNS0_2d118task_group_contextE"};
+    void (*spawn)(d1::task&, d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r15spawnERNS0_2d14taskERNS2_18task_group_contextE"};
+    void (*terminate)(d1::task_arena_base&) = Symbol{
+        "_ZN3tbb6detail2r19terminateERNS0_2d115task_arena_baseE"};
+    void (*throw_exception)(d0::exception_id) = Symbol{
+        "_ZN3tbb6detail2r115throw_exceptionENS0_2d012exception_idE"};
+    void (*wait)(d1::wait_context&, d1::task_group_context&) = Symbol{
+        "_ZN3tbb6detail2r14waitERNS0_2d112wait_contextERNS2_18task_group_contextE"};
+};
+
+const Functions& functions()
+{
+    static const Functions kFound;
+    return kFound;
+}
+
 }  // namespace
 
 // Its headers have names of parameters of their own.
@@ -39,148 +92,108 @@ namespace tbb::detail::r1 {
 
 void* allocate(d1::small_object_pool*& pool, std::size_t size)
 {
-    static void* (*const kFound)(d1::small_object_pool*&, std::size_t) =
-        Symbol{"_ZN3tbb6detail2r18allocateERPNS0_2d117small_object_poolEm"};
-    return kFound(pool, size);
+    return functions().allocate(pool, size);
 }
 
 void assertion_failure(const char* location, int line, const char* expression, const char* comment)
 {
-    static void (*const kFound)(const char*, int, const char*, const char*) =
-        Symbol{"_ZN3tbb6detail2r117assertion_failureEPKciS3_S3_"};
-    kFound(location, line, expression, comment);
+    functions().assertion_failure(location, line, expression, comment);
 }
 
 void call_itt_notify(int type, void* pointer)
 {
-    static void (*const kFound)(int, void*) = Symbol{"_ZN3tbb6detail2r115call_itt_notifyEiPv"};
-    kFound(type, pointer);
+    functions().call_itt_notify(type, pointer);
 }
 
 bool cancel_group_execution(d1::task_group_context& context)
 {
-    static bool (*const kFound)(d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r122cancel_group_executionERNS0_2d118task_group_contextE"};
-    return kFound(context);
+    return functions().cancel_group_execution(context);
 }
 
 void create(d1::global_control& control)
 {
-    static void (*const kFound)(d1::global_control&) =
-        Symbol{"_ZN3tbb6detail2r16createERNS0_2d114global_controlE"};
-    kFound(control);
+    functions().create_control(control);
 }
 
 void deallocate(d1::small_object_pool& pool, void* object, std::size_t size,
                 const d1::execution_data& data)
 {
-    static void (*const kFound)(d1::small_object_pool&, void*, std::size_t,
-                                const d1::execution_data&) = Symbol{
-        "_ZN3tbb6detail2r110deallocateERNS0_2d117small_object_poolEPvmRKNS2_14execution_dataE"};
-    kFound(pool, object, size, data);
+    functions().deallocate(pool, object, size, data);
 }
 
 void destroy(d1::global_control& control)
 {
-    static void (*const kFound)(d1::global_control&) =
-        Symbol{"_ZN3tbb6detail2r17destroyERNS0_2d114global_controlE"};
-    kFound(control);
+    functions().destroy_control(control);
 }
 
 void destroy(d1::task_group_context& context)
 {
-    static void (*const kFound)(d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r17destroyERNS0_2d118task_group_contextE"};
-    kFound(context);
+    functions().destroy_context(context);
 }
 
 void execute(d1::task_arena_base& arena, d1::delegate_base& work)
 {
-    static void (*const kFound)(d1::task_arena_base&, d1::delegate_base&) =
-        Symbol{"_ZN3tbb6detail2r17executeERNS0_2d115task_arena_baseERNS2_13delegate_baseE"};
-    kFound(arena, work);
+    functions().execute(arena, work);
 }
 
 d1::slot_id execution_slot(const d1::execution_data* data)
 {
-    static d1::slot_id (*const kFound)(const d1::execution_data*) =
-        Symbol{"_ZN3tbb6detail2r114execution_slotEPKNS0_2d114execution_dataE"};
-    return kFound(data);
+    return functions().execution_slot(data);
 }
 
 void initialize(d1::task_arena_base& arena)
 {
-    static void (*const kFound)(d1::task_arena_base&) =
-        Symbol{"_ZN3tbb6detail2r110initializeERNS0_2d115task_arena_baseE"};
-    kFound(arena);
+    functions().initialize_arena(arena);
 }
 
 void initialize(d1::task_group_context& context)
 {
-    static void (*const kFound)(d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r110initializeERNS0_2d118task_group_contextE"};
-    kFound(context);
+    functions().initialize_context(context);
 }
 
 bool is_group_execution_cancelled(d1::task_group_context& context)
 {
-    static bool (*const kFound)(d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r128is_group_execution_cancelledERNS0_2d118task_group_contextE"};
-    return kFound(context);
+    return functions().is_group_execution_cancelled(context);
 }
 
 void isolate_within_arena(d1::delegate_base& work, std::intptr_t tag)
 {
-    static void (*const kFound)(d1::delegate_base&, std::intptr_t) =
-        Symbol{"_ZN3tbb6detail2r120isolate_within_arenaERNS0_2d113delegate_baseEl"};
-    kFound(work, tag);
+    functions().isolate_within_arena(work, tag);
 }
 
 void notify_waiters(std::uintptr_t wait)
 {
-    static void (*const kFound)(std::uintptr_t) = Symbol{"_ZN3tbb6detail2r114notify_waitersEm"};
-    kFound(wait);
+    functions().notify_waiters(wait);
 }
 
 int numa_default_concurrency(int node)
 {
-    static int (*const kFound)(int) = Symbol{"_ZN3tbb6detail2r124numa_default_concurrencyEi"};
-    return kFound(node);
+    return functions().numa_default_concurrency(node);
 }
 
 void reset(d1::task_group_context& context)
 {
-    static void (*const kFound)(d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r15resetERNS0_2d118task_group_contextE"};
-    kFound(context);
+    functions().reset(context);
 }
 
 void spawn(d1::task& task, d1::task_group_context& context)
 {
-    static void (*const kFound)(d1::task&, d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r15spawnERNS0_2d14taskERNS2_18task_group_contextE"};
-    kFound(task, context);
+    functions().spawn(task, context);
 }
 
 void terminate(d1::task_arena_base& arena)
 {
-    static void (*const kFound)(d1::task_arena_base&) =
-        Symbol{"_ZN3tbb6detail2r19terminateERNS0_2d115task_arena_baseE"};
-    kFound(arena);
+    functions().terminate(arena);
 }
 
 void throw_exception(d0::exception_id id)
 {
-    static void (*const kFound)(d0::exception_id) =
-        Symbol{"_ZN3tbb6detail2r115throw_exceptionENS0_2d012exception_idE"};
-    kFound(id);
+    functions().throw_exception(id);
 }
 
 void wait(d1::wait_context& wait, d1::task_group_context& context)
 {
-    static void (*const kFound)(d1::wait_context&, d1::task_group_context&) =
-        Symbol{"_ZN3tbb6detail2r14waitERNS0_2d112wait_contextERNS2_18task_group_contextE"};
-    kFound(wait, context);
+    functions().wait(wait, context);
 }
 
 }  // namespace tbb::detail::r1

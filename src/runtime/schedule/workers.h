@@ -16,7 +16,8 @@ public:
 
     /// The processors of the process: more threads than that get in each other's way. Loads the
     /// library that has the threads.
-    /// @throws std::runtime_error  it cannot be loaded: "<name> cannot be loaded: <text>"
+    /// @throws std::runtime_error  it cannot be loaded: "<name> cannot be loaded: <text>",
+    ///     or is another one: "<name> has no <function>"
     static unsigned processors();
 
     /// @param threads  at most so many work at a time, the one that calls among them
