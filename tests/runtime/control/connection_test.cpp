@@ -1,0 +1,124 @@
+#include "control/connection.h"
+
+#include "loop/loop.h"
+#include "runtime/control/fake_bus.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace Quorval;
+using namespace Quorval::runtime;
+using quorval_test::FakeBus;
+using quorval_test::give;
+using quorval_test::LogRecorder;
+using quorval_test::refuse;
+using ::testing::ElementsAre;
+
+namespace {
+
+constexpr unsigned kIsOwner = 1;
+constexpr unsigned kIsQueued = 2;
+constexpr unsigned kIsTaken = 3;
+constexpr const char* kLost = "the user's bus is lost; the graph runs on without it";
+constexpr const char* kBack = "the user's bus is back";
+
+class ConnectionTest : public testing::Test {
+protected:
+    static std::vector<SlotHandle> publish_nothing(sd_bus* /*bus*/) { return {}; }
+
+    static std::string open()
+    {
+        return runtime::Connection(Bus::User, "org.quorval.graph.g", publish_nothing).open();
+    }
+
+    /// The bus hangs up on the connection, which gets the name again after all of these answers.
+    void lose_and_find(std::vector<FakeBus::Answer> answers, runtime::Connection::Publish publish)
+    {
+        answers.insert(answers.begin(), give(kIsOwner));
+        answers.push_back(give(kIsOwner));
+        bus_.on("RequestName", [&](sd_bus_message* call) {
+            const bool hangs_up = requests_ == 0;
+            const int result = answers.at(requests_++)(call);
+            sd_bus_flush(sd_bus_message_get_bus(call));
+            return hangs_up ? -EIO : result;
+        });
+        runtime::Connection connection(Bus::User, "org.quorval.graph.g", std::move(publish));
+        ASSERT_EQ(connection.open(), "");
+        connection.attach(loop_.event());
+
+        while (log_.texts().empty() || log_.texts().back() != kBack) {
+            loop_.wait(std::nullopt);
+        }
+        EXPECT_NE(connection.bus(), nullptr);
+        bus_.stop();
+    }
+
+    LogRecorder log_{LOGLEVEL_INFO};
+    Loop loop_;
+    FakeBus bus_;
+    std::size_t requests_ = 0;
+};
+
+TEST_F(ConnectionTest, SaysWhyItCannotHaveTheName)
+{
+    bus_.on("RequestName", refuse("AccessDenied", "no"));
+
+    EXPECT_EQ(open(),
+              "the name org.quorval.graph.g cannot be had on the user's bus: "
+              "Permission denied");
+}
+
+TEST_F(ConnectionTest, SaysThatTheNameIsTakenBySomebodyWhoHasGone)
+{
+    bus_.on("RequestName", give(kIsTaken));
+    bus_.on("GetNameOwner", refuse("NameHasNoOwner", "nobody"));
+
+    EXPECT_EQ(open(), "the name org.quorval.graph.g is taken on the user's bus");
+}
+
+TEST_F(ConnectionTest, SaysThatTheNameIsTakenBySomebodyWhoIsNotKnown)
+{
+    bus_.on("RequestName", give(kIsTaken));
+    bus_.on("GetConnectionUnixProcessID", refuse("UnixProcessIdUnknown", "who knows"));
+
+    EXPECT_EQ(open(), "the name org.quorval.graph.g is taken on the user's bus");
+}
+
+TEST_F(ConnectionTest, IsFoundAgain)
+{
+    lose_and_find({}, publish_nothing);
+
+    EXPECT_THAT(log_.texts(), ElementsAre(kLost, kBack));
+    EXPECT_EQ(requests_, 2U);
+}
+
+TEST_F(ConnectionTest, IsLookedForUntilItHasTheNameAgain)
+{
+    lose_and_find({give(kIsQueued), refuse("AccessDenied", "not yet")}, publish_nothing);
+
+    EXPECT_THAT(log_.texts(), ElementsAre(kLost, kBack));
+    EXPECT_EQ(requests_, 4U);
+}
+
+TEST_F(ConnectionTest, SaysWhatCannotBePublishedAgain)
+{
+    bool is_first = true;
+    lose_and_find({}, [&is_first](sd_bus* bus) {
+        if (!std::exchange(is_first, false)) {
+            throw std::runtime_error("no place for it");
+        }
+        return publish_nothing(bus);
+    });
+
+    EXPECT_THAT(log_.texts(), ElementsAre(kLost, "no place for it", kBack));
+}
+
+}  // namespace
