@@ -33,6 +33,8 @@ TEST_F(LinkFilesTest, HaveAPasswordInTheirFirstLine)
 
         EXPECT_EQ(read_password(file), "secret") << text;
     }
+    write_file(file, "\nsecret\n");
+    EXPECT_EQ(read_password(file), "");
 }
 
 TEST_F(LinkFilesTest, AreNotWaitedFor)

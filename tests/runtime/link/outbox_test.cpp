@@ -1,6 +1,7 @@
 #include "link/outbox.h"
 
 #include <quorval/runtime/tools.h>
+#include "runtime/support/graph_files.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -47,6 +48,38 @@ protected:
     PluginSet plugins_{{}, tools_};
     OutPort<std::string> output_{"out", Datatype("string")};
 };
+
+TEST_F(OutboxTest, TakesNothingFromAnOutputThatNeverHadAValue)
+{
+    Outbox outbox = make(true);
+
+    outbox.take(kNow);
+
+    EXPECT_EQ(outbox.size(), 0U);
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(OutboxTest, SaysThatAValueCannotBeEncoded)
+{
+    struct Number {
+        int value;
+    };
+    PluginSet plugins({quorval_test::test_plugin_directory()}, tools_);
+    ASSERT_EQ(plugins.get("recorded").problem, "");
+    recorder_.clear();
+    OutPort<Number> output("out", Datatype("fussy"));
+    Outbox outbox(Exit{0, "out", &output, true}, "mic", plugins, 2, 20);
+
+    for (const int value : {1, 2, 0}) {
+        output.write({value});
+        outbox.take(kNow);
+    }
+
+    EXPECT_EQ(send_all(outbox), (Numbers{1, 3}));
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: a value cannot be encoded: too much"}));
+    EXPECT_EQ(outbox.statistics().lost, 1U);
+}
 
 TEST_F(OutboxTest, KeepsValuesInTheirOrder)
 {

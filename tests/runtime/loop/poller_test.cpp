@@ -273,6 +273,67 @@ TEST(Poller, GetsRidOfAClosedDescriptorThatLivesOnInAnother)
     ::close(copy);
 }
 
+TEST(Poller, WatchesAFileAgainThatIsBackUnderItsNumber)
+{
+    Poller poller;
+    Pipe pipe;
+    auto stale = poller.add(pipe.read_end, kReadable, 1);
+    const int copy = ::dup(pipe.read_end);
+    const int number = pipe.read_end;
+    Pipe::close_end(pipe.read_end);
+    stale.reset();
+    pipe.read_end = ::dup2(copy, number);
+    ::close(copy);
+
+    const auto reading = poller.add(number, kReadable, 2);
+
+    pipe.fill();
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("2 r"));
+}
+
+TEST(Poller, KeepsTheMaskWhenTheNewOneCannotBeWatched)
+{
+    Poller poller;
+    Pipe pipe;
+    const auto reading = poller.add(pipe.read_end, kReadable, 1);
+    const int number = pipe.read_end;
+    Pipe::close_end(pipe.read_end);
+
+    quorval_test::expect_throw<std::system_error>(
+        [&] { reading->change_mask(kBoth); },
+        "cannot watch descriptor " + std::to_string(number) + ": Bad file descriptor");
+
+    EXPECT_EQ(reading->get_mask(), kReadable);
+}
+
+TEST(Poller, BearsAChangeToTheSameDescriptor)
+{
+    Poller poller;
+    Pipe pipe;
+    const auto reading = poller.add(pipe.read_end, kReadable, 1);
+
+    reading->change_fd(pipe.read_end);
+
+    pipe.fill();
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 r"));
+}
+
+TEST(Poller, HasReadyWhatTheCallbackOfARegistrationSays)
+{
+    Poller poller;
+    Pipe pipe;
+    const auto reading = poller.add(pipe.read_end, kReadable, 1);
+    const std::vector<Ready>& ready = poller.wait(false);
+    ASSERT_THAT(ready, IsEmpty());
+
+    reading->get_callback()(true, false);
+
+    ASSERT_EQ(ready.size(), 1U);
+    EXPECT_EQ(ready[0].tag, 1U);
+    EXPECT_TRUE(ready[0].readable);
+    EXPECT_FALSE(ready[0].writable);
+}
+
 TEST(Poller, KnowsARegistrationThatWasMoved)
 {
     Poller poller;

@@ -35,6 +35,16 @@ TEST(MessageLines, ShowControlCharactersAsNumbers)
               "quorval: a\\x1B[1mb\\x0D\\x09c\n");
 }
 
+TEST(MessageLines, ShowControlCharactersOfTwoBytesAsNumbersAndOtherLettersAsTheyAre)
+{
+    EXPECT_EQ(to_lines(LOGLEVEL_INFO, nullptr,
+                       "a\xC2\x85"
+                       "b\xC2\x9F\x7F"),
+              "quorval: a\\xC2\\x85b\\xC2\\x9F\\x7F\n");
+    EXPECT_EQ(to_lines(LOGLEVEL_INFO, nullptr, "\xC2\xB5m \xC3\x84 \xC2"),
+              "quorval: \xC2\xB5m \xC3\x84 \xC2\n");
+}
+
 TEST(MessageEntry, HasThePathInFrontAndItsLinesAsTheyAre)
 {
     EXPECT_EQ(to_entry("left/gain", "one\ntwo\n"), "left/gain: one\ntwo");

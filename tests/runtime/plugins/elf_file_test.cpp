@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -216,9 +218,12 @@ TEST(OwnMachine, IsThatOfThePluginsThatAreBuiltHere)
 
 TEST(MachineName, NamesWhatIsCommon)
 {
-    EXPECT_EQ(Quorval::runtime::machine_name(EM_X86_64), "x86-64");
-    EXPECT_EQ(Quorval::runtime::machine_name(EM_AARCH64), "AArch64");
-    EXPECT_EQ(Quorval::runtime::machine_name(4711), "machine 4711");
+    const std::vector<std::pair<unsigned, std::string>> names = {
+        {EM_386, "x86"},      {EM_X86_64, "x86-64"},   {EM_ARM, "ARM"},    {EM_AARCH64, "AArch64"},
+        {EM_RISCV, "RISC-V"}, {EM_PPC64, "PowerPC64"}, {EM_S390, "S/390"}, {4711, "machine 4711"}};
+    for (const auto& [machine, name] : names) {
+        EXPECT_EQ(Quorval::runtime::machine_name(machine), name);
+    }
 }
 
 }  // namespace

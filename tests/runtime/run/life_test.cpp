@@ -230,6 +230,44 @@ TEST_F(LifeTest, TakesATimeBack)
     EXPECT_FALSE(life->next_time().has_value());
 }
 
+TEST_F(LifeTest, GivesABlockNoTimeAfterItsEnd)
+{
+    a.on_start = [&] { a.get_tools().request_run(); };
+    a.on_run = [&] {
+        a.get_tools().run_at(103s);
+        return false;
+    };
+    life->start();
+    life->step();
+    a.get_tools().run_at(104s);
+
+    EXPECT_FALSE(life->next_time().has_value());
+    world.time = 105s;
+    life->step();
+
+    EXPECT_EQ(a.runs, 1);
+}
+
+TEST_F(LifeTest, HasASourceOnAnotherMachineUnlessAllThatComesFromThereIsDelayed)
+{
+    for (const bool has_other : {false, true}) {
+        FakeGraph other;
+        FakeBlock& reader = other.add("a");
+        FakeBlock& last = other.add("b");
+        reader.input("late");
+        other.connect_remote(reader, "late", true);
+        if (has_other) {
+            reader.input("in");
+            other.connect_remote(reader, "in");
+        }
+        last.input("late");
+        other.connect_remote(last, "late", true);
+        Life far_life(other.arrange(), world, nullptr, nullptr);
+
+        EXPECT_EQ(far_life.start(), has_other);
+    }
+}
+
 TEST_F(LifeTest, ShowsTheTimeOfTheWave)
 {
     std::vector<std::chrono::nanoseconds> times;

@@ -1,0 +1,163 @@
+#include "messages/left_open.h"
+
+#include "loop/descriptor.h"
+#include "messages/context.h"
+#include "support/support.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+using namespace Quorval::runtime;
+using quorval_test::expect_throw;
+using quorval_test::LogRecorder;
+using quorval_test::TemporaryDirectory;
+using quorval_test::write_file;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+class LeftOpenTest : public testing::Test {
+protected:
+    /// Opens a file of the directory as an operation of a block does.
+    std::unique_ptr<Descriptor> open(const char* path, const std::string& name)
+    {
+        const ContextScope scope(path, "start");
+        auto opened = open(name);
+        note_left_open();
+        return opened;
+    }
+
+    std::unique_ptr<Descriptor> open(const std::string& name)
+    {
+        write_file(file(name), "");
+        return std::make_unique<Descriptor>(::open(file(name).c_str(), O_RDONLY | O_CLOEXEC),
+                                            "open");
+    }
+
+    std::string file(const std::string& name) const { return directory_.path() / name; }
+
+    LogRecorder log_;
+    TemporaryDirectory directory_;
+    std::optional<LeftOpen> watch_{true};
+    // As that of the loop of a graph, it has the number that the first look itself used.
+    Descriptor loop_{::open("/dev/null", O_RDONLY | O_CLOEXEC), "open"};
+};
+
+TEST_F(LeftOpenTest, AreToldBlockByBlock)
+{
+    const auto first = open("left/gain", "first");
+    const auto other = open("mixer", "other");
+    const auto second = open("left/gain", "second");
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("block 'left/gain' left 2 descriptors open, the first is '" +
+                                file("first") + "'",
+                            "block 'mixer' left a descriptor open: '" + file("other") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreNotThoseThatWereClosedOrThereBefore)
+{
+    watch_.reset();
+    const auto before = open("before");
+    watch_.emplace(true);
+    open("left/gain", "closed").reset();
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(), IsEmpty());
+}
+
+TEST_F(LeftOpenTest, HaveNoBlockWhereNobodyWasSeenToOpenThem)
+{
+    const auto opened = open("unseen");
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("a block left a descriptor open: '" + file("unseen") + "'"));
+}
+
+TEST_F(LeftOpenTest, HaveNoBlockWhereTheNumberStandsForAnotherFileByNow)
+{
+    auto opened = open("left/gain", "first");
+    const int number = opened->get();
+    opened.reset();
+    const auto other = open("second");
+    ASSERT_EQ(other->get(), number);
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("a block left a descriptor open: '" + file("second") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreToldOfABlockThatFailedAlso)
+{
+    auto lower = open("lower");
+    const ContextScope scope("mixer", "start");
+    const auto kept = open("kept");
+    lower.reset();
+    note_left_open_of_failure();
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("block 'mixer' left a descriptor open: '" + file("kept") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreNotWhatMessagesAreSentThrough)
+{
+    const Descriptor log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(), IsEmpty());
+}
+
+TEST_F(LeftOpenTest, AreOtherSocketsThanThoseOfMessages)
+{
+    const Descriptor stream(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    const Descriptor network(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
+
+    watch_.reset();
+
+    ASSERT_EQ(log_.texts().size(), 1U);
+    EXPECT_EQ(log_.texts()[0].rfind("a block left 2 descriptors open, the first is 'socket:[", 0),
+              0U);
+}
+
+TEST_F(LeftOpenTest, TellOnceThatOneWasClosedThatNoBlockHadAnyBusinessWith)
+{
+    auto guarded = open("guarded");
+    watch_->guard(guarded->get());
+    EXPECT_NO_THROW(note_left_open());
+    guarded.reset();
+
+    expect_throw<std::runtime_error>(note_left_open, "it closed a descriptor that is not its own");
+    EXPECT_NO_THROW(note_left_open());
+}
+
+TEST_F(LeftOpenTest, AreNotLookedForWhereNobodyAsksForThem)
+{
+    watch_.emplace(false);
+    const auto opened = open("left/gain", "first");
+    note_left_open_of_failure();
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(), IsEmpty());
+}
+
+}  // namespace
