@@ -18,7 +18,7 @@ HARMLESS = "tests/harmless_mutants.txt"
 COMMON = ["tests/faults", "tests/fuzz"]
 MOST_SURVIVORS = 0.05
 # Of a mutant that never ends, or takes all memory: far more than any test program needs.
-SECONDS = 30
+SECONDS = 120
 BYTES = 4 << 30
 
 # What to look for, and what to put in its place.
@@ -92,9 +92,16 @@ def mutate_line(line):
 
 
 def find_folders(root):
-    """The folders of sources that a folder of tests mirrors: core/block, core/config and so on."""
-    folders = {file.parent.relative_to(root / "src") for file in root.glob("src/*/*/*.cpp")}
-    return sorted(str(folder) for folder in folders if (root / "tests" / folder).is_dir())
+    """The folders of sources that a folder of tests mirrors: core/block, command and so on."""
+    folders = {file.parent.relative_to(root / "src") for file in root.glob("src/**/*.cpp")}
+    return sorted(str(folder) for folder in folders if find_programs(root / "tests" / folder))
+
+
+def find_programs(tests):
+    """The test programs that the list of a folder of tests names."""
+    listed = tests / "CMakeLists.txt"
+    text = listed.read_text(encoding="utf-8") if listed.exists() else ""
+    return re.findall(r"quorval_add(?:_runtime)?_test\(\s*(\w+)", text)
 
 
 def read_harmless(root):
@@ -139,7 +146,9 @@ class Copy:
         # Every file is newer than what was built from the last mutant of a run before.
         shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"),
                         copy_function=shutil.copy)
-        # The tests that will run, and none else.
+        # The tests that will run, and those whose sources and plug-ins they use, and none else.
+        lists = [(root / folder / "CMakeLists.txt").read_text(encoding="utf-8") for folder in folders]
+        folders = [*folders, *re.findall(r"/(tests/\w+)/", "\n".join(lists))]
         for layer in sorted({str(Path(folder).parent) for folder in folders} | {"tests"}):
             tests = self.tree / layer / "CMakeLists.txt"
             kept = re.sub(
@@ -166,8 +175,7 @@ class Copy:
     def programs(self, folder):
         """The test programs of a folder of tests, by the targets that CMake has for it."""
         help_text = run(["cmake", "--build", self.build, "--target", "help"]).stdout
-        text = (self.tree / folder / "CMakeLists.txt").read_text(encoding="utf-8")
-        names = re.findall(r"quorval_add_test\(\s*(\w+)", text)
+        names = find_programs(self.tree / folder)
         return [name for name in names if re.search(rf"^{name}\b", help_text, re.MULTILINE)]
 
     def run_program(self, folder, name):
