@@ -976,6 +976,15 @@ TEST(BinaryRead, ReadsALargeFieldAtOnceWhenItIsKnownToBeThere)
     }
 }
 
+TEST(BinaryWrite, WritesMoreThanTheAllocatorKeepsAsItWritesLittle)
+{
+    constexpr std::size_t kMoreThanItKeeps = std::size_t{33} * 1024 * 1024;
+    const std::string text(kMoreThanItKeeps, 'x');
+
+    // Compared as a whole: a failure does not print it.
+    EXPECT_TRUE(write(make("k", text)) == header_of("k", "string") + text_of(text));
+}
+
 TEST(BinaryRead, ReadsAFieldOfOneStepAtOnceFromASourceThatCannotBeAsked)
 {
     const std::string text(kStep, 'x');
