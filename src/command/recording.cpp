@@ -20,11 +20,9 @@ std::string to_utc(std::chrono::system_clock::time_point time)
 {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
     std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
     std::array<char, 64> text{};
-    if (::gmtime_r(&seconds, &parts) == nullptr ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts) == 0) {
-        return "unknown";
-    }
+    static_cast<void>(std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts));
     return text.data();
 }
 

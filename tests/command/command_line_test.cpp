@@ -88,4 +88,16 @@ TEST(PluginPath, IsPartedWithoutEmptyParts)
     }
 }
 
+TEST(Set, RefusesWhatIsNoAssignment)
+{
+    for (const std::string text :
+         {"", "a", "a.b", "a=1", "=1", ".b=1", "a=1.5", "a.=1", "a/b.=1", "=a.b"}) {
+        expect_throw<UsageError>(
+            [&] {
+                set_command({"no-graph", "a.b=1", text});
+            },
+            "'" + text + "' is not of the form PATH.KEY=VALUE");
+    }
+}
+
 }  // namespace

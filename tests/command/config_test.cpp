@@ -121,6 +121,35 @@ TEST_F(Config, LosesKeysAndAllBelowThem)
     EXPECT_EQ(load("state"), BlockConfiguration({{"ab", 3}, {"x.a", 4}}));
 }
 
+TEST_F(Config, KeepsValuesOfEachKindWhenAnotherOneGoes)
+{
+    const BlockConfiguration kept = {{"b", true},
+                                     {"i", -3},
+                                     {"d", 0.1},
+                                     {"s", "text"},
+                                     {"is", {1, 2}},
+                                     {"ds", {0.5, 1.0}},
+                                     {"ss", {"x", ""}},
+                                     {"bs", {true, false}},
+                                     {"none", std::vector<std::string>()}};
+    store("state", kept + BlockConfiguration({{"gone", 1}}));
+
+    expect_result(run({"config", "unset", "state", "gone"}), 0, "", "");
+
+    EXPECT_EQ(load("state"), kept);
+    EXPECT_EQ(run({"config", "show", "state"}).out,
+              "BlockConfiguration:\n"
+              "b (bool) = 1\n"
+              "bs (BoolVector) = {1, 0}\n"
+              "d (double) = 0.1\n"
+              "ds (DoubleVector) = {0.5, 1}\n"
+              "i (int) = -3\n"
+              "is (IntVector) = {1, 2}\n"
+              "none (StringVector) = {}\n"
+              "s (string) = text\n"
+              "ss (StringVector) = {x, }\n");
+}
+
 TEST_F(Config, StaysAsItIsWhenAKeyToRemoveIsMissing)
 {
     store("state", state_);
@@ -163,11 +192,15 @@ TEST_F(Config, IsExportedAsToml)
                   "");
 }
 
-TEST_F(Config, NamesTheKeyThatCannotBeExported)
+TEST_F(Config, NamesTheKeyThatCannotBeWrittenAsToml)
 {
-    store("state", {{"a", 1}, {"x", {{"taps", std::vector<double>()}}}});
+    store("lists", {{"a", 1}, {"x", {{"taps", std::vector<double>()}}}});
+    store("texts", {{"a", 1}, {"x", "\xff"}});
 
-    expect_wrong({"config", "export", "state"}, "state: error: 'x.taps' is an empty list");
+    expect_wrong({"config", "export", "lists"}, "lists: error: 'x.taps' is an empty list");
+    expect_wrong({"config", "export", "texts"}, "texts: error: 'x' is not UTF-8");
+    expect_wrong({"config", "get", "texts", "x"}, "texts: error: 'x' is not UTF-8");
+    expect_result(run({"config", "get", "--raw", "texts", "x"}), 0, "\xff\n", "");
 }
 
 TEST_F(Config, IsReplacedByAFileOfToml)

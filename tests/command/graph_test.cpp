@@ -2,6 +2,8 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -252,16 +254,24 @@ TEST_F(Graph, NeedsGraphvizForSvg)
 
 TEST_F(Graph, FailsWhenGraphvizFails)
 {
-    write("dot", "#!/bin/sh\nexit 5\n");
-    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
     ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
     set_variable(options, "PATH", directory());
-
-    expect_result(run_process(options), 1, "", "quorval: error: 'dot' failed with exit status 5\n");
-    // What a program that could not be started leaves, where that shows in the child alone.
-    write("dot", "#!/bin/sh\nexit 127\n");
-    expect_result(run_process(options), 1, "",
-                  "quorval: error: svg needs the program 'dot' of Graphviz\n");
+    const std::string missing = "svg needs the program 'dot' of Graphviz";
+    for (const auto& [program, text] : std::vector<std::pair<std::string, std::string>>{
+             {"#!/bin/sh\nexit 5\n", "'dot' failed with exit status 5"},
+             {"#!/bin/sh\nkill -9 $$\n", "'dot' was ended by signal 9"},
+             // What a program that could not be started leaves, where that shows in the child
+             // alone.
+             {"#!/bin/sh\nexit 127\n", missing},
+             {"no program", "posix_spawnp: Exec format error"},
+             {"#!/no/such/shell\n", missing}}) {
+        write("dot", program);
+        std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
+        SCOPED_TRACE(program);
+        expect_result(run_process(options), 1, "", "quorval: error: " + text + "\n");
+    }
+    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_read);
+    expect_result(run_process(options), 1, "", "quorval: error: " + missing + "\n");
 }
 
 TEST_F(Graph, RefusesAnotherFormat)

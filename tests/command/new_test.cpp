@@ -1,8 +1,13 @@
+#include "command.h"
 #include "command/command_test.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -11,6 +16,7 @@ namespace fs = std::filesystem;
 
 using quorval_test::CommandTest;
 using quorval_test::expect_result;
+using quorval_test::expect_throw;
 using quorval_test::expect_wrong_use;
 using quorval_test::read_file;
 
@@ -66,6 +72,51 @@ TEST_F(New, RefusesNamesThatAreNone)
     }
     expect_wrong_use(run({"new", "basic"}),
                      "'basic' is the name of a plug-in that comes with Quorval");
+    EXPECT_EQ(list("."), std::vector<std::string>());
+}
+
+TEST_F(New, SaysWhyTheFolderCannotBeMade)
+{
+    const std::string name(300, 'a');
+
+    expect_result(run({"new", name}), 1, "",
+                  "quorval: error: '" + name + "' cannot be made: File name too long\n");
+}
+
+/// Files stay as short as that.
+class FileLimit {
+public:
+    explicit FileLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit = {bytes, before_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    FileLimit(const FileLimit&) = delete;
+    FileLimit& operator=(const FileLimit&) = delete;
+    ~FileLimit()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &before_);
+        static_cast<void>(std::signal(SIGXFSZ, handler_));
+    }
+
+private:
+    rlimit before_{};
+    void (*handler_)(int);
+};
+
+TEST_F(New, LeavesNothingWhenAFileCannotBeWritten)
+{
+    const fs::path before = fs::current_path();
+    fs::current_path(directory());
+    {
+        const FileLimit limit(100);
+        expect_throw<std::system_error>(
+            [] { new_command({"filters"}); },
+            "'filters/CMakeLists.txt' cannot be written: File too large");
+    }
+    fs::current_path(before);
+
     EXPECT_EQ(list("."), std::vector<std::string>());
 }
 

@@ -369,6 +369,15 @@ class Saving(Operation):
         self.start()
         self.refused("Refused", "the graph has no state directory", self.graph().Save)
 
+    def test_what_was_changed_before_can_be_saved_alone(self):
+        process = self.start("--state", "state")
+        self.assertEqual(self.run_quorval("set", "the-graph", "a.level=4"), (0, "", ""))
+        self.assertFalse((self.directory / "state" / "overrides").exists())
+        self.assertEqual(self.run_quorval("set", "--save", "the-graph"), (0, "", ""))
+        self.stop(process)
+        self.start("--state", "state")
+        self.assertIn("\nlevel = 4  # saved\n", self.run_quorval("get", "the-graph", "a")[1])
+
     def test_what_is_gone_is_a_warning_and_kept(self):
         process = self.start("--state", "state")
         self.assertEqual(self.run_quorval("set", "--save", "the-graph", "a.level=4",
@@ -815,12 +824,54 @@ class Top(OnTerminal):
         self.assertEqual((self.top.communicate(timeout=100)[1], self.top.returncode),
                          ("", -signal.SIGINT))
 
+    def test_it_goes_on_with_a_graph_that_came_back(self):
+        self.top.send_signal(signal.SIGSTOP)
+        os.waitpid(self.top.pid, os.WUNTRACED)
+        os.write(self.terminal, b"x")  # means nothing
+        self.graph_process.kill()
+        self.graph_process.communicate()
+        self.start()
+        self.graph("test.Object", "/object").Fire()
+        self.top.send_signal(signal.SIGCONT)
+        self.wait_for("the-graph: 4 blocks, 1 waves")
+        os.write(self.terminal, b"q")
+        self.check_end()
+
     def test_a_graph_that_does_not_answer_holds_nothing_up(self):
         self.graph_process.send_signal(signal.SIGSTOP)
         self.addCleanup(self.graph_process.send_signal, signal.SIGCONT)
         self.wait_for(r"0 waves, no answer for \d s")
         os.write(self.terminal, b"q")
         self.check_end()
+
+
+class WaitingTop(OnTerminal):
+    """Of a graph that has never answered."""
+
+    def setUp(self):
+        super().setUp()
+        self.graph_process = self.start()
+        self.graph_process.send_signal(signal.SIGSTOP)
+        self.open_terminal()
+        self.wait_for(r"the-graph: waiting for its answer\r\n\x1b\[Kblock +load.*\x1b\[J")
+
+    def test_it_ends_when_it_is_told(self):
+        os.write(self.terminal, b"q")
+        self.check_end()
+
+    def test_it_shows_the_blocks_when_they_are_known(self):
+        self.graph_process.send_signal(signal.SIGCONT)
+        self.wait_for("the-graph: 4 blocks, 0 waves")
+        os.write(self.terminal, b"q")
+        self.check_end()
+
+    def test_it_fails_when_the_graph_ends(self):
+        self.graph_process.kill()
+        self.wait_for(re.escape(LEAVE))
+        # The text is that of the bus.
+        self.assertRegex(self.top.communicate(timeout=100)[1], r"^quorval: error: [^\n]+\n$")
+        self.assertEqual(self.top.returncode, 1)
+        self.assertEqual(termios.tcgetattr(self.inside), self.before)
 
 
 class Links(OnTerminal):
