@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -75,6 +77,58 @@ TEST(PluginViewTest, SaysWhyAPluginCannotBeLoaded)
             PluginView view({"x", "/x.so", "a problem"});
         },
         "a problem");
+}
+
+TEST(PluginViewTest, MakesABlockAndShowsItsPorts)
+{
+    using Names = std::map<std::string, std::string>;
+    const BlockPorts ports = PluginView(plugin("parts"))
+                                 .make_block("Ports", {{"inputs", {"in:double", "more:int32"}},
+                                                       {"outputs", {"out:label"}}});
+
+    EXPECT_EQ(ports.inports, (Names{{"in", "double"}, {"more", "int32"}}));
+    EXPECT_EQ(ports.outports, (Names{{"out", "label"}}));
+    EXPECT_EQ(ports.fdports, Names());
+    EXPECT_TRUE(ports.dbus.empty());
+
+    const BlockPorts idle = PluginView(plugin("running")).make_block("Tell", {{"is_idle", true}});
+    EXPECT_EQ(idle.fdports, (Names{{"never", "extfd"}}));
+}
+
+TEST(PluginViewTest, SaysAllThatIsWrongWithAConfiguration)
+{
+    const PluginView view(plugin("parts"));
+    const std::vector<std::pair<BlockConfiguration, std::string>> cases = {
+        {{}, "'needed' is missing"},
+        {{{"needed", 10}}, "'needed' has to be from 1 to 9, not 10"},
+        {{{"needed", true}, {"mode", "middle"}},
+         "BlockConfiguration::getInt failed, the parameter 'needed' is type: bool; 'mode' has to "
+         "be one of up, down, not 'middle'"},
+        {{{"needed", 1}, {"tapes", {0.5, 1.0}}, {"other", 1}},
+         "block type 'parts:Declared' has no setting 'other'; block type 'parts:Declared' has no "
+         "setting 'tapes'; did you mean 'taps'?"},
+        {{{"taps", {0.5}}}, "'needed' is missing; 'taps' has to be of 2 to 3 items, not 1"},
+    };
+    for (const auto& [config, text] : cases) {
+        expect_throw<std::runtime_error>(
+            [&, config = config] { view.make_block("Declared", config); }, text);
+    }
+    EXPECT_NO_THROW(view.make_block("Declared", {{"needed", 1}, {"pstore_path", "/nowhere/"}}));
+}
+
+TEST(PluginViewTest, SaysWhyABlockCannotBeMade)
+{
+    const PluginView view(plugin("parts"));
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"ThrowsItsOwn", "an exception of its own"},
+        {"ThrowsANumber", "an unknown exception"},
+        {"Null", "Create function returned no block for Null"},
+        {"Composite", "it is no plain block"},
+    };
+    for (const auto& [type, text] : cases) {
+        expect_throw<std::runtime_error>([&, type = type] { view.make_block(type, {}); },
+                                         "block '" + type + "' cannot be created: " + text);
+    }
 }
 
 TEST(ReadAssignments, GivesAConfiguration)

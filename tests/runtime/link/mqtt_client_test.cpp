@@ -1,18 +1,23 @@
 #include "link/mqtt_client.h"
 
 #include "runtime/link/server.h"
+#include "support/support.h"
 
 #include <gtest/gtest.h>
 
 #include <poll.h>
 
+#include <cstdint>
 #include <new>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using Quorval::runtime::LinkDescription;
 using Quorval::runtime::MqttClient;
 using Quorval::runtime::Stamp;
+using quorval_test::expect_throw;
 using quorval_test::Server;
 
 namespace {
@@ -59,6 +64,73 @@ TEST(MqttClient, ThrowsWhatItsReceiverThrewWhenTheLibraryHasReturned)
     client.read();
 
     EXPECT_EQ(topics, (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(MqttClient, RefusesWhatNoBrokerCanBeTold)
+{
+    const auto make = [](const LinkDescription& link) {
+        const MqttClient client(link, {"quorval-g-hub", "will", "offline", 1, false},
+                                [](const char*, const Stamp&, std::string_view) {});
+    };
+    LinkDescription user;
+    user.user = "a\x01";
+    expect_throw<std::runtime_error>([&] { make(user); },
+                                     "the user cannot be used: Malformed UTF-8");
+    LinkDescription half;
+    half.is_encrypted = true;
+    half.cert = "/dev/null";
+    expect_throw<std::runtime_error>([&] { make(half); },
+                                     "cannot read '/dev/null': not a regular file");
+    half.cert = "/proc/self/maps";
+    expect_throw<std::runtime_error>(
+        [&] { make(half); },
+        "the certificates cannot be used: Invalid function arguments provided");
+}
+
+/// A message whose stamp is made of any texts.
+std::string message(const std::string& start, const std::string& number)
+{
+    const std::string properties = "\x26" + Server::text("type") + Server::text("int32") + "\x26" +
+                                   Server::text("start") + Server::text(start) + "\x26" +
+                                   Server::text("number") + Server::text(number);
+    return Server::packet(0x30, Server::text("a") + Server::length(properties.size()) + properties);
+}
+
+TEST(MqttClient, TakesStampsThatAreWhole)
+{
+    struct Case {
+        std::string start;
+        std::string number;
+        std::uint64_t expected;
+    };
+    const std::vector<Case> cases = {
+        {"1", "2", 2},   {"18446744073709551615", "3", 3},
+        {"0", "2", 0},   {"x", "2", 0},
+        {"12x", "2", 0}, {"18446744073709551616", "2", 0},
+        {"", "2", 0},    {"1", "-2", 0},
+        {"1", "2 ", 0},  {"1", "", 0},
+    };
+    Server server;
+    std::vector<std::uint64_t> numbers;
+    MqttClient client(link_to(server), {"quorval-g-hub", "will", "offline", 1, false},
+                      [&](const char* /*topic*/, const Stamp& stamp, std::string_view /*bytes*/) {
+                          numbers.push_back(stamp.number);
+                      });
+    client.connect();
+    while (client.wants_write()) {
+        client.write();
+    }
+    server.welcome();
+    read_one(client);
+
+    for (const Case& one : cases) {
+        numbers.clear();
+        server.send(message(one.start, one.number));
+        read_one(client);
+
+        EXPECT_EQ(numbers, std::vector<std::uint64_t>{one.expected})
+            << one.start << ", " << one.number;
+    }
 }
 
 }  // namespace

@@ -88,6 +88,17 @@ TEST(Loop, WakesForAnotherThread)
     thread.join();
 }
 
+TEST(Loop, SleepsUntilSomebodyWakesIt)
+{
+    Loop loop;
+    std::thread thread([&] { loop.waker()->wake(); });
+
+    loop.sleep(Loop::now() + 1h);
+
+    thread.join();
+    loop.sleep(Loop::now());
+}
+
 TEST(Loop, DispatchesTheSourcesOfItsEvent)
 {
     Loop loop;

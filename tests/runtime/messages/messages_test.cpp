@@ -120,6 +120,19 @@ TEST(Messages, OfSeveralThreadsStayWhole)
     EXPECT_EQ(written, expected);
 }
 
+TEST(Messages, AreLostWhereStandardErrorIsClosed)
+{
+    const ScopedEnvironment environment("JOURNAL_STREAM", "1:2");
+    const int kept = ::dup(STDERR_FILENO);
+    ::close(STDERR_FILENO);
+    const Messages messages;
+    EXPECT_NO_THROW(logger(LOGLEVEL_ERROR, "lost"));
+    ::dup2(kept, STDERR_FILENO);
+    ::close(kept);
+
+    EXPECT_EQ(written_by([] { logger(LOGLEVEL_ERROR, "here"); }), "quorval: error: here\n");
+}
+
 TEST(Messages, GoToStandardErrorWhenTheJournalIsAnotherFile)
 {
     const ScopedEnvironment environment("JOURNAL_STREAM", "1:2");

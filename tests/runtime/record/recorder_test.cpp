@@ -284,4 +284,17 @@ TEST_F(RecordGraph, TellsOfARecordingThatWasCutOff)
     EXPECT_THAT(said, ::testing::Contains("'r' was cut off: the last wave in it is 2"));
 }
 
+TEST_F(RecordGraph, TellsOfWavesThatAreMissing)
+{
+    record(kWorking);
+    {
+        Quorval::runtime::Database database(file(), SQLITE_OPEN_READWRITE);
+        database.execute("UPDATE part_1 SET wave = wave + 2 WHERE wave > 1");
+    }
+
+    const auto said = said_by([&] { EXPECT_EQ(replay(kWorking), RunResult::Done); });
+
+    EXPECT_THAT(said, ::testing::Contains("2 waves are missing in 'r'"));
+}
+
 }  // namespace

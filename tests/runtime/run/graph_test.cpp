@@ -77,6 +77,16 @@ TEST_F(GraphTest, RunsToItsEnd)
                 ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
 }
 
+TEST_F(GraphTest, HandsOutItsBlocks)
+{
+    std::vector<std::string> names;
+    for (const Block* block : make(kCounting).superblock().get_blocks()) {
+        names.push_back(block->get_name());
+    }
+
+    EXPECT_THAT(names, ::testing::UnorderedElementsAre("count", "tell"));
+}
+
 TEST_F(GraphTest, RunsOnSeveralThreadsWhereTheBuildHasThem)
 {
     GraphOptions options;
@@ -423,6 +433,23 @@ TEST_F(ReloadTest, RefusesFilesWithErrors)
                             "the changed files are not applied: g.toml:1:10: error: format 2 is "
                             "not supported, only 1 is",
                             "stop idle"));
+}
+
+TEST_F(ReloadTest, ShowsAConnectionAsItWas)
+{
+    const std::string text = R"(format = 1
+blocks.count = { type = "running:Count", machine = "a", config.count = 1000000000 }
+blocks.tell = { type = "running:Tell", machine = "b" }
+machines = { a = {}, b = {} }
+[[connections]]
+from = "count.out"
+to = "tell.in"
+)";
+
+    EXPECT_THAT(run_changed(text + "delivery = \"all\"\n", text),
+                ::testing::Contains(
+                    "the changed files are not applied: connection 'count.out -> tell.in', with "
+                    "delivery \"all\", was removed"));
 }
 
 TEST_F(ReloadTest, RefusesEveryOtherDifferenceAndNamesIt)

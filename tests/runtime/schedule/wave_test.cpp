@@ -419,6 +419,19 @@ TEST(WaveFailure, ThatIsNoStandardExceptionIsUnknown)
     EXPECT_THAT(recorder.lines, ElementsAre("failed 0: an unknown exception"));
 }
 
+TEST(WaveFailure, ThatSaysNothingHasATextAllTheSame)
+{
+    Pair pair;
+    pair.a.on_run = []() -> bool { throw std::runtime_error(""); };
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    wave.ask(0);
+
+    EXPECT_FALSE(run_wave(wave));
+
+    EXPECT_THAT(recorder.lines, ElementsAre("failed 0: an exception without a text"));
+}
+
 TEST(WaveFailure, ThatIsSkippedTakesTheTriggersOfTheBlockAndTheWaveGoesOn)
 {
     FakeGraph graph;
@@ -485,6 +498,26 @@ TEST(WaveFailure, InAPortIsOneOfTheBlock)
 
     EXPECT_THAT(recorder.lines, ElementsAre("failed 1: reset"));
     EXPECT_FALSE(pair.out.is_triggered());
+}
+
+TEST(WaveFailure, InAPortOfABlockThatSkipsThemIsSkipped)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a", kSkips);
+    FakeBlock& b = graph.add("b");
+    a.add_inport(std::make_unique<BrokenInput>("broken"));
+    b.add_inport(std::make_unique<BrokenInput>("broken"));
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+
+    wave.ask(0);
+    EXPECT_TRUE(run_wave(wave));
+    wave.ask(1);
+    wave.ask(0);
+    EXPECT_FALSE(run_wave(wave));
+
+    EXPECT_THAT(recorder.lines,
+                ElementsAre("failed 0: reset", "failed 0: reset", "failed 1: reset"));
 }
 
 TEST(WaveContext, NamesTheBlockThatRuns)
