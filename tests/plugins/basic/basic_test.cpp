@@ -4,14 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
+#include <iostream>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -24,6 +28,7 @@ namespace {
 using Quorval::BlockConfiguration;
 using Quorval::Harness;
 using quorval_test::expect_throw;
+using quorval_test::open_descriptors;
 using quorval_test::read_file;
 using quorval_test::write_file;
 using testing::internal::CaptureStdout;
@@ -210,6 +215,16 @@ TEST(Print, RefusesAnotherType)
         "int64-vector, float-vector, double-vector, not 'colour'");
 }
 
+TEST(Print, FailsWhenStandardOutputIsBad)
+{
+    BasicBlock block("Print");
+    block.feed("in", 1.0);
+
+    std::cout.setstate(std::ios::badbit);
+    expect_throw<std::runtime_error>([&] { block.step(); }, "cannot write to standard output");
+    std::cout.clear();
+}
+
 /// A directory for the files of a test.
 class CsvTest : public testing::Test {
 protected:
@@ -302,6 +317,55 @@ TEST_F(CsvTest, SourceNamesFileAndLineOfWhatIsWrong)
         directory_.path().string() + ": Is a directory");
 }
 
+TEST_F(CsvTest, SourceNamesAFileThatCannotBeRead)
+{
+    // It can be opened, but nothing is mapped where it begins.
+    expect_throw<std::runtime_error>(
+        [] {
+            BasicBlock("CsvSource", {{"path", "/proc/self/mem"}, {"column", "a"}});
+        },
+        "/proc/self/mem:0: cannot be read");
+}
+
+TEST_F(CsvTest, SourceHoldsItsFileOpenUntilItStops)
+{
+    write_file(file("in.csv"), "a\n1\n2\n");
+    const auto is_open = [path = std::filesystem::canonical(file("in.csv"))] {
+        const std::vector<int> all = open_descriptors();
+        return std::any_of(all.begin(), all.end(), [&](int fd) {
+            std::error_code ignored;
+            return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), ignored) ==
+                   path;
+        });
+    };
+    BasicBlock source("CsvSource", {{"path", file("in.csv")}, {"column", "a"}});
+    EXPECT_TRUE(is_open());
+
+    source.stop();
+
+    EXPECT_FALSE(is_open());
+}
+
+TEST_F(CsvTest, BlocksKeepWhatCannotBeChangedWhileTheyRun)
+{
+    write_file(file("in.csv"), "a\n1\n2\n");
+    struct Case {
+        std::string type;
+        BlockConfiguration config;
+        BlockConfiguration change;
+        std::string key;
+    };
+    for (const Case& one :
+         {Case{"CsvSource", {{"path", file("in.csv")}, {"column", "a"}}, {{"rate", 1}}, "rate"},
+          Case{"CsvSink", {{"path", file("o")}, {"columns", {"a"}}}, {{"append", true}}, "append"},
+          Case{"Print", {}, {{"prefix", "x"}}, "prefix"}}) {
+        BasicBlock block(one.type, one.config);
+        expect_throw<std::invalid_argument>(
+            [&] { block.reconfigure(one.change); },
+            "'" + one.key + "' cannot be changed while the graph runs");
+    }
+}
+
 TEST_F(CsvTest, SourceGoesOnBehindARowThatIsWrong)
 {
     write_file(file("in.csv"), "a\nx\n2\n");
@@ -375,6 +439,19 @@ TEST_F(CsvTest, SinkAppendsRowByRowAndNamesTheColumnsOnce)
     sink.step();
 
     EXPECT_EQ(read_file(file("out.csv")), "a,b\n1,2\n3,4\n5,\n");
+}
+
+TEST_F(CsvTest, SinkWritesIntoAPipe)
+{
+    ASSERT_EQ(::mkfifo(file("out.csv").c_str(), 0600), 0);
+    const int reader = ::open(file("out.csv").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+
+    write({{1, 2}, {3, 4}}, true);
+
+    std::string text(100, ' ');
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, ::read(reader, text.data(), 100))));
+    ::close(reader);
+    EXPECT_EQ(text, "a,b\n1,2\n3,4\n");
 }
 
 TEST_F(CsvTest, SinkQuotesNamesThatNeedIt)
