@@ -3,6 +3,7 @@
 #include <quorval/pstore.h>
 #include "fake_updater.h"
 #include "runtime_tools.h"
+#include "support/no_descriptors.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +11,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,6 +47,7 @@ using Quorval::RuntimeTools;
 using quorval_test::expect_throw;
 using quorval_test::LogLine;
 using quorval_test::LogRecorder;
+using quorval_test::NoDescriptors;
 using quorval_test::open_descriptors;
 using Info = std::unordered_map<std::string, Datatype>;
 
@@ -857,24 +858,6 @@ bool is_ready_to_read(int fd)
     pollfd request{fd, POLLIN, 0};
     return ::poll(&request, 1, 0) == 1;
 }
-
-/// Leaves no descriptor to be had, until it goes.
-class NoDescriptors {
-public:
-    NoDescriptors()
-    {
-        ::getrlimit(RLIMIT_NOFILE, &before_);
-        rlimit none = before_;
-        none.rlim_cur = 0;
-        ::setrlimit(RLIMIT_NOFILE, &none);
-    }
-    NoDescriptors(const NoDescriptors&) = delete;
-    NoDescriptors& operator=(const NoDescriptors&) = delete;
-    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-
-private:
-    rlimit before_{};
-};
 
 TEST(BlockMakeEventport, MakesAPortOnANewEventDescriptor)
 {

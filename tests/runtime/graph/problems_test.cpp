@@ -97,6 +97,16 @@ TEST(FileProblems, TellThatSomethingIsNoFile)
     ::close(fd);
 }
 
+TEST(FileProblems, TellThatReadingFails)
+{
+    GraphFiles files;
+    GraphOptions options = files.options({});
+    options.files = {"/proc/self/mem"};
+
+    EXPECT_EQ(files.findings(options),
+              (Lines{"/proc/self/mem:1:1: error: cannot read: Input/output error"}));
+}
+
 TEST(FileProblems, StandAtTheEntryOfAnIncludedFile)
 {
     GraphFiles files;

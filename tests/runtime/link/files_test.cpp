@@ -1,5 +1,6 @@
 #include "link/files.h"
 
+#include "support/no_descriptors.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 using Quorval::runtime::expect_usable;
 using Quorval::runtime::read_password;
 using quorval_test::expect_throw;
+using quorval_test::NoDescriptors;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -52,6 +54,18 @@ TEST_F(LinkFilesTest, AreNotWaitedFor)
         expect_throw<std::runtime_error>([&name = file] { expect_usable(name); }, text);
         expect_throw<std::runtime_error>([&name = file] { read_password(name); }, text);
     }
+}
+
+TEST_F(LinkFilesTest, SayWhyTheyCannotBeOpenedOrRead)
+{
+    const std::string file = path("password");
+    write_file(file, "secret");
+
+    expect_throw<std::runtime_error>([] { read_password("/proc/self/mem"); },
+                                     "cannot read '/proc/self/mem': Input/output error");
+    const NoDescriptors none;
+    expect_throw<std::runtime_error>([&] { expect_usable(file); },
+                                     "cannot read '" + file + "': Too many open files");
 }
 
 TEST_F(LinkFilesTest, HavePasswordsOfLimitedSize)

@@ -3,6 +3,7 @@
 #include <quorval/runtime/config_files.h>
 #include <quorval/runtime/diagnostic.h>
 #include <quorval/state.h>
+#include "support/no_descriptors.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -415,6 +416,12 @@ TEST_F(ConfigFiles, ThatCannotBeReadSayWhy)
                                      "cannot read: No such file or directory");
     expect_throw<std::runtime_error>([&] { read_store_file(path("")); },
                                      "cannot read: not a regular file");
+    expect_throw<std::runtime_error>([] { read_store_file("/proc/self/mem"); },
+                                     "cannot read: Input/output error");
+    write_store_file(path("store"), {{"a", 1}});
+    const quorval_test::NoDescriptors none;
+    expect_throw<std::runtime_error>([&] { read_store_file(path("store")); },
+                                     "cannot read: Too many open files");
 }
 
 /// The names of all files of a folder.

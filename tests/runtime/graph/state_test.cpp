@@ -1,0 +1,111 @@
+#include "graph/state.h"
+
+#include "graph/saved.h"
+#include "support/support.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+using namespace Quorval::runtime;
+using quorval_test::expect_throw;
+using quorval_test::ScopedEnvironment;
+using quorval_test::TemporaryDirectory;
+using quorval_test::write_file;
+
+namespace {
+
+TEST(StateDirectory, IsTheGivenOneOrThatOfTheService)
+{
+    struct Case {
+        std::string given;
+        std::optional<std::string> service;
+        std::string expected;
+    };
+    const std::string here = std::filesystem::current_path();
+    const std::vector<Case> cases = {
+        {"", std::nullopt, ""},           {"", "", ""},
+        {"", "/first:/second", "/first"}, {"", ":/second", "/second"},
+        {"/given", "/first", "/given"},   {"/given/", std::nullopt, "/given"},
+        {"/", std::nullopt, "/"},         {"/a/../b/./c", std::nullopt, "/b/c"},
+        {"s", std::nullopt, here + "/s"},
+    };
+    for (const Case& one : cases) {
+        const ScopedEnvironment service("STATE_DIRECTORY", one.service);
+
+        EXPECT_EQ(find_state_directory(one.given), one.expected) << one.given;
+    }
+}
+
+TEST(StateDirectory, HasOneOfEachBlock)
+{
+    EXPECT_EQ(state_directory_of("/state", "gain"), "/state/gain/");
+    EXPECT_EQ(state_directory_of("/state", "left/gain"), "/state/left.gain/");
+    EXPECT_EQ(state_directory_of("/", "gain"), "/gain/");
+}
+
+TEST(StateDirectory, IsMadeForItsOwnerAlone)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.store_path() + "a/b/";
+
+    make_state_directory(path);
+    make_state_directory(path);
+
+    struct stat status = {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0700U);
+}
+
+TEST(StateDirectory, IsNotMadeBelowAFile)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.store_path() + "file";
+    write_file(file, "");
+
+    expect_throw<std::system_error>([&] { make_state_directory(file + "/a/"); },
+                                    file + ": Not a directory");
+}
+
+TEST(StateDirectory, IsForOneRunAtATime)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.path();
+    {
+        const StateLock lock(path);
+        expect_throw<std::runtime_error>([&] { const StateLock other(path); },
+                                         "the state directory '" + path + "' is in use");
+    }
+    EXPECT_NO_THROW(const StateLock later(path));
+}
+
+/// What is wrong with it is told where something is to be kept there.
+TEST(StateDirectory, IsNotLockedWhereThereIsNone)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.store_path() + "file";
+    write_file(file, "");
+
+    for (const std::string& path : {std::string(), file + "/state", file}) {
+        EXPECT_NO_THROW((StateLock(path), StateLock(path))) << path;
+    }
+}
+
+TEST(StateDirectory, HasNothingSavedWhereABlockHasThePlaceOfTheFile)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.path();
+    EXPECT_TRUE(read_saved(path).empty());
+
+    std::filesystem::create_directory(saved_file(path));
+    EXPECT_TRUE(read_saved(path).empty());
+}
+
+}  // namespace
