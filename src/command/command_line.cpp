@@ -166,10 +166,19 @@ void throw_unknown(const std::string& what, const std::string& name,
     std::vector<std::string> bare;
     std::transform(known.begin(), known.end(), std::back_inserter(bare), without_dashes);
     const std::string near = Quorval::find_near(without_dashes(name), bare);
-    const auto found = std::find(bare.begin(), bare.end(), near);
-    const std::string suggestion =
-        near.empty() ? "" : "; did you mean '" + known[std::distance(bare.begin(), found)] + "'?";
-    throw UsageError("unknown " + what + " '" + name + "'" + suggestion);
+    std::string text = "unknown " + what + " '" + name + "'";
+    if (!near.empty()) {
+        const auto found = std::find(bare.begin(), bare.end(), near);
+        text += "; did you mean '" + known[std::distance(bare.begin(), found)] + "'?";
+    }
+    throw UsageError(text);
+}
+
+void refuse_more_than(std::size_t count, const std::vector<std::string>& arguments)
+{
+    if (arguments.size() > count) {
+        throw UsageError("'" + arguments[count] + "' is too much");
+    }
 }
 
 int run_and_close_output(const std::function<int()>& work)

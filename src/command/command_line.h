@@ -3,6 +3,7 @@
 
 #include "command.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,6 +20,9 @@ public:
 /// @throws UsageError  always: "unknown <what> '<name>'", with the near one of `known`
 [[noreturn]] void throw_unknown(const std::string& what, const std::string& name,
                                 const std::vector<std::string>& known);
+
+/// @throws UsageError  there are more arguments than `count`: "'<argument>' is too much"
+void refuse_more_than(std::size_t count, const std::vector<std::string>& arguments);
 
 /// Runs `work`, which gives an exit status, and closes standard output.
 /// @return the status; where an exception came out, which is reported then, kWrongUse for a

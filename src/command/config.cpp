@@ -278,8 +278,12 @@ int diff(const Request& request)
         if (removed != before.end() && added != after.end() && removed->second == added->second) {
             continue;
         }
-        text += removed != before.end() ? "-" + removed->second : "";
-        text += added != after.end() ? "+" + added->second : "";
+        if (removed != before.end()) {
+            text += "-" + removed->second;
+        }
+        if (added != after.end()) {
+            text += "+" + added->second;
+        }
     }
     write_output(text);
     return text.empty() ? kDone : kFailed;
@@ -355,9 +359,7 @@ void check_operands(const Action& action, const Request& request)
     if (operands.size() < action.fewest) {
         throw UsageError(std::string("'config ") + action.name + "' needs " + action.operands);
     }
-    if (operands.size() > action.most) {
-        throw UsageError("'" + operands[action.most] + "' is too much");
-    }
+    refuse_more_than(action.most, operands);
     if (request.is_raw && action.run != get) {
         throw UsageError("'--raw' is for 'config get' alone");
     }

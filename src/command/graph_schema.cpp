@@ -38,9 +38,16 @@ json described(json schema, const std::string& text)
     return schema;
 }
 
+json typed(const char* type)
+{
+    return {{"type", type}};
+}
+
 json pattern(const std::string& text)
 {
-    return {{"type", "string"}, {"pattern", text}};
+    json schema = typed("string");
+    schema["pattern"] = text;
+    return schema;
 }
 
 /// A table that has no other keys.
@@ -82,7 +89,7 @@ json make_value()
 {
     json lists = json::array();
     for (const char* type : {"number", "string", "boolean"}) {
-        lists.push_back(filled_list_of({{"type", type}}));
+        lists.push_back(filled_list_of(typed(type)));
     }
     lists.push_back(filled_list_of(ref("config")));
     return {{"anyOf",
@@ -93,17 +100,17 @@ json make_value()
 json make_item(const json& setting, const std::string& type)
 {
     if (type == "bool" || type == "BoolVector") {
-        return {{"type", "boolean"}};
+        return typed("boolean");
     }
     if (type == "string" || type == "StringVector") {
-        json item = {{"type", "string"}};
+        json item = typed("string");
         if (setting.contains("choices")) {
             item["enum"] = setting["choices"];
         }
         return item;
     }
     const bool is_whole = type == "int" || type == "IntVector";
-    json item = {{"type", is_whole ? "integer" : "number"}};
+    json item = typed(is_whole ? "integer" : "number");
     if (setting.contains("minimum")) {
         item["minimum"] = setting["minimum"];
         item["maximum"] = setting["maximum"];
@@ -151,7 +158,7 @@ json make_subtree(const Settings& settings)
     json subtree = table(make_properties(settings));
     for (const auto& [key, setting] : settings) {
         if (is_number(key.substr(0, key.find('.')))) {
-            return {{"anyOf", {std::move(subtree), list_of({{"type", "object"}})}}};
+            return {{"anyOf", {std::move(subtree), list_of(typed("object"))}}};
         }
     }
     return subtree;
@@ -187,7 +194,7 @@ json make_config_of(const json& type)
     }
     json properties = make_properties(settings);
     if (!properties.contains("pstore_path")) {
-        properties["pstore_path"] = {{"type", "string"}};
+        properties["pstore_path"] = typed("string");
     }
     return described(table(std::move(properties)), type.value("summary", ""));
 }
@@ -245,7 +252,7 @@ json make_member()
 json make_top_member()
 {
     json member = make_member();
-    member["properties"]["machine"] = {{"type", "string"}};
+    member["properties"]["machine"] = typed("string");
     return member;
 }
 
@@ -253,7 +260,7 @@ json make_connection()
 {
     json written = table({{"from", pattern(kEnd)},
                           {"to", pattern(kEnd)},
-                          {"delayed", {{"type", "boolean"}}},
+                          {"delayed", typed("boolean")},
                           {"delivery", {{"enum", {"all", "latest"}}}}});
     written["required"] = {"from", "to"};
     return {{"anyOf", {pattern(kArrow), std::move(written)}}};
@@ -279,7 +286,7 @@ json make_link()
                        {"queue", make_size(kLongestQueue)},
                        {"limit", make_size(kHighestLimit)}};
     for (const char* key : {"ca", "cert", "key", "user", "password_file"}) {
-        properties[key] = {{"type", "string"}};
+        properties[key] = typed("string");
     }
     return table(std::move(properties));
 }
@@ -289,7 +296,7 @@ json make_file()
     json file = table({
         {"format", described({{"const", 1}}, "the format of the file")},
         {"name", described(pattern(kName), "the name of the graph")},
-        {"include", described(list_of({{"type", "string"}}), "files that are merged before")},
+        {"include", described(list_of(typed("string")), "files that are merged before")},
         {"on_error", ref("on_error")},
         {"connections", list_of(ref("connection"))},
         {"blocks", table_of(make_top_member())},

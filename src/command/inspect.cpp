@@ -87,9 +87,7 @@ int inspect_command(const Arguments& arguments)
         return kDone;
     }
     constexpr std::size_t kMostNames = 2;
-    if (names->size() > kMostNames) {
-        throw UsageError("'" + (*names)[kMostNames] + "' is too much");
-    }
+    refuse_more_than(kMostNames, *names);
     const std::string name = names->empty() ? "" : names->front();
     if (!names->empty()) {
         check_plugin_name(name);

@@ -76,12 +76,12 @@ int run_without_command(const Arguments& arguments)
     if (!rest.has_value()) {
         return kDone;
     }
-    if (wants_version && rest->empty()) {
+    if (wants_version) {
+        refuse_more_than(0, *rest);
         write_output("quorval " QUORVAL_VERSION "\n");
         return kDone;
     }
-    throw UsageError(wants_version ? "'" + rest->front() + "' is too much"
-                                   : "a command is missing; 'quorval --help' lists them");
+    throw UsageError("a command is missing; 'quorval --help' lists them");
 }
 
 int run_command_line(const Arguments& arguments)

@@ -6,18 +6,21 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace {
 
 /// A text in quotes, in which everything that Mermaid could take for a mark is named by its number.
 std::string escape(const std::string& text)
 {
-    static const std::string kMarks = "\"#&<>`\\";
+    constexpr std::string_view kMarks = "\"#&<>`\\";
     std::string escaped;
     for (const char character : to_printable(text)) {
-        escaped += kMarks.find(character) == std::string::npos
-                       ? std::string(1, character)
-                       : "#" + std::to_string(static_cast<int>(character)) + ";";
+        if (kMarks.find(character) == std::string_view::npos) {
+            escaped += character;
+        } else {
+            escaped += "#" + std::to_string(static_cast<int>(character)) + ";";
+        }
     }
     return escaped;
 }

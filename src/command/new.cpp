@@ -103,10 +103,10 @@ int new_command(const Arguments& arguments)
     if (!names.has_value()) {
         return kDone;
     }
-    if (names->size() != 1) {
-        throw UsageError(names->empty() ? "a name is missing"
-                                        : "'" + (*names)[1] + "' is too much");
+    if (names->empty()) {
+        throw UsageError("a name is missing");
     }
+    refuse_more_than(1, *names);
     check_name(names->front());
     write_plugin(names->front());
     write_output(

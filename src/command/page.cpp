@@ -46,8 +46,11 @@ std::vector<std::string> wrap(const std::string& paragraph, unsigned width)
 
 void Page::add_title(unsigned indent, const std::string& name, const std::string& more)
 {
-    add_line(indent, coloured(kBold, to_printable(name)) +
-                         (more.empty() ? "" : std::string(kGap, ' ') + to_printable(more)));
+    std::string line = coloured(kBold, to_printable(name));
+    if (!more.empty()) {
+        line += std::string(kGap, ' ') + to_printable(more);
+    }
+    add_line(indent, line);
 }
 
 void Page::add_paragraph(unsigned indent, const std::string& text)

@@ -79,10 +79,10 @@ int recording_command(const Arguments& arguments)
     if (words->front() != "show") {
         throw_unknown("action", words->front(), {"show"});
     }
-    if (words->size() != 2) {
-        throw UsageError(words->size() < 2 ? "a recording is missing"
-                                           : "'" + (*words)[2] + "' is too much");
+    if (words->size() < 2) {
+        throw UsageError("a recording is missing");
     }
+    refuse_more_than(2, *words);
     try {
         write_output(describe(Quorval::read_recording((*words)[1])));
         return kDone;

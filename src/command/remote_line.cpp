@@ -42,13 +42,6 @@ std::unique_ptr<Quorval::RemoteGraph> RemoteLine::find_graph(
     return std::make_unique<Quorval::RemoteGraph>(arguments.front(), buses());
 }
 
-void refuse_more_than(std::size_t count, const std::vector<std::string>& arguments)
-{
-    if (arguments.size() > count) {
-        throw UsageError("'" + arguments[count] + "' is too much");
-    }
-}
-
 std::string remote_status_help()
 {
     return "Exit status:\n"

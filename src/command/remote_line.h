@@ -34,8 +34,5 @@ private:
     std::string bus_;
 };
 
-/// @throws UsageError  there are more arguments than `count`: "'<argument>' is too much"
-void refuse_more_than(std::size_t count, const std::vector<std::string>& arguments);
-
 /// The part of a help text about the exit status of these commands.
 std::string remote_status_help();
