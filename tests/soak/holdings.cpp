@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define QUORVAL_SOAK_SANITIZED 1
@@ -38,9 +40,24 @@ struct Holdings {
     long allocations;
 };
 
-long count_mappings()
+/// The directory of a process, or of this one.
+std::string directory_of(pid_t process)
 {
-    std::ifstream maps("/proc/self/maps");
+    return process == 0 ? "/proc/self" : "/proc/" + std::to_string(process);
+}
+
+std::size_t count_descriptors(pid_t process)
+{
+    if (process == 0) {
+        return quorval_test::open_descriptors().size();
+    }
+    const std::filesystem::directory_iterator all(directory_of(process) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+long count_mappings(pid_t process)
+{
+    std::ifstream maps(directory_of(process) + "/maps");
     long count = 0;
     for (std::string line; std::getline(maps, line);) {
         ++count;
@@ -48,26 +65,27 @@ long count_mappings()
     return count;
 }
 
-long read_resident_kib()
+long read_resident_kib(pid_t process)
 {
-    std::ifstream statm("/proc/self/statm");
+    std::ifstream statm(directory_of(process) + "/statm");
     long total = 0;
     long resident = 0;
     statm >> total >> resident;
     return resident * ::sysconf(_SC_PAGESIZE) / 1024;
 }
 
-Holdings look()
+/// The allocations are those of this process alone.
+Holdings look(pid_t process)
 {
-    return {quorval_test::open_descriptors().size(), count_mappings(), read_resident_kib(),
-            quorval_test::live_allocations()};
+    return {count_descriptors(process), count_mappings(process), read_resident_kib(process),
+            process == 0 ? quorval_test::live_allocations() : 0};
 }
 
 std::ostream& operator<<(std::ostream& os, const Holdings& holdings)
 {
-    return os << holdings.descriptors << " descriptors, " << holdings.mappings << " mappings, "
-              << holdings.resident_kib << " KiB resident, " << holdings.allocations
-              << " allocations";
+    os << holdings.descriptors << " descriptors, " << holdings.mappings << " mappings, "
+       << holdings.resident_kib << " KiB resident";
+    return holdings.allocations == 0 ? os : os << ", " << holdings.allocations << " allocations";
 }
 
 /// Whether nothing has grown but what may.
@@ -81,24 +99,28 @@ bool is_flat(const Holdings& before, const Holdings& after)
 
 }  // namespace
 
-bool run_flat(const std::string& name, long times, const std::function<void(long)>& cycle)
+bool run_flat(const std::string& name, long times, const std::function<void(long)>& cycle,
+              const std::vector<pid_t>& others)
 {
+    const std::vector<pid_t> processes = others.empty() ? std::vector<pid_t>{0} : others;
     const long tenth = std::max(times / 10, 1L);
-    Holdings first = {};
+    // There from the beginning, as they count too.
+    std::vector<Holdings> first(processes.size());
+    std::vector<Holdings> now(processes.size());
     bool flat = true;
-    for (long done = 1; done <= times; ++done) {
+    for (long done = 1; flat && done <= times; ++done) {
         cycle(done);
         if (done % tenth == 0) {
-            const Holdings now = look();
+            std::transform(processes.begin(), processes.end(), now.begin(), look);
             if (done == tenth) {
                 first = now;
             }
-            flat = is_flat(first, now);
-            std::cout << name << ": " << done << " of " << times << ", " << now
-                      << (flat ? "" : "  GROWN") << std::endl;
-            if (!flat) {
-                return false;
+            flat = std::equal(first.begin(), first.end(), now.begin(), is_flat);
+            std::cout << name << ": " << done << " of " << times;
+            for (const Holdings& one : now) {
+                std::cout << (others.empty() ? ", " : "; ") << one;
             }
+            std::cout << (flat ? "" : "  GROWN") << std::endl;
         }
     }
     return flat;

@@ -161,6 +161,19 @@ bool Process::wait_for(const std::string& text)
     return true;
 }
 
+bool Process::wait_for_next(const std::string& text)
+{
+    std::size_t at = result_.err.find(text, found_);
+    while (at == std::string::npos) {
+        if (!read_some()) {
+            return false;
+        }
+        at = result_.err.find(text, found_);
+    }
+    found_ = at + text.size();
+    return true;
+}
+
 ProcessResult Process::wait()
 {
     while (read_some()) {}

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <utility>
@@ -46,6 +47,9 @@ public:
     /// @return whether it was, before both ended
     bool wait_for(const std::string& text);
 
+    /// Likewise, for standard error from behind the last text that this has found.
+    bool wait_for_next(const std::string& text);
+
     /// Reads until both streams end, and waits for the end of the process.
     ProcessResult wait();
 
@@ -56,6 +60,7 @@ private:
     int out_ = -1;
     int err_ = -1;
     ProcessResult result_;
+    std::size_t found_ = 0;  // of standard error, by wait_for_next()
 };
 
 /// Starts a program and waits for its end.
