@@ -187,6 +187,14 @@ int mosquitto_property_add_string_pair(mosquitto_property** proplist, int identi
                                                     identifier, name, value);
 }
 
+const mosquitto_property* mosquitto_property_read_int32(const mosquitto_property* proplist,
+                                                        int identifier, uint32_t* value,
+                                                        bool skip_first)
+{
+    return call<mosquitto_property_read_int32>("mosquitto_property_read_int32", proplist,
+                                               identifier, value, skip_first);
+}
+
 const mosquitto_property* mosquitto_property_read_string_pair(const mosquitto_property* proplist,
                                                               int identifier, char** name,
                                                               char** value, bool skip_first)

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 
@@ -39,10 +40,14 @@ public:
     }
     void add(const char* name, const std::string& value)
     {
+        constexpr std::size_t kRest = 5;  // the kind and two lengths
+        bytes_ += kRest + std::strlen(name) + value.size();
         check(::mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name,
                                                    value.c_str()));
     }
     mosquitto_property* get() const { return list_; }
+    /// Of the texts in a packet.
+    std::size_t bytes() const { return bytes_; }
     /// They belong to somebody else from here on.
     void release() { list_ = nullptr; }
 
@@ -55,6 +60,7 @@ private:
     }
 
     mosquitto_property* list_ = nullptr;
+    std::size_t bytes_ = 0;
 };
 
 struct Free {
@@ -100,6 +106,36 @@ Stamp read_stamp(const mosquitto_property* properties)
 const char* or_null(const std::string& text)
 {
     return text.empty() ? nullptr : text.c_str();
+}
+
+/// How many bytes a number takes that says how long something is.
+std::size_t bytes_of_length(std::size_t length)
+{
+    constexpr std::size_t kStep = 128;
+    std::size_t bytes = 1;
+    for (; length >= kStep; length /= kStep) {
+        ++bytes;
+    }
+    return bytes;
+}
+
+/// The bytes of a packet with a message.
+std::size_t size_of_message(const std::string& topic, std::string_view bytes, bool keeps_all,
+                            const Properties& properties)
+{
+    constexpr std::size_t kNumber = 2;  // of two bytes
+    const std::size_t rest = kNumber + topic.size() + (keeps_all ? kNumber : 0) +
+                             bytes_of_length(properties.bytes()) + properties.bytes() +
+                             bytes.size();
+    return 1 + bytes_of_length(rest) + rest;
+}
+
+/// The largest packet that a broker takes, by its answer to connecting.
+std::uint32_t read_most_bytes(const mosquitto_property* properties)
+{
+    std::uint32_t most = UINT32_MAX;
+    ::mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &most, false);
+    return most;
 }
 
 /// A key in a file that asks for a password cannot be used: nobody is there to give it.
@@ -223,9 +259,10 @@ void MqttClient::set_callbacks()
     mosquitto* const library = client_.get();
     ::mosquitto_connect_v5_callback_set(library,
                                         [](mosquitto* /*client*/, void* self, int reason, int flags,
-                                           const mosquitto_property* /*properties*/) {
+                                           const mosquitto_property* properties) {
                                             contain(self, [&](MqttClient& client) {
                                                 client.news_.answer = {reason, (flags & 1) != 0};
+                                                client.most_bytes_ = read_most_bytes(properties);
                                             });
                                         });
     ::mosquitto_disconnect_v5_callback_set(
@@ -382,6 +419,14 @@ std::optional<int> MqttClient::publish(const std::string& topic, std::string_vie
     if (!stamp.type.empty()) {
         properties.add("type", stamp.type);
         properties.add("number", std::to_string(stamp.number));
+    }
+    // The library looks too, but counts a byte less, and aborts the process for a packet that is
+    // larger by that byte.
+    const std::size_t size = size_of_message(topic, bytes, keeps_all, properties);
+    if (size > most_bytes_) {
+        why = "a packet of " + std::to_string(size) + " bytes is more than the " +
+              std::to_string(most_bytes_) + " that the broker takes";
+        return std::nullopt;
     }
     int message = 0;
     const int result = ::mosquitto_publish_v5(client_.get(), &message, topic.c_str(),

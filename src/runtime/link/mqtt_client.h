@@ -128,9 +128,10 @@ private:
     Receive receive_;
     std::unique_ptr<mosquitto, Destroy> client_;
     News news_;
-    bool has_news_ = false;       // since the call began
-    int owed_ = 0;                // answers to messages, since all was written
-    std::exception_ptr failure_;  // in a callback
+    bool has_news_ = false;                  // since the call began
+    int owed_ = 0;                           // answers to messages, since all was written
+    std::uint32_t most_bytes_ = UINT32_MAX;  // of a packet that the broker takes
+    std::exception_ptr failure_;             // in a callback
 };
 
 /// What an error of libmosquitto means, without a full stop.

@@ -304,6 +304,23 @@ TEST_F(LinkTest, SaysWhatDidNotFitIntoItsQueue)
     EXPECT_EQ(stop(*hub).out, numbers(91, 100));
 }
 
+TEST_F(LinkTest, SaysThatTheBrokerDoesNotTakeAValue)
+{
+    const std::string name(200, 'x');
+    const Broker broker(directory(), "allow_anonymous true\nmax_packet_size 250\n");
+    write("g.toml", "format = 1\nmachines = { edge = {}, hub = {} }\n" + broker.link() + "blocks." +
+                        name +
+                        " = { type = \"numbers:Count\", machine = \"edge\", config.count = 1 }\n"
+                        "blocks.print = { type = \"numbers:Print\", machine = \"hub\" }\n"
+                        "[[connections]]\nfrom = \"" +
+                        name + ".out\"\nto = \"print.in\"\ndelivery = \"all\"\n");
+
+    expect_result(run_machine("edge"), 0, "",
+                  "quorval: warning: 1 values of " + name +
+                      ".out are lost: a packet of 288 bytes is more than the 250 that the broker "
+                      "takes\n");
+}
+
 TEST_F(LinkTest, WaitsSomeSecondsForItsQueueAtTheEnd)
 {
     Broker broker(directory());

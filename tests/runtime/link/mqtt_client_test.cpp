@@ -1,5 +1,6 @@
 #include "link/mqtt_client.h"
 
+#include "runtime/link/broker.h"
 #include "runtime/link/server.h"
 #include "support/support.h"
 
@@ -7,25 +8,28 @@
 
 #include <poll.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 using Quorval::runtime::LinkDescription;
 using Quorval::runtime::MqttClient;
 using Quorval::runtime::Stamp;
+using quorval_test::Broker;
 using quorval_test::expect_throw;
 using quorval_test::Server;
+using quorval_test::TemporaryDirectory;
 
 namespace {
 
-LinkDescription link_to(const Server& server)
+LinkDescription link_to(const std::string& url)
 {
     LinkDescription link;
-    const std::string url = server.url();
     link.host = "127.0.0.1";
     link.port = std::stoi(url.substr(url.rfind(':') + 1));
     return link;
@@ -40,11 +44,18 @@ void read_one(MqttClient& client)
     client.read();
 }
 
+void write_all(MqttClient& client)
+{
+    while (client.wants_write()) {
+        client.write();
+    }
+}
+
 TEST(MqttClient, ThrowsWhatItsReceiverThrewWhenTheLibraryHasReturned)
 {
     Server server;
     std::vector<std::string> topics;
-    MqttClient client(link_to(server), {"quorval-g-hub", "will", "offline", 1, false},
+    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
                       [&](const char* topic, const Stamp& /*stamp*/, std::string_view /*bytes*/) {
                           topics.emplace_back(topic);
                           if (topics.size() == 1) {
@@ -52,9 +63,7 @@ TEST(MqttClient, ThrowsWhatItsReceiverThrewWhenTheLibraryHasReturned)
                           }
                       });
     client.connect();
-    while (client.wants_write()) {
-        client.write();
-    }
+    write_all(client);
     server.welcome();
     read_one(client);
     ASSERT_TRUE(client.take_news().answer);
@@ -112,14 +121,12 @@ TEST(MqttClient, TakesStampsThatAreWhole)
     };
     Server server;
     std::vector<std::uint64_t> numbers;
-    MqttClient client(link_to(server), {"quorval-g-hub", "will", "offline", 1, false},
+    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
                       [&](const char* /*topic*/, const Stamp& stamp, std::string_view /*bytes*/) {
                           numbers.push_back(stamp.number);
                       });
     client.connect();
-    while (client.wants_write()) {
-        client.write();
-    }
+    write_all(client);
     server.welcome();
     read_one(client);
 
@@ -130,6 +137,43 @@ TEST(MqttClient, TakesStampsThatAreWhole)
 
         EXPECT_EQ(numbers, std::vector<std::uint64_t>{one.expected})
             << one.start << ", " << one.number;
+    }
+}
+
+TEST(MqttClient, RefusesWhatIsLargerThanTheBrokerTakes)
+{
+    const TemporaryDirectory directory;
+    const Broker broker(directory.path(), "allow_anonymous true\nmax_packet_size 300\n");
+    MqttClient client(link_to(broker.url()), {"quorval-g-edge", "will", "offline", 1, false},
+                      [](const char* /*topic*/, const Stamp& /*stamp*/, std::string_view) {});
+    client.connect();
+    while (!client.take_news().answer) {
+        write_all(client);
+        read_one(client);
+    }
+
+    // As many bytes as there is room for beside the topic, two lengths, the stamp and the rest.
+    for (const auto& [keeps_all, most] : {std::pair(true, 280), std::pair(false, 282)}) {
+        std::string why;
+        for (int size = 200; size <= 300; ++size) {
+            const auto message =
+                client.publish("t", std::string(static_cast<std::size_t>(size), 'x'), {"", 1, 0},
+                               keeps_all, false, why);
+            EXPECT_EQ(message.has_value(), size <= most) << size << ": " << why;
+        }
+        EXPECT_EQ(why, "a packet of " + std::to_string(300 + 300 - most) +
+                           " bytes is more than the 300 that the broker takes");
+    }
+
+    std::size_t published = 0;
+    for (const std::size_t all = 81 + 83; published < all;) {
+        write_all(client);
+        const MqttClient::News news = client.take_news();
+        ASSERT_FALSE(news.end);
+        published += news.published.size();
+        if (published < all && news.published.empty()) {
+            read_one(client);
+        }
     }
 }
 
