@@ -4,12 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -40,6 +42,7 @@ const std::map<std::string, std::vector<int>> kErrors = {
     {"open", {EMFILE, EACCES, EROFS}},
     {"openat", {EMFILE, EACCES}},
     {"pipe2", {EMFILE}},
+    {"pthread_create", {EAGAIN}},
     {"pwrite", {ENOSPC, EIO, EINTR}},
     {"read", {EIO, EINTR}},
     {"rename", {ENOSPC, EROFS}},
@@ -197,6 +200,25 @@ TEST_F(FailingCalls, EndARunInOrder)
     });
     EXPECT_GT(failed, 50U / QUORVAL_FAULT_STEP);
 }
+
+#ifdef QUORVAL_HAS_THREADS
+TEST_F(FailingCalls, LeaveThoseThreadsToARunThatItGot)
+{
+    const unsigned wanted = std::min(2U, std::thread::hardware_concurrency());
+    clean();
+
+    const ProcessResult result =
+        run_preloaded({"run", "--threads", "2", "g.toml"}, "QUORVAL_TEST_CALL",
+                      "pthread_create 0 " + std::to_string(EAGAIN));
+
+    quorval_test::expect_result(
+        result, 0, "",
+        wanted < 2 ? ""
+                   : "quorval: warning: the graph has 1 of 2 threads: the system refuses "
+                     "more\n");
+    EXPECT_NE(read_file(file("out.csv")), "old\n");
+}
+#endif
 
 TEST_F(FailingCalls, LeaveWholeRowsInAFileThatGrows)
 {

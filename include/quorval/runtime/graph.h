@@ -37,7 +37,8 @@ struct GraphOptions {
     /// a process can do this at a time; the former actions come back with its end.
     bool takes_signals = false;
     /// Blocks that do not depend on each other run side by side on up to so many threads, and no
-    /// more than there are processors, where that is faster; at most 256. What the graph computes
+    /// more than there are processors, where that is faster; at most 256. Where the system refuses
+    /// threads, run() logs a warning and uses those that it gets. What the graph computes
     /// does not depend on it, and neither does the order of what blocks log where `Messages` is
     /// the sink. Another sink in Quorval::loginstance gets each message at once, on the thread
     /// of the block.

@@ -190,12 +190,27 @@ bool Life::start()
         }
         wave_.look_at_outputs(block);
     }
-    if (threads_) {
+    make_crew();
+    watch_start();
+    return is_stopping_ || has_sources_ || !wave_.is_idle();
+}
+
+/// Where there may be several threads: behind the start of the blocks, which may have some too.
+void Life::make_crew()
+{
+    if (!threads_) {
+        return;
+    }
+    const unsigned wanted = threads_->threads;
+    threads_->threads = Workers::count_available(wanted);
+    if (threads_->threads < wanted) {
+        logger(LOGLEVEL_WARNING, "the graph has %u of %u threads: the system refuses more",
+               threads_->threads, wanted);
+    }
+    if (threads_->threads > 1) {
         crew_ = std::make_unique<Crew>(wave_, network_, ties_, *threads_, Loop::now);
         has_new_ties_ = false;
     }
-    watch_start();
-    return is_stopping_ || has_sources_ || !wave_.is_idle();
 }
 
 void Life::start_block(std::uint32_t block)

@@ -122,6 +122,7 @@ private:
     bool has_entry(std::uint32_t block) const;
     void add_source(std::uint32_t block);
     void tie(std::uint32_t block, Tie tie);
+    void make_crew();
     void watch_start();
     bool run_watched(Time now);
     void take_requests();

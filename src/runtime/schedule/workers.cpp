@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <mutex>
 #include <optional>
+#include <vector>
 
 #ifdef QUORVAL_TELLS_THREAD_SANITIZER
 // oneTBB is not built for the thread sanitizer, so this file is not either, and says itself what
@@ -55,6 +57,13 @@ std::size_t stack_size()
     return std::max(size, kLeastStack);
 }
 
+/// Waits until nobody holds the mutex.
+void* wait_for(void* mutex)
+{
+    const std::lock_guard lock(*static_cast<std::mutex*>(mutex));
+    return nullptr;
+}
+
 }  // namespace
 
 struct Workers::Impl {
@@ -83,6 +92,29 @@ bool Workers::are_there()
 unsigned Workers::processors()
 {
     return static_cast<unsigned>(std::max(tbb::info::default_concurrency(), 1));
+}
+
+unsigned Workers::count_available(unsigned threads)
+{
+    std::vector<pthread_t> others;
+    others.reserve(threads);
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, stack_size());
+    std::mutex until_all_are_there;
+    {
+        const std::lock_guard lock(until_all_are_there);
+        pthread_t other{};
+        while (others.size() + 1 < threads &&
+               ::pthread_create(&other, &attributes, wait_for, &until_all_are_there) == 0) {
+            others.push_back(other);
+        }
+    }
+    for (const pthread_t other : others) {
+        ::pthread_join(other, nullptr);
+    }
+    ::pthread_attr_destroy(&attributes);
+    return static_cast<unsigned>(others.size()) + 1;
 }
 
 Workers::Workers(unsigned threads) : impl_(std::make_unique<Impl>(threads)) {}
@@ -140,6 +172,11 @@ bool Workers::are_there()
 }
 
 unsigned Workers::processors()
+{
+    return 1;
+}
+
+unsigned Workers::count_available(unsigned /*threads*/)
 {
     return 1;
 }

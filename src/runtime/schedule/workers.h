@@ -20,6 +20,10 @@ public:
     ///     or is another one: "<name> has no <function>"
     static unsigned processors();
 
+    /// How many of so many threads the system lets the process have now, the one that calls among
+    /// them: makes the others and ends them again. oneTBB ends the process where it is refused one.
+    static unsigned count_available(unsigned threads);
+
     /// @param threads  at most so many work at a time, the one that calls among them
     explicit Workers(unsigned threads);
     Workers(const Workers&) = delete;

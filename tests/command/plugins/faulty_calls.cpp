@@ -7,6 +7,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -142,6 +143,17 @@ pid_t fork() noexcept
     return static_cast<pid_t>(make("fork", [] {
         return static_cast<long>(reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"))());
     }));
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*work)(void*),
+                   void* data) noexcept
+{
+    const long result = make("pthread_create", [&] {
+        static auto* const next =
+            reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+        return static_cast<long>(next(thread, attributes, work, data));
+    });
+    return result < 0 ? errno : static_cast<int>(result);
 }
 
 int open(const char* path, int flags, ...)
