@@ -1,6 +1,8 @@
 // What `quorval run` tells a manager of services, and the unit that it comes with.
 #include "command/command_test.h"
 
+#include <gmock/gmock.h>
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -9,7 +11,10 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <string>
 #include <system_error>
@@ -21,6 +26,8 @@ using quorval_test::expect_result;
 using quorval_test::Process;
 using quorval_test::ProcessOptions;
 using quorval_test::run_process;
+using testing::HasSubstr;
+using testing::Not;
 
 constexpr const char* kReady = "READY=1\nSTATUS=running, 1 blocks";
 constexpr const char* kStopping = "STOPPING=1\nSTATUS=stopping";
@@ -34,8 +41,9 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (fd_ < 0 ||
-            ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const std::size_t size = offsetof(sockaddr_un, sun_path) + path.size();
+        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&address),
+                              static_cast<socklen_t>(size)) != 0) {
             throw std::system_error(errno, std::generic_category(), "bind");
         }
     }
@@ -93,6 +101,51 @@ TEST_F(Service, TellsThatItIsReadyAndThatItStops)
     expect_result(process.wait(), 0, "a started\na stopped\n", "");
 }
 
+TEST_F(Service, FindsAManagerWhoseSocketIsNoFile)
+{
+    const std::string name = "quorval" + directory() + "/notify";
+    const NotifySocket abstract(std::string(1, '\0') + name);
+    ProcessOptions options = command({"run", "idle.toml"});
+    set_variable(options, "NOTIFY_SOCKET", "@" + name);
+    Process process(options);
+
+    EXPECT_EQ(abstract.take(), kReady);
+
+    process.send(SIGTERM);
+    EXPECT_EQ(process.wait().status, 0);
+}
+
+TEST_F(Service, RunsWithoutAManagerThatCanBeTold)
+{
+    for (const std::string& name :
+         {std::string("x"), directory() + "/none", std::string(200, '/')}) {
+        ProcessOptions options = command({"run", "bad.toml"});
+        set_variable(options, "NOTIFY_SOCKET", name);
+        write("bad.toml",
+              "format = 1\nblocks.a = { type = \"trouble:Trouble\", config = { where = \"start\", "
+              "what = \"throw\" } }\n");
+
+        expect_result(run_process(options), 1, "",
+                      "quorval: error: block 'a' failed in start: no luck\n");
+    }
+}
+
+TEST_F(Service, DoesNotLoadWhatASmallGraphDoesNotNeed)
+{
+    Process process(service("idle.toml"));
+    EXPECT_EQ(socket.take(), kReady);
+
+    std::ifstream maps("/proc/" + std::to_string(process.id()) + "/maps");
+    const std::string mapped((std::istreambuf_iterator<char>(maps)), {});
+
+    EXPECT_THAT(mapped, HasSubstr("libquorval-runtime"));
+    for (const char* library : {"libsystemd", "libsqlite3", "libmosquitto", "libtbb"}) {
+        EXPECT_THAT(mapped, Not(HasSubstr(library)));
+    }
+    process.send(SIGTERM);
+    EXPECT_EQ(process.wait().status, 0);
+}
+
 TEST_F(Service, IsNotReadyWhereABlockFailsToStart)
 {
     write("bad.toml",
@@ -136,6 +189,20 @@ TEST_F(Service, ShowsThatItsLoopIsAlive)
     process.send(SIGTERM);
     count_signs_of_life();
 
+    EXPECT_EQ(process.wait().status, 0);
+}
+
+TEST_F(Service, ShowsNoSignOfLifeWhereTheManagerWatchesAnother)
+{
+    ProcessOptions options = service("idle.toml");
+    set_variable(options, "WATCHDOG_USEC", "2000");
+    set_variable(options, "WATCHDOG_PID", "1");
+    Process process(options);
+
+    EXPECT_EQ(socket.take(), kReady);
+    process.send(SIGTERM);
+
+    EXPECT_EQ(count_signs_of_life(), 0);
     EXPECT_EQ(process.wait().status, 0);
 }
 

@@ -51,7 +51,9 @@ Loop::Loop()
 Loop::~Loop()
 {
     event_event_.reset();
-    sd_event_unref(event_);
+    if (event_ != nullptr) {
+        sd_event_unref(event_);
+    }
 }
 
 Loop::Time Loop::now()

@@ -59,7 +59,14 @@ int priority_of(loglevel level)
 /// them into order: threads that log at any time must find one sink all the while.
 class Sink : public LogInstance {
 public:
-    explicit Sink(loglevel threshold) : LogInstance(threshold), is_journal_(is_journal()) {}
+    explicit Sink(loglevel threshold) : LogInstance(threshold), is_journal_(is_journal())
+    {
+        if (is_journal_) {
+            // Sends nothing, but loads the library: threads may log while another one loads a
+            // plug-in, and must not wait for it.
+            sd_journal_sendv(nullptr, 0);
+        }
+    }
 
     void emit(loglevel level, const char* text, int length) override
     {

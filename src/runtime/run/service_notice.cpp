@@ -1,28 +1,68 @@
 #include "run/service_notice.h"
 
-#include <systemd/sd-daemon.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <charconv>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
+#include <string_view>
+
+// What sd-daemon.h has for these would load all of its library, which takes longer than all the
+// rest of a small graph.
 
 namespace Quorval::runtime {
 
 namespace {
 
+std::string_view variable(const char* name)
+{
+    const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets any
+    return value != nullptr ? value : "";
+}
+
+/// Zero for what is no number.
+std::uint64_t to_number(std::string_view text)
+{
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? number : 0;
+}
+
 /// Half of the time after which the manager takes the process for dead; zero where it does not.
 std::chrono::nanoseconds watchdog_interval()
 {
-    std::uint64_t microseconds = 0;
-    if (sd_watchdog_enabled(0, &microseconds) <= 0) {
+    const std::string_view process = variable("WATCHDOG_PID");
+    if (!process.empty() && to_number(process) != static_cast<std::uint64_t>(::getpid())) {
         return std::chrono::nanoseconds(0);
     }
-    return std::chrono::microseconds(microseconds / 2);
+    return std::chrono::microseconds(to_number(variable("WATCHDOG_USEC")) / 2);
 }
 
 /// Nothing can be done about what is not told.
 void tell(const std::string& state)
 {
-    static_cast<void>(sd_notify(0, state.c_str()));
+    const std::string_view path = variable("NOTIFY_SOCKET");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() < 2 || path.size() >= sizeof address.sun_path) {
+        return;
+    }
+    path.copy(&address.sun_path[0], path.size());
+    if (path.front() == '@') {
+        address.sun_path[0] = '\0';  // it is no file, and has no zero at its end
+    }
+    const std::size_t size =
+        offsetof(sockaddr_un, sun_path) + path.size() + (path.front() == '@' ? 0 : 1);
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0) {
+        ::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(size));
+        ::close(fd);
+    }
 }
 
 }  // namespace

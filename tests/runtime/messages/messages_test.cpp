@@ -27,6 +27,9 @@ Entries entries;
 // What the program defines goes before what the library has under the same name.
 extern "C" int sd_journal_sendv(const struct iovec* fields, int count)
 {
+    if (count == 0) {
+        return -EINVAL;  // as the library does
+    }
     std::vector<std::string>& entry = entries.emplace_back();
     for (int at = 0; at < count; ++at) {
         entry.emplace_back(static_cast<const char*>(fields[at].iov_base), fields[at].iov_len);
