@@ -320,10 +320,28 @@ TEST(Broker, IsAHostAndAPort)
     EXPECT_EQ(parse("mqtt://10.0.0.1:1"), "10.0.0.1 1");
     EXPECT_EQ(parse("mqtt://[fe80::1%eth0]:65535"), "fe80::1%eth0 65535");
     EXPECT_EQ(parse("mqtt://[::1]"), "::1 1883");
-    for (const char* text :
-         {"", "localhost", "mqtt:/localhost", "mqtt://", "mqtt://a:", "mqtt://a:0",
-          "mqtt://a:65536", "mqtt://a:1x", "mqtt://a/b", "mqtt://[::1", "mqtt://u@a",
-          "mqtt://[::1]x", "mqtt://a b", "MQTT://a"}) {
+    EXPECT_EQ(parse("mqtt://Broker-1.my_net.Z9:0080"), "Broker-1.my_net.Z9 80");
+    for (const char* text : {"",
+                             "localhost",
+                             "mqtt:/localhost",
+                             "mqtt://",
+                             "mqtt://a:",
+                             "mqtt://a:0",
+                             "mqtt://a:65536",
+                             "mqtt://a:1x",
+                             "mqtt://a/b",
+                             "mqtt://[::1",
+                             "mqtt://u@a",
+                             "mqtt://[::1]x",
+                             "mqtt://a b",
+                             "MQTT://a",
+                             "mqtt://a:99999999999999999999",
+                             "mqtt://a:-1",
+                             "mqtt://a:+1",
+                             "mqtt://a~b",
+                             "mqtt://a{",
+                             "mqtt://[a/b]",
+                             "mqtt://[]"}) {
         EXPECT_EQ(parse(text), "refused") << text;
     }
 }

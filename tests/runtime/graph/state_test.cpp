@@ -44,11 +44,13 @@ TEST(StateDirectory, IsTheGivenOneOrThatOfTheService)
     }
 }
 
-TEST(StateDirectory, HasOneOfEachBlock)
+TEST(StateDirectory, HasOneOfEachBlockAndAFile)
 {
     EXPECT_EQ(state_directory_of("/state", "gain"), "/state/gain/");
     EXPECT_EQ(state_directory_of("/state", "left/gain"), "/state/left.gain/");
     EXPECT_EQ(state_directory_of("/", "gain"), "/gain/");
+    EXPECT_EQ(saved_file("/state"), "/state/overrides");
+    EXPECT_EQ(saved_file("/"), "/overrides");
 }
 
 TEST(StateDirectory, IsMadeForItsOwnerAlone)

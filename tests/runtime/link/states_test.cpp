@@ -44,10 +44,10 @@ protected:
         make();
     }
 
-    void make()
+    void make(const std::string& host = "127.0.0.1")
     {
         present = 100s;
-        description_.host = "127.0.0.1";
+        description_.host = host;
         description_.broker = server_.url();
         description_.port =
             std::stoi(description_.broker.substr(description_.broker.rfind(':') + 1));
@@ -240,6 +240,33 @@ TEST_F(LinkStatesTest, SaysHowManyValuesMayNotHaveArrived)
     link_->end();
 
     EXPECT_THAT(log_.texts(), ElementsAre("2 values may not have reached the broker"));
+}
+
+/// The name service could hold up the end.
+TEST_F(LinkStatesTest, LooksForABrokerAtTheEndWhereNobodyHasToBeAskedForIt)
+{
+    const std::vector<std::pair<std::string, bool>> hosts = {
+        {"127.0.0.1", true}, {"::1", true}, {"localhost", true}, {"broker.invalid", false}};
+    for (const auto& [host, is_looked_for] : hosts) {
+        make(host);
+        give("value");
+
+        link_->begin_end();
+        link_->prepare();
+
+        EXPECT_EQ(link_->is_finished(), !is_looked_for) << host;
+        EXPECT_EQ(link_->next_time().has_value(), is_looked_for) << host;
+    }
+}
+
+TEST_F(LinkStatesTest, EndsAtOnceWhereNothingIsToBeSent)
+{
+    link_->begin_end();
+
+    EXPECT_TRUE(link_->is_finished());
+    EXPECT_FALSE(link_->next_time().has_value());
+    link_->end();
+    EXPECT_THAT(log_.texts(), IsEmpty());
 }
 
 }  // namespace

@@ -259,10 +259,10 @@ TEST(EventPorts, MayBeMadeOnATimer)
 /// A pipe whose read end a block watches.
 class Pipe {
 public:
-    explicit Pipe(FakeBlock& block)
+    explicit Pipe(FakeBlock& block, const std::string& name = "pipe")
     {
         EXPECT_EQ(::pipe2(ends_.data(), O_CLOEXEC | O_NONBLOCK), 0);
-        block.make_fdport("pipe", ends_[0], {true, false});
+        block.make_fdport(name, ends_[0], {true, false});
     }
     Pipe(const Pipe&) = delete;
     Pipe& operator=(const Pipe&) = delete;
@@ -282,6 +282,23 @@ public:
 private:
     std::array<int, 2> ends_ = {};
 };
+
+TEST(PlainPorts, AreNumberedInTheOrderOfTheirNames)
+{
+    Setting setting;
+    const Pipe last(setting.block, "c");
+    const Pipe first(setting.block, "a");
+    const Pipe second(setting.block, "b");
+    setting.begin();
+
+    first.fill();
+    ASSERT_EQ(setting.ready().size(), 1U);
+    EXPECT_EQ(setting.ready()[0].tag, 0U);
+    first.drain();
+    last.fill();
+    ASSERT_EQ(setting.ready().size(), 1U);
+    EXPECT_EQ(setting.ready()[0].tag, 2U);
+}
 
 TEST(PlainPorts, RunTheirBlockForAsLongAsTheyAreReady)
 {

@@ -297,4 +297,19 @@ TEST_F(RecordGraph, TellsOfWavesThatAreMissing)
     EXPECT_THAT(said, ::testing::Contains("2 waves are missing in 'r'"));
 }
 
+TEST_F(RecordGraph, StopsAReplayThatIsStoppedBeforeItsFirstWave)
+{
+    record(kWorking);
+    GraphOptions replaying = options(kWorking);
+    replaying.replay_file = file();
+
+    const auto said = said_by([&] {
+        Graph graph(replaying);
+        graph.stop();
+        EXPECT_EQ(graph.run(), RunResult::Done);
+    });
+
+    EXPECT_THAT(without(said, "ends with nothing"), IsEmpty());
+}
+
 }  // namespace
