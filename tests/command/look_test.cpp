@@ -55,6 +55,35 @@ TEST(LookAt, MakesNoBlocksWhereNoneAreWanted)
     EXPECT_FALSE(look.plugin["types"][2].contains("inports"));
 }
 
+TEST(LookAt, NamesTheTypesWhereTheOneThatIsWantedIsMissing)
+{
+    LookOptions options;
+    options.type = "Wanted";
+    const auto problem_of = [&](const PluginFile& file) {
+        const Look look = look_at(file, options);
+        EXPECT_FALSE(look.is_usable);
+        EXPECT_EQ(look.plugin["types"], json::array());
+        return look.plugin["problem"].get<std::string>();
+    };
+
+    EXPECT_EQ(problem_of(file_of("trouble")),
+              "plug-in 'trouble' has no block type 'Wanted'; it has Trouble");
+    EXPECT_EQ(problem_of(file_of("nothing", QUORVAL_TEST_PLUGIN_DIR "/nothing")),
+              "plug-in 'nothing' has no block type 'Wanted'; it has none");
+}
+
+TEST(LookAt, HasNoNoteOfALibraryThatIsNoPlugin)
+{
+    const Look look = look_at({"secure", QUORVAL_TEST_SECURE, ""}, {});
+
+    EXPECT_FALSE(look.is_usable);
+    EXPECT_EQ(look.plugin["file"], QUORVAL_TEST_SECURE);
+    EXPECT_FALSE(look.plugin.contains("note"));
+    EXPECT_EQ(look.plugin["problem"],
+              "plug-in 'secure' cannot be loaded: Found no C++ register function in plugin "
+              "libtest_command_secure.so");
+}
+
 TEST(LookAt, GoesOnBehindATypeThatEndsTheProcess)
 {
     const Look look = look_at(file_of("shapes"), {});
