@@ -192,18 +192,23 @@ TEST_F(Service, ShowsThatItsLoopIsAlive)
     EXPECT_EQ(process.wait().status, 0);
 }
 
-TEST_F(Service, ShowsNoSignOfLifeWhereTheManagerWatchesAnother)
+TEST_F(Service, ShowsNoSignOfLifeWhereTheManagerWatchesAnotherOrNone)
 {
-    ProcessOptions options = service("idle.toml");
-    set_variable(options, "WATCHDOG_USEC", "2000");
-    set_variable(options, "WATCHDOG_PID", "1");
-    Process process(options);
+    const std::vector<std::pair<std::string, std::string>> variables = {
+        {"2000", "1"}, {"", ""}, {"often", ""}, {"36893488147419104", ""}, {"-2000", ""}};
+    for (const auto& [time, watched] : variables) {
+        SCOPED_TRACE(time);
+        ProcessOptions options = service("idle.toml");
+        set_variable(options, "WATCHDOG_USEC", time);
+        set_variable(options, "WATCHDOG_PID", watched);
+        Process process(options);
 
-    EXPECT_EQ(socket.take(), kReady);
-    process.send(SIGTERM);
+        EXPECT_EQ(socket.take(), kReady);
+        process.send(SIGTERM);
 
-    EXPECT_EQ(count_signs_of_life(), 0);
-    EXPECT_EQ(process.wait().status, 0);
+        EXPECT_EQ(count_signs_of_life(), 0);
+        EXPECT_EQ(process.wait().status, 0);
+    }
 }
 
 TEST_F(Service, ShowsThatAReplayIsAlive)

@@ -39,7 +39,9 @@ std::chrono::nanoseconds watchdog_interval()
     if (!process.empty() && to_number(process) != static_cast<std::uint64_t>(::getpid())) {
         return std::chrono::nanoseconds(0);
     }
-    return std::chrono::microseconds(to_number(variable("WATCHDOG_USEC")) / 2);
+    constexpr std::uint64_t kNever = 1'000'000'000'000'000;  // 31 years
+    const std::uint64_t time = to_number(variable("WATCHDOG_USEC"));
+    return std::chrono::microseconds(time < kNever ? time / 2 : 0);
 }
 
 /// Nothing can be done about what is not told.
