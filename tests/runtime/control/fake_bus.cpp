@@ -71,7 +71,8 @@ int tell_user(sd_bus_message* call)
 {
     const char* name = nullptr;
     check(sd_bus_message_read(call, "s", &name));
-    return sd_bus_reply_method_return(call, "u", std::stoul(std::strchr(name, '.') + 1));
+    const auto user = static_cast<std::uint32_t>(std::stoul(std::strchr(name, '.') + 1));
+    return sd_bus_reply_method_return(call, "u", user);
 }
 
 }  // namespace
@@ -165,6 +166,9 @@ void FakeBus::serve(int client)
     do {
         result = sd_bus_process(made, nullptr);
     } while (result > 0 || (result == 0 && sd_bus_flush(made) >= 0 && wait_for(client)));
+    while (sd_bus_process(made, nullptr) > 0) {
+        // The client may have gone right after it answered.
+    }
 }
 
 int FakeBus::on_message(sd_bus_message* message, void* self, sd_bus_error* /*error*/)
