@@ -44,6 +44,18 @@ struct Order {
     }
 };
 
+/// Comes before a point when it goes, by an exception too.
+struct Before {
+    Order& point;
+    ~Before() { point.come_before(); }
+};
+
+/// Likewise behind it.
+struct Behind {
+    Order& point;
+    ~Behind() { point.come_behind(); }
+};
+
 /// What threads of the process have. Those of oneTBB have 4 MB if nothing else is said, and what
 /// runs on the thread of the graph is to run on them.
 std::size_t stack_size()
@@ -130,10 +142,11 @@ void Workers::run(std::size_t count, const std::function<void(std::size_t)>& wor
     const auto run_one = [&](std::size_t at) {
         tbb::this_task_arena::isolate([&] {
             begin.come_behind();
+            const Before done{end};
             work(at);
-            end.come_before();
         });
     };
+    const Behind all_done{end};
     begin.come_before();
     impl_->arena.execute([&] {
         tbb::task_group group;
@@ -149,7 +162,6 @@ void Workers::run(std::size_t count, const std::function<void(std::size_t)>& wor
         }
         group.wait();
     });
-    end.come_behind();
 }
 
 std::uint32_t Workers::present()
