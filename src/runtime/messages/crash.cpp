@@ -102,9 +102,9 @@ void report_signal(int signal)
         const char* name = ::sigabbrev_np(signal);
         line << "signal " << signal << " (SIG" << (name != nullptr ? name : "?") << ")";
         line.write();
-    } else {
+    } else if (first != mine) {
         // A second thread would end the process before the first one has said what happened.
-        while (first != mine) {
+        while (true) {
             ::pause();
         }
     }
