@@ -1,10 +1,8 @@
 #include "command.h"
 #include "command/command_test.h"
-
-#include <sys/resource.h>
+#include "support/scopes.h"
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -18,7 +16,9 @@ using quorval_test::CommandTest;
 using quorval_test::expect_result;
 using quorval_test::expect_throw;
 using quorval_test::expect_wrong_use;
+using quorval_test::FileSizeLimit;
 using quorval_test::read_file;
+using quorval_test::ScopedWorkingDirectory;
 
 class New : public CommandTest {
 protected:
@@ -83,39 +83,15 @@ TEST_F(New, SaysWhyTheFolderCannotBeMade)
                   "quorval: error: '" + name + "' cannot be made: File name too long\n");
 }
 
-/// Files stay as short as that.
-class FileLimit {
-public:
-    explicit FileLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        ::getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit limit = {bytes, before_.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileLimit(const FileLimit&) = delete;
-    FileLimit& operator=(const FileLimit&) = delete;
-    ~FileLimit()
-    {
-        ::setrlimit(RLIMIT_FSIZE, &before_);
-        static_cast<void>(std::signal(SIGXFSZ, handler_));
-    }
-
-private:
-    rlimit before_{};
-    void (*handler_)(int);
-};
-
 TEST_F(New, LeavesNothingWhenAFileCannotBeWritten)
 {
-    const fs::path before = fs::current_path();
-    fs::current_path(directory());
     {
-        const FileLimit limit(100);
+        const ScopedWorkingDirectory there(directory());
+        const FileSizeLimit limit(100);
         expect_throw<std::system_error>(
             [] { new_command({"filters"}); },
             "'filters/CMakeLists.txt' cannot be written: File too large");
     }
-    fs::current_path(before);
 
     EXPECT_EQ(list("."), std::vector<std::string>());
 }

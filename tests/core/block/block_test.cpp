@@ -3,7 +3,7 @@
 #include <quorval/pstore.h>
 #include "fake_updater.h"
 #include "runtime_tools.h"
-#include "support/no_descriptors.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
 #include "quorval/dlloader.h"
 
 #include "process_map.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -25,6 +26,7 @@ using quorval_test::LogLine;
 using quorval_test::LogRecorder;
 using quorval_test::platform_error;
 using quorval_test::read_file;
+using quorval_test::ScopedWorkingDirectory;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -37,22 +39,6 @@ LogLine line(const std::string& text)
 {
     return {LOGLEVEL_INFO, text, static_cast<int>(text.size())};
 }
-
-/// The working directory of the process, put back in the end.
-class WorkingDirectory {
-public:
-    explicit WorkingDirectory(const std::filesystem::path& directory)
-        : before_(std::filesystem::current_path())
-    {
-        std::filesystem::current_path(directory);
-    }
-    WorkingDirectory(const WorkingDirectory&) = delete;
-    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
-    ~WorkingDirectory() { std::filesystem::current_path(before_); }
-
-private:
-    std::filesystem::path before_;
-};
 
 TEST(DlLoaderTest, LogsLoadingAndUnloading)
 {
@@ -165,7 +151,7 @@ TEST(DlLoaderTest, IsNotDisturbedByTheErrorOfAnEarlierLookUp)
 TEST(DlLoaderTest, KeepsThePathAsItWasGiven)
 {
     const std::string path = fixture_path("fixture_no_entry_point.so");
-    const WorkingDirectory here(fixture_dir());
+    const ScopedWorkingDirectory here(fixture_dir());
 
     EXPECT_EQ(DlLoader(path).get_path(), path);
     EXPECT_EQ(DlLoader("./fixture_no_entry_point.so").get_path(), "./fixture_no_entry_point.so");

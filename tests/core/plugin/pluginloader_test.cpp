@@ -3,6 +3,7 @@
 #include <quorval/superblock.h>
 #include "fixtures/fixture.h"
 #include "process_map.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -49,6 +50,7 @@ using quorval_test::LogRecorder;
 using quorval_test::platform_error;
 using quorval_test::read_file;
 using quorval_test::ScopedEnvironment;
+using quorval_test::ScopedWorkingDirectory;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 using Texts = std::vector<std::string>;
@@ -167,14 +169,12 @@ TEST_F(PluginLoaderConstruction, JoinsDirectoryAndFileNameWithOneSlash)
 
 TEST_F(PluginLoaderConstruction, TakesTheDirectoryAsItIs)
 {
-    const auto before = std::filesystem::current_path();
-    std::filesystem::current_path(std::filesystem::path(fixture_dir()).parent_path());
+    const ScopedWorkingDirectory there(std::filesystem::path(fixture_dir()).parent_path());
     const ScopedEnvironment directory("QUORVAL_PLUGIN_DIR", "fixtures");
     const LogRecorder log;
 
     load(kGood);
 
-    std::filesystem::current_path(before);
     EXPECT_EQ(log.texts(), (Texts{loaded("fixtures/fixture_good.so"), "create functions gone",
                                   unloaded("fixtures/fixture_good.so")}));
 }

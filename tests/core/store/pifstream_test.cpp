@@ -1,4 +1,5 @@
 #include <quorval/pstore.h>
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <fcntl.h>
@@ -19,6 +20,7 @@
 
 using Quorval::PIFStream;
 using quorval_test::open_descriptors;
+using quorval_test::ScopedWorkingDirectory;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -103,20 +105,18 @@ TEST_F(PIFStreamConstruction, ReadsBytesAsTheyAre)
 
 TEST_F(PIFStreamConstruction, TakesARelativePathAndAnEmptyOne)
 {
-    const fs::path before = fs::current_path();
     fs::create_directory(path_ / "sub");
     write_file(path_ / "sub/inner", "inner");
-    fs::current_path(path_);
 
     std::string relative;
     std::string empty;
     {
+        const ScopedWorkingDirectory there(path_);
         PIFStream in("sub", "inner");
         relative = rest_of(in);
         PIFStream here("", "state");
         empty = rest_of(here);
     }
-    fs::current_path(before);
 
     EXPECT_EQ(relative, "inner");
     EXPECT_EQ(empty, "abcdef");

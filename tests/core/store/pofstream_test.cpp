@@ -1,5 +1,6 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <sys/resource.h>
@@ -25,6 +26,8 @@
 using Quorval::POFStream;
 using quorval_test::expect_throw;
 using quorval_test::read_file;
+using quorval_test::ScopedLimit;
+using quorval_test::ScopedWorkingDirectory;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -44,27 +47,6 @@ private:
     mode_t before_;
 };
 
-/// Limits a resource of the process, and puts the limit back.
-class ScopedLimit {
-public:
-    using Resource = decltype(RLIMIT_NOFILE);
-
-    ScopedLimit(Resource resource, rlim_t most) : resource_(resource)
-    {
-        ::getrlimit(resource_, &before_);
-        rlimit limit = before_;
-        limit.rlim_cur = most;
-        ::setrlimit(resource_, &limit);
-    }
-    ScopedLimit(const ScopedLimit&) = delete;
-    ScopedLimit& operator=(const ScopedLimit&) = delete;
-    ~ScopedLimit() { ::setrlimit(resource_, &before_); }
-
-private:
-    Resource resource_;
-    rlimit before_ = {};
-};
-
 /// The descriptor that the next open() gives.
 rlim_t next_descriptor()
 {
@@ -72,21 +54,6 @@ rlim_t next_descriptor()
     ::close(next);
     return static_cast<rlim_t>(next);
 }
-
-/// Makes the working directory another one, and puts it back.
-class ScopedWorkingDirectory {
-public:
-    explicit ScopedWorkingDirectory(const fs::path& path) : before_(fs::current_path())
-    {
-        fs::current_path(path);
-    }
-    ScopedWorkingDirectory(const ScopedWorkingDirectory&) = delete;
-    ScopedWorkingDirectory& operator=(const ScopedWorkingDirectory&) = delete;
-    ~ScopedWorkingDirectory() { fs::current_path(before_); }
-
-private:
-    fs::path before_;
-};
 
 unsigned int mode_of(const fs::path& file)
 {

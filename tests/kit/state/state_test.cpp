@@ -1,13 +1,11 @@
 #include <quorval/config.h>
 #include <quorval/pstore.h>
 #include <quorval/state.h>
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
-
-#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <limits>
@@ -24,6 +22,7 @@ using Quorval::load_state;
 using Quorval::PStore;
 using Quorval::save_state;
 using quorval_test::expect_throw;
+using quorval_test::FileSizeLimit;
 using quorval_test::read_file;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
@@ -259,18 +258,11 @@ TEST_F(State, IsRefusedWithAKeyThatWouldHideTheSeal)
 
 TEST_F(State, ThatHasNoRoomIsReportedAndFoundAtTheNextLoad)
 {
-    auto* const before_handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit before{};
-    ::getrlimit(RLIMIT_FSIZE, &before);
-    rlimit limit = before;
-    limit.rlim_cur = 150;
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-
-    expect_throw<std::runtime_error>([&] { save_state(store_, "state", state_); },
-                                     "there is no room for the state " + file());
-
-    ::setrlimit(RLIMIT_FSIZE, &before);
-    static_cast<void>(std::signal(SIGXFSZ, before_handler));
+    {
+        const FileSizeLimit full(150);
+        expect_throw<std::runtime_error>([&] { save_state(store_, "state", state_); },
+                                         "there is no room for the state " + file());
+    }
     EXPECT_NE(find_damage(), "");
 }
 

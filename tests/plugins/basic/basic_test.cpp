@@ -1,18 +1,17 @@
 // The blocks of the plug-in basic, each in a harness.
 #include <quorval/runtime/testing.h>
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
@@ -28,6 +27,7 @@ namespace {
 using Quorval::BlockConfiguration;
 using Quorval::Harness;
 using quorval_test::expect_throw;
+using quorval_test::FileSizeLimit;
 using quorval_test::open_descriptors;
 using quorval_test::read_file;
 using quorval_test::write_file;
@@ -519,28 +519,6 @@ TEST_F(CsvTest, SinkRefusesAFileThatAnotherOneWrites)
     sink.stop();
     EXPECT_EQ(read_file(file("out.csv")), "a\n");
 }
-
-/// What files may grow to, until the end of the scope.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        ::getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit limit = {bytes, before_.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit()
-    {
-        ::setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, signal_);
-    }
-
-private:
-    rlimit before_ = {};
-    void (*signal_)(int) = std::signal(SIGXFSZ, SIG_IGN);
-};
 
 TEST_F(CsvTest, SinkLeavesNoGapWhereItFailed)
 {

@@ -1,6 +1,6 @@
 #include "link/files.h"
 
-#include "support/no_descriptors.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>

@@ -3,6 +3,7 @@
 #include "record/format.h"
 #include "record/reader.h"
 #include "record/writer.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -30,6 +31,7 @@ using Quorval::runtime::RecordingReader;
 using Quorval::runtime::RecordingWriter;
 using quorval_test::expect_throw;
 using quorval_test::read_file;
+using quorval_test::ScopedWorkingDirectory;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -155,8 +157,7 @@ TEST_F(RecordingFile, TellsOfMissingWaves)
 
 TEST_F(RecordingFile, TakesTheCurrentDirectoryAndNamesOfItsOwnKind)
 {
-    const auto before = std::filesystem::current_path();
-    std::filesystem::current_path(path(""));
+    const ScopedWorkingDirectory there(path(""));
     for (const std::string name : {":memory:", "a?b#c%20", "file:x"}) {
         SCOPED_TRACE(name);
         {
@@ -167,7 +168,6 @@ TEST_F(RecordingFile, TakesTheCurrentDirectoryAndNamesOfItsOwnKind)
         EXPECT_EQ(read_recording(name).waves, 1U);
         EXPECT_TRUE(std::filesystem::exists(path(name)));
     }
-    std::filesystem::current_path(before);
 }
 
 TEST_F(RecordingFile, IsRefusedWhereSomethingIs)

@@ -3,18 +3,16 @@
 #include <quorval/runtime/config_files.h>
 #include <quorval/runtime/diagnostic.h>
 #include <quorval/state.h>
-#include "support/no_descriptors.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -40,6 +38,8 @@ using Quorval::to_toml;
 using Quorval::to_toml_value;
 using Quorval::write_store_file;
 using quorval_test::expect_throw;
+using quorval_test::FileSizeLimit;
+using quorval_test::NoDescriptors;
 using quorval_test::read_file;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
@@ -419,7 +419,7 @@ TEST_F(ConfigFiles, ThatCannotBeReadSayWhy)
     expect_throw<std::runtime_error>([] { read_store_file("/proc/self/mem"); },
                                      "cannot read: Input/output error");
     write_store_file(path("store"), {{"a", 1}});
-    const quorval_test::NoDescriptors none;
+    const NoDescriptors none;
     expect_throw<std::runtime_error>([&] { read_store_file(path("store")); },
                                      "cannot read: Too many open files");
 }
@@ -459,30 +459,6 @@ TEST_F(ConfigFiles, OfStoresAreReplacedWhereALinkLeads)
     EXPECT_TRUE(fs::is_symlink(path("link")));
     EXPECT_EQ(read_file(path("folder/store")), bytes_of({{"a", 1}}));
 }
-
-/// Lets files grow to so many bytes. What is too much is not written.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        before_handler_ = std::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit limit = before_;
-        limit.rlim_cur = bytes;
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit()
-    {
-        ::setrlimit(RLIMIT_FSIZE, &before_);
-        static_cast<void>(std::signal(SIGXFSZ, before_handler_));
-    }
-
-private:
-    rlimit before_{};
-    void (*before_handler_)(int);
-};
 
 TEST_F(ConfigFiles, OfStoresStayOldWhereThereIsNoRoom)
 {
