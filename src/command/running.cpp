@@ -83,8 +83,9 @@ loglevel to_level(const Verbosity& verbosity)
 
 int run_graph(const Quorval::GraphOptions& options, loglevel level)
 {
-    // Lives until the process ends, as threads that plug-ins leave behind may log until then.
-    static Quorval::Messages messages(level);
+    // Never destroyed, not by exit() either: plug-ins and their threads may log until the very end.
+    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory)
+    static Quorval::Messages& messages = *new Quorval::Messages(level);
     std::unique_ptr<Quorval::Graph> graph;
     try {
         graph = make_graph(options);

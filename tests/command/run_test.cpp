@@ -137,6 +137,13 @@ TEST_F(Run, NamesTheBlockThatEndsTheProcess)
                   "quorval: fatal: block 'a/b' called exit in destroy\n");
 }
 
+TEST_F(Run, ShowsWhatIsLoggedWhileABlockEndsTheProcess)
+{
+    expect_result(run_trouble("run", "log and exit"), 1, "b started\n",
+                  "quorval: warning: a/b: the last word\n"
+                  "quorval: fatal: block 'a/b' called exit in run\n");
+}
+
 TEST_F(Run, NamesThePluginThatEndsTheProcessFromAThread)
 {
     expect_result(run_trouble("run", "exit in thread"), 1, "b started\n",

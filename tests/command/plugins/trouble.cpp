@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -51,10 +53,21 @@ public:
     }
 }
 
+/// A stream that logs when it is written, which is at the end of the process.
+void log_at_the_end()
+{
+    cookie_io_functions_t functions{};
+    functions.write = [](void* /*cookie*/, const char* /*text*/, std::size_t size) {
+        Quorval::ilog(LOGLEVEL_WARNING) << "the last word";
+        return static_cast<ssize_t>(size);
+    };
+    std::fputs("text", ::fopencookie(nullptr, "w", functions));
+}
+
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
 /// "say", "kill", "block", "exit in thread", "leave thread", "leave talk", "throw nothing",
-/// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "leave open",
-/// "leave open and throw", "close all", "close error" or "spin".
+/// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "log and exit",
+/// "leave open", "leave open and throw", "close all", "close error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -119,6 +132,10 @@ private:
             ::raise(SIGKILL);
         }
         if (what_ == "exit") {
+            std::exit(0);
+        }
+        if (what_ == "log and exit") {
+            log_at_the_end();
             std::exit(0);
         }
         if (what_ == "say") {
