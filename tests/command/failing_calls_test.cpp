@@ -201,6 +201,18 @@ TEST_F(FailingCalls, EndARunInOrder)
     EXPECT_GT(failed, 50U / QUORVAL_FAULT_STEP);
 }
 
+TEST_F(FailingCalls, LeaveItsSignalsToARunWhoseRecordingGetsNoThread)
+{
+    clean();
+
+    const ProcessResult result =
+        run_preloaded({"run", "--record", "r", "g.toml"}, "QUORVAL_TEST_CALL",
+                      "pthread_create 0 " + std::to_string(EAGAIN));
+
+    quorval_test::expect_result(
+        result, 1, "", "quorval: error: 'r' cannot be written: Resource temporarily unavailable\n");
+}
+
 #ifdef QUORVAL_HAS_THREADS
 TEST_F(FailingCalls, LeaveThoseThreadsToARunThatItGot)
 {

@@ -36,17 +36,29 @@ std::string no_codec(const std::string& type)
     return "there is no codec for " + type;
 }
 
+/// The present thread blocks all signals for its lifetime.
+class NoSignals {
+public:
+    NoSignals()
+    {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    NoSignals(const NoSignals&) = delete;
+    NoSignals& operator=(const NoSignals&) = delete;
+    ~NoSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_{};
+};
+
 /// A thread that no signal of the process is delivered to.
 template <class Work>
 std::thread start_thread(Work work)
 {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread thread(std::move(work));
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
+    const NoSignals scope;  // which the thread inherits
+    return std::thread(std::move(work));
 }
 
 }  // namespace
