@@ -230,6 +230,23 @@ TEST_F(FailingCalls, LeaveThoseThreadsToARunThatItGot)
                      "more\n");
     EXPECT_NE(read_file(file("out.csv")), "old\n");
 }
+
+TEST_F(FailingCalls, LeaveTheThreadOfItsRecordingToARun)
+{
+    const unsigned wanted = std::min(2U, std::thread::hardware_concurrency());
+    clean();
+
+    const ProcessResult result =
+        run_preloaded({"run", "--threads", "2", "--record", "r", "g.toml"}, "QUORVAL_TEST_CALL",
+                      "pthread_create 1 " + std::to_string(EAGAIN));
+
+    quorval_test::expect_result(
+        result, 0, "",
+        wanted < 2 ? ""
+                   : "quorval: warning: the graph has 1 of 2 threads: the system refuses "
+                     "more\n");
+    EXPECT_GT(waves(), 0);
+}
 #endif
 
 TEST_F(FailingCalls, LeaveWholeRowsInAFileThatGrows)

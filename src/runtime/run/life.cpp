@@ -190,12 +190,13 @@ bool Life::start()
         }
         wave_.look_at_outputs(block);
     }
-    make_crew();
     watch_start();
+    make_crew();
     return is_stopping_ || has_sources_ || !wave_.is_idle();
 }
 
-/// Where there may be several threads: behind the start of the blocks, which may have some too.
+/// Where there may be several threads. Behind the start of the blocks and of the watcher, which may
+/// have some too.
 void Life::make_crew()
 {
     if (!threads_) {
