@@ -7,8 +7,14 @@
 #include "runtime/support/graph_files.h"
 #include "support/allocations.h"
 
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdarg>
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -19,6 +25,26 @@ namespace quorval_fuzz {
 using Quorval::Diagnostic;
 using Quorval::GraphError;
 using Quorval::GraphOptions;
+
+namespace {
+
+/// Where open() notes its paths; null: nowhere.
+std::vector<std::string>* opened_paths = nullptr;
+
+}  // namespace
+
+/// In place of that of the C library, for the runtime too.
+extern "C" int open(const char* path, int flags, ...)
+{
+    if (opened_paths != nullptr) {
+        opened_paths->emplace_back(path);
+    }
+    std::va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
 
 namespace {
 
@@ -39,7 +65,7 @@ std::vector<std::string> pieces_of(const std::string& input, char separator)
 /// Three files, each of which may include the others, and assignments, a line each.
 class GraphInput {
 public:
-    explicit GraphInput(const std::string& input)
+    explicit GraphInput(const std::string& input) : input_(input)
     {
         std::vector<std::string> pieces = pieces_of(input, '\x01');
         pieces.resize(4);
@@ -67,6 +93,21 @@ public:
         }
         std::sort(lines.begin(), lines.end());
         require(std::adjacent_find(lines.begin(), lines.end()) == lines.end(), "no line twice");
+    }
+
+    /// What is opened elsewhere than among the files and the plug-ins is what the input names. With
+    /// an escape in it that may be anything.
+    void check_opened(const std::vector<std::string>& paths) const
+    {
+        for (const std::string& path : paths) {
+            const bool is_below = path.find("/../") == std::string::npos &&
+                                  (path.find(files().directory().path()) == 0 ||
+                                   path.find(quorval_test::test_plugin_directory()) == 0);
+            const std::string name = std::filesystem::path(path).filename();
+            require(is_below || input_.find(name) != std::string::npos ||
+                        input_.find('\\') != std::string::npos,
+                    "a path that the input names");
+        }
     }
 
 private:
@@ -102,6 +143,7 @@ private:
         require(diagnostic.column <= lines[diagnostic.line - 1].size() + 2, "a column of the line");
     }
 
+    std::string input_;
     std::map<std::string, std::string> texts_;
     GraphOptions options_;
 };
@@ -128,6 +170,8 @@ void fuzz_graph(const std::uint8_t* data, std::size_t size)
     });
     require(peak <= most_memory(size), "the memory that reading has held");
 
+    std::vector<std::string> opened;
+    opened_paths = &opened;
     try {
         input.check(Quorval::runtime::load_graph(options).warnings);
     } catch (const GraphError& error) {
@@ -138,6 +182,9 @@ void fuzz_graph(const std::uint8_t* data, std::size_t size)
         require(!is_form_right || text.find("machine") != std::string::npos,
                 "a reason that the command line gives");
     }
+    opened_paths = nullptr;
+    require(!is_form_right || !opened.empty(), "files that are opened");
+    input.check_opened(opened);
 }
 
 }  // namespace quorval_fuzz
