@@ -88,23 +88,39 @@ private:
             !check_declared(*record.declared, place, record.config, problems_)) {
             return;
         }
+        UniqueDlPtr<Container> container = make_or_report(*plugin, place, type, record, adds_store);
+        if (container) {
+            keep(index, std::move(container));
+            warn_of_unread_keys(place, record.config, adds_store);
+        }
+    }
+
+    /// @return empty where it cannot be made, which is reported
+    UniqueDlPtr<Container> make_or_report(const Plugin& plugin, const PlainBlock& place,
+                                          const std::string& type, const BlockRecord& record,
+                                          bool adds_store)
+    {
         UniqueDlPtr<Container> container;
         const std::string failure = text_of_failure([&] {
             if (adds_store && !options_.is_dry) {
                 make_state_directory(record.state_directory);
             }
-            container = make(*plugin, place, type, record.config);
+            container = make(plugin, place, type, record.config);
         });
         if (!failure.empty()) {
             report_failure(place, failure);
-            return;
         }
+        return container;
+    }
+
+    void keep(std::size_t index, UniqueDlPtr<Container> container)
+    {
+        const PlainBlock& place = expansion_.blocks[index];
         auto* const block = static_cast<Block*>(container.get());
         made_.blocks[index] = block;
         made_.input_counts[index] = block->Block::get_inports_info().size();
         made_.superblocks[place.composite]->add_block(std::move(container));
         destruction_.add(place.path);
-        warn_of_unread_keys(place, record.config, adds_store);
     }
 
     void report_failure(const PlainBlock& place, const std::string& text)
