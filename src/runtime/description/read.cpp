@@ -51,8 +51,8 @@ void note_gaps(const GraphDescription& part, GraphDescription& whole)
     }
 }
 
-/// What a file that is not included may have is not missed: more of everything, but nothing that
-/// replaces what is there.
+/// A file that is not included for an error may have more of everything, so nothing is reported as
+/// missing. It cannot replace what is there.
 void note_missing_file(CompositeDescription& inside)
 {
     inside.is_broken = true;

@@ -102,9 +102,8 @@ public:
         return !table_.contains(key) && meant_.count(key) == 0;
     }
 
-    /// Whether something that is meant as a key is wrong, which is reported: another key is, or
-    /// what stands under the key is no such value.
-    /// @param value  what was found there; null: nothing of the kind
+    /// Whether the key is there, but misspelt or with a value of another kind, which is reported.
+    /// @param value  what was found under it; null: nothing of its kind
     bool is_wrong(const std::string& key, const void* value) const
     {
         return meant_.count(key) > 0 || (value == nullptr && table_.contains(key));

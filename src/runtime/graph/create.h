@@ -23,7 +23,7 @@ struct Creation {
     std::vector<Superblock*> superblocks;  ///< of the composites; null: it is elsewhere
     std::vector<Block*> blocks;  ///< null: it is elsewhere, or could not be made, which is reported
     std::vector<BlockRecord> records;
-    std::vector<std::size_t> input_counts;
+    std::vector<std::size_t> input_counts;  ///< how many inputs the blocks have
 };
 
 /// What all blocks of a graph are made with.

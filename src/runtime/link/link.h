@@ -65,7 +65,7 @@ public:
     /// Why the run has to end; empty: it has not.
     const std::string& failure() const { return failure_; }
 
-    /// From here on nothing comes in any more, and what waits is to be sent.
+    /// From here on what comes in is dropped, and what waits is to be sent.
     void begin_end();
     /// Whether all is sent, or cannot be.
     bool is_finished() const { return state_ == State::Closed; }

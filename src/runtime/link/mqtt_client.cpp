@@ -46,7 +46,7 @@ public:
                                                    value.c_str()));
     }
     mosquitto_property* get() const { return list_; }
-    /// Of the texts in a packet.
+    /// How many bytes the texts take in a packet.
     std::size_t bytes() const { return bytes_; }
     /// They belong to somebody else from here on.
     void release() { list_ = nullptr; }
@@ -108,7 +108,7 @@ const char* or_null(const std::string& text)
     return text.empty() ? nullptr : text.c_str();
 }
 
-/// How many bytes a number takes that says how long something is.
+/// How many bytes the number takes that says how long something is.
 std::size_t bytes_of_length(std::size_t length)
 {
     constexpr std::size_t kStep = 128;
@@ -123,7 +123,7 @@ std::size_t bytes_of_length(std::size_t length)
 std::size_t size_of_message(const std::string& topic, std::string_view bytes, bool keeps_all,
                             const Properties& properties)
 {
-    constexpr std::size_t kNumber = 2;  // of two bytes
+    constexpr std::size_t kNumber = 2;  // bytes of a short number
     const std::size_t rest = kNumber + topic.size() + (keeps_all ? kNumber : 0) +
                              bytes_of_length(properties.bytes()) + properties.bytes() +
                              bytes.size();

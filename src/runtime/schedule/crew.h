@@ -56,8 +56,8 @@ public:
     /// @return false when a block failed that does not skip failures
     bool look(std::uint32_t block);
 
-    /// In a run of the block: from here to its end no other block uses what only one thread may,
-    /// the event loop and the bus. Those that are tied do so all the time.
+    /// In a run of the block: from here to its end no other block uses the event loop and the bus,
+    /// which only one thread at a time may. Tied blocks have them in all of their runs.
     void take_loop(std::uint32_t block);
 
     /// The visits of the wave have ended.
