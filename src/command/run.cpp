@@ -62,9 +62,10 @@ HelpText help_of_run()
             "Exit status:\n"
             "  0  the graph came to its end, or was stopped\n"
             "  1  a block failed, the bus or its name was not to be had, the state is in use,\n"
-            "     or output or the recording could not be written\n"
+            "     the broker refused or let a later run take its place, or output or the\n"
+            "     recording could not be written\n"
             "  2  wrong use of the command line\n"
-            "  3  the graph or a plug-in is wrong, or nothing would ever run\n"
+            "  3  the graph, a plug-in or what was saved is wrong, or nothing would ever run\n"
             "\n"
             "Example:\n"
             "  quorval run --state /var/lib/loudness loudness.toml"};
