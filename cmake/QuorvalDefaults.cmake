@@ -11,7 +11,12 @@ endif()
 # error; by default the part is left out with a warning, so that the library builds on a machine
 # that has nothing but what the library itself needs.
 macro(quorval_option name default text)
-    if(DEFINED ${name})
+    # From the second configuration on a default is defined too: the cache holds it, with its text.
+    get_property(_quorval_text CACHE ${name} PROPERTY HELPSTRING)
+    if(DEFINED ${name} AND NOT "${_quorval_text}" STREQUAL "${text}")
+        set(${name}_IS_ASKED_FOR ON CACHE INTERNAL "")
+    endif()
+    if(${name}_IS_ASKED_FOR)
         set(_quorval_required REQUIRED)
     else()
         set(_quorval_required QUIET)

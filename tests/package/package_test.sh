@@ -290,6 +290,26 @@ builds_the_core_alone()
         fail "another message: $(cat "${work}/log")"
 }
 
+# configures_examples WARNINGS [OPTION...]: configures the core and its examples, whose package is not
+# there, in the same directory each time.
+configures_examples()
+{
+    "${CMAKE}" -S "${SOURCE}" -B "${work}/build" -DQUORVAL_BUILD_RUNTIME=OFF -DQUORVAL_BUILD_TESTS=OFF \
+        -DCMAKE_DISABLE_FIND_PACKAGE_SndFile=ON "${@:2}" >"${work}/log" 2>&1 || return 1
+    [[ $(grep -cF "QUORVAL_BUILD_EXAMPLES is off: SndFile was not found." "${work}/log") == "$1" ]] ||
+        fail "$(cat "${work}/log")"
+}
+
+# What is on by default is left out with a warning, each time; what was asked for is an error.
+leaves_out_what_it_has_no_packages_for()
+{
+    configures_examples 1 || fail "$(cat "${work}/log")"
+    configures_examples 1 || fail "the second time: $(cat "${work}/log")"
+    configures_examples 0 -DQUORVAL_BUILD_EXAMPLES=OFF || fail "$(cat "${work}/log")"
+    ! configures_examples 0 -DQUORVAL_BUILD_EXAMPLES=ON || fail "a package was not missed"
+    ! configures_examples 0 || fail "a package was not missed the second time"
+}
+
 # finds PREFIX COMPONENT: whether a project that asks for it can be configured.
 finds()
 {
