@@ -4,21 +4,32 @@ See `./dev mutate --help`.
 """
 
 import argparse
+import contextlib
+import filecmp
+import os
 import random
 import re
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import time
 from pathlib import Path
 
 HARMLESS = "tests/harmless_mutants.txt"
-# What looks at every folder runs second.
-COMMON = ["tests/faults", "tests/fuzz"]
+# What looks at every folder of a layer runs second.
+COMMON = {
+    "tests/core": ["tests/faults", "tests/fuzz"],
+    "tests/runtime": ["tests/runtime/graph", "tests/runtime/run", "tests/command"],
+    "tests/plugins": ["tests/command"],
+}
 MOST_SURVIVORS = 0.05
-# Of a mutant that never ends, or takes all memory: far more than any test program needs.
-SECONDS = 120
+# Sources in a folder above those of their tests.
+ELSEWHERE = {"tests/runtime": "tests/runtime/run"}
+# Of a mutant that never ends: so many times what the program takes without one, and some seconds
+# more for a machine that is busy. Of one that takes all memory: far more than any program needs.
+TIMES, SECONDS = 5, 10
 BYTES = 4 << 30
 
 # What to look for, and what to put in its place.
@@ -53,9 +64,11 @@ class Mutant:
     def __init__(self, file, line, before, after):
         self.file, self.line, self.before, self.after = file, line, before, after
 
-    def tests(self):
-        """The folder of the tests that mirror its file: src/core/block/ has tests/core/block/."""
-        return "tests/" + "/".join(self.file.parts[1:-1])
+    def tests(self, only_own):
+        """The folders of the tests to run, in their order."""
+        own = find_tests(self.file.parent)
+        common = [] if only_own else COMMON.get("/".join(own.split("/")[:2]), [])
+        return [own, *(folder for folder in common if folder != own)]
 
     def change(self):
         """The same wherever the line moves to."""
@@ -91,10 +104,19 @@ def mutate_line(line):
     return [changed for changed in found if changed != line]
 
 
+def find_tests(folder):
+    """The folder of the tests of one of sources: src/core/block has tests/core/block, and
+    plugins/basic has tests/plugins/basic."""
+    tests = "tests/" + str(folder).removeprefix("src/")
+    return ELSEWHERE.get(tests, tests)
+
+
 def find_folders(root):
-    """The folders of sources that a folder of tests mirrors: core/block, command and so on."""
-    folders = {file.parent.relative_to(root / "src") for file in root.glob("src/**/*.cpp")}
-    return sorted(str(folder) for folder in folders if find_programs(root / "tests" / folder))
+    """The folders of sources that have tests, by name: core/block, command, plugins/basic."""
+    files = [*root.glob("src/**/*.cpp"), *root.glob("plugins/**/*.cpp")]
+    folders = {file.parent.relative_to(root) for file in files}
+    return {str(folder).removeprefix("src/"): folder for folder in sorted(folders)
+            if find_programs(root / find_tests(folder))}
 
 
 def find_programs(tests):
@@ -113,7 +135,7 @@ def read_harmless(root):
 def find_mutants(root, folders):
     mutants = []
     for folder in folders:
-        for file in sorted((root / "src" / folder).glob("*.*")):
+        for file in sorted((root / folder).glob("*.*")):
             if file.suffix not in (".cpp", ".h"):
                 continue
             lines = file.read_text(encoding="utf-8").split("\n")
@@ -136,41 +158,33 @@ def run(command, **options):
     )
 
 
+def copy_different(source, target):
+    if not Path(target).exists() or not filecmp.cmp(source, target, shallow=False):
+        shutil.copy(source, target)
+
+
 class Copy:
     """A copy of the tree, configured and built, in which mutants are made."""
 
-    def __init__(self, root, work, folders):
+    def __init__(self, root, work):
         self.tree, self.build = work / "tree", work / "build"
-        work.mkdir(parents=True, exist_ok=True)
-        shutil.rmtree(self.tree, ignore_errors=True)
-        # Every file is newer than what was built from the last mutant of a run before.
+        self.limits = {}
+        # The last mutant of a run before that was stopped differs, and what is written is newer than
+        # what was built from it.
         shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"),
-                        copy_function=shutil.copy)
-        # The tests that will run, and those whose sources and plug-ins they use, and none else.
-        lists = [(root / folder / "CMakeLists.txt").read_text(encoding="utf-8") for folder in folders]
-        folders = [*folders, *re.findall(r"/(tests/\w+)/", "\n".join(lists))]
-        for layer in sorted({str(Path(folder).parent) for folder in folders} | {"tests"}):
-            tests = self.tree / layer / "CMakeLists.txt"
-            kept = re.sub(
-                r"^\s*add_subdirectory\((\w+)\)$",
-                lambda match, layer=layer: match.group()
-                if any((folder + "/").startswith(f"{layer}/{match.group(1)}/") for folder in folders)
-                else "",
-                tests.read_text(encoding="utf-8"),
-                flags=re.MULTILINE,
-            )
-            tests.write_text(kept, encoding="utf-8")
+                        copy_function=copy_different, dirs_exist_ok=True)
         launcher = shutil.which("ccache") or ""
         configured = run(
             ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
-             "-DCMAKE_CXX_FLAGS=-O0 -g0", "-DQUORVAL_BUILD_EXAMPLES=OFF", "-DQUORVAL_BUILD_TESTS=ON",
-             f"-DCMAKE_CXX_COMPILER_LAUNCHER={launcher}"]
+             "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DQUORVAL_BUILD_EXAMPLES=OFF", "-DQUORVAL_BUILD_TESTS=ON",
+             f"-DCMAKE_CXX_COMPILER_LAUNCHER={launcher}", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON",
+             *(f"-DCMAKE_{kind}_LINKER_FLAGS=-fuse-ld=gold" for kind in ("EXE", "SHARED", "MODULE"))]
         )
         if configured.returncode != 0:
             sys.exit(f"mutate: the copy cannot be configured\n{configured.stdout}")
 
     def make(self, targets):
-        return run(["nice", "cmake", "--build", self.build, "--target", *targets])
+        return run(["cmake", "--build", self.build, "--target", *targets])
 
     def programs(self, folder):
         """The test programs of a folder of tests, by the targets that CMake has for it."""
@@ -179,17 +193,25 @@ class Copy:
         return [name for name in names if re.search(rf"^{name}\b", help_text, re.MULTILINE)]
 
     def run_program(self, folder, name):
-        """Whether all tests of a program pass."""
+        """Whether all tests of a program pass, in time."""
+        start = time.monotonic()
+        process = subprocess.Popen(
+            [self.build / folder / name, "--gtest_brief=1", "--gtest_fail_fast"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES)),
+            cwd=self.build / folder,
+        )
         try:
-            done = run(
-                [self.build / folder / name, "--gtest_brief=1", "--gtest_fail_fast"],
-                timeout=SECONDS,
-                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES)),
-                cwd=self.build / folder,
-            )
+            process.wait(self.limits.get(name))
         except subprocess.TimeoutExpired:
             return False
-        return done.returncode == 0
+        finally:
+            # With what it started.
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGKILL)
+            process.wait()
+        self.limits.setdefault(name, TIMES * (time.monotonic() - start) + SECONDS)
+        return process.returncode == 0
 
 
 def check_mutant(copy, mutant, suites):
@@ -200,13 +222,10 @@ def check_mutant(copy, mutant, suites):
     lines[mutant.line - 1] = mutant.after
     file.write_text("\n".join(lines), encoding="utf-8")
     try:
-        if copy.make(["quorval"]).returncode != 0:
-            return "invalid"
         for folder, names in suites:
-            # Some are built from sources of src/ themselves.
-            if copy.make(names).returncode != 0:
-                return "invalid"
             for name in names:
+                if copy.make([name]).returncode != 0:
+                    return "invalid"
                 if not copy.run_program(folder, name):
                     return name
         return "survived"
@@ -233,10 +252,10 @@ def main():
         if folder not in known:
             parser.error(f"there is no folder '{folder}'; there are: {', '.join(known)}")
 
-    mutants = find_mutants(arguments.root, arguments.folder or known)
+    mutants = find_mutants(arguments.root, [known[name] for name in arguments.folder or known])
     total = len(mutants)
     harmless = read_harmless(arguments.root)
-    every = mutants if not arguments.folder else find_mutants(arguments.root, known)
+    every = mutants if not arguments.folder else find_mutants(arguments.root, known.values())
     gone = harmless - {mutant.change() for mutant in every}
     for change in sorted(gone):
         print(f"mutate: {HARMLESS} names what is no mutant: {change}", file=sys.stderr)
@@ -247,12 +266,9 @@ def main():
         print("\n".join(str(mutant) for mutant in mutants))
         return 1 if gone else 0
 
-    common = [] if arguments.own else COMMON
-    folders = sorted({mutant.tests() for mutant in mutants}) + common
-    copy = Copy(arguments.root, arguments.work, folders)
-    suites = {}
-    for folder in folders:
-        suites[folder] = copy.programs(folder)
+    folders = sorted({folder for mutant in mutants for folder in mutant.tests(arguments.own)})
+    copy = Copy(arguments.root, arguments.work)
+    suites = {folder: copy.programs(folder) for folder in folders}
     built = copy.make([name for names in suites.values() for name in names])
     if built.returncode != 0:
         sys.exit(f"mutate: the tests cannot be built\n{built.stdout[-4000:]}")
@@ -260,13 +276,13 @@ def main():
         for name in names:
             if not copy.run_program(folder, name):
                 sys.exit(f"mutate: {name} fails without any mutant")
+        names.sort(key=copy.limits.get)
 
     counts = {}
     survivors = []
     start = time.monotonic()
     for number, mutant in enumerate(mutants, 1):
-        own = mutant.tests()
-        order = [(folder, suites[folder]) for folder in [own, *common]]
+        order = [(folder, suites[folder]) for folder in mutant.tests(arguments.own)]
         result = check_mutant(copy, mutant, order)
         counts[result] = counts.get(result, 0) + 1
         if result == "survived":
