@@ -1,5 +1,4 @@
 // Graphs of several machines: what can be wrong with them, and how they are cut.
-#include "description/broker.h"
 #include "runtime/support/graph_files.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +9,9 @@
 using Quorval::GraphOptions;
 using Quorval::runtime::Entry;
 using Quorval::runtime::Exit;
-using Quorval::runtime::LinkDescription;
 using Quorval::runtime::load_graph;
 using Quorval::runtime::LoadedGraph;
 using Quorval::runtime::Node;
-using Quorval::runtime::parse_broker;
 using quorval_test::expect_throw;
 using quorval_test::GraphFiles;
 
@@ -304,44 +301,4 @@ blocks.b = { type = "parts:Late", machine = "hub", config.x = [] }
 )"),
               (Lines{"g.toml:4:45: error: there is no machine 'hup'; did you mean 'hub'?",
                      "g.toml:5:63: error: 'x' is an empty list"}));
-}
-
-TEST(Broker, IsAHostAndAPort)
-{
-    const auto parse = [](const std::string& text) {
-        LinkDescription link;
-        return parse_broker(text, link) ? link.host + " " + std::to_string(link.port) +
-                                              (link.is_encrypted ? " encrypted" : "")
-                                        : "refused";
-    };
-
-    EXPECT_EQ(parse("mqtt://localhost"), "localhost 1883");
-    EXPECT_EQ(parse("mqtts://broker.example"), "broker.example 8883 encrypted");
-    EXPECT_EQ(parse("mqtt://10.0.0.1:1"), "10.0.0.1 1");
-    EXPECT_EQ(parse("mqtt://[fe80::1%eth0]:65535"), "fe80::1%eth0 65535");
-    EXPECT_EQ(parse("mqtt://[::1]"), "::1 1883");
-    EXPECT_EQ(parse("mqtt://Broker-1.my_net.Z9:0080"), "Broker-1.my_net.Z9 80");
-    for (const char* text : {"",
-                             "localhost",
-                             "mqtt:/localhost",
-                             "mqtt://",
-                             "mqtt://a:",
-                             "mqtt://a:0",
-                             "mqtt://a:65536",
-                             "mqtt://a:1x",
-                             "mqtt://a/b",
-                             "mqtt://[::1",
-                             "mqtt://u@a",
-                             "mqtt://[::1]x",
-                             "mqtt://a b",
-                             "MQTT://a",
-                             "mqtt://a:99999999999999999999",
-                             "mqtt://a:-1",
-                             "mqtt://a:+1",
-                             "mqtt://a~b",
-                             "mqtt://a{",
-                             "mqtt://[a/b]",
-                             "mqtt://[]"}) {
-        EXPECT_EQ(parse(text), "refused") << text;
-    }
 }
