@@ -52,10 +52,12 @@ NUMBER = re.compile(r"(?<![\w.'\"])(\d+)(?![\w.'])")
 STATEMENT = re.compile(r"^(\s+)([\w:.>*()\[\]-]+.*;)$")
 # Lines that make room ahead, which changes nothing but the time.
 ROOM = re.compile(r"\.reserve\(")
+NOTHING_IN_IT = ("#", "template", "using ", "static_assert", "virtual ")
 # Nothing that can be dropped: it declares, or the text of it is all that there is.
 NO_STATEMENT = re.compile(
     r"^(return|using|const|constexpr|static|auto|struct|class|template|friend|typedef|typename|"
-    r"std::\w+(<.*>)? \w+|[A-Z]\w*(::\w+)*[&*]? \w+|bool|int|char|Value|case|default|public|private)\b"
+    r"std::\w+(<.*>)? \w+|[A-Z]\w*(::\w+)*[&*]? \w+|void|explicit|enum|bool|int|unsigned|char|double|"
+    r"Value|case|default|public|private)\b"
     r"|= (default|delete);|^\}|^throw$"
 )
 
@@ -89,7 +91,7 @@ def strip_literals(line):
 def mutate_line(line):
     """All changes of one line."""
     code = strip_literals(line)
-    if not code.strip() or ROOM.search(code) or code.lstrip().startswith(("#", "template", "using ", "static_assert")):
+    if not code.strip() or ROOM.search(code) or code.lstrip().startswith(NOTHING_IN_IT):
         return []
     found = []
     for pattern, replacements in TURNED:
