@@ -111,7 +111,7 @@ private:
         const std::string_view three = quote == '"' ? R"(""")" : "'''";
         const bool is_long = text_.compare(at_, three.size(), three) == 0;
         at_ = marks.find(text_, at_ + (is_long ? three.size() : 1));
-        while (at_ < text_.size()) {
+        for (; at_ < text_.size(); at_ = marks.find(text_, at_)) {
             const char c = text_[at_];
             if (c == '\\') {
                 at_ += 2;
@@ -125,7 +125,6 @@ private:
             } else {
                 ++at_;
             }
-            at_ = marks.find(text_, at_);
         }
     }
 

@@ -32,7 +32,6 @@ LoadedGraph read(const GraphOptions& options, IPatience* patience)
     LoadedGraph graph;
     graph.reading = std::make_unique<Reading>(read_files(options, patience));
     graph.name = graph.reading->description.name;
-    graph.on_error = graph.reading->description.on_error;
     graph.init_tools = std::make_unique<InitTools>();
     graph.init_tools->graph = graph.name;
     graph.init_tools->is_dry = options.is_dry;

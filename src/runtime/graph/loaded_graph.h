@@ -52,7 +52,6 @@ struct LoadedGraph {
     Network network;  // before the blocks, which hold values that it owns
     std::unique_ptr<Superblock> superblock;
     std::string name;
-    OnError on_error = OnError::Stop;
     std::vector<LoadedBlock> blocks;  ///< as the nodes of the network
     std::vector<Diagnostic> warnings;
     std::string state_directory;    ///< absolute; empty: there is none

@@ -589,4 +589,129 @@ TEST(Crew, GivesNoThreadToBlocksThatDoNextToNothing)
     }
 }
 
+// A clock for several threads, by which a run takes as long as the block says.
+std::atomic<std::int64_t> shared_present{0};
+
+std::chrono::nanoseconds read_shared_clock()
+{
+    return std::chrono::nanoseconds(shared_present);
+}
+
+/// A row of which each block takes so many nanoseconds in a run; one that takes 1000 is worth a
+/// thread.
+class TimedRow : public Row {
+public:
+    explicit TimedRow(const std::vector<int>& times) : Row(times.size())
+    {
+        for (std::size_t at = 0; at < times.size(); ++at) {
+            blocks[at]->on_run = [this, at, time = times[at]] {
+                shared_present += time;
+                on_run(at);
+                return true;
+            };
+        }
+        ties.resize(times.size());
+    }
+
+    void prepare()
+    {
+        graph.arrange();
+        wave = std::make_unique<Wave>(graph.network(), watcher, watcher);
+        crew = std::make_unique<Crew>(*wave, graph.network(), ties,
+                                      Crew::Setting{kThreads, Crew::Time(1000), true},
+                                      read_shared_clock);
+    }
+
+    std::function<void(std::size_t)> on_run = [](std::size_t) {};
+};
+
+TEST(Crew, RunsEachBlockOnceInAWaveWhateverItTakes)
+{
+    constexpr int kWaves = 10;
+    for (const std::vector<int>& times : std::vector<std::vector<int>>{
+             {5000, 5000, 5000}, {10, 10, 10}, {5000, 10, 10}, {10, 5000, 5000}, {10, 5000, 999}}) {
+        TimedRow row(times);
+        row.prepare();
+
+        for (int wave = 0; wave < kWaves; ++wave) {
+            ASSERT_TRUE(row.run());
+        }
+
+        for (const FakeBlock* block : row.blocks) {
+            EXPECT_EQ(block->runs, kWaves) << block->get_name() << testing::PrintToString(times);
+        }
+    }
+}
+
+TEST(Crew, KeepsAnExpensiveBlockWithNothingBesideItOnTheThreadOfTheGraph)
+{
+    TimedRow row({10, 5000, 10});
+    const std::thread::id mine = std::this_thread::get_id();
+    std::string order;
+    row.on_run = [&](std::size_t at) {
+        EXPECT_EQ(std::this_thread::get_id(), mine);
+        order += std::to_string(at);
+    };
+    row.prepare();
+
+    for (int wave = 0; wave < 100; ++wave) {
+        order.clear();
+        ASSERT_TRUE(row.run());
+        ASSERT_EQ(order, "012");
+    }
+}
+
+TEST(Crew, RunsAnExpensiveBlockBesideExpensiveOnesThatAreTied)
+{
+    TimedRow row({1000, 1000});
+    row.ties = {Tie::Thread, Tie::None};
+    std::atomic<int> arrived{0};
+    row.on_run = [&arrived](std::size_t) {
+        const int wanted = ++arrived <= 2 ? 0 : 4;  // from the second wave on the times are known
+        while (Workers::are_there() && arrived < wanted) {
+            std::this_thread::yield();
+        }
+    };
+    row.prepare();
+
+    EXPECT_TRUE(row.run());
+    EXPECT_TRUE(row.run());
+
+    EXPECT_EQ(arrived, 4);
+}
+
+/// An input that cannot be looked at any more.
+class FailingInput : public InPort<int> {
+public:
+    explicit FailingInput(const bool& fails) : InPort("failing", Datatype("int")), fails_(fails) {}
+    bool is_triggered() const override
+    {
+        return fails_ ? throw std::runtime_error("no input") : false;
+    }
+
+private:
+    const bool& fails_;
+};
+
+TEST(Crew, CountsNoRunOfABlockWhoseInputFails)
+{
+    bool fails = false;
+    FakeGraph graph;
+    FakeBlock& block = graph.add("a", true);
+    block.add_inport(std::make_unique<FailingInput>(fails));
+    Watcher watcher;
+    Wave wave(graph.arrange(), watcher, watcher);
+    const Crew crew(wave, graph.network(), {Tie::None}, always(), Loop::now);
+    for (const bool fails_now : {false, true}) {
+        fails = fails_now;
+        wave.ask(0);
+        EXPECT_TRUE(wave.run());
+        EXPECT_TRUE(wave.reset());
+    }
+
+    EXPECT_THAT(watcher.lines, ElementsAre("failed no input 0"));
+    EXPECT_EQ(block.runs, 1);
+    EXPECT_EQ(wave.runs(0), 1U);
+}
+
 }  // namespace

@@ -68,4 +68,10 @@ TEST_F(WorkersTest, HandOverWhatWorkThrowsAndWorkOn)
     EXPECT_EQ(done_, kCount);
 }
 
+TEST(Workers, CountTheThreadsThatThereMayBe)
+{
+    EXPECT_EQ(Workers::count_available(1), 1U);
+    EXPECT_EQ(Workers::count_available(3), Workers::are_there() ? 3U : 1U);
+}
+
 }  // namespace
