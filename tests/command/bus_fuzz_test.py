@@ -18,7 +18,7 @@ import dbus
 import dbus.lowlevel
 
 sys.dont_write_bytecode = True  # beside the sources
-from operation_test import ERROR, INTERFACE, NAME, PATH, QUORVAL, Operation
+from operation_test import ERROR, INTERFACE, NAME, PATH, QUORVAL, WITH_THE_TEST, Operation
 
 CALLS = int(os.environ.get("QUORVAL_BUS_CALLS", "1500"))
 SEED = int(os.environ.get("QUORVAL_BUS_SEED", "1"))
@@ -129,9 +129,10 @@ class Fuzz(Operation):
         environment["ASAN_OPTIONS"] = environment.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"
         self.messages = open(self.directory / "messages", "w+", encoding="utf-8")
         self.addCleanup(self.messages.close)
-        process = subprocess.Popen([QUORVAL, "run", "--bus", "user", "--state", "state", "g.toml"],
-                                   cwd=self.directory, stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.DEVNULL, stderr=self.messages, env=environment)
+        process = subprocess.Popen([*WITH_THE_TEST, QUORVAL, "run", "--bus", "user", "--state",
+                                    "state", "g.toml"], cwd=self.directory,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=self.messages, env=environment)
         self.addCleanup(self.end, process)
         self.wait_for_name(process)
         return process

@@ -36,6 +36,8 @@ INTERFACE = "org.quorval.Graph1"
 LINK_INTERFACE = "org.quorval.Links1"
 ERROR = "org.quorval.Error."
 STRANGER = 65534
+# A test that is killed leaves nothing behind.
+WITH_THE_TEST = ("setpriv", "--pdeathsig", "KILL")
 
 GRAPH = """format = 1
 name = "the-graph"
@@ -85,9 +87,9 @@ class Bus:
         self.start()
 
     def start(self):
-        self.process = subprocess.Popen(["dbus-daemon", f"--config-file={self.file}", "--nofork",
-                                         "--print-address"], stdout=subprocess.PIPE,
-                                        stderr=subprocess.DEVNULL)
+        self.process = subprocess.Popen([*WITH_THE_TEST, "dbus-daemon", "--nofork",
+                                         f"--config-file={self.file}", "--print-address"],
+                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         self.process.stdout.readline()
         self.socket.chmod(0o666)
 
@@ -112,8 +114,9 @@ class Broker:
     def start(self, file):
         file.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nlog_dest stderr\n"
                         "log_type information\n" + ("user root\n" if os.geteuid() == 0 else ""))
-        self.process = subprocess.Popen(["/usr/sbin/mosquitto", "-c", str(file)], text=True,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        self.process = subprocess.Popen([*WITH_THE_TEST, "/usr/sbin/mosquitto", "-c", str(file)],
+                                        text=True, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.PIPE)
         if any(line.endswith(" running\n") for line in self.process.stderr):
             return True
         self.stop()
@@ -148,8 +151,8 @@ class Operation(unittest.TestCase):
                 "DBUS_SYSTEM_BUS_ADDRESS": self.system_address or f"unix:path={self.directory}/none"}
 
     def popen(self, *arguments, **more):
-        process = subprocess.Popen([QUORVAL, *arguments], cwd=self.directory, text=True,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        process = subprocess.Popen([*WITH_THE_TEST, QUORVAL, *arguments], cwd=self.directory,
+                                   text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, env=self.environment(), **more)
         self.addCleanup(self.end, process)
         return process

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -52,6 +53,15 @@ Stream open_terminal(unsigned short columns)
     check(::tcsetattr(stream.writer, TCSANOW, &settings), "tcsetattr");
     ::fcntl(stream.reader, F_SETFD, FD_CLOEXEC);
     return stream;
+}
+
+/// Has this process end with the test that started it, however that ends.
+void end_with(pid_t test)
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != test) {  // it ended before
+        ::_exit(EXIT_FAILURE);
+    }
 }
 
 /// Becomes the program.
@@ -120,9 +130,11 @@ Process::Process(const ProcessOptions& options)
         out_writer = ::open(options.out_file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         check(out_writer, options.out_file.c_str());
     }
+    const pid_t test = ::getpid();
     child_ = ::fork();
     check(child_, "fork");
     if (child_ == 0) {
+        end_with(test);
         become(options, out_writer, err.writer);
     }
     ::close(out_writer);

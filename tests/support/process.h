@@ -31,7 +31,8 @@ struct ProcessOptions {
     unsigned short out_columns = 0;  ///< not 0: standard output is a terminal of this width
 };
 
-/// A running program. The destructor kills what still runs.
+/// A running program. The destructor kills what still runs, and so does the end of the thread that
+/// made it: a test that is aborted leaves nothing behind.
 class Process {
 public:
     /// @throws std::system_error  a system call failed
