@@ -6,6 +6,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -91,12 +95,26 @@ TEST(Loop, WakesForAnotherThread)
 TEST(Loop, SleepsUntilSomebodyWakesIt)
 {
     Loop loop;
-    std::thread thread([&] { loop.waker()->wake(); });
+    std::atomic<bool> is_woken{false};
+    std::thread thread([&] {
+        is_woken = true;
+        loop.waker()->wake();
+    });
 
     loop.sleep(Loop::now() + 1h);
 
+    EXPECT_TRUE(is_woken);
     thread.join();
+}
+
+TEST(Loop, IsAwakeBehindATimeThatHadCome)
+{
+    Loop loop;
+
     loop.sleep(Loop::now());
+    loop.waker()->wake();
+
+    EXPECT_FALSE(is_readable(loop.waker()->fd()));
 }
 
 TEST(Loop, DispatchesTheSourcesOfItsEvent)

@@ -61,7 +61,6 @@ TEST_F(WorkersTest, HandOverWhatTheCallerThrowsAndWorkOn)
 TEST_F(WorkersTest, HandOverWhatWorkThrowsAndWorkOn)
 {
     expect_throw<std::runtime_error>([&] { run(7, [] {}); }, "work 7");
-    EXPECT_LT(done_, kCount);
 
     done_ = 0;
     run(kCount, [] {});
