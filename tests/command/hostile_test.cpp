@@ -53,6 +53,25 @@ protected:
         return where == "run" ? run({"run", "hostile.toml"})
                               : run({"run", "--for", "1ms", "hostile.toml"});
     }
+
+    /// Has the files of a running graph read again after a change.
+    void reload(const Process& process) const
+    {
+        std::string text = quorval_test::read_file(directory() + "/hostile.toml");
+        text.replace(text.find("step = 1"), 8, "step = 2");
+        write("hostile.toml", text);
+        process.send(SIGHUP);
+    }
+
+    /// What becomes of a run whose block makes trouble while it is changed.
+    ProcessResult change(const std::string& what) const
+    {
+        write_trouble("reconfigure", what);
+        Process process(command({"run", "hostile.toml"}));
+        EXPECT_TRUE(process.wait_for("b started\n"));
+        reload(process);
+        return process.wait();
+    }
 };
 
 TEST_F(HostilePlugin, IsNamedWhereItThrowsWhatIsNoException)
@@ -77,11 +96,8 @@ TEST_F(HostilePlugin, RunsOnWhereItThrowsWhileItIsChanged)
         write_trouble("reconfigure", what);
         Process process(command({"run", "hostile.toml"}));
         ASSERT_TRUE(process.wait_for("b started\n"));
-        std::string changed = quorval_test::read_file(directory() + "/hostile.toml");
-        changed.replace(changed.find("step = 1"), 8, "step = 2");
-        write("hostile.toml", changed);
 
-        process.send(SIGHUP);
+        reload(process);
         ASSERT_TRUE(process.wait_for(std::string("applied: block 'a/b': ") + text + "\n"));
         process.send(SIGTERM);
 
@@ -93,6 +109,36 @@ TEST_F(HostilePlugin, RunsOnWhereItThrowsWhileItIsChanged)
                       "\nquorval: error: the changed files are not applied: block "
                       "'a/b': " +
                       text + "\n");
+    }
+}
+
+TEST_F(HostilePlugin, IsNamedWhereItEndsTheProcessWhileItIsLoaded)
+{
+    write("crashes.toml", "format = 1\nblocks.b.type = \"crashes:Any\"\n");
+    write("exits.toml", "format = 1\nblocks.b.type = \"exits:Any\"\n");
+
+    const ProcessResult result = run({"run", "crashes.toml"});
+    EXPECT_EQ(result.signal, SIGSEGV);
+    EXPECT_EQ(result.err,
+              "quorval: fatal: plug-in 'crashes' crashed while it was loaded: signal 11 "
+              "(SIGSEGV)\n");
+    expect_result(run({"run", "exits.toml"}), 3, "",
+                  "quorval: fatal: plug-in 'exits' called exit while it was loaded\n");
+}
+
+TEST_F(HostilePlugin, IsNamedWhereItEndsTheProcessWhileItIsChanged)
+{
+    const ProcessResult crashed = change("crash");
+    EXPECT_EQ(crashed.signal, SIGSEGV);
+    EXPECT_EQ(crashed.err,
+              "quorval: fatal: block 'a/b' crashed in reconfigure: signal 11 (SIGSEGV)\n");
+    const ProcessResult aborted = change("abort");
+    EXPECT_EQ(aborted.signal, SIGABRT);
+    EXPECT_EQ(aborted.err,
+              "quorval: fatal: block 'a/b' crashed in reconfigure: signal 6 (SIGABRT)\n");
+    for (const char* what : {"exit", "quick exit"}) {
+        expect_result(change(what), 1, "b started\n",
+                      "quorval: fatal: block 'a/b' called exit in reconfigure\n");
     }
 }
 
@@ -212,10 +258,7 @@ TEST_F(HostilePlugin, RunsOnWhereItsFileIsReplaced)
 
     write("other.so", "no plug-in");
     fs::rename(directory() + "/other.so", plugins + "/trouble.so");
-    std::string changed = quorval_test::read_file(directory() + "/hostile.toml");
-    changed.replace(changed.find("step = 1"), 8, "step = 2");
-    write("hostile.toml", changed);
-    process.send(SIGHUP);
+    reload(process);
     ASSERT_TRUE(process.wait_for("b reconfigured: step 2\n"));
     process.send(SIGTERM);
 

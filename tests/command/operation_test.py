@@ -496,6 +496,17 @@ class Objects(Operation):
                               "quorval: error: block 'object' failed in D-Bus call: an unknown "
                               "exception\n")
 
+    def test_what_ends_the_process_in_a_call_is_named(self):
+        self.write(GRAPH + "[blocks.deadly]\ntype = 'operated:Deadly'\n")
+        for call, status, text in (
+                ("Crash", -signal.SIGSEGV, "crashed in D-Bus call: signal 11 (SIGSEGV)"),
+                ("Exit", 1, "called exit in D-Bus call")):
+            process = self.start()
+            with self.assertRaises(dbus.DBusException):
+                self.graph("test.Deadly", "/deadly").get_dbus_method(call)()
+            self.assertEqual((process.communicate(timeout=100), process.returncode),
+                             (("", f"quorval: fatal: block 'deadly' {text}\n"), status))
+
     def test_two_at_one_place_are_wrong(self):
         for interface, text in (("test.Object", "block 'again' and block 'object' both offer"),
                                 ("test.Other", None)):

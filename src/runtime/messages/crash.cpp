@@ -123,8 +123,7 @@ bool is_running(const Context& where)
     if (operation.empty() || operation == "destroy") {
         return was_started();
     }
-    constexpr std::array<std::string_view, 4> kRunning = {"start", "run", "stop", "reconfigure"};
-    return std::find(kRunning.begin(), kRunning.end(), operation) != kRunning.end();
+    return operation != "create" && operation != "connect";
 }
 
 /// The plug-in whose code called what the present function was called for.

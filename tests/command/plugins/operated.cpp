@@ -5,9 +5,12 @@
 
 #include <systemd/sd-bus.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -120,6 +123,36 @@ const sd_bus_vtable Object::kTable[] = {
     SD_BUS_VTABLE_END};
 // NOLINTEND(cppcoreguidelines-avoid-c-arrays)
 
+/// Ends the process when it is called.
+class Deadly : public Block {
+public:
+    Deadly(std::string name, const BlockConfiguration& config) : Block(std::move(name), config)
+    {
+        add_dbus("/deadly", "test.Deadly", kTable, nullptr);
+    }
+
+    bool run() override { return true; }
+
+private:
+    static int crash(sd_bus_message* /*message*/, void* /*object*/, sd_bus_error* /*error*/)
+    {
+        return ::raise(SIGSEGV);
+    }
+
+    static int exit(sd_bus_message* /*message*/, void* /*object*/, sd_bus_error* /*error*/)
+    {
+        std::exit(0);
+    }
+
+    static const sd_bus_vtable kTable[];
+};
+
+// NOLINTBEGIN(cppcoreguidelines-avoid-c-arrays)
+const sd_bus_vtable Deadly::kTable[] = {
+    SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Crash", "", "", crash, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Exit", "", "", exit, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
+// NOLINTEND(cppcoreguidelines-avoid-c-arrays)
+
 struct CarefulSettings {
     int level = 1;
     std::string label = "none";
@@ -168,5 +201,10 @@ int lib_register_cpp(IRegistry& registry)
 {
     register_block<Object>(registry, "Object", object_settings());
     register_block<Careful>(registry, "Careful", careful_settings());
+    registry.register_block_create_fn(
+        "Deadly",
+        [](const std::string& name, const BlockConfiguration& config, const InitTools& /*tools*/) {
+            return std::make_unique<Deadly>(name, config);
+        });
     return 0;
 }

@@ -100,12 +100,15 @@ TEST(ReportCrashesDeathTest, ReportsAStackThatRanOver)
 
 TEST(ReportCrashesDeathTest, NamesWhoEndsTheProcess)
 {
-    EXPECT_EXIT(exit_in("run"), testing::ExitedWithCode(1),
-                "^quorval: fatal: block 'a' called exit in run\n");
-    EXPECT_EXIT(exit_in("start"), testing::ExitedWithCode(1),
-                "^quorval: fatal: block 'a' called exit in start\n");
-    EXPECT_EXIT(exit_in("create"), testing::ExitedWithCode(3),
-                "^quorval: fatal: block 'a' called exit in create\n");
+    for (const std::string operation :
+         {"start", "run", "stop", "reconfigure", "record", "D-Bus call"}) {
+        EXPECT_EXIT(exit_in(operation.c_str()), testing::ExitedWithCode(1),
+                    "^quorval: fatal: block 'a' called exit in " + operation + "\n");
+    }
+    for (const std::string operation : {"create", "connect", "destroy"}) {
+        EXPECT_EXIT(exit_in(operation.c_str()), testing::ExitedWithCode(3),
+                    "^quorval: fatal: block 'a' called exit in " + operation + "\n");
+    }
     EXPECT_EXIT(exit_while_loading(), testing::ExitedWithCode(3),
                 "^quorval: fatal: plug-in 'sound' called exit while it was loaded\n");
 }
