@@ -246,6 +246,7 @@ bool Recorder::finish()
                        .c_str());
         }
     }
+    writer_.reset();
     return !has_failed_ && !has_lost_values_ && missing_waves_ == 0;
 }
 

@@ -36,7 +36,7 @@ public:
     /// @throws std::system_error  it cannot be made, or is there already
     void open(const std::string& file);
 
-    /// Writes what is left.
+    /// Writes what is left, and closes the file.
     /// @return whether all that was to be recorded is recorded
     bool finish();
 

@@ -8,23 +8,11 @@
 #include <cerrno>
 #include <functional>
 #include <system_error>
+#include <utility>
 
 namespace Quorval::runtime {
 
 namespace {
-
-/// SQLite would open a file that is there.
-const std::string& make_file(const std::string& file)
-{
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        const int error = errno;
-        throw std::system_error(error, std::generic_category(),
-                                "cannot record into '" + file + "'");
-    }
-    ::close(fd);
-    return file;
-}
 
 /// A name is a file even where it looks like something else to SQLite.
 std::string as_file(const std::string& file)
@@ -60,8 +48,27 @@ void write_outputs(const Database& database, const std::vector<RecordedOutput>& 
 
 }  // namespace
 
+// SQLite would open a file that is there.
+NewFile::NewFile(std::string name) : name_(std::move(name))
+{
+    const int fd = ::open(name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        const int error = errno;
+        throw std::system_error(error, std::generic_category(),
+                                "cannot record into '" + name_ + "'");
+    }
+    ::close(fd);
+}
+
+NewFile::~NewFile()
+{
+    if (!is_kept_) {
+        ::unlink(name_.c_str());
+    }
+}
+
 RecordingWriter::RecordingWriter(const std::string& file)
-    : database_(as_file(make_file(file)), SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX)
+    : file_(file), database_(as_file(file), SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX)
 {
 }
 
@@ -84,6 +91,7 @@ void RecordingWriter::begin(const RecordingHeader& header)
         write_outputs(database_, header.outputs);
         begin_part();
     });
+    file_.keep();
 }
 
 void RecordingWriter::write(const Batch& batch)

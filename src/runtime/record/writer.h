@@ -50,14 +50,30 @@ struct Batch {
     std::size_t size() const { return bytes.size() + rows.size() * sizeof(Row); }
 };
 
+/// A file that is made new, and removed again unless it is kept.
+class NewFile {
+public:
+    /// @throws std::system_error  it cannot be made, or is there already: "cannot record into
+    ///     '<name>'"
+    explicit NewFile(std::string name);
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+    ~NewFile();
+
+    void keep() { is_kept_ = true; }
+
+private:
+    std::string name_;
+    bool is_kept_ = false;
+};
+
 /// One file, made new. What goes wrong is a std::runtime_error, unless something else is said.
 class RecordingWriter {
 public:
-    /// @throws std::system_error  the file cannot be made, or is there already: "cannot record into
-    ///     '<file>'"
+    /// @throws std::system_error  as NewFile
     explicit RecordingWriter(const std::string& file);
 
-    /// Comes first.
+    /// Comes first. Without it no file is left.
     void begin(const RecordingHeader& header);
 
     /// One transaction.
@@ -71,6 +87,7 @@ private:
     void begin_part();
     void write(const Batch::Row& row, std::string_view bytes);
 
+    NewFile file_;
     Database database_;
     std::optional<Statement> insert_;
     std::uint64_t parts_ = 0;

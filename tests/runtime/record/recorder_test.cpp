@@ -130,6 +130,21 @@ TEST_F(RecordGraph, RecordsTheOutputsOfTheSources)
                                      "ticker.out int64 6"));
 }
 
+TEST_F(RecordGraph, LeavesNoFileOfARunThatDoesNotBegin)
+{
+    GraphOptions recording = options(
+        "machines.m = {}\n"
+        "link = { broker = \"mqtts://127.0.0.1\", ca = \"/missing\" }\n"
+        "blocks.ticker = { type = \"recorded:Ticker\", machine = \"m\" }\n");
+    recording.machine = "m";
+    recording.record_file = file();
+    Graph graph(recording);
+
+    EXPECT_EQ(graph.run(), RunResult::Failed);
+
+    EXPECT_FALSE(std::filesystem::exists(file()));
+}
+
 TEST_F(RecordGraph, ReplaysAllThatTheOthersSaw)
 {
     const auto live = said_by([&] { record(kWorking); });
