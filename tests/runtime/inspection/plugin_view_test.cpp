@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -129,6 +131,21 @@ TEST(PluginViewTest, SaysWhyABlockCannotBeMade)
         expect_throw<std::runtime_error>([&, type = type] { view.make_block(type, {}); },
                                          "block '" + type + "' cannot be created: " + text);
     }
+}
+
+// A thread that a block leaves must not lose its code.
+TEST(PluginViewTest, LeavesTheCodeOfThePluginLoaded)
+{
+    const PluginFile file = plugin("registers_nothing");
+    const auto is_loaded = [&file] {
+        void* handle = ::dlopen(file.file.c_str(), RTLD_NOW | RTLD_NOLOAD);
+        return handle != nullptr && ::dlclose(handle) == 0;
+    };
+    ASSERT_FALSE(is_loaded());
+
+    PluginView(file).types();
+
+    EXPECT_TRUE(is_loaded());
 }
 
 TEST(ReadAssignments, GivesAConfiguration)

@@ -339,6 +339,29 @@ TEST(PlainPorts, AreReportedOnceWhenNobodyDrainsThem)
                                        "drain it"});
 }
 
+TEST(PlainPorts, AreReportedWhereTheyWereNotDrainedInTheLastHundredOfThoseWaves)
+{
+    const LogRecorder recorder;
+    Setting setting;
+    const Pipe pipe(setting.block);
+    setting.block.on_run = [&] {
+        if (setting.block.runs <= 900) {
+            pipe.drain();
+        }
+        return true;
+    };
+    setting.begin();
+
+    for (int wave = 0; wave < 999; ++wave) {
+        pipe.fill();
+        setting.play();
+    }
+    EXPECT_TRUE(recorder.lines().empty());
+    setting.play();
+
+    EXPECT_EQ(recorder.lines().size(), 1U);
+}
+
 TEST(PlainPorts, AreNotReportedWhenTheirBlockDrainsThem)
 {
     const LogRecorder recorder;

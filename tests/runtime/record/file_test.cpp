@@ -29,6 +29,7 @@ using Quorval::runtime::RecordedWave;
 using Quorval::runtime::RecordingHeader;
 using Quorval::runtime::RecordingReader;
 using Quorval::runtime::RecordingWriter;
+using Quorval::runtime::Statement;
 using quorval_test::expect_throw;
 using quorval_test::read_file;
 using quorval_test::ScopedWorkingDirectory;
@@ -257,6 +258,20 @@ TEST_F(RecordingFile, IsReadableWhereverALongOneIsCut)
         std::filesystem::resize_file(path("r"), sizes[waves - 1]);
         EXPECT_EQ(count_waves(), waves);
     }
+}
+
+TEST_F(RecordingFile, GoesOnInAnotherPartBehind32Mebibytes)
+{
+    write(std::vector<std::vector<std::size_t>>(40, {std::size_t{1} << 20U}));
+
+    const Database database(path("r"), SQLITE_OPEN_READONLY);
+    const auto rows = [&database](const std::string& part) {
+        Statement count(database, "SELECT count(*) FROM " + part + " WHERE id > 0");
+        count.step();
+        return count.integer(0);
+    };
+    EXPECT_EQ(rows("part_1"), 32);
+    EXPECT_EQ(rows("part_2"), 8);
 }
 
 TEST_F(RecordingFile, IsNoRecordingBeforeItsHeaderIsThere)

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <iterator>
@@ -143,6 +144,27 @@ TEST_F(RecordGraph, LeavesNoFileOfARunThatDoesNotBegin)
     EXPECT_EQ(graph.run(), RunResult::Failed);
 
     EXPECT_FALSE(std::filesystem::exists(file()));
+}
+
+TEST_F(RecordGraph, LeavesTheSignalsOfItsThreadAsTheyWere)
+{
+    const LoadedGraph graph = Quorval::runtime::load_graph(options(kWorking));
+    const auto blocked = [] {
+        sigset_t set;
+        ::pthread_sigmask(SIG_SETMASK, nullptr, &set);
+        std::string numbers;
+        for (int number = 1; number < NSIG; ++number) {
+            numbers += ::sigismember(&set, number) == 1 ? " " + std::to_string(number) : "";
+        }
+        return numbers;
+    };
+    const std::string before = blocked();
+    Recorder recorder(graph, {"ticker.out"});
+    recorder.open(file());
+
+    recorder.begin({});
+
+    EXPECT_EQ(blocked(), before);
 }
 
 TEST_F(RecordGraph, ReplaysAllThatTheOthersSaw)

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -180,6 +181,14 @@ TEST_F(HarnessTest, MovesAClockThatStandsStill)
     EXPECT_TRUE(harness_.step());
     EXPECT_FALSE(harness_.step());
     EXPECT_EQ(probe().get_tools().now(), 50ms);
+}
+
+TEST_F(HarnessTest, RunsABlockThatWantsToAtATimeThatHasCome)
+{
+    probe().get_tools().run_at(0ms);
+
+    EXPECT_TRUE(harness_.step());
+    EXPECT_FALSE(harness_.step());
 }
 
 TEST_F(HarnessTest, LetsOutWhatTheRunThrowsAndGoesOn)
@@ -385,6 +394,21 @@ TEST(HarnessPlugin, StaysLoadedForWhatItThrew)
     });
 
     EXPECT_EQ(text, "an exception of its own");
+}
+
+TEST(HarnessPlugin, IsUnloadedWhereNothingWasThrown)
+{
+    const auto is_loaded = [] {
+        void* handle = ::dlopen(QUORVAL_OWN_PORT_PLUGIN, RTLD_NOW | RTLD_NOLOAD);
+        return handle != nullptr && ::dlclose(handle) == 0;
+    };
+    {
+        Harness harness(QUORVAL_OWN_PORT_PLUGIN, "OwnPort");
+        harness.start();
+        EXPECT_TRUE(is_loaded());
+    }
+
+    EXPECT_FALSE(is_loaded());
 }
 
 TEST(HarnessPlugin, HasNoBlockWhenItCannotBeMadeAgain)
