@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -73,6 +75,57 @@ TEST_F(RemoteGraphTest, RefusesAnswersOfAnotherForm)
     expect_throw<RemoteError>([&] { graph.get("a"); }, kText);
     expect_throw<RemoteError>([&] { graph.statistics(); }, kText);
     expect_throw<RemoteError>([&] { graph.link_statistics(); }, kText);
+}
+
+TEST_F(RemoteGraphTest, HasStatisticsOfItsBlocks)
+{
+    using Time = std::chrono::nanoseconds;
+    bus_.on("Statistics", [](auto* call) {
+        return sd_bus_reply_method_return(  //
+            call, "a(sttttt)", 2,           //
+            "a", std::uint64_t{1}, std::uint64_t{2}, std::uint64_t{3}, std::uint64_t{4},
+            std::uint64_t{5},  //
+            "b/c", std::uint64_t{6}, std::uint64_t{7}, std::uint64_t{8}, std::uint64_t{9},
+            std::uint64_t{10});
+    });
+
+    const auto statistics = RemoteGraph("the-graph", {Bus::User}).statistics();
+
+    ASSERT_EQ(statistics.size(), 2U);
+    EXPECT_EQ(statistics[0].path, "a");
+    EXPECT_EQ(statistics[0].runs, 1U);
+    EXPECT_EQ(statistics[0].failures, 2U);
+    EXPECT_EQ(statistics[0].total, Time(3));
+    EXPECT_EQ(statistics[0].longest, Time(4));
+    EXPECT_EQ(statistics[0].percentile_99, Time(5));
+    EXPECT_EQ(statistics[1].path, "b/c");
+    EXPECT_EQ(statistics[1].runs, 6U);
+}
+
+TEST_F(RemoteGraphTest, HasStatisticsOfItsLinks)
+{
+    bus_.on("Statistics", [](auto* call) {
+        constexpr std::uint64_t kNone = 0;
+        return sd_bus_reply_method_return(  //
+            call, "a(sbtttttt)", 2,         //
+            "a.out", 0, std::uint64_t{1}, std::uint64_t{2}, std::uint64_t{3}, std::uint64_t{4},
+            std::uint64_t{5}, std::uint64_t{6},  //
+            "b.out", 1, kNone, kNone, kNone, kNone, kNone, kNone);
+    });
+
+    const auto statistics = RemoteGraph("the-graph", {Bus::User}).link_statistics();
+
+    ASSERT_EQ(statistics.size(), 2U);
+    EXPECT_EQ(statistics[0].output, "a.out");
+    EXPECT_FALSE(statistics[0].comes_in);
+    EXPECT_EQ(statistics[0].values, 1U);
+    EXPECT_EQ(statistics[0].bytes, 2U);
+    EXPECT_EQ(statistics[0].lost, 3U);
+    EXPECT_EQ(statistics[0].gaps, 4U);
+    EXPECT_EQ(statistics[0].duplicates, 5U);
+    EXPECT_EQ(statistics[0].longest_queue, 6U);
+    EXPECT_EQ(statistics[1].output, "b.out");
+    EXPECT_TRUE(statistics[1].comes_in);
 }
 
 TEST_F(RemoteGraphTest, HasNoLinksWhereTheyAreUnknown)
