@@ -1,5 +1,6 @@
 #include "link/inbox.h"
 
+#include "messages/context.h"
 #include "plugins/codecs.h"
 
 #include <algorithm>
@@ -124,6 +125,7 @@ bool Inbox::put_next(Time now)
     const Codec& codec = *plugins_.find_codec(value.type);
     std::shared_ptr<void>& place = entry_.output->place(value.type);
     try {
+        const ContextScope scope(entry_.path.c_str(), "receive");
         if (place == nullptr) {
             place = make_value(codec);
         }

@@ -1,5 +1,6 @@
 #include "link/outbox.h"
 
+#include "messages/context.h"
 #include "plugins/codecs.h"
 
 #include <algorithm>
@@ -10,7 +11,8 @@ namespace Quorval::runtime {
 
 Outbox::Outbox(const Exit& exit, const std::string& path, const PluginSet& plugins,
                std::size_t queue, std::size_t limit)
-    : name_(path + "." + exit.port),
+    : path_(path),
+      name_(path + "." + exit.port),
       type_(exit.output->get_datatype().get_name()),
       output_(exit.output),
       codec_(*plugins.find_codec(type_)),
@@ -28,6 +30,7 @@ void Outbox::take(Time now)
     }
     ++number_;
     try {
+        const ContextScope scope(path_.c_str(), "send");
         encode(codec_, output_->get_data(), bytes_);
     } catch (const std::runtime_error& error) {
         losses_.add(1, std::string("a value cannot be encoded: ") + error.what(), now);

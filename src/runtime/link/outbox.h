@@ -61,6 +61,7 @@ public:
     LinkStatistics statistics() const;
 
 private:
+    std::string path_;  // of the block
     std::string name_;
     std::string type_;
     OutPortInternal* output_;

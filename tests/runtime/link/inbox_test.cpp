@@ -1,11 +1,14 @@
 #include "link/inbox.h"
 
+#include <quorval/runtime/crash.h>
 #include <quorval/runtime/tools.h>
 #include "plugins/codecs.h"
+#include "runtime/support/graph_files.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -68,6 +71,19 @@ protected:
 };
 
 using Values = std::vector<int>;
+using InboxDeathTest = InboxTest;
+
+TEST_F(InboxDeathTest, NamesTheBlockWhoseValueCrashesItsCodec)
+{
+    PluginSet plugins({quorval_test::test_plugin_directory()}, tools_);
+    ASSERT_EQ(plugins.get("recorded").problem, "");
+    Entry entry{"mic", "out", std::make_shared<RemoteOutput>("out", Datatype("fussy")), true};
+    Inbox inbox(entry, {Datatype("fussy")}, plugins, 8);
+    inbox.receive({"fussy", kStart, 1}, encode(-1), kNow);
+
+    EXPECT_EXIT((Quorval::report_crashes(), inbox.put_next(kNow)), testing::KilledBySignal(SIGSEGV),
+                "^quorval: fatal: block 'mic' crashed in receive: signal 11 \\(SIGSEGV\\)\n");
+}
 
 TEST_F(InboxTest, KeepsAllValues)
 {

@@ -1,10 +1,13 @@
 #include "link/outbox.h"
 
+#include <quorval/runtime/crash.h>
 #include <quorval/runtime/tools.h>
 #include "runtime/support/graph_files.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
+
+#include <csignal>
 
 using Quorval::Datatype;
 using Quorval::InitTools;
@@ -59,11 +62,13 @@ TEST_F(OutboxTest, TakesNothingFromAnOutputThatNeverHadAValue)
     EXPECT_EQ(recorder_.texts(), Lines());
 }
 
+/// What the codec of the plug-in takes for a value of its own.
+struct Number {
+    int value;
+};
+
 TEST_F(OutboxTest, SaysThatAValueCannotBeEncoded)
 {
-    struct Number {
-        int value;
-    };
     PluginSet plugins({quorval_test::test_plugin_directory()}, tools_);
     ASSERT_EQ(plugins.get("recorded").problem, "");
     recorder_.clear();
@@ -79,6 +84,20 @@ TEST_F(OutboxTest, SaysThatAValueCannotBeEncoded)
     EXPECT_EQ(recorder_.texts(),
               (Lines{"1 values of mic.out are lost: a value cannot be encoded: too much"}));
     EXPECT_EQ(outbox.statistics().lost, 1U);
+}
+
+using OutboxDeathTest = OutboxTest;
+
+TEST_F(OutboxDeathTest, NamesTheBlockWhoseValueCrashesItsCodec)
+{
+    PluginSet plugins({quorval_test::test_plugin_directory()}, tools_);
+    ASSERT_EQ(plugins.get("recorded").problem, "");
+    OutPort<Number> output("out", Datatype("fussy"));
+    Outbox outbox(Exit{0, "out", &output, true}, "mic", plugins, 2, 20);
+    output.write({-1});
+
+    EXPECT_EXIT((Quorval::report_crashes(), outbox.take(kNow)), testing::KilledBySignal(SIGSEGV),
+                "^quorval: fatal: block 'mic' crashed in send: signal 11 \\(SIGSEGV\\)\n");
 }
 
 TEST_F(OutboxTest, KeepsValuesInTheirOrder)

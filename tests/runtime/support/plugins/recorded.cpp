@@ -7,6 +7,7 @@
 #include <quorval/settings.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -121,7 +122,7 @@ public:
     }
 };
 
-/// A value whose codec refuses what is below 0.
+/// A value whose codec refuses what is above 1, and crashes below 0.
 struct Fussy {
     int value = 0;
 
@@ -131,12 +132,21 @@ struct Fussy {
         if (value > 1) {
             throw std::runtime_error("too much");
         }
+        crash_below_zero();
         archive(value);
     }
     template <class Archive>
     void load(Archive& archive)
     {
         archive(value);
+        crash_below_zero();
+    }
+
+    void crash_below_zero() const
+    {
+        if (value < 0) {
+            ::raise(SIGSEGV);
+        }
     }
 };
 
