@@ -73,9 +73,7 @@ public:
         const std::string_view message(text, static_cast<std::size_t>(length));
         if (present_deeds() != nullptr) {
             do_in_turn([this, level, kept = std::string(message)] { show_late(level, kept); });
-        } else if (is_journal_) {
-            send(level, context().path, message);
-        } else {
+        } else if (!is_journal_ || !send(level, context().path, message)) {
             write_all(to_lines(level, context().path, message));
         }
     }
@@ -96,7 +94,8 @@ private:
         }
     }
 
-    void send(loglevel level, const char* path, std::string_view text)
+    /// @return false: the journal does not take it. It has standard error, too, as lines alone.
+    bool send(loglevel level, const char* path, std::string_view text)
     {
         std::vector<std::string> fields = {"MESSAGE=" + to_entry(path, text),
                                            "PRIORITY=" + std::to_string(priority_of(level))};
@@ -114,7 +113,7 @@ private:
         for (std::string& field : fields) {
             vectors.push_back({field.data(), field.size()});
         }
-        sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size()));
+        return sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size())) >= 0;
     }
 
     bool is_journal_;

@@ -21,6 +21,7 @@ using Entries = std::vector<std::vector<std::string>>;
 
 /// What was sent to the journal, a list of fields for each entry.
 Entries entries;
+int answer = 0;  // of the journal
 
 }  // namespace
 
@@ -29,6 +30,9 @@ extern "C" int sd_journal_sendv(const struct iovec* fields, int count)
 {
     if (count == 0) {
         return -EINVAL;  // as the library does
+    }
+    if (answer < 0) {
+        return answer;
     }
     std::vector<std::string>& entry = entries.emplace_back();
     for (int at = 0; at < count; ++at) {
@@ -179,6 +183,24 @@ TEST_F(JournalMessages, HaveTheGraphAndTheBlockAsFields)
                                 {"MESSAGE=of the graph", "PRIORITY=4", "QUORVAL_GRAPH=loudness"},
                                 {"MESSAGE=left/gain: too loud\nby far", "PRIORITY=3",
                                  "QUORVAL_GRAPH=loudness", "QUORVAL_BLOCK=left/gain"}}));
+}
+
+TEST(Messages, GoToStandardErrorWhereTheJournalDoesNotTakeThem)
+{
+    entries.clear();
+    answer = -EMFILE;
+    const std::string text = written_by([] {
+        struct stat status = {};
+        ASSERT_EQ(::fstat(STDERR_FILENO, &status), 0);
+        const ScopedEnvironment environment(
+            "JOURNAL_STREAM", std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino));
+        const Messages messages;
+        logger(LOGLEVEL_ERROR, "here");
+    });
+    answer = 0;
+
+    EXPECT_EQ(text, "quorval: error: here\n");
+    EXPECT_EQ(entries, Entries());
 }
 
 TEST_F(JournalMessages, HaveThePrioritiesOfSyslog)
