@@ -1,6 +1,6 @@
 // Each system call of the command fails in turn, and the command is killed at each.
 #include <quorval/runtime/recording.h>
-#include "command/command_test.h"
+#include "command/faulty_command.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,47 +16,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using quorval_test::CommandTest;
-using quorval_test::ProcessOptions;
+using quorval_test::Call;
+using quorval_test::FaultyCommand;
 using quorval_test::ProcessResult;
 using quorval_test::read_file;
-using quorval_test::run_process;
 using Arguments = std::vector<std::string>;
 
-constexpr int kDiesBefore = -1;
-constexpr int kDiesBehind = -2;
-
-/// What each call may fail with.
-const std::map<std::string, std::vector<int>> kErrors = {
-    {"epoll_create1", {EMFILE, ENOMEM}},
-    {"epoll_ctl", {ENOMEM, ENOSPC}},
-    {"epoll_wait", {EINTR}},
-    {"eventfd", {EMFILE}},
-    {"flock", {ENOLCK, EINTR}},
-    {"fork", {EAGAIN}},
-    {"fsync", {EIO, ENOSPC}},
-    {"ftruncate", {EIO}},
-    {"mkdir", {ENOSPC, EROFS}},
-    {"open", {EMFILE, EACCES, EROFS}},
-    {"openat", {EMFILE, EACCES}},
-    {"pipe2", {EMFILE}},
-    {"pthread_create", {EAGAIN}},
-    {"pwrite", {ENOSPC, EIO, EINTR}},
-    {"read", {EIO, EINTR}},
-    {"rename", {ENOSPC, EROFS}},
-    {"timerfd_create", {EMFILE}},
-    {"timerfd_settime", {ENOMEM}},
-    {"unlink", {EROFS}},
-    {"write", {ENOSPC, EIO, EINTR}},
-};
-
-/// One call of a program.
-struct Call {
-    std::string name;
-    int number = 0;  // among those of that name
-};
-
-class FailingCalls : public CommandTest {
+class FailingCalls : public FaultyCommand {
 protected:
     FailingCalls()
     {
@@ -75,51 +39,12 @@ config = { path = "out.csv", columns = ["y"] }
 )");
     }
 
-    std::string file(const std::string& name) const { return directory() + "/" + name; }
-
-    /// As it is before each run.
-    void clean() const
+    void clean() override
     {
-        for (const char* name : {"state", "r", "t.json", "calls"}) {
+        for (const char* name : {"state", "r", "t.json"}) {
             fs::remove_all(file(name));
         }
         write("out.csv", "old\n");
-    }
-
-    ProcessResult run_preloaded(Arguments arguments, const std::string& name,
-                                const std::string& value) const
-    {
-        arguments.insert(arguments.end(), {"--plugin-path", QUORVAL_BASIC_PLUGIN_DIR});
-        ProcessOptions options = command(arguments);
-        set_variable(options, "LD_PRELOAD", QUORVAL_TEST_FAULTY_CALLS);
-        set_variable(options, name, value);
-        // The runtime of the sanitizer wants to be first.
-        options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0");
-        return run_process(options);
-    }
-
-    /// The calls of a run in which none fails.
-    std::vector<Call> calls_of(const Arguments& arguments) const
-    {
-        clean();
-        const ProcessResult result =
-            run_preloaded(arguments, "QUORVAL_TEST_CALL_LOG", file("calls"));
-        EXPECT_EQ(result.status, 0) << result.err;
-        std::vector<Call> calls;
-        std::map<std::string, int> numbers;
-        std::istringstream log(read_file(file("calls")));
-        for (std::string name; std::getline(log, name);) {
-            calls.push_back({name, numbers[name]++});
-        }
-        return calls;
-    }
-
-    ProcessResult run_with(const Arguments& arguments, const Call& call, int what) const
-    {
-        clean();
-        return run_preloaded(
-            arguments, "QUORVAL_TEST_CALL",
-            call.name + " " + std::to_string(call.number) + " " + std::to_string(what));
     }
 
     /// The number of waves in the recording; -1: there is none, or not its beginning.
@@ -148,34 +73,6 @@ config = { path = "out.csv", columns = ["y"] }
         EXPECT_EQ(text.back(), '\n') << text;
         EXPECT_EQ(new_text.rfind(text, 0), 0U) << text;
     }
-
-    /// An end in order, with a message unless nothing failed.
-    static void expect_orderly_end(const ProcessResult& result)
-    {
-        EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 3)
-            << result.status << ", signal " << result.signal << "\n"
-            << result.err;
-        EXPECT_TRUE(result.status == 0 || result.err.find("error: ") != std::string::npos)
-            << result.err;
-    }
-
-    /// Runs with each call failing in each way.
-    template <class Check>
-    void fail_each(const Arguments& arguments, Check check) const
-    {
-        const std::vector<Call> calls = calls_of(arguments);
-        std::size_t number = 0;
-        for (const Call& call : calls) {
-            for (const int error : kErrors.at(call.name)) {
-                if (number++ % QUORVAL_FAULT_STEP == 0) {
-                    SCOPED_TRACE(call.name + " " + std::to_string(call.number) + ", errno " +
-                                 std::to_string(error));
-                    check(run_with(arguments, call, error));
-                }
-            }
-        }
-        EXPECT_GT(number, 0U);
-    }
 };
 
 const Arguments kRun = {"run", "--state", "state", "--record", "r", "--trace", "t.json", "g.toml"};
@@ -188,7 +85,7 @@ TEST_F(FailingCalls, EndARunInOrder)
     ASSERT_GT(all_waves, 0);
 
     std::size_t failed = 0;
-    fail_each(kRun, [&](const ProcessResult& result) {
+    fail_each(kRun, calls_of(kRun), [&](const ProcessResult& result) {
         expect_orderly_end(result);
         expect_old_or_new(new_text);
         EXPECT_EQ(result.out, "");
@@ -203,11 +100,8 @@ TEST_F(FailingCalls, EndARunInOrder)
 
 TEST_F(FailingCalls, LeaveItsSignalsToARunWhoseRecordingGetsNoThread)
 {
-    clean();
-
     const ProcessResult result =
-        run_preloaded({"run", "--record", "r", "g.toml"}, "QUORVAL_TEST_CALL",
-                      "pthread_create 0 " + std::to_string(EAGAIN));
+        run_with({"run", "--record", "r", "g.toml"}, {"pthread_create", 0}, EAGAIN);
 
     quorval_test::expect_result(
         result, 1, "", "quorval: error: 'r' cannot be written: Resource temporarily unavailable\n");
@@ -217,11 +111,9 @@ TEST_F(FailingCalls, LeaveItsSignalsToARunWhoseRecordingGetsNoThread)
 TEST_F(FailingCalls, LeaveThoseThreadsToARunThatItGot)
 {
     const unsigned wanted = std::min(2U, std::thread::hardware_concurrency());
-    clean();
 
     const ProcessResult result =
-        run_preloaded({"run", "--threads", "2", "g.toml"}, "QUORVAL_TEST_CALL",
-                      "pthread_create 0 " + std::to_string(EAGAIN));
+        run_with({"run", "--threads", "2", "g.toml"}, {"pthread_create", 0}, EAGAIN);
 
     quorval_test::expect_result(
         result, 0, "",
@@ -234,11 +126,9 @@ TEST_F(FailingCalls, LeaveThoseThreadsToARunThatItGot)
 TEST_F(FailingCalls, LeaveTheThreadOfItsRecordingToARun)
 {
     const unsigned wanted = std::min(2U, std::thread::hardware_concurrency());
-    clean();
 
-    const ProcessResult result =
-        run_preloaded({"run", "--threads", "2", "--record", "r", "g.toml"}, "QUORVAL_TEST_CALL",
-                      "pthread_create 1 " + std::to_string(EAGAIN));
+    const ProcessResult result = run_with({"run", "--threads", "2", "--record", "r", "g.toml"},
+                                          {"pthread_create", 1}, EAGAIN);
 
     quorval_test::expect_result(
         result, 0, "",
@@ -255,7 +145,7 @@ TEST_F(FailingCalls, LeaveWholeRowsInAFileThatGrows)
     calls_of(run);
     const std::string new_text = read_file(file("out.csv"));
 
-    fail_each(run, [&](const ProcessResult& result) {
+    fail_each(run, calls_of(run), [&](const ProcessResult& result) {
         expect_orderly_end(result);
         expect_appended(new_text);
         EXPECT_TRUE(result.status != 0 || read_file(file("out.csv")) == new_text) << result.err;
@@ -264,12 +154,27 @@ TEST_F(FailingCalls, LeaveWholeRowsInAFileThatGrows)
 
 TEST_F(FailingCalls, EndACheckInOrder)
 {
-    fail_each({"check", "g.toml"}, [](const ProcessResult& result) {
+    const Arguments check = {"check", "g.toml"};
+    fail_each(check, calls_of(check), [](const ProcessResult& result) {
         const bool is_well = result.status == 0;
         expect_orderly_end(result);
         EXPECT_EQ(result.out,
                   is_well ? "3 blocks, 2 connections: no problem found\n" : std::string());
         EXPECT_EQ(result.err.find("error: ") == std::string::npos, is_well) << result.err;
+    });
+}
+
+TEST_F(FailingCalls, EndAReplayInOrder)
+{
+    calls_of({"run", "--record", "r", "g.toml"});
+    const std::string new_text = read_file(file("out.csv"));
+    fs::rename(file("r"), file("kept"));
+    const Arguments replay = {"replay", "--fast", "kept", "g.toml"};
+
+    fail_each(replay, calls_of(replay), [&](const ProcessResult& result) {
+        expect_orderly_end(result);
+        expect_old_or_new(new_text);
+        EXPECT_TRUE(result.status != 0 || read_file(file("out.csv")) == new_text) << result.err;
     });
 }
 

@@ -1,28 +1,22 @@
 // What `quorval run` tells a manager of services, and the unit that it comes with.
 #include "command/command_test.h"
+#include "command/notify_socket.h"
 
 #include <gmock/gmock.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstddef>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <regex>
 #include <string>
-#include <system_error>
+#include <utility>
+#include <vector>
 
 namespace {
 
 using quorval_test::CommandTest;
 using quorval_test::expect_result;
+using quorval_test::NotifySocket;
 using quorval_test::Process;
 using quorval_test::ProcessOptions;
 using quorval_test::run_process;
@@ -31,37 +25,6 @@ using testing::Not;
 
 constexpr const char* kReady = "READY=1\nSTATUS=running, 1 blocks";
 constexpr const char* kStopping = "STOPPING=1\nSTATUS=stopping";
-
-/// The socket of a manager of services.
-class NotifySocket {
-public:
-    explicit NotifySocket(const std::string& path)
-        : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        const std::size_t size = offsetof(sockaddr_un, sun_path) + path.size();
-        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&address),
-                              static_cast<socklen_t>(size)) != 0) {
-            throw std::system_error(errno, std::generic_category(), "bind");
-        }
-    }
-    NotifySocket(const NotifySocket&) = delete;
-    NotifySocket& operator=(const NotifySocket&) = delete;
-    ~NotifySocket() { ::close(fd_); }
-
-    /// The next message; waits for it.
-    std::string take() const
-    {
-        std::array<char, 4096> text{};
-        const ssize_t size = ::recv(fd_, text.data(), text.size(), 0);
-        return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
-    }
-
-private:
-    int fd_;
-};
 
 class Service : public CommandTest {
 protected:

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
 namespace Quorval::runtime {
@@ -35,7 +36,7 @@ std::string Connection::open()
         return std::string(to_text(kind_)) + " cannot be reached: " + text_of_errno(result);
     }
     objects_ = publish_(bus_.get());
-    result = sd_bus_request_name(bus_.get(), name_.c_str(), 0);
+    result = request_name();
     if (result == -EEXIST) {
         return "the name " + name_ + " is taken on " + to_text(kind_) + text_of_owner();
     }
@@ -65,6 +66,16 @@ int Connection::connect()
     return matched;
 }
 
+/// A signal may come meanwhile, which says nothing of the bus.
+int Connection::request_name()
+{
+    int result = -EINTR;
+    while (result == -EINTR) {
+        result = sd_bus_request_name(bus_.get(), name_.c_str(), 0);
+    }
+    return result == -EALREADY ? 0 : result;
+}
+
 /// " by process 17 (quorval)", as far as it is known.
 std::string Connection::text_of_owner() const
 {
@@ -88,7 +99,11 @@ std::string Connection::text_of_owner() const
 void Connection::attach(sd_event* event)
 {
     event_ = event;
-    sd_bus_attach_event(bus_.get(), event, SD_EVENT_PRIORITY_NORMAL);
+    const int result = sd_bus_attach_event(bus_.get(), event, SD_EVENT_PRIORITY_NORMAL);
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category(),
+                                std::string(to_text(kind_)) + " cannot be served");
+    }
 }
 
 int Connection::on_disconnect(sd_bus_message* /*message*/, void* self, sd_bus_error* /*error*/)
@@ -98,10 +113,19 @@ int Connection::on_disconnect(sd_bus_message* /*message*/, void* self, sd_bus_er
     if (std::exchange(connection.is_connected_, false)) {
         logger(LOGLEVEL_WARNING, "%s is lost; the graph runs on without it",
                to_text(connection.kind_));
-        connection.pause_ = std::chrono::milliseconds::zero();
+        connection.forget_pause();
     }
     connection.retry_in(connection.pause_);
     return 0;
+}
+
+/// A bus that stood for a while is looked for at once. One that never does is not asked, and told
+/// of, all the time.
+void Connection::forget_pause()
+{
+    if (Clock::now() - connected_since_ >= pause_) {
+        pause_ = std::chrono::milliseconds::zero();
+    }
 }
 
 void Connection::retry_in(std::chrono::milliseconds pause)
@@ -167,6 +191,7 @@ int Connection::on_name(sd_bus_message* message, void* self, sd_bus_error* /*err
         return 0;
     }
     connection.is_connected_ = true;
+    connection.connected_since_ = Clock::now();
     logger(LOGLEVEL_INFO, "%s is back", to_text(connection.kind_));
     return 0;
 }

@@ -30,18 +30,23 @@ public:
 
     /// Answers calls from here on.
     /// @param event  must outlive the object
+    /// @throws std::system_error  a system call failed: "the user's bus cannot be served"
     void attach(sd_event* event);
 
     /// Null while there is no connection.
     sd_bus* bus() const { return is_connected_ ? bus_.get() : nullptr; }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     static int on_disconnect(sd_bus_message* message, void* self, sd_bus_error* error);
     static int on_name(sd_bus_message* message, void* self, sd_bus_error* error);
     static int on_time(sd_event_source* source, std::uint64_t now, void* self);
 
     int connect();
+    int request_name();
     void drop();
+    void forget_pause();
     void retry_in(std::chrono::milliseconds pause);
     void connect_again();
     std::string text_of_owner() const;
@@ -55,7 +60,8 @@ private:
     SlotHandle name_slot_;
     std::vector<SlotHandle> objects_;
     SourceHandle timer_;
-    std::chrono::milliseconds pause_{};
+    std::chrono::milliseconds pause_{};  // before the next attempt but one
+    Clock::time_point connected_since_;
     bool is_connected_ = false;
 };
 

@@ -372,7 +372,11 @@ bool GraphObject::may_change(sd_bus_message* message)
 std::optional<uid_t> GraphObject::ask_for_user(sd_bus_message* message)
 {
     sd_bus_creds* found = nullptr;
-    if (sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &found) < 0) {
+    int result = -EINTR;
+    while (result == -EINTR) {
+        result = sd_bus_query_sender_creds(message, SD_BUS_CREDS_EUID, &found);
+    }
+    if (result < 0) {
         return std::nullopt;
     }
     const CredsHandle creds(found);

@@ -32,6 +32,15 @@ void set_time(const Descriptor& timer, int flags, const itimerspec& time)
     }
 }
 
+/// @param result  what an operation of sd-event gave
+int check(int result)
+{
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category(), "cannot wait for events");
+    }
+    return result;
+}
+
 timespec to_timespec(Loop::Time time)
 {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
@@ -141,7 +150,7 @@ bool Loop::set_timer(std::optional<Time> until)
 /// @return whether a source is ready to be dispatched
 bool Loop::prepare_event()
 {
-    return event_ != nullptr && !is_closed_ && !has_exited() && sd_event_prepare(event_) > 0;
+    return event_ != nullptr && !is_closed_ && !has_exited() && check(sd_event_prepare(event_)) > 0;
 }
 
 /// Dispatches what is ready; not for ever, when there is always something.
@@ -152,11 +161,11 @@ void Loop::dispatch_event(bool is_prepared)
         return;
     }
     is_held_ = false;
-    bool is_pending = is_prepared || sd_event_wait(event_, 0) > 0;
+    bool is_pending = is_prepared || check(sd_event_wait(event_, 0)) > 0;
     for (int count = 0; is_pending && count < kAtMost; ++count) {
         sd_event_dispatch(event_);
         is_pending = count + 1 < kAtMost && !is_held_ && !has_exited() &&
-                     (sd_event_prepare(event_) > 0 || sd_event_wait(event_, 0) > 0);
+                     (check(sd_event_prepare(event_)) > 0 || check(sd_event_wait(event_, 0)) > 0);
     }
 }
 

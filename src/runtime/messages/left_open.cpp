@@ -25,7 +25,8 @@ LeftOpen*& present()
     return watch;
 }
 
-/// Sorted. That of the directory that is read is among them, and closed by then.
+/// Sorted. That of the directory that is read is among them, and closed by then. Empty where they
+/// cannot be listed.
 std::vector<int> open_descriptors()
 {
     std::vector<int> fds;
@@ -33,6 +34,9 @@ std::vector<int> open_descriptors()
     for (std::filesystem::directory_iterator at("/proc/self/fd", error), end; !error && at != end;
          at.increment(error)) {
         fds.push_back(std::stoi(at->path().filename().string()));
+    }
+    if (error) {
+        return {};
     }
     std::sort(fds.begin(), fds.end());
     return fds;
@@ -153,6 +157,9 @@ const std::string& LeftOpen::opener_of(int fd) const
 
 void LeftOpen::warn() const
 {
+    if (before_.empty()) {
+        return;
+    }
     std::map<std::string, std::vector<int>> left;  // by block
     for (const int fd : open_descriptors()) {
         struct stat status = {};

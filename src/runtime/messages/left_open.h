@@ -10,8 +10,9 @@ namespace Quorval::runtime {
 
 /// Watches which descriptors appear in the operations of blocks, and warns at its end of those that
 /// are still open: "block '<path>' left a descriptor open: '<file>'", or "block '<path>' left <n>
-/// descriptors open, the first is '<file>'"; "a block" where it is not known which. For a process
-/// whose descriptors nobody else opens meanwhile. Of one thread, one at a time.
+/// descriptors open, the first is '<file>'"; "a block" where it is not known which. Where it cannot
+/// be known which were open before, there is no warning. For a process whose descriptors nobody
+/// else opens meanwhile. Of one thread, one at a time.
 class LeftOpen {
 public:
     /// @param is_on  false: nothing is watched
@@ -48,7 +49,7 @@ private:
     void warn() const;
 
     bool is_on_;
-    std::vector<int> before_;  // sorted
+    std::vector<int> before_;  // sorted; empty: not known
     std::vector<Opened> opened_;
     int next_ = 0;      // lower ones are known
     int guarded_ = -1;  // none

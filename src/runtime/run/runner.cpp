@@ -124,7 +124,7 @@ bool Runner::start()
 {
     const bool has_work = life_.start() || playback_ != nullptr;
     if (outside_ != nullptr) {
-        outside_->begin();
+        contain([this] { outside_->begin(); });
     }
     if (has_work && !life_.has_failed()) {
         notice_.tell_ready();

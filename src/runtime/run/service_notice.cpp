@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -60,11 +61,15 @@ void tell(const std::string& state)
     const std::size_t size =
         offsetof(sockaddr_un, sun_path) + path.size() + (path.front() == '@' ? 0 : 1);
     const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0) {
-        ::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL,
-                 reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(size));
-        ::close(fd);
+    if (fd < 0) {
+        return;
     }
+    ssize_t sent = -1;
+    do {
+        sent = ::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL,
+                        reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(size));
+    } while (sent < 0 && errno == EINTR);
+    ::close(fd);
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
@@ -106,6 +108,31 @@ TEST_F(ConnectionTest, IsLookedForUntilItHasTheNameAgain)
 
     EXPECT_THAT(log_.texts(), ElementsAre(kLost, kBack));
     EXPECT_EQ(requests_, 4U);
+}
+
+TEST_F(ConnectionTest, DoesNotAskABusAllTheTimeThatHangsUpOnWhoHasTheName)
+{
+    constexpr int kLosses = 4;
+    int left = kLosses;
+    bus_.on("RequestName", [&left](sd_bus_message* call) {
+        const int result = give(kIsOwner)(call);
+        sd_bus_flush(sd_bus_message_get_bus(call));
+        return left-- > 0 ? -EIO : result;
+    });
+    runtime::Connection connection(Bus::User, "org.quorval.graph.g", publish_nothing);
+    ASSERT_EQ(connection.open(), "");
+    connection.attach(loop_.event());
+
+    const auto begin = std::chrono::steady_clock::now();
+    for (int found = 0; found < kLosses;) {
+        loop_.wait(std::nullopt);
+        const std::vector<std::string> texts = log_.texts();
+        found = static_cast<int>(std::count(texts.begin(), texts.end(), kBack));
+    }
+
+    // All but the first one wait, or last as long.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
+    bus_.stop();
 }
 
 TEST_F(ConnectionTest, SaysWhatCannotBePublishedAgain)

@@ -161,7 +161,9 @@ void FakeBus::serve(int client)
     check(sd_bus_set_fd(made, client, client));
     check(sd_bus_set_server(made, 1, SD_ID128_NULL));
     check(sd_bus_add_filter(made, nullptr, on_message, this));
-    check(sd_bus_start(made));
+    if (sd_bus_start(made) < 0) {
+        return;  // the client has gone
+    }
     int result = 0;
     do {
         result = sd_bus_process(made, nullptr);
@@ -205,7 +207,9 @@ void FakeBus::call_next(sd_bus* bus)
     const MessageHandle message(made);
     check(sd_bus_message_set_sender(made, call.sender.c_str()));
     check(call.append(made));
-    check(sd_bus_call_async(bus, nullptr, made, on_answer, this, UINT64_MAX));
+    if (sd_bus_call_async(bus, nullptr, made, on_answer, this, UINT64_MAX) < 0) {
+        sd_bus_close(bus);  // the client has gone
+    }
 }
 
 int FakeBus::on_answer(sd_bus_message* message, void* self, sd_bus_error* /*error*/)

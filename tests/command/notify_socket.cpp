@@ -1,0 +1,45 @@
+#include "command/notify_socket.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <system_error>
+
+namespace quorval_test {
+
+NotifySocket::NotifySocket(const std::string& path)
+    : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const std::size_t size = offsetof(sockaddr_un, sun_path) + path.size();
+    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&address),
+                          static_cast<socklen_t>(size)) != 0) {
+        throw std::system_error(errno, std::generic_category(), "bind");
+    }
+}
+
+NotifySocket::~NotifySocket()
+{
+    ::close(fd_);
+}
+
+std::string NotifySocket::take_present() const
+{
+    return receive(MSG_DONTWAIT);
+}
+
+std::string NotifySocket::receive(int flags) const
+{
+    std::array<char, 4096> text{};
+    const ssize_t size = ::recv(fd_, text.data(), text.size(), flags);
+    return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+}
+
+}  // namespace quorval_test
