@@ -87,7 +87,7 @@ int recording_command(const Arguments& arguments)
         write_output(describe(Quorval::read_recording((*words)[1])));
         return kDone;
     } catch (const Quorval::RecordingError& error) {
-        say_error(escape_controls(error.what()));
+        say_error(error.what());
         return kWrongGraph;
     }
 }

@@ -7,7 +7,6 @@
 #include "graph_line.h"
 #include "output.h"
 #include "statistics.h"
-#include "text.h"
 
 #include <charconv>
 #include <cstdio>
@@ -94,7 +93,7 @@ int run_graph(const Quorval::GraphOptions& options, loglevel level)
         // Without any the wait for a pipe was ended by a signal.
         return error.diagnostics().empty() ? kDone : kWrongGraph;
     } catch (const Quorval::RecordingError& error) {
-        say_error(escape_controls(error.what()));
+        say_error(error.what());
         return kWrongGraph;
     }
     messages.set_graph(graph->name());

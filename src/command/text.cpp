@@ -15,6 +15,19 @@ bool is_control(unsigned char byte)
     return byte < kBlank || byte == kDelete;
 }
 
+/// How many bytes the control character at the beginning has; 0 where another one stands. Those
+/// from U+0080 to U+009F are two bytes in UTF-8, and terminals obey some of them.
+std::size_t control_length(std::string_view text)
+{
+    constexpr unsigned char kFirst = 0x80;
+    constexpr unsigned char kLast = 0x9f;
+    if (text.size() > 1 && text[0] == '\xc2') {
+        const auto second = static_cast<unsigned char>(text[1]);
+        return second >= kFirst && second <= kLast ? 2 : 0;
+    }
+    return is_control(static_cast<unsigned char>(text.front())) ? 1 : 0;
+}
+
 std::string to_hex(unsigned char byte)
 {
     constexpr std::string_view kDigits = "0123456789ABCDEF";
@@ -61,9 +74,15 @@ Cell to_cell(std::string_view rest, unsigned column)
 std::string escape_controls(std::string_view text)
 {
     std::string escaped;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        escaped += is_control(byte) ? to_hex(byte) : std::string(1, character);
+    while (!text.empty()) {
+        const std::size_t length = control_length(text);
+        for (const char character : text.substr(0, length)) {
+            escaped += to_hex(static_cast<unsigned char>(character));
+        }
+        if (length == 0) {
+            escaped += text.front();
+        }
+        text.remove_prefix(length > 0 ? length : 1);
     }
     return escaped;
 }

@@ -6,6 +6,7 @@
 #include "graph/state.h"
 #include "loop/loop.h"
 #include "messages/left_open.h"
+#include "messages/printable.h"
 #include "observe/observer.h"
 #include "observe/statistics.h"
 #include "record/playback.h"
@@ -210,7 +211,7 @@ RunResult Graph::run()
     try {
         return impl_->run();
     } catch (const std::system_error& error) {
-        logger(LOGLEVEL_ERROR, "%s", error.what());
+        logger(LOGLEVEL_ERROR, "%s", runtime::printable(error.what()).c_str());
         return RunResult::Failed;
     }
 }

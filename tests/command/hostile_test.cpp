@@ -74,6 +74,80 @@ protected:
     }
 };
 
+/// A name with control characters, of one byte and of two.
+class HostileName : public CommandTest {
+protected:
+    /// What becomes of a command; NAME in the text is the name with numbers in their place.
+    struct Case {
+        std::vector<std::string> command;
+        int status;
+        std::string err;
+    };
+
+    HostileName()
+    {
+        write("g.toml", "format = 1\nblocks.a.type = \"trouble:Trouble\"\n");
+        write("include.toml", "format = 1\ninclude = [\"a\\n\\u001b\\u009b\"]\n");
+        write("link.toml", R"(format = 1
+machines.edge = {}
+blocks.a = { type = "trouble:Trouble", machine = "edge" }
+link = { broker = "mqtts://127.0.0.1", ca = "a\n\u001b\u009b" }
+)");
+    }
+
+    void expect(const Case& one) const
+    {
+        const std::string place = "NAME";
+        std::string err = one.err;
+        for (auto at = err.find(place); at != std::string::npos; at = err.find(place)) {
+            err.replace(at, place.size(), "a\\x0A\\x1B\\xC2\\x9B");
+        }
+        SCOPED_TRACE(testing::PrintToString(one.command));
+        expect_result(run(one.command), one.status, "", err + "\n");
+    }
+
+    const std::string name_ = "a\n\x1b\xc2\x9b";
+};
+
+TEST_F(HostileName, HasNumbersInPlaceOfControlCharactersInThePlacesOfErrors)
+{
+    const std::string unreadable = "error: cannot read: No such file or directory";
+    const std::string no_block = "error: there is no block 'NAME'";
+    for (const Case& one : std::vector<Case>{
+             {{"check", name_}, 3, "NAME:1:1: " + unreadable},
+             {{"run", "g.toml", name_}, 3, "NAME:1:1: " + unreadable},
+             {{"config", "show", name_}, 3, "NAME: " + unreadable},
+             {{"check", "--set", name_ + ".x=1", "g.toml"}, 3, "--set NAME.x: " + no_block},
+             {{"run", "--record", "r", "--outputs", name_, "g.toml"},
+              3,
+              "--outputs NAME: " + no_block}}) {
+        expect(one);
+    }
+}
+
+TEST_F(HostileName, HasNumbersInPlaceOfControlCharactersInTexts)
+{
+    const std::string missing = ": No such file or directory";
+    const std::string error = "quorval: error: ";
+    for (const Case& one : std::vector<Case>{
+             {{"check", "include.toml"},
+              3,
+              "include.toml:2:12: error: 'NAME' cannot be read" + missing},
+             {{"replay", name_, "g.toml"}, 3, error + "'NAME' cannot be read" + missing},
+             {{"run", "--machine", name_, "g.toml"}, 2, error + "there is no machine 'NAME'"},
+             {{"run", "--record", "none/" + name_, "g.toml"},
+              1,
+              error + "cannot record into 'none/NAME'" + missing},
+             {{"run", "--trace", "none/" + name_, "g.toml"},
+              1,
+              error + "'none/NAME' cannot be written" + missing},
+             {{"run", "--machine", "edge", "link.toml"},
+              1,
+              error + "the link cannot be used: cannot read 'NAME'" + missing}}) {
+        expect(one);
+    }
+}
+
 TEST_F(HostilePlugin, IsNamedWhereItThrowsWhatIsNoException)
 {
     for (const Operation& one : kWhileLoaded) {

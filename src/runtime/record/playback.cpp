@@ -2,6 +2,7 @@
 
 #include <quorval/log.h>
 #include "loop/loop.h"
+#include "messages/printable.h"
 #include "plugins/codecs.h"
 
 #include <algorithm>
@@ -67,7 +68,7 @@ using OutputName = std::pair<std::string, std::string>;  // path, port
 
 void warn(const std::string& text)
 {
-    logger(LOGLEVEL_WARNING, "%s", text.c_str());
+    logger(LOGLEVEL_WARNING, "%s", printable(text).c_str());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "description/suggest.h"
 #include "loop/loop.h"
 #include "messages/context.h"
+#include "messages/printable.h"
 #include "plugins/codecs.h"
 
 #include <pthread.h>
@@ -70,7 +71,7 @@ Recorder::Recorder(const LoadedGraph& graph, const std::vector<std::string>& out
     for (const std::string& name : outputs) {
         const std::string problem = add_named(name);
         if (!problem.empty()) {
-            diagnostics.push_back({"--outputs " + name, 0, 0, true, problem, ""});
+            diagnostics.push_back({"--outputs " + name, 0, 0, true, printable(problem), ""});
         }
     }
     if (!diagnostics.empty()) {
@@ -241,7 +242,7 @@ bool Recorder::finish()
         thread_.join();
         if (missing_waves_ > 0) {
             logger(LOGLEVEL_WARNING, "%s",
-                   (std::to_string(missing_waves_) + " waves are missing in '" + file_ +
+                   (std::to_string(missing_waves_) + " waves are missing in '" + printable(file_) +
                     "': the disk was too slow")
                        .c_str());
         }
@@ -289,7 +290,7 @@ void Recorder::write(const Batch& batch)
 
 void Recorder::fail(const std::string& text)
 {
-    logger(LOGLEVEL_ERROR, "'%s' cannot be written: %s", file_.c_str(), text.c_str());
+    logger(LOGLEVEL_ERROR, "'%s' cannot be written: %s", printable(file_).c_str(), text.c_str());
     const std::lock_guard lock(mutex_);
     has_failed_ = true;
 }

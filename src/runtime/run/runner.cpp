@@ -1,6 +1,7 @@
 #include "run/runner.h"
 
 #include <quorval/log.h>
+#include "messages/printable.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -48,7 +49,7 @@ bool Runner::open_link()
                                                      graph_.reading->description.machines},
                                        graph_.network, *graph_.plugins, loop_.poller(), Loop::now);
     } catch (const std::runtime_error& error) {
-        logger(LOGLEVEL_ERROR, "the link cannot be used: %s", error.what());
+        logger(LOGLEVEL_ERROR, "the link cannot be used: %s", printable(error.what()).c_str());
         return false;
     }
     link_->attach(life_.wave());
