@@ -98,6 +98,25 @@ TEST_F(Run, ShowsWarningsUnlessItIsQuiet)
     expect_result(run({"run", "-q", "numbers.toml", "more.toml"}), 0, "2\n4\n6\n", "");
 }
 
+TEST_F(Run, RefusesForRootWhatOthersMayWriteTo)
+{
+    const bool is_root = ::geteuid() == 0;
+    const std::string refusal = " is writable by others: refused for root\n";
+    fs::permissions(directory() + "/numbers.toml", fs::perms(0666));
+    const ProcessResult file = run({"run", "numbers.toml"});
+    fs::permissions(directory() + "/numbers.toml", fs::perms(0644));
+    fs::create_directory(directory() + "/plugins");
+    fs::copy_file(QUORVAL_TEST_PLUGIN_DIR "/numbers.so", directory() + "/plugins/numbers.so");
+    fs::permissions(directory() + "/plugins", fs::perms(0777));
+    const ProcessResult plugins = run({"inspect", "--plugin-path", "plugins", "numbers"});
+
+    EXPECT_EQ(file.status, is_root ? 3 : 0);
+    EXPECT_EQ(file.err,
+              is_root ? "numbers.toml:1:1: error: 'numbers.toml'" + refusal : std::string());
+    EXPECT_EQ(plugins.status, is_root ? 3 : 0);
+    EXPECT_EQ(plugins.err, is_root ? "quorval: error: 'plugins'" + refusal : std::string());
+}
+
 TEST_F(Run, ReportsAGraphInWhichNothingWouldEverRun)
 {
     write("still.toml", "format = 1\nblocks.odd.type = \"numbers:Odd\"\n");
