@@ -811,6 +811,11 @@ TEST(Warnings, TellInputsThatAreNotConnected)
          "type = \"parts:Ports\"\nconfig.inputs = [\"b:int32\", \"a:int32\"]\n",
          {"g.toml:4:29: warning: left/mix.a is not connected",
           "g.toml:4:29: warning: left/mix.b is not connected"}},
+        {"blocks.left.type = \"pair\"\nsuperblocks.pair.inports.in = [\"a.in\", \"b.in\"]\n"
+         "superblocks.pair.blocks.a.type = \"parts:Gain\"\n"
+         "superblocks.pair.blocks.b.type = \"parts:Gain\"",
+         {"g.toml:4:25: warning: left/a.in is not connected",
+          "g.toml:5:25: warning: left/b.in is not connected"}},
     });
 }
 
