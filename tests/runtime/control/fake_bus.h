@@ -37,7 +37,8 @@ public:
     FakeBus& operator=(const FakeBus&) = delete;
     ~FakeBus();
 
-    /// How calls of this name are answered from here on. Others are unknown.
+    /// How calls of this name are answered from here on, or who is told of such signals. Other
+    /// calls are unknown.
     void on(const std::string& name, Answer answer);
 
     /// Before the first client: what it is called with when it has its name, one after the other.

@@ -100,6 +100,24 @@ TEST_F(GraphObjectTest, LetsRootAndItsUserAloneChangeIt)
                 ElementsAre(kNotAllowed, kNotAllowed, kNotAllowed, ""));
 }
 
+TEST_F(GraphObjectTest, TellsThatItStops)
+{
+    std::string told;
+    bus_.on("PropertiesChanged", [&told](sd_bus_message* signal) {
+        const char* interface = nullptr;
+        const char* property = nullptr;
+        const char* state = nullptr;
+        if (sd_bus_message_read(signal, "sa{sv}as", &interface, 1, &property, "s", &state, 0) > 0) {
+            told += std::string(interface) + " " + property + " " + state;
+        }
+        return 0;
+    });
+
+    EXPECT_THAT(run({call(owner(), "Stop")}), ElementsAre(""));
+
+    EXPECT_EQ(told, "org.quorval.Graph1 State stopping");
+}
+
 TEST_F(GraphObjectTest, LetsNobodyChangeItWhomTheBusDoesNotKnow)
 {
     bus_.on("GetConnectionUnixUser", refuse("NameHasNoOwner", "gone"));
