@@ -37,16 +37,6 @@ struct ExposedPorts {
     std::vector<std::optional<Output>> outputs;
 };
 
-/// The input that a port leads to, which its plug-in decides; null where there is none.
-InPortInternal* connectable(InPortProvider& port)
-{
-    try {
-        return port.get_connectable();
-    } catch (...) {
-        return nullptr;
-    }
-}
-
 std::vector<std::string> sorted_names(const std::unordered_map<std::string, Datatype>& ports)
 {
     std::vector<std::string> names;
@@ -229,7 +219,9 @@ private:
         } catch (const std::out_of_range&) {
             found_.clear();
             is_excused_[block] = true;
-            report_no_plain_port(end, "input", block, made->Block::get_inports_info());
+            auto ports = made->Block::get_inports_info();
+            ports.erase(end.port);  // where it has one that leads nowhere
+            report_no_plain_port(end, "input", block, ports);
         }
     }
 

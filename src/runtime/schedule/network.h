@@ -34,6 +34,16 @@ struct Wire {
     }
 };
 
+/// The input that a port leads to, which its plug-in decides; null where there is none.
+inline InPortInternal* connectable(InPortProvider& port)
+{
+    try {
+        return port.get_connectable();
+    } catch (...) {
+        return nullptr;
+    }
+}
+
 /// An output of a block on another machine. Blocks hold on to its values, so it goes behind them,
 /// and before their plug-ins.
 class RemoteOutput final : public OutPortInternal {

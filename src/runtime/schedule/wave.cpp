@@ -58,6 +58,7 @@ public:
         wave_.slots_.reserve(network_.nodes.size() + 1);
         wave_.takes_.reserve(network_.wires.size() + network_.entry_wires.size());
         for (const Node& node : network_.nodes) {
+            const ContextScope scope(node.path.c_str(), "connect");
             add_slot(node.block, node.path.c_str(), node.skips_failures);
             add_inputs(*node.block);
             add_outputs(*node.block);
@@ -107,8 +108,8 @@ private:
         }
         for (const std::string& name : sorted_names(block.get_inports_info())) {
             for (const auto& [owner, port] : block.get_inport(name)) {
-                InPortInternal* input = port.get_connectable();
-                if (fed.insert(input).second) {
+                InPortInternal* input = connectable(port);
+                if (input != nullptr && fed.insert(input).second) {
                     wave_.loose_.push_back(input);
                 }
             }

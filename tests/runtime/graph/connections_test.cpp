@@ -90,6 +90,17 @@ TEST(Connections, NamePortsThatExist)
                      "g.toml:2:59: error: block 's' has no input 'in'; it has none"}));
 }
 
+TEST(Connections, NameNoInputThatLeadsNowhere)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for("connections = [\"s.out -> a.in\"]\n"
+                                 "blocks.s = { type = \"parts:Gain\" }\n"
+                                 "blocks.a = { type = \"parts:Leads\", config.nowhere = true }\n"),
+              (Lines{"g.toml:2:16: error: block 'a' has no input 'in'; it has none",
+                     "g.toml:3:8: warning: s.in is not connected"}));
+}
+
 TEST(Connections, JoinPortsOfOneType)
 {
     EXPECT_EQ(findings_for(R"("s.count -> a.left", "s.count -> ch.in")"),

@@ -111,6 +111,41 @@ TEST(Wave, RunsABlockThatAskedAndWhatItLeadsTo)
     EXPECT_THAT(pair.seen, ElementsAre(1));
 }
 
+/// An input of a broken plug-in.
+class DeadEnd : public InPortProvider {
+public:
+    explicit DeadEnd(bool throws) : InPortProvider("dead", Datatype("int"), true), throws_(throws)
+    {
+    }
+
+    InPortInternal* get_connectable() override
+    {
+        if (throws_) {
+            throw std::runtime_error("no luck");
+        }
+        return nullptr;
+    }
+
+private:
+    bool throws_;
+};
+
+TEST(Wave, RunsABlockOfWhichAnInputLeadsNowhere)
+{
+    for (const bool throws : {false, true}) {
+        FakeGraph graph;
+        FakeBlock& a = graph.add("a");
+        a.add_inport(std::make_unique<DeadEnd>(throws));
+        Recorder recorder;
+        Wave wave(graph.arrange(), recorder, recorder);
+        wave.ask(0);
+
+        EXPECT_TRUE(run_wave(wave)) << throws;
+
+        EXPECT_EQ(a.runs, 1) << throws;
+    }
+}
+
 TEST(Wave, ResetsWhatItTriggered)
 {
     Pair pair;

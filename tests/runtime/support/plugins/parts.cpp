@@ -32,15 +32,22 @@ struct Gain : Block {
     }
 };
 
-/// Has an input "in" that leads to one of another name.
+/// Has an input "in" that leads to one of another name, or nowhere.
 struct Leads : Block {
     struct Lead : InPortProvider {
-        Lead() : InPortProvider("in", Datatype("double"), true) {}
-        InPortInternal* get_connectable() override { return &end; }
+        explicit Lead(bool leads_nowhere)
+            : InPortProvider("in", Datatype("double"), true), is_dead(leads_nowhere)
+        {
+        }
+        InPortInternal* get_connectable() override { return is_dead ? nullptr : &end; }
+        bool is_dead;
         InPort<double> end{"end", Datatype("double")};
     };
 
-    explicit Leads(const std::string& name) : Block(name) { add_inport(std::make_unique<Lead>()); }
+    Leads(const std::string& name, const BlockConfiguration& config) : Block(name, config)
+    {
+        add_inport(std::make_unique<Lead>(config.getBool("nowhere", false)));
+    }
 };
 
 /// Has the ports that its configuration lists, as "name:type"; reads everything.
@@ -186,7 +193,8 @@ int lib_register_cpp(IRegistry& registry)
         [](Name name, Config config, Tools) { return std::make_unique<Gain>(name, config); });
     add(registry, "Ports",
         [](Name name, Config config, Tools) { return std::make_unique<Ports>(name, config); });
-    add(registry, "Leads", [](Name name, Config, Tools) { return std::make_unique<Leads>(name); });
+    add(registry, "Leads",
+        [](Name name, Config config, Tools) { return std::make_unique<Leads>(name, config); });
     add(registry, "Once",
         [](Name name, Config config, Tools) { return std::make_unique<Once>(name, config); });
     add(registry, "Late", [](Name name, Config, Tools) { return std::make_unique<Late>(name); });
