@@ -199,7 +199,8 @@ class Copy:
         start = time.monotonic()
         process = subprocess.Popen(
             [self.build / folder / name, "--gtest_brief=1", "--gtest_fail_fast"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            start_new_session=True,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES)),
             cwd=self.build / folder,
         )
