@@ -317,6 +317,26 @@ TEST(PlainPorts, RunTheirBlockForAsLongAsTheyAreReady)
     EXPECT_EQ(setting.block.runs, 2);
 }
 
+TEST(PlainPorts, AreTriggeredUntilTheirBlockHasRun)
+{
+    Setting setting;
+    const Pipe pipe(setting.block);
+    const Port& port = *setting.block.get_fdport("pipe");
+    bool was_triggered = false;
+    setting.block.on_run = [&] {
+        was_triggered = port.is_triggered();
+        pipe.drain();
+        return true;
+    };
+    setting.begin();
+
+    pipe.fill();
+    setting.settle();
+
+    EXPECT_TRUE(was_triggered);
+    EXPECT_FALSE(port.is_triggered());
+}
+
 TEST(PlainPorts, AreReportedOnceWhenNobodyDrainsThem)
 {
     const LogRecorder recorder;

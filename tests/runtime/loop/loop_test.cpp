@@ -1,5 +1,7 @@
 #include "loop/loop.h"
 
+#include "support/support.h"
+
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -207,6 +209,17 @@ TEST(Loop, DispatchesNothingWhenItsEventIsClosed)
     loop.wait(Loop::now() + 1ms);
 
     EXPECT_EQ(calls, 0);
+}
+
+TEST(Loop, ClosesItsEvent)
+{
+    const auto before = quorval_test::open_descriptors();
+    {
+        Loop loop;
+        ASSERT_NE(loop.event(), nullptr);
+    }
+
+    EXPECT_EQ(quorval_test::open_descriptors(), before);
 }
 
 TEST(Loop, KnowsThatItsEventHasEnded)

@@ -183,6 +183,22 @@ TEST(Poller, TakesAnErrorForBoth)
     EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 rw"));
 }
 
+TEST(Poller, ReportsNoMoreThanWhatIsReady)
+{
+    Poller poller;
+    std::array<int, 2> ends = {};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
+    const auto event = poller.add(ends[0], kBoth, 1);
+    ASSERT_EQ(::write(ends[1], "x", 1), 1);
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 rw"));
+
+    while (::write(ends[0], "x", 1) == 1) {}  // until there is no room
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 r"));
+
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
 TEST(Poller, FollowsAChangeOfTheDescriptor)
 {
     Poller poller;

@@ -3,7 +3,9 @@
 
 #include <quorval/runtime/graph.h>
 #include <quorval/runtime/recording.h>
+#include "loop/loop.h"
 #include "record/database.h"
+#include "record/playback.h"
 #include "runtime/support/graph_files.h"
 #include "support/support.h"
 
@@ -27,6 +29,8 @@ using Quorval::GraphOptions;
 using Quorval::RecordingInfo;
 using Quorval::RunResult;
 using Quorval::runtime::LoadedGraph;
+using Quorval::runtime::Loop;
+using Quorval::runtime::Playback;
 using Quorval::runtime::Recorder;
 using quorval_test::expect_throw;
 using quorval_test::GraphFiles;
@@ -262,6 +266,19 @@ TEST_F(RecordGraph, TellsOfValuesThatItCannotRecord)
                                   "what odd.fussy gives cannot be recorded: too much"));
     EXPECT_EQ(info().waves, 3U);
     EXPECT_EQ(info().outputs.at(0).values, 1U);
+}
+
+TEST_F(RecordGraph, IsReplayedFromThePresentOn)
+{
+    record(kWorking);
+    LoadedGraph graph = Quorval::runtime::load_graph(options(kWorking));
+    Playback playback(file(), graph, false);
+
+    const auto begin = Loop::now();
+    const auto first = playback.next_time();
+
+    ASSERT_TRUE(first.has_value());
+    EXPECT_GE(*first, begin);
 }
 
 TEST_F(RecordGraph, LeavesOutWavesThatFindNoRoomInTheQueue)
