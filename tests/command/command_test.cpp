@@ -17,8 +17,7 @@ std::vector<std::string> split_words(const std::string& list)
     return words;
 }
 
-/// Without what the emulator says about a program that a signal ends.
-std::string without_emulator(const std::string& text)
+std::string lines_without_emulator(const std::string& text)
 {
     std::string rest;
     std::istringstream stream(text);
@@ -55,9 +54,13 @@ ProcessOptions CommandTest::command(const std::vector<std::string>& arguments) c
 
 ProcessResult CommandTest::run(const std::vector<std::string>& arguments) const
 {
-    ProcessResult result = run_process(command(arguments));
+    return without_emulator(run_process(command(arguments)));
+}
+
+ProcessResult CommandTest::without_emulator(ProcessResult result)
+{
     if (*QUORVAL_EMULATOR != '\0') {
-        result.err = without_emulator(result.err);
+        result.err = lines_without_emulator(result.err);
     }
     return result;
 }

@@ -23,6 +23,9 @@ protected:
 
     ProcessResult run(const std::vector<std::string>& arguments) const;
 
+    /// Without what the emulator says about a program that a signal ends; run() has it so.
+    static ProcessResult without_emulator(ProcessResult result);
+
     /// Sets a variable of the environment of `quorval` that does not concern the emulator.
     static void set_variable(ProcessOptions& options, const std::string& name,
                              const std::string& value);

@@ -70,7 +70,7 @@ protected:
         Process process(command({"run", "hostile.toml"}));
         EXPECT_TRUE(process.wait_for("b started\n"));
         reload(process);
-        return process.wait();
+        return without_emulator(process.wait());
     }
 };
 
