@@ -359,6 +359,27 @@ TEST(PlainPorts, AreReportedOnceWhenNobodyDrainsThem)
                                        "drain it"});
 }
 
+TEST(PlainPorts, AreReportedEachWhereTheirBlockHasSeveral)
+{
+    const LogRecorder recorder;
+    Setting setting;
+    const Pipe first(setting.block, "a");
+    const Pipe second(setting.block, "b");
+    setting.begin();
+    first.fill();
+    second.fill();
+
+    for (int wave = 0; wave < 1001; ++wave) {
+        setting.play();
+    }
+
+    const std::string rest =
+        "' was still readable after its block's run in 1000 waves in a row: the block may not "
+        "drain it";
+    EXPECT_EQ(recorder.texts(),
+              (std::vector<std::string>{"descriptor port 'a" + rest, "descriptor port 'b" + rest}));
+}
+
 TEST(PlainPorts, AreReportedWhereTheyWereNotDrainedInTheLastHundredOfThoseWaves)
 {
     const LogRecorder recorder;
