@@ -115,7 +115,7 @@ int Connection::on_disconnect(sd_bus_message* /*message*/, void* self, sd_bus_er
                to_text(connection.kind_));
         connection.forget_pause();
     }
-    connection.retry_in(connection.pause_);
+    connection.retry_later();
     return 0;
 }
 
@@ -128,13 +128,13 @@ void Connection::forget_pause()
     }
 }
 
-void Connection::retry_in(std::chrono::milliseconds pause)
+void Connection::retry_later()
 {
     if (event_ == nullptr) {
         return;
     }
     sd_event_source* source = nullptr;
-    const std::uint64_t delay = std::chrono::microseconds(pause).count();
+    const std::uint64_t delay = std::chrono::microseconds(pause_).count();
     const int result =
         sd_event_add_time_relative(event_, &source, CLOCK_MONOTONIC, delay, 0, on_time, this);
     if (result < 0) {
@@ -143,7 +143,7 @@ void Connection::retry_in(std::chrono::milliseconds pause)
         return;
     }
     timer_.reset(source);
-    pause_ = std::clamp(pause * 2, kFirstPause, kLongestPause);
+    pause_ = std::clamp(pause_ * 2, kFirstPause, kLongestPause);
 }
 
 int Connection::on_time(sd_event_source* /*source*/, std::uint64_t /*now*/, void* self)
@@ -170,7 +170,7 @@ void Connection::connect_again()
     if (connect() < 0 || sd_bus_attach_event(bus_.get(), event_, SD_EVENT_PRIORITY_NORMAL) < 0 ||
         sd_bus_request_name_async(bus_.get(), &slot, name_.c_str(), 0, on_name, this) < 0) {
         drop();
-        retry_in(pause_);
+        retry_later();
         return;
     }
     name_slot_.reset(slot);
@@ -187,7 +187,7 @@ int Connection::on_name(sd_bus_message* message, void* self, sd_bus_error* /*err
     std::uint32_t answer = 0;
     if (sd_bus_message_is_method_error(message, nullptr) > 0 ||
         sd_bus_message_read(message, "u", &answer) < 0 || answer != kIsOwner) {
-        connection.retry_in(connection.pause_);
+        connection.retry_later();
         return 0;
     }
     connection.is_connected_ = true;

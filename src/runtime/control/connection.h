@@ -47,7 +47,7 @@ private:
     int request_name();
     void drop();
     void forget_pause();
-    void retry_in(std::chrono::milliseconds pause);
+    void retry_later();
     void connect_again();
     std::string text_of_owner() const;
 
@@ -60,7 +60,7 @@ private:
     SlotHandle name_slot_;
     std::vector<SlotHandle> objects_;
     SourceHandle timer_;
-    std::chrono::milliseconds pause_{};  // before the next attempt but one
+    std::chrono::milliseconds pause_{};  // before the next attempt
     Clock::time_point connected_since_;
     bool is_connected_ = false;
 };
