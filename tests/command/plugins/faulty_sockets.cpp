@@ -33,13 +33,6 @@ bool makes_descriptor(int command)
     return command == F_DUPFD || command == F_DUPFD_CLOEXEC;
 }
 
-int control(int fd, int command, std::va_list rest)
-{
-    void* const argument = va_arg(rest, void*);
-    const auto work = [&] { return ::syscall(SYS_fcntl, fd, command, argument); };
-    return makes_descriptor(command) ? make_int("fcntl", work) : static_cast<int>(work());
-}
-
 }  // namespace
 
 extern "C" {
@@ -132,19 +125,13 @@ int fcntl(int fd, int command, ...)
 {
     std::va_list rest;
     va_start(rest, command);
-    const int result = control(fd, command, rest);
+    void* const argument = va_arg(rest, void*);
     va_end(rest);
-    return result;
+    const auto work = [&] { return ::syscall(SYS_fcntl, fd, command, argument); };
+    return makes_descriptor(command) ? make_int("fcntl", work) : static_cast<int>(work());
 }
 
-int fcntl64(int fd, int command, ...)
-{
-    std::va_list rest;
-    va_start(rest, command);
-    const int result = control(fd, command, rest);
-    va_end(rest);
-    return result;
-}
+[[gnu::alias("fcntl")]] int fcntl64(int fd, int command, ...);
 
 int signalfd(int fd, const sigset_t* signals, int flags) noexcept
 {
