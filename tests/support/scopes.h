@@ -1,7 +1,9 @@
 // What the process has or may do otherwise until the end of a scope.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -46,6 +48,28 @@ public:
 private:
     void (*handler_)(int) = std::signal(SIGXFSZ, SIG_IGN);
     ScopedLimit limit_;
+};
+
+/// Standard input is closed, so that what is opened first is 0.
+class NoStandardInput {
+public:
+    NoStandardInput() : before_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1))
+    {
+        ::close(STDIN_FILENO);
+    }
+    NoStandardInput(const NoStandardInput&) = delete;
+    NoStandardInput& operator=(const NoStandardInput&) = delete;
+    ~NoStandardInput()
+    {
+        ::dup2(before_, STDIN_FILENO);
+        ::close(before_);
+    }
+
+    /// Whether something has its descriptor.
+    bool is_taken() const { return ::fcntl(STDIN_FILENO, F_GETFD) >= 0; }
+
+private:
+    int before_;
 };
 
 /// Another working directory.

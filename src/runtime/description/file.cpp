@@ -1,6 +1,7 @@
 #include "description/file.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,13 +52,12 @@ GraphFile::~GraphFile()
 
 int GraphFile::open(const std::string& path)
 {
-    // A pipe without a writer is not waited for, it is empty.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat status {};
     if (fd < 0 || ::fstat(fd, &status) != 0) {
         error_ = text_of(errno);
-    } else if (accept(status)) {
-        ::fcntl(fd, F_SETFL, 0);
+    } else {
+        accept(status);
     }
     return fd;
 }
@@ -70,8 +70,17 @@ bool GraphFile::accept(const struct stat& status)
     }
     identity_ = {status.st_dev, status.st_ino};
     is_refused_ = is_refused_for_root(status);
-    is_pipe_ = S_ISFIFO(status.st_mode);
     return true;
+}
+
+void GraphFile::wait_for_writer(IPatience* patience) const
+{
+    if (patience == nullptr) {
+        pollfd waited{fd_, POLLIN, 0};
+        ::poll(&waited, 1, -1);
+    } else if (!patience->wait_readable(fd_)) {
+        throw Interrupted();
+    }
 }
 
 std::string GraphFile::read(IPatience* patience)
@@ -83,10 +92,11 @@ std::string GraphFile::read(IPatience* patience)
         if (size + kStep > text.size()) {
             text.resize(2 * size + kStep);
         }
-        if (is_pipe_ && patience != nullptr && !patience->wait_readable(fd_)) {
-            throw Interrupted();
-        }
         const ssize_t count = ::read(fd_, text.data() + size, text.size() - size);
+        if (count < 0 && errno == EAGAIN) {
+            wait_for_writer(patience);
+            continue;
+        }
         if (count < 0 && errno == EINTR) {
             continue;
         }

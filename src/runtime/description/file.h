@@ -48,20 +48,21 @@ public:
     Identity identity() const { return identity_; }
     bool is_refused() const { return is_refused_; }
 
-    /// All that it holds, from the beginning. What goes wrong is told by error().
-    /// @param patience  asked before each read of a pipe; null: the writer is waited for
+    /// All that it holds, from the beginning. A pipe without a writer is not waited for, it is
+    /// empty. What goes wrong is told by error().
+    /// @param patience  waits for the writer of a pipe; null: that is waited for in any case
     /// @throws Interrupted  it has come to its end
     std::string read(IPatience* patience = nullptr);
 
 private:
     int open(const std::string& path);
     bool accept(const struct stat& status);
+    void wait_for_writer(IPatience* patience) const;
 
     int fd_ = -1;
     std::string error_;
     Identity identity_{};
     bool is_refused_ = false;
-    bool is_pipe_ = false;
 };
 
 }  // namespace Quorval::runtime
