@@ -1,11 +1,16 @@
 #include "description/names.h"
 
-#include "description/toml.h"
-
 #include <algorithm>
 #include <filesystem>
 
 namespace Quorval::runtime {
+
+bool is_continuation(char byte)
+{
+    constexpr unsigned kMask = 0xC0;
+    constexpr unsigned kMark = 0x80;
+    return (static_cast<unsigned char>(byte) & kMask) == kMark;
+}
 
 bool is_name_character(char c)
 {

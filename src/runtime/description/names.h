@@ -1,10 +1,13 @@
-// Names of graphs, blocks, superblocks and plug-ins.
+// Names of graphs, blocks, superblocks and plug-ins, and their characters.
 #pragma once
 
 #include <string>
 #include <string_view>
 
 namespace Quorval::runtime {
+
+/// Whether a byte of UTF-8 is another than the first of its character.
+bool is_continuation(char byte);
 
 /// Whether a character may stand in a name: a letter, a digit, "_" or "-".
 bool is_name_character(char c);

@@ -1,6 +1,7 @@
 #include "description/suggest.h"
 
 #include <quorval/runtime/suggest.h>
+#include "description/names.h"
 
 #include <algorithm>
 #include <array>
@@ -24,9 +25,31 @@ int entry(const Band& band, int at)
                                                          : kFar;
 }
 
-/// How many insertions, deletions and replacements part two names; kFar where they are more than
+bool is_ascii(const std::string& text)
+{
+    return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; });
+}
+
+/// The characters of a text, each of which is the bytes that it has in UTF-8.
+std::u32string letters_of(const std::string& text)
+{
+    constexpr unsigned kByte = 8;
+    std::u32string letters;
+    for (const char c : text) {
+        const char32_t byte = static_cast<unsigned char>(c);
+        if (runtime::is_continuation(c) && !letters.empty()) {
+            letters.back() = (letters.back() << kByte) | byte;
+        } else {
+            letters += byte;
+        }
+    }
+    return letters;
+}
+
+/// How many insertions, deletions and replacements part two texts; kFar where they are more than
 /// kMostEdits.
-int count_edits(const std::string& a, const std::string& b)
+template <class Letters>
+int count_edits(const Letters& a, const Letters& b)
 {
     const int rows = static_cast<int>(a.size());
     const int columns = static_cast<int>(b.size());
@@ -67,9 +90,13 @@ std::string find_near(const std::string& name, const std::vector<std::string>& k
 {
     const std::string* nearest = nullptr;
     // Twice the edits have to be fewer than the letters.
-    int fewest = std::min(kFar, static_cast<int>((name.size() + 1) / 2));
+    const std::u32string letters = letters_of(name);
+    int fewest = std::min(kFar, static_cast<int>((letters.size() + 1) / 2));
+    const bool is_plain = is_ascii(name);
     for (const std::string& candidate : known) {
-        const int edits = count_edits(name, candidate);
+        const int edits = is_plain && is_ascii(candidate)
+                              ? count_edits(name, candidate)
+                              : count_edits(letters, letters_of(candidate));
         if (edits < fewest || (nearest != nullptr && edits == fewest && candidate < *nearest)) {
             nearest = &candidate;
             fewest = edits;

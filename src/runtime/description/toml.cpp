@@ -1,5 +1,7 @@
 #include "description/toml.h"
 
+#include "description/names.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -158,13 +160,6 @@ void append(toml::array& former, toml::array&& later)
 }
 
 }  // namespace
-
-bool is_continuation(char byte)
-{
-    constexpr unsigned kMask = 0xC0;
-    constexpr unsigned kMark = 0x80;
-    return (static_cast<unsigned char>(byte) & kMask) == kMark;
-}
 
 std::optional<toml::table> parse_toml(const std::string& text, std::uint32_t source,
                                       Problems& problems)

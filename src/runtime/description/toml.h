@@ -11,9 +11,6 @@
 
 namespace Quorval::runtime {
 
-/// Whether a byte of UTF-8 is another than the first of its character.
-bool is_continuation(char byte);
-
 /// The tree of a text.
 /// @param source  where the text stands in the list of sources
 /// @return nothing when the text is no TOML, which is one problem
