@@ -275,8 +275,7 @@ bool is_blank_behind(std::string_view text, const toml::source_position& end)
     }
     std::size_t at = line_begin;
     for (toml::source_index column = 1; at < text.size() && column < end.column; ++at) {
-        const bool is_last_byte = at + 1 >= text.size() || !is_continuation(text[at + 1]);
-        column += is_last_byte ? 1 : 0;
+        column += is_continuation(text[at]) ? 0 : 1;
     }
     return text.find_first_not_of(" \t\r\n", at) == std::string_view::npos;
 }
@@ -293,8 +292,7 @@ std::optional<toml::table> parse_value(const std::string& text)
     const std::string document = value_document(text);
     Problems ignored;
     std::optional<toml::table> table = parse_toml(document, 0, ignored);
-    if (!table || table->size() != 1 || !table->contains("v") ||
-        !is_blank_behind(document, table->get("v")->source().end)) {
+    if (!table || table->size() != 1 || !is_blank_behind(document, table->get("v")->source().end)) {
         return std::nullopt;
     }
     return table;

@@ -45,3 +45,15 @@ TEST(Broker, IsAHostAndAPort)
         EXPECT_EQ(parse(text), "refused") << text;
     }
 }
+
+TEST(Broker, IsKeptAsItWasWritten)
+{
+    LinkDescription link;
+    EXPECT_TRUE(parse_broker("mqtt://a", link));
+    EXPECT_FALSE(parse_broker("mqtts://b:0", link));
+
+    EXPECT_EQ(link.broker, "mqtt://a");
+    EXPECT_EQ(link.host, "a");
+    EXPECT_EQ(link.port, 1883);
+    EXPECT_FALSE(link.is_encrypted);
+}

@@ -58,3 +58,14 @@ TEST(Problems, CountWarningsAsNoErrors)
     problems.add_error({0, 1, 1}, "a");
     EXPECT_TRUE(problems.has_errors());
 }
+
+TEST(Places, AreTheSameInAllTheirParts)
+{
+    using Quorval::runtime::Place;
+    const Place place{1, 2, 3};
+
+    EXPECT_TRUE(place == (Place{1, 2, 3}));
+    EXPECT_FALSE(place == (Place{0, 2, 3}));
+    EXPECT_FALSE(place == (Place{1, 0, 3}));
+    EXPECT_FALSE(place == (Place{1, 2, 0}));
+}

@@ -214,6 +214,34 @@ outports.out = "a.out"
     EXPECT_EQ(kind.outports[0].ends[0].port, "out");
 }
 
+TEST(ReadGraph, ReadsSizesOfALink)
+{
+    const GraphDescription smallest = describe("link = { queue = 1, limit = 1 }");
+    EXPECT_EQ(smallest.link.queue, 1U);
+    EXPECT_EQ(smallest.link.limit, 1U);
+    const GraphDescription largest = describe("link = { queue = 1000000000, limit = 268000000 }");
+    EXPECT_EQ(largest.link.queue, 1'000'000'000U);
+    EXPECT_EQ(largest.link.limit, 268'000'000U);
+}
+
+TEST(ReadGraph, TellsOfExposedPortsThatLeadNowhere)
+{
+    const Files files;
+    const Reading reading = read_graph(
+        {files.write("g.toml",
+                     "format = 1\nsuperblocks.s.inports = { a = [], b = [\"x.in\", 1] }\n"
+                     "superblocks.t = 1\n")},
+        {});
+
+    ASSERT_EQ(reading.problems.sorted().size(), 3U);
+    EXPECT_EQ(reading.problems.sorted()[0].text, "'a' is an empty list");
+    const CompositeDescription& kind = reading.description.kinds.at("s");
+    EXPECT_TRUE(kind.inports.at(0).is_broken);
+    EXPECT_TRUE(kind.inports.at(1).is_broken);
+    EXPECT_FALSE(kind.is_broken);
+    EXPECT_TRUE(reading.description.kinds.at("t").is_broken);
+}
+
 // --- merging ---
 
 TEST(ReadGraph, MergesTablesKeyByKey)
@@ -389,6 +417,20 @@ TEST(ReadGraph, IsNotWholeWithoutOneOfItsFiles)
     EXPECT_FALSE(read_graph({files.write("b.toml", "format =")}, {}).is_whole);
     EXPECT_FALSE(read_graph({files.path("c.toml")}, {}).is_whole);
     EXPECT_TRUE(read_graph({files.write("d.toml", "x = 1")}, {}).is_whole);
+    const std::string open_to_all = files.write("e.toml", "format = 1");
+    ASSERT_EQ(::chmod(open_to_all.c_str(), 0666), 0);
+    EXPECT_EQ(read_graph({open_to_all}, {}).is_whole, ::geteuid() != 0);
+}
+
+TEST(ReadGraph, TellsOfABrokenFileOnce)
+{
+    const Files files;
+    files.write("broken.toml", "format =");
+
+    const Reading reading = read_graph(
+        {files.write("g.toml", "format = 1\ninclude = [\"broken.toml\", \"./broken.toml\"]")}, {});
+
+    EXPECT_EQ(reading.problems.sorted().size(), 1U);
 }
 
 // --- assignments ---
@@ -437,6 +479,7 @@ TEST(ReadGraph, NamesAssignmentsBehindTheFiles)
     ASSERT_EQ(reading.sources.size(), 3U);
     EXPECT_EQ(reading.sources[1].name, "--set a/b.c");
     EXPECT_EQ(reading.sources[2].name, "--set d.e");
+    EXPECT_FALSE(reading.sources[0].is_assignment);
     EXPECT_TRUE(reading.sources[2].is_assignment);
 }
 
