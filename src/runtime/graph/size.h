@@ -4,6 +4,7 @@
 #include "description/description.h"
 #include "description/problem.h"
 
+#include <array>
 #include <cstdint>
 #include <unordered_map>
 #include <unordered_set>
@@ -29,16 +30,34 @@ private:
     struct Size {
         std::uint64_t blocks = 0;       // plain ones
         std::uint64_t superblocks = 0;  // all that are inside
+        std::uint64_t levels = 0;       // of superblocks in superblocks
         std::uint64_t connections = 0;  // and exposed ports
         std::uint64_t bytes = 0;        // of paths, seen from here, and configurations
-        unsigned height = 0;            // of superblocks in superblocks
         bool is_open = true;            // it is being measured
     };
 
-    const char* add(Size& sum, const CompositeDescription& inside, unsigned depth,
-                    const MemberDescription** culprit);
-    const char* add_member(Size& sum, const MemberDescription& member, unsigned depth);
-    const char* add_kind(Size& sum, const MemberDescription& member, unsigned depth);
+    /// What a graph may have at most of something that is counted.
+    struct Limit {
+        std::uint64_t Size::*count;
+        std::uint64_t most;
+        const char* complaint;
+    };
+
+    // Superblocks destroy each other level by level.
+    static constexpr std::uint64_t kMostLevels = 1000;
+    /// In the order in which they are complained of.
+    static constexpr std::array<Limit, 5> kLimits = {{
+        {&Size::blocks, 1'000'000, "the graph has more than 1000000 blocks"},
+        {&Size::superblocks, 1'000'000, "the graph has more than 1000000 superblocks"},
+        {&Size::levels, kMostLevels, "superblocks stand in each other more than 1000 levels deep"},
+        {&Size::connections, 10'000'000, "the graph has more than 10000000 connections"},
+        {&Size::bytes, std::uint64_t{1} << 30U,
+         "the paths and configurations of the blocks take more than 1 GiB"},
+    }};
+
+    static void add_connections(Size& sum, const CompositeDescription& inside);
+    void add_member(Size& sum, const MemberDescription& member, unsigned depth);
+    void add_kind(Size& sum, const MemberDescription& member, unsigned depth);
 
     const GraphDescription& description_;
     Problems& problems_;

@@ -704,6 +704,19 @@ TEST(SizeProblems, TellGraphsThatAreTooLarge)
     expect_findings({{text, {"g.toml:2:17: error: the graph has more than 1000000 blocks"}}});
 }
 
+TEST(SizeProblems, TellTooManyBlocksBeforeTooManySuperblocks)
+{
+    std::string text = "blocks.a.type = \"k0\"\n";
+    for (int i = 0; i < 80; ++i) {
+        const std::string inner = "k" + std::to_string(i + 1);
+        text += "[superblocks.k" + std::to_string(i) + "]\nblocks.a.type = \"" + inner +
+                "\"\nblocks.b.type = \"" + inner + "\"\n";
+    }
+    text += "[superblocks.k80]\nblocks.a.type = \"parts:Late\"\n";
+
+    expect_findings({{text, {"g.toml:2:17: error: the graph has more than 1000000 blocks"}}});
+}
+
 TEST(SizeProblems, CountSuperblocksWithoutBlocks)
 {
     std::string text = "blocks.a.type = \"k40\"\nsuperblocks.k0 = {}\n";
@@ -728,6 +741,18 @@ TEST(SizeProblems, TellGraphsThatAreTooDeep)
     expect_findings({{text,
                       {"g.toml:2:17: error: superblocks stand in each other more than 1000 levels "
                        "deep"}}});
+}
+
+TEST(SizeProblems, TellACycleBeforeTooManyLevels)
+{
+    constexpr int kLevels = 1000;
+    std::string text = "blocks.a.type = \"k1\"\n";
+    for (int i = 1; i <= kLevels; ++i) {
+        text += "superblocks.k" + std::to_string(i) + ".blocks.a.type = \"k" +
+                std::to_string(i < kLevels ? i + 1 : kLevels / 2) + "\"\n";
+    }
+
+    expect_findings({{text, {"g.toml:1002:35: error: superblock 'k500' contains itself"}}});
 }
 
 TEST(SizeProblems, TellGraphsWhoseNamesAreTooLong)
