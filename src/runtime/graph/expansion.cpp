@@ -131,18 +131,16 @@ private:
     {
         const Composite& composite = result_.composites[index];
         std::vector<std::vector<SettingRef>> shares(composite.inside->members.size());
-        std::string_view unknown;
+        std::string_view unknown = ".";  // no name, since the first component may be empty
         for (const SettingRef& ref : std::exchange(handed_down_[index], {})) {
             const std::string_view key = ref.key();
             const std::string_view name = key.substr(0, key.find('.'));
             const std::size_t member = composite.inside->find_member(name);
             if (member < shares.size() && name.size() < key.size()) {
                 shares[member].push_back({ref.setting, ref.offset + name.size() + 1});
-            } else if (ref.setting->is_wrong) {
-                continue;
-            } else if (member == shares.size()) {
+            } else if (!ref.setting->is_wrong && member == shares.size()) {
                 report_no_member(composite, *ref.setting, name, unknown);
-            } else {
+            } else if (!ref.setting->is_wrong) {
                 problems_.add_error(ref.setting->value_place,
                                     "'" + ref.setting->key + "' has to be a table");
             }

@@ -27,7 +27,9 @@ BlockConfiguration without(const BlockConfiguration& config, Range begin, Range 
 {
     BlockConfiguration removed;
     for (auto ref = begin; ref != end; ++ref) {
-        set_value(removed, std::string(ref->key()), ref->setting->value);
+        if (!ref->setting->is_wrong) {  // its key may be one that no configuration holds
+            set_value(removed, std::string(ref->key()), ref->setting->value);
+        }
     }
     BlockConfiguration rest = config.diff(removed);
     // What holds a NaN equals nothing, so it is still there.

@@ -624,6 +624,9 @@ TEST(KeyProblems, HaveTheTextOfTheConfiguration)
          {"g.toml:4:16: error: Parameter name 'p.x y.z' not valid (should be [a-z0-9_.-])."}},
         {"[blocks.a]\ntype = \"parts:Ports\"\nconfig.\"a\\u001bb\" = []",
          {"g.toml:4:8: error: Parameter name 'a\\x1Bb' not valid (should be [a-z0-9_.-])."}},
+        {"[blocks.a]\ntype = \"parts:Ports\"\nconfig.\"x y\" = 1\nconfig.z = 1",
+         {"g.toml:4:8: error: Parameter name 'x y' not valid (should be [a-z0-9_.-]).",
+          "g.toml:5:8: warning: key 'z' is not read by block 'a'"}},
     });
 }
 
@@ -637,6 +640,9 @@ TEST(SuperblockConfigProblems, TellMembersThatDoNotExist)
          {"g.toml:4:13: error: there is no block 'left/gian'",
           "g.toml:6:15: error: 'gain' has to be a table",
           "g.toml:7:16: error: there is no block 'left/inner/x'"}},
+        {"blocks.left = { type = \"channel\", config = { \"\" = 1, \".x\" = 2 } }\n"
+         "[superblocks.channel]\n",
+         {"g.toml:2:46: error: there is no block 'left/'"}},
     });
 }
 
@@ -895,6 +901,18 @@ nam = "x"
                      "parts/c.toml:3:11: error: 'blocks' has to be a table",
                      "parts/b.toml:3:1: error: unknown key 'types'; did you mean 'type'?",
                      "last.toml:2:16: error: 'connections' has to be a string or a table"}));
+}
+
+TEST(Problems, OfABlockThatIsNoneInOneFileComeWithThoseOfAnother)
+{
+    GraphFiles files;
+    files.write("one.toml", "format = 1\nblocks.a = 1\nmachines.hub = {}\n");
+    files.write("two.toml", "format = 1\nblocks.a.type = \"parts:Declared\"\n");
+    GraphOptions options = files.options({"one.toml", "two.toml"});
+    options.is_local = true;
+
+    EXPECT_EQ(files.findings(options), (Lines{"one.toml:2:12: error: 'a' has to be a table",
+                                              "two.toml:2:8: error: 'needed' is missing"}));
 }
 
 TEST(Problems, OfBlocksComeWithThoseOfForm)
