@@ -3,6 +3,7 @@
 #include "control/control.h"
 #include "graph/infos.h"
 #include "graph/loaded_graph.h"
+#include "graph/standard_output.h"
 #include "graph/state.h"
 #include "loop/loop.h"
 #include "messages/left_open.h"
@@ -168,7 +169,15 @@ struct Graph::Impl {
 
 Graph::Graph(GraphOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
 
-Graph::~Graph() = default;
+Graph::~Graph()
+{
+    // What was only to be looked at prints nothing there while it is destroyed, either.
+    std::optional<runtime::StandardOutputScope> scope;
+    if (impl_->options.is_dry) {
+        scope.emplace();
+    }
+    impl_.reset();
+}
 
 const std::string& Graph::name() const
 {

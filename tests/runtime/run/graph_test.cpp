@@ -224,6 +224,20 @@ TEST_F(GraphTest, DoesNotRunWhenItWasMadeToBeLookedAt)
     graph->stop();
 }
 
+TEST_F(GraphTest, KeepsStandardOutputFreeWhenItWasMadeToBeLookedAt)
+{
+    GraphOptions options;
+    options.is_dry = true;
+
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    make("format = 1\nblocks.a.type = \"parts:Prints\"\n", options);
+    graph.reset();
+
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "printed by a block\nprinted at the end\n");
+}
+
 TEST_F(GraphTest, IsStoppedFromAnotherThread)
 {
     make(kIdle);
