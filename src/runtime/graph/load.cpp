@@ -6,12 +6,14 @@
 #include "graph/saved.h"
 #include "graph/standard_output.h"
 #include "graph/state.h"
+#include "messages/context.h"
 #include "plugins/search.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace Quorval::runtime {
@@ -80,6 +82,16 @@ void build(LoadedGraph& graph, const GraphOptions& options)
     }
 }
 
+/// While it lives, what the thread logs is about the graph of this name.
+class LoadingScope {
+public:
+    /// @param name  must outlive the scope
+    explicit LoadingScope(const std::string& name) { loading_graph() = name.c_str(); }
+    LoadingScope(const LoadingScope&) = delete;
+    LoadingScope& operator=(const LoadingScope&) = delete;
+    ~LoadingScope() { loading_graph() = nullptr; }
+};
+
 }  // namespace
 
 LoadedGraph load_graph(const GraphOptions& options, IPatience* patience)
@@ -88,6 +100,7 @@ LoadedGraph load_graph(const GraphOptions& options, IPatience* patience)
     const std::optional<StandardOutputScope> scope =
         options.is_dry ? std::optional<StandardOutputScope>(std::in_place) : std::nullopt;
     LoadedGraph graph = read(options, patience);
+    const LoadingScope loading(graph.init_tools->graph);  // which stays where it is
     if (!options.is_dry && !graph.state_directory.empty()) {
         take_saved(graph);
     }

@@ -9,6 +9,12 @@ Context& context()
     return current;
 }
 
+const char*& loading_graph()
+{
+    static thread_local const char* name = nullptr;
+    return name;
+}
+
 std::atomic<bool>& was_started()
 {
     static std::atomic<bool> is_set{false};

@@ -16,6 +16,9 @@ struct Context {
 /// The context of the present thread.
 Context& context();
 
+/// The name of the graph that the present thread loads; null otherwise.
+const char*& loading_graph();
+
 /// Whether a graph of the process was started, so that a thread without a context may be one that
 /// a block made.
 std::atomic<bool>& was_started();

@@ -24,6 +24,7 @@ namespace {
 
 using runtime::context;
 using runtime::do_in_turn;
+using runtime::loading_graph;
 using runtime::present_deeds;
 using runtime::to_entry;
 using runtime::to_lines;
@@ -99,11 +100,8 @@ private:
     {
         std::vector<std::string> fields = {"MESSAGE=" + to_entry(path, text),
                                            "PRIORITY=" + std::to_string(priority_of(level))};
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            if (!graph_.empty()) {
-                fields.push_back("QUORVAL_GRAPH=" + graph_);
-            }
+        if (const std::string graph = present_graph(); !graph.empty()) {
+            fields.push_back("QUORVAL_GRAPH=" + graph);
         }
         if (path != nullptr) {
             fields.push_back(std::string("QUORVAL_BLOCK=") + path);
@@ -114,6 +112,15 @@ private:
             vectors.push_back({field.data(), field.size()});
         }
         return sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size())) >= 0;
+    }
+
+    std::string present_graph()
+    {
+        if (loading_graph() != nullptr) {
+            return loading_graph();
+        }
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return graph_;
     }
 
     bool is_journal_;

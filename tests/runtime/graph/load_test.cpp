@@ -1,5 +1,7 @@
 // A graph file becomes blocks.
+#include <quorval/log.h>
 #include <quorval/pstore.h>
+#include "messages/context.h"
 #include "runtime/support/graph_files.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <set>
 
 using Quorval::Block;
 using Quorval::Connection;
@@ -17,6 +20,7 @@ using Quorval::GraphOptions;
 using Quorval::runtime::load_graph;
 using Quorval::runtime::LoadedBlock;
 using Quorval::runtime::LoadedGraph;
+using Quorval::runtime::loading_graph;
 using Quorval::runtime::Node;
 using Quorval::runtime::SettingRef;
 using Quorval::runtime::Wire;
@@ -364,6 +368,27 @@ TEST(LoadGraph, TellsCreateFunctionsWhatTheyAreUsedFor)
 
     EXPECT_EQ(files.findings(options),
               (Lines{"g.toml:3:17: error: block 'a' cannot be created: a in n, dry"}));
+}
+
+TEST(LoadGraph, TellsTheSinkOfMessagesWhichGraphTheyAreOf)
+{
+    struct Sink : Quorval::LogInstance {
+        explicit Sink(std::set<std::string>& seen) : LogInstance(LOGLEVEL_INFO), names(seen) {}
+        void emit(loglevel /*level*/, const char* /*text*/, int /*length*/) override
+        {
+            names.insert(loading_graph() == nullptr ? "" : loading_graph());
+        }
+        std::set<std::string>& names;
+    };
+    std::set<std::string> names;
+    const LogRecorder recorder;  // puts the former sink back
+    Quorval::loginstance = std::make_unique<Sink>(names);
+    GraphFiles files;
+
+    files.load("blocks.a.type = \"parts:Late\"\nname = \"n\"\n");
+
+    EXPECT_EQ(names.count("n"), 1U);
+    EXPECT_EQ(loading_graph(), nullptr);
 }
 
 TEST(LoadGraph, KeepsStandardOutputFreeWhenItIsDry)

@@ -43,6 +43,7 @@ extern "C" int sd_journal_sendv(const struct iovec* fields, int count)
 
 using namespace Quorval;
 using Quorval::runtime::ContextScope;
+using Quorval::runtime::loading_graph;
 using quorval_test::LogRecorder;
 using quorval_test::ScopedEnvironment;
 
@@ -172,6 +173,9 @@ TEST_F(JournalMessages, HaveTheGraphAndTheBlockAsFields)
     Messages messages;
 
     logger(LOGLEVEL_ERROR, "early");
+    loading_graph() = "next";
+    logger(LOGLEVEL_ERROR, "at its creation");
+    loading_graph() = nullptr;
     messages.set_graph("loudness");
     logger(LOGLEVEL_WARNING, "of the graph");
     {
@@ -180,6 +184,7 @@ TEST_F(JournalMessages, HaveTheGraphAndTheBlockAsFields)
     }
 
     EXPECT_EQ(entries, (Entries{{"MESSAGE=early", "PRIORITY=3"},
+                                {"MESSAGE=at its creation", "PRIORITY=3", "QUORVAL_GRAPH=next"},
                                 {"MESSAGE=of the graph", "PRIORITY=4", "QUORVAL_GRAPH=loudness"},
                                 {"MESSAGE=left/gain: too loud\nby far", "PRIORITY=3",
                                  "QUORVAL_GRAPH=loudness", "QUORVAL_BLOCK=left/gain"}}));
