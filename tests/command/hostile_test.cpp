@@ -248,15 +248,13 @@ TEST_F(HostilePlugin, IsNamedWhereItAborts)
 
 TEST_F(HostilePlugin, IsNamedWhereItLeavesDescriptorsOpen)
 {
-    for (const char* where : {"constructor", "setup", "start"}) {
+    for (const char* where : {"constructor", "setup", "start", "stop", "destructor"}) {
         expect_result(
             run_trouble(where, "leave open"), 0, "b started\nb stopped\n",
             "quorval: warning: block 'a/b' left a descriptor open: 'anon_inode:[eventfd]'\n");
     }
-    for (const char* where : {"run", "stop", "destructor"}) {
-        expect_result(run_trouble(where, "leave open"), 0, "b started\nb stopped\n",
-                      "quorval: warning: a block left a descriptor open: 'anon_inode:[eventfd]'\n");
-    }
+    expect_result(run_trouble("run", "leave open"), 0, "b started\nb stopped\n",
+                  "quorval: warning: a block left a descriptor open: 'anon_inode:[eventfd]'\n");
 }
 
 TEST_F(HostilePlugin, IsNamedWhereItLeavesDescriptorsOpenAndFails)

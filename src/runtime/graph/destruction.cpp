@@ -1,5 +1,7 @@
 #include "graph/destruction.h"
 
+#include "messages/left_open.h"
+
 #include <algorithm>
 
 namespace Quorval::runtime {
@@ -26,6 +28,7 @@ Destruction::~Destruction()
 
 void Destruction::begin()
 {
+    note_open_before_end();
     before_ = context();
     has_begun_ = true;
     std::sort(paths_.rbegin(), paths_.rend(), is_less);
@@ -39,6 +42,7 @@ void Destruction::next()
     if (!has_begun_) {
         return;
     }
+    note_left_open_at_end(context().path);
     ++present_;
     if (present_ < paths_.size()) {
         context() = {paths_[present_].c_str(), "destroy", nullptr};

@@ -3,6 +3,7 @@
 #include <quorval/log.h>
 #include "messages/context.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -51,6 +52,19 @@ std::string target_of(int fd)
 [[noreturn]] void throw_closed_another()
 {
     throw std::runtime_error("it closed a descriptor that is not its own");
+}
+
+template <class Action>
+void do_where_watched(const Action& action) noexcept
+{
+    try {
+        if (present() != nullptr) {
+            action(*present());
+        }
+    } catch (const std::exception&) {
+        // There is no memory for it.
+        return;
+    }
 }
 
 /// Whether it is what the C library or that of the journal keeps to send messages through.
@@ -124,6 +138,47 @@ void LeftOpen::note_failure()
     }
 }
 
+void LeftOpen::begin_end()
+{
+    for (const int fd : open_descriptors()) {
+        if (!was_there(fd)) {
+            opened_.try_emplace(fd);
+        }
+    }
+    next_ = std::max(find_free(), 0);
+}
+
+void LeftOpen::note_end()
+{
+    forget_closed();
+    if (take(next_)) {
+        note_failure();
+    }
+    next_ = std::max(find_free(), 0);
+}
+
+/// What the present block opened before may stand for what another one opens later.
+void LeftOpen::forget_closed()
+{
+    for (auto at = opened_.begin(); at != opened_.end();) {
+        struct stat status = {};
+        const bool is_closed =
+            at->second.path == context().path && ::fstat(at->first, &status) != 0;
+        at = is_closed ? opened_.erase(at) : std::next(at);
+    }
+}
+
+/// The number that the next descriptor will get; negative where that cannot be known.
+int LeftOpen::find_free() const
+{
+    const int fd = ::fcntl(guarded_, F_DUPFD_CLOEXEC, 0);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return fd;
+}
+
+/// Where it is known already, only the next one can be another file by now.
 /// @return whether it is open
 bool LeftOpen::take(int fd)
 {
@@ -132,8 +187,11 @@ bool LeftOpen::take(int fd)
         return false;
     }
     if (!was_there(fd)) {
-        const char* path = context().path;
-        opened_.push_back({fd, status.st_dev, status.st_ino, path != nullptr ? path : ""});
+        const auto [at, is_new] = opened_.try_emplace(fd);
+        if (is_new || fd == next_) {
+            const char* path = context().path;
+            at->second = {status.st_dev, status.st_ino, path != nullptr ? path : ""};
+        }
     }
     return true;
 }
@@ -148,11 +206,11 @@ const std::string& LeftOpen::opener_of(int fd) const
 {
     static const std::string kNobody;
     struct stat status = {};
-    const auto opened = std::find_if(opened_.begin(), opened_.end(),
-                                     [fd](const Opened& one) { return one.fd == fd; });
+    const auto opened = opened_.find(fd);
     const bool is_same = opened != opened_.end() && ::fstat(fd, &status) == 0 &&
-                         status.st_dev == opened->device && status.st_ino == opened->file;
-    return is_same ? opened->path : kNobody;
+                         status.st_dev == opened->second.device &&
+                         status.st_ino == opened->second.file;
+    return is_same ? opened->second.path : kNobody;
 }
 
 void LeftOpen::warn() const
@@ -184,14 +242,18 @@ void note_left_open()
 
 void note_left_open_of_failure() noexcept
 {
-    try {
-        if (present() != nullptr) {
-            present()->note_failure();
-        }
-    } catch (const std::exception&) {
-        // There is no memory for it.
-        return;
-    }
+    do_where_watched([](LeftOpen& watch) { watch.note_failure(); });
+}
+
+void note_open_before_end() noexcept
+{
+    do_where_watched([](LeftOpen& watch) { watch.begin_end(); });
+}
+
+void note_left_open_at_end(const char* path) noexcept
+{
+    const ContextScope scope(path, nullptr);
+    do_where_watched([](LeftOpen& watch) { watch.note_end(); });
 }
 
 }  // namespace Quorval::runtime

@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -34,14 +35,23 @@ public:
     /// told.
     void note_failure();
 
+    /// What is open by now and has no block keeps none.
+    void begin_end();
+
+    /// Behind begin_end(), as note_failure() where the operation was the end of a block, which
+    /// closes what it opened. Three system calls, as long as there is a descriptor to be had and it
+    /// left nothing open, and one for each that it was seen to open.
+    void note_end();
+
 private:
     struct Opened {
-        int fd = -1;
         dev_t device = 0;
         ino_t file = 0;
-        std::string path;  // of the block
+        std::string path;  // of the block; empty: not known
     };
 
+    void forget_closed();
+    int find_free() const;
     void take_opened();
     bool take(int fd);
     bool was_there(int fd) const;
@@ -50,8 +60,8 @@ private:
 
     bool is_on_;
     std::vector<int> before_;  // sorted; empty: not known
-    std::vector<Opened> opened_;
-    int next_ = 0;      // lower ones are known
+    std::map<int, Opened> opened_;
+    int next_ = 0;      // lower ones are known, and this one was free
     int guarded_ = -1;  // none
 };
 
@@ -60,5 +70,12 @@ void note_left_open();
 
 /// The same where the operation has failed.
 void note_left_open_of_failure() noexcept;
+
+/// To be called before blocks are stopped, and before they are destroyed.
+void note_open_before_end() noexcept;
+
+/// To be called when a block was stopped or destroyed.
+/// @param path  of the block
+void note_left_open_at_end(const char* path) noexcept;
 
 }  // namespace Quorval::runtime

@@ -378,6 +378,7 @@ bool Life::is_over() const
 
 void Life::stop()
 {
+    note_open_before_end();
     for (std::uint32_t block = 0; block < network_.nodes.size(); ++block) {
         if (is_started_[block]) {
             stop_block(block);
@@ -397,6 +398,7 @@ void Life::stop_block(std::uint32_t block)
         failures_.report(block, "stop", text_of_present_exception());
         has_failed_ = true;
     }
+    note_left_open_at_end(node.path.c_str());
     services_[block]->close();
     ports_.unwatch(block);
 }

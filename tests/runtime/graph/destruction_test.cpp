@@ -10,6 +10,7 @@
 #include <string>
 
 using Quorval::runtime::context;
+using Quorval::runtime::ContextScope;
 using Quorval::runtime::Destruction;
 using quorval_test::GraphFiles;
 
@@ -23,7 +24,7 @@ std::string present()
 TEST(Destruction, NamesBlocksAsSuperblocksDestroyThem)
 {
     std::optional<Destruction> destruction(std::in_place);
-    for (const char* path : {"a", "b/x", "b/y", "b-c/x", "c"}) {
+    for (const char* path : {"b/y", "c", "a", "b-c/x", "ab", "b/x", "aa"}) {
         destruction->add(path);
     }
     destruction->next();
@@ -31,7 +32,7 @@ TEST(Destruction, NamesBlocksAsSuperblocksDestroyThem)
 
     destruction->begin();
     EXPECT_STREQ(context().operation, "destroy");
-    for (const char* path : {"c", "b-c/x", "b/y", "b/x", "a"}) {
+    for (const char* path : {"c", "b-c/x", "b/y", "b/x", "ab", "aa", "a"}) {
         EXPECT_EQ(present(), path);
         destruction->next();
     }
@@ -47,6 +48,21 @@ TEST(Destruction, PutsTheContextBackAtItsEnd)
     }
 
     EXPECT_EQ(present(), "none");
+}
+
+TEST(Destruction, PutsAContextBackThatWasThere)
+{
+    const ContextScope outer("outer", "run");
+    {
+        Destruction destruction;
+        destruction.add("a");
+        destruction.begin();
+        EXPECT_EQ(present(), "a");
+        destruction.next();
+        EXPECT_EQ(present(), "outer");
+    }
+    EXPECT_EQ(present(), "outer");
+    EXPECT_STREQ(context().operation, "run");
 }
 
 TEST(Destruction, OfAGraphLeavesNoContext)

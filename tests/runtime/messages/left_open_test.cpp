@@ -2,6 +2,7 @@
 
 #include "loop/descriptor.h"
 #include "messages/context.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
@@ -36,6 +37,14 @@ protected:
         const ContextScope scope(path, "start");
         auto opened = open(name);
         note_left_open();
+        return opened;
+    }
+
+    /// Opens one where a block ends.
+    std::unique_ptr<Descriptor> open_at_end(const char* path, const std::string& name)
+    {
+        auto opened = open(name);
+        note_left_open_at_end(path);
         return opened;
     }
 
@@ -119,6 +128,109 @@ TEST_F(LeftOpenTest, AreToldOfABlockThatFailedAlso)
                 ElementsAre("block 'mixer' left a descriptor open: '" + file("kept") + "'"));
 }
 
+TEST_F(LeftOpenTest, AreToldOfABlockThatFailedAmongTheNext64Numbers)
+{
+    note_left_open();
+    const auto lowest = open("lowest");
+    const int number = lowest->get();
+    const Descriptor last(::fcntl(number, F_DUPFD_CLOEXEC, number + 63), "dup");
+    const Descriptor behind(::fcntl(number, F_DUPFD_CLOEXEC, number + 64), "dup");
+    const ContextScope scope("mixer", "start");
+    note_left_open_of_failure();
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("a block left a descriptor open: '" + file("lowest") + "'",
+                            "block 'mixer' left 2 descriptors open, the first is '" +
+                                file("lowest") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreToldOfABlockAtItsEndWhereOthersBehindAHoleAreToo)
+{
+    watch_->guard(loop_.get());
+    note_open_before_end();
+    const auto first = open("first");
+    auto hole = open("hole");
+    const auto second = open("second");
+    hole.reset();
+    note_left_open_at_end("mixer");
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(), ElementsAre("block 'mixer' left 2 descriptors open, the first is '" +
+                                          file("first") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreToldWithoutABlockWhereNothingIsNotedAfterTheOperation)
+{
+    const auto seen = open("gain", "seen");
+    watch_.reset();
+    note_left_open();
+    note_left_open_of_failure();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("block 'gain' left a descriptor open: '" + file("seen") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreToldOfBlocksThatEndAlso)
+{
+    watch_->guard(loop_.get());
+    auto first = open("left/gain", "first");
+    const auto kept = open("mixer", "kept");
+    auto hole = open("hole");
+    const auto of_run = open("of run");
+    hole.reset();
+    note_open_before_end();
+    first.reset();
+    note_left_open_at_end("left/gain");
+    const auto instead = open_at_end("meter", "instead");
+    const auto next = open_at_end("meter", "next");
+
+    watch_.reset();
+
+    EXPECT_THAT(
+        log_.texts(),
+        ElementsAre("a block left a descriptor open: '" + file("of run") + "'",
+                    "block 'meter' left 2 descriptors open, the first is '" + file("instead") + "'",
+                    "block 'mixer' left a descriptor open: '" + file("kept") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreNotToldOfABlockThatClosedThemBeforeAnotherOpensTheSame)
+{
+    watch_->guard(loop_.get());
+    auto first = open("left/gain", "same");
+    auto second = open("left/gain", "same");
+    note_open_before_end();
+    first.reset();
+    second.reset();
+    note_left_open_at_end("left/gain");
+    first = open("same");
+    second = open("same");
+    note_left_open_at_end("meter");
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(), ElementsAre("block 'meter' left 2 descriptors open, the first is '" +
+                                          file("same") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreToldOfBlocksThatEndWhereNoDescriptorIsToBeHad)
+{
+    watch_->guard(loop_.get());
+    note_open_before_end();
+    const auto opened = open("kept");
+    {
+        const quorval_test::NoDescriptors none;
+        note_left_open_at_end("mixer");
+    }
+
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("block 'mixer' left a descriptor open: '" + file("kept") + "'"));
+}
+
 TEST_F(LeftOpenTest, AreNotWhatMessagesAreSentThrough)
 {
     const Descriptor log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
@@ -157,6 +269,8 @@ TEST_F(LeftOpenTest, AreNotLookedForWhereNobodyAsksForThem)
     watch_.emplace(false);
     const auto opened = open("left/gain", "first");
     note_left_open_of_failure();
+    note_open_before_end();
+    note_left_open_at_end("left/gain");
 
     watch_.reset();
 
