@@ -56,18 +56,13 @@ private:
 /// Of the present process, where it is a child.
 End* own_end = nullptr;
 
-void note_exit()
-{
-    own_end->is_reported = true;
-}
-
 /// Has an exit() be noted before it is reported: the last one that is registered comes first.
 void note_and_report_ends(End& end)
 {
     own_end = &end;
     Quorval::report_crashes();
-    static_cast<void>(std::atexit(note_exit));
-    static_cast<void>(std::at_quick_exit(note_exit));
+    static_cast<void>(std::atexit(note_reported_end));
+    static_cast<void>(std::at_quick_exit(note_reported_end));
 }
 
 [[noreturn]] void run_in_child(const std::function<int()>& work, pid_t parent, End& end)
@@ -103,6 +98,13 @@ bool is_crash(int signal)
 }
 
 }  // namespace
+
+void note_reported_end()
+{
+    if (own_end != nullptr) {
+        own_end->is_reported = true;
+    }
+}
 
 int run_apart(const std::function<int()>& work)
 {

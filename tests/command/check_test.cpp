@@ -198,8 +198,12 @@ TEST_F(Check, NamesWhoEndsTheProcess)
                   "quorval: fatal: block 'a/b' called exit in destroy\n");
     expect_result(check_trouble("constructor", "quick exit"), 3, "",
                   "quorval: fatal: block 'a/b' called exit in create\n");
+    for (const char* what : {"sudden exit", "sudden exit 3"}) {
+        expect_result(check_trouble("constructor", what), 3, "",
+                      "quorval: fatal: block 'a/b' called exit in create\n");
+    }
     for (const char* where : {"constructor", "setup", "destructor"}) {
-        for (const char* what : {"sudden exit", "sudden exit 3"}) {
+        for (const char* what : {"system exit", "system exit 3"}) {
             expect_result(check_trouble(where, what), 3, "",
                           "quorval: error: a plug-in ended the process without exit()\n");
         }

@@ -218,7 +218,7 @@ TEST_F(HostilePlugin, IsNamedWhereItEndsTheProcessWhileItIsChanged)
 
 TEST_F(HostilePlugin, IsNamedWhereItEndsTheProcess)
 {
-    for (const char* what : {"exit", "quick exit"}) {
+    for (const char* what : {"exit", "quick exit", "sudden exit", "sudden exit 3"}) {
         for (const Operation& one : kWhileLoaded) {
             expect_result(run_trouble(one.where, what), 3, "",
                           "quorval: fatal: block 'a/b' called exit in create\n");

@@ -19,4 +19,11 @@ namespace Quorval {
 /// calling thread.
 QUORVAL_EXPORT void report_crashes();
 
+/// For the _exit() and _Exit() of a program that has its own ones: names the plug-in code that the
+/// present thread is in, as where that calls exit(). Does nothing outside of such code, before
+/// report_crashes(), and in a child process.
+/// @param status  becomes that with which the process is to end
+/// @return whether it has named somebody
+QUORVAL_EXPORT bool report_sudden_exit(int& status) noexcept;
+
 }  // namespace Quorval

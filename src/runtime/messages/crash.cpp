@@ -38,6 +38,8 @@ constexpr int kFailedRun = 1;
 constexpr int kWrongGraph = 3;
 
 std::atomic<bool> reports_exit{false};
+std::atomic<pid_t> reporting_process{0};
+std::atomic<pid_t> naming_thread{0};  // 0: nobody was named yet
 
 /// A line made without memory from the heap, which a crash may have left broken. What does not
 /// fit is cut.
@@ -126,6 +128,11 @@ bool is_running(const Context& where)
     return operation != "create" && operation != "connect";
 }
 
+int status_of(const Context& where)
+{
+    return is_running(where) ? kFailedRun : kWrongGraph;
+}
+
 /// The plug-in whose code called what the present function was called for.
 std::string find_caller()
 {
@@ -150,13 +157,28 @@ void say_what_waits()
     }
 }
 
+/// Whether the present thread is the first one that names who ends the process. Another one waits
+/// for its end, which would come before the first one has said who it was.
+bool may_name()
+{
+    const pid_t mine = ::gettid();
+    pid_t first = 0;
+    const bool is_first = naming_thread.compare_exchange_strong(first, mine);
+    if (!is_first && first != mine) {
+        while (true) {
+            ::pause();
+        }
+    }
+    return is_first;
+}
+
 /// Names who called exit(): a block in an operation, else a plug-in, in a thread of its own for
 /// example.
 void report_exit()
 {
     const Context where = context();
     const std::string caller = is_in_plugin(where) ? std::string() : find_caller();
-    if (!is_in_plugin(where) && caller.empty()) {
+    if ((!is_in_plugin(where) && caller.empty()) || !may_name()) {
         return;
     }
     Line line;
@@ -169,7 +191,7 @@ void report_exit()
     say_what_waits();
     static_cast<void>(std::fflush(nullptr));
     line.write();
-    ::_exit(is_running(where) ? kFailedRun : kWrongGraph);
+    ::_exit(status_of(where));
 }
 
 }  // namespace
@@ -192,6 +214,21 @@ void report_crashes()
     static_cast<void>(std::atexit(report_exit));
     static_cast<void>(std::at_quick_exit(report_exit));
     reports_exit = true;
+    reporting_process = ::getpid();
+}
+
+bool report_sudden_exit(int& status) noexcept
+{
+    const Context where = context();
+    if (!is_in_plugin(where) || reporting_process != ::getpid() || !may_name()) {
+        return false;
+    }
+    Line line;
+    line << "quorval: fatal: ";
+    append_culprit(line, where, "called exit");
+    line.write();
+    status = status_of(where);
+    return true;
 }
 
 void runtime::report_exit_first()

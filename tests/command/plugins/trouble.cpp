@@ -5,6 +5,7 @@
 #include <quorval/runtime/tools.h>
 
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -66,8 +67,9 @@ void log_at_the_end()
 
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
 /// "say", "kill", "block", "exit in thread", "leave thread", "leave talk", "throw nothing",
-/// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "log and exit",
-/// "leave open", "leave open and throw", "close all", "close error" or "spin".
+/// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "system exit",
+/// "system exit 3", "log and exit", "leave open", "leave open and throw", "close all", "close
+/// error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -160,7 +162,10 @@ private:
             ::_exit(0);
         }
         if (what_ == "sudden exit 3") {
-            ::_exit(3);
+            std::_Exit(3);
+        }
+        if (what_ == "system exit" || what_ == "system exit 3") {
+            ::syscall(SYS_exit_group, what_ == "system exit" ? 0 : 3);
         }
         be_careless();
         if (what_ == "block") {

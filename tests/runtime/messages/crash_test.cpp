@@ -1,17 +1,34 @@
 #include <quorval/runtime/crash.h>
 #include "messages/context.h"
+#include "messages/turn.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace {
 
 using Quorval::report_crashes;
+using Quorval::report_sudden_exit;
 using Quorval::runtime::ContextScope;
+using Quorval::runtime::Deeds;
+using Quorval::runtime::do_in_turn;
 using Quorval::runtime::LoadScope;
+using Quorval::runtime::TurnScope;
 
 /// Takes a stack of any size.
 [[gnu::noinline]] int overflow(int depth)
@@ -53,6 +70,63 @@ void exit_in(const char* operation)
     report_crashes();
     const ContextScope scope("a", operation);
     std::exit(0);
+}
+
+void exit_suddenly_in(const char* operation)
+{
+    report_crashes();
+    const ContextScope scope("a", operation);
+    int status = 7;
+    report_sudden_exit(status);
+    report_sudden_exit(status);
+    ::_exit(status);
+}
+
+/// 'S' where a thread of the process sleeps.
+char state_of(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t name = text.rfind(") ");
+    return name == std::string::npos ? ' ' : text[name + 2];
+}
+
+/// Names one thread, and ends the process when the other one waits.
+void exit_suddenly_in_two_threads()
+{
+    report_crashes();
+    const ContextScope scope("a", "run");
+    int status = 7;
+    report_sudden_exit(status);
+    std::atomic<pid_t> other{0};
+    std::thread thread([&other] {
+        const ContextScope theirs("b", "run");
+        other = ::gettid();
+        int ignored = 7;
+        report_sudden_exit(ignored);
+        ::_exit(ignored);
+    });
+    while (state_of(other) != 'S') {
+        std::this_thread::yield();
+    }
+    ::_exit(status);
+}
+
+/// And with the status of the child.
+void exit_suddenly_in_a_child()
+{
+    report_crashes();
+    int state = 0;
+    {
+        const ContextScope scope("a", "run");
+        if (::fork() == 0) {
+            int status = 7;
+            report_sudden_exit(status);
+            ::_exit(status);
+        }
+        ::wait(&state);
+    }
+    std::exit(WEXITSTATUS(state));
 }
 
 void exit_while_loading()
@@ -113,9 +187,93 @@ TEST(ReportCrashesDeathTest, NamesWhoEndsTheProcess)
                 "^quorval: fatal: plug-in 'sound' called exit while it was loaded\n");
 }
 
+TEST(ReportCrashesDeathTest, NamesOnceWhoEndsTheProcessSuddenly)
+{
+    EXPECT_EXIT(exit_suddenly_in("run"), testing::ExitedWithCode(1),
+                "^quorval: fatal: block 'a' called exit in run\n$");
+    EXPECT_EXIT(exit_suddenly_in("create"), testing::ExitedWithCode(3),
+                "^quorval: fatal: block 'a' called exit in create\n$");
+    EXPECT_EXIT(exit_suddenly_in(nullptr), testing::ExitedWithCode(7), "^$");
+}
+
+TEST(ReportCrashesDeathTest, HasOthersWaitUntilTheProcessIsEndedByWhoWasNamed)
+{
+    EXPECT_EXIT(exit_suddenly_in_two_threads(), testing::ExitedWithCode(1),
+                "^quorval: fatal: block 'a' called exit in run\n$");
+}
+
+TEST(ReportCrashesDeathTest, NamesNobodyWhoEndsAChild)
+{
+    EXPECT_EXIT(exit_suddenly_in_a_child(), testing::ExitedWithCode(7), "^$");
+}
+
 TEST(ReportCrashesDeathTest, LetsTheProgramItselfExit)
 {
     EXPECT_EXIT(exit_outside(), testing::ExitedWithCode(7), "^$");
+}
+
+void crash_with(const char* path, const char* operation)
+{
+    report_crashes();
+    const ContextScope scope(path, operation);
+    ::raise(SIGABRT);
+}
+
+// An emulator adds a line of its own.
+TEST(ReportCrashesDeathTest, NamesEachSignal)
+{
+    for (const auto& [signal, name] :
+         {std::pair(SIGBUS, "SIGBUS"), std::pair(SIGILL, "SIGILL"), std::pair(SIGTRAP, "SIGTRAP"),
+          std::pair(SIGSYS, "SIGSYS"), std::pair(SIGABRT, "SIGABRT")}) {
+        EXPECT_EXIT(
+            crash_in_run(signal), testing::KilledBySignal(signal),
+            testing::StartsWith("quorval: fatal: block 'left/gain' crashed in run: signal " +
+                                std::to_string(signal) + " (" + name + ")\n"));
+    }
+}
+
+TEST(ReportCrashesDeathTest, CutsALineThatIsTooLong)
+{
+    const std::string path(10'000, 'x');
+
+    EXPECT_EXIT(crash_with(path.c_str(), "run"), testing::KilledBySignal(SIGABRT),
+                testing::StartsWith("quorval: fatal: block '" + path.substr(0, 8191 - 23) + "\n"));
+}
+
+TEST(ReportCrashesDeathTest, NamesNoBlockOutsideOfItsOperations)
+{
+    const auto text = testing::StartsWith("quorval: fatal: signal 6 (SIGABRT)\n");
+
+    EXPECT_EXIT(crash_with("a", nullptr), testing::KilledBySignal(SIGABRT), text);
+    EXPECT_EXIT(crash_with(nullptr, "run"), testing::KilledBySignal(SIGABRT), text);
+}
+
+void exit_with_words_that_wait()
+{
+    report_crashes();
+    const ContextScope scope("a", "run");
+    std::FILE* const stream = ::fdopen(::dup(STDERR_FILENO), "w");
+    static_cast<void>(std::fputs("buffered\n", stream));
+    Deeds deeds;
+    const TurnScope turn(deeds);
+    do_in_turn([] { std::cerr << "in turn\n"; });
+    std::exit(0);
+}
+
+void exit_quickly()
+{
+    report_crashes();
+    const ContextScope scope("a", "run");
+    std::quick_exit(0);
+}
+
+TEST(ReportCrashesDeathTest, SaysWhatTheBlockHadToSayBeforeItEndedTheProcess)
+{
+    EXPECT_EXIT(
+        exit_with_words_that_wait(), testing::ExitedWithCode(1),
+        testing::StrEq("in turn\nbuffered\nquorval: fatal: block 'a' called exit in run\n"));
+    EXPECT_EXIT(exit_quickly(), testing::ExitedWithCode(1),
+                testing::StrEq("quorval: fatal: block 'a' called exit in run\n"));
 }
 
 }  // namespace
