@@ -318,6 +318,63 @@ TEST_F(Run, IsEndedBySignalsWhileItReadsAPipe)
     }
 }
 
+TEST_F(Run, DoesNotWaitForAWriterOfAPipe)
+{
+    ASSERT_EQ(::mkfifo((directory() + "/pipe.toml").c_str(), 0600), 0);
+
+    expect_result(run({"run", "pipe.toml"}), 3, "", "pipe.toml:1:1: error: missing key 'format'\n");
+}
+
+/// With a block that prints the column `y` of a pipe.
+class RunOfAPipe : public Run {
+protected:
+    RunOfAPipe()
+    {
+        ::mkfifo(pipe_.c_str(), 0600);
+        // The other block is started behind this one.
+        write_trouble("", "",
+                      "connections = [\"source.out -> print.in\"]\n"
+                      "blocks.source.type = \"basic:CsvSource\"\n"
+                      "blocks.source.config = { path = \"" +
+                          pipe_ +
+                          "\", column = \"y\" }\n"
+                          "blocks.print.type = \"basic:Print\"\n");
+    }
+
+    ProcessOptions command_line() const
+    {
+        return command({"run", "--plugin-path", QUORVAL_BASIC_PLUGIN_DIR, "trouble.toml"});
+    }
+
+    std::string pipe_ = directory() + "/in.csv";
+};
+
+TEST_F(RunOfAPipe, IsEndedBySignalsWhileNobodyWrites)
+{
+    Process process(command_line());
+    ASSERT_TRUE(process.wait_for("b started\n"));
+
+    process.send(SIGTERM);
+
+    expect_result(process.wait(), 0, "b started\nb stopped\n", "");
+}
+
+TEST_F(RunOfAPipe, GivesRowsAsTheyAreWritten)
+{
+    Process process(command_line());
+    ASSERT_TRUE(process.wait_for("b started\n"));
+    const int writer = ::open(pipe_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+
+    for (const std::string text : {"y\n12\n", "34\n"}) {
+        EXPECT_EQ(::write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        EXPECT_TRUE(process.wait_for(text.substr(text.size() - 3)));
+    }
+
+    process.send(SIGTERM);
+    expect_result(process.wait(), 0, "b started\n12\n34\nb stopped\n", "");
+    ::close(writer);
+}
+
 TEST_F(Run, IsNotStartedAfterASignal)
 {
     write_trouble("constructor", "wait");

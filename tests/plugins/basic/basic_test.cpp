@@ -6,19 +6,23 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +32,8 @@ using Quorval::BlockConfiguration;
 using Quorval::Harness;
 using quorval_test::expect_throw;
 using quorval_test::FileSizeLimit;
+using quorval_test::NoDescriptors;
+using quorval_test::NoStandardInput;
 using quorval_test::open_descriptors;
 using quorval_test::read_file;
 using quorval_test::write_file;
@@ -274,6 +280,43 @@ protected:
 
 constexpr double kNothing = std::numeric_limits<double>::quiet_NaN();
 
+/// The source is that of the column `b` of a pipe, which nobody has opened to write at its start.
+class CsvPipeTest : public CsvTest {
+protected:
+    CsvPipeTest() { ::mkfifo(file("pipe").c_str(), 0600); }
+
+    BlockConfiguration config(double rate = 0) const
+    {
+        return {{"path", file("pipe")}, {"column", "b"}, {"rate", rate}};
+    }
+
+    void open_writer()
+    {
+        writer_ = ::open(file("pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_GE(writer_, 0);
+    }
+    void write(const std::string& text) const
+    {
+        ASSERT_EQ(::write(writer_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    void close_writer() const { ::close(writer_); }
+
+    /// What the source gives before it waits again.
+    static std::vector<double> values_of(Harness& source)
+    {
+        std::vector<double> values;
+        while (source.step()) {
+            if (source.is_triggered("out")) {
+                values.push_back(source.output<double>("out"));
+            }
+        }
+        return values;
+    }
+
+private:
+    int writer_ = -1;
+};
+
 TEST_F(CsvTest, SourceGivesTheNumbersOfAColumn)
 {
     EXPECT_EQ(read("a,b\n1,2\n3.5,-4e2\n", "b"), (std::vector<double>{2, -400}));
@@ -281,6 +324,12 @@ TEST_F(CsvTest, SourceGivesTheNumbersOfAColumn)
     EXPECT_EQ(read("a\n1\n2", "a"), (std::vector<double>{1, 2}));
     EXPECT_EQ(read("\"a, \"\"b\"\"\",c\n\"1\",2\n", "a, \"b\""), std::vector<double>{1});
     EXPECT_EQ(read("a\n", "a"), std::vector<double>());
+}
+
+TEST_F(CsvTest, SourceTakesACellWhoseQuotesAreNotClosed)
+{
+    EXPECT_EQ(read("\"a\"\"\n1\n", "a\""), std::vector<double>{1});
+    EXPECT_EQ(read("\"a,b\n1\n", "a,b"), std::vector<double>{1});
 }
 
 TEST_F(CsvTest, SourceGivesNothingForAnEmptyCell)
@@ -325,6 +374,19 @@ TEST_F(CsvTest, SourceNamesAFileThatCannotBeRead)
             BasicBlock("CsvSource", {{"path", "/proc/self/mem"}, {"column", "a"}});
         },
         "/proc/self/mem:0: cannot be read");
+}
+
+TEST_F(CsvTest, SourceNamesAFileThatCannotBeOpened)
+{
+    write_file(file("in.csv"), "a\n1\n");
+    Harness source(QUORVAL_BASIC_PLUGIN, "CsvSource", {{"path", file("in.csv")}, {"column", "a"}});
+
+    expect_throw<std::runtime_error>(
+        [&] {
+            const NoDescriptors none;
+            source.start();
+        },
+        file("in.csv") + ": Too many open files");
 }
 
 TEST_F(CsvTest, SourceHoldsItsFileOpenUntilItStops)
@@ -377,6 +439,104 @@ TEST_F(CsvTest, SourceGoesOnBehindARowThatIsWrong)
     EXPECT_EQ(source.output<double>("out"), 2);
 }
 
+TEST_F(CsvPipeTest, SourceGivesRowsAsTheyCome)
+{
+    BasicBlock source("CsvSource", config());
+    EXPECT_FALSE(source.step());
+    open_writer();
+    for (const auto& [text, values] : std::vector<std::pair<std::string, std::vector<double>>>{
+             {"a,b", {}}, {"\n1,", {}}, {"2\r\n3,4\n\n5,6", {2, 4}}}) {
+        write(text);
+        EXPECT_EQ(values_of(source), values) << text;
+    }
+    EXPECT_FALSE(source.is_done());
+
+    close_writer();
+
+    EXPECT_EQ(values_of(source), std::vector<double>{6});
+    EXPECT_TRUE(source.is_done());
+}
+
+TEST_F(CsvPipeTest, SourceKeepsItsRate)
+{
+    BasicBlock source("CsvSource", config(10));
+    open_writer();
+    write("a,b\n0,1\n0,2\n");
+    EXPECT_EQ(values_of(source), std::vector<double>{1});
+
+    // The next row is not due, whatever comes.
+    write("0,3\n");
+    EXPECT_EQ(values_of(source), std::vector<double>());
+    close_writer();
+    EXPECT_EQ(values_of(source), std::vector<double>());
+
+    source.advance(200ms);
+    EXPECT_EQ(values_of(source), (std::vector<double>{2, 3}));
+    EXPECT_FALSE(source.is_done());
+    source.advance(100ms);
+    source.step();
+    EXPECT_TRUE(source.is_done());
+}
+
+TEST_F(CsvPipeTest, SourceDoesNotMakeUpForAPause)
+{
+    BasicBlock source("CsvSource", config(10));
+    open_writer();
+    write("a,b\n0,1\n");
+    EXPECT_EQ(values_of(source), std::vector<double>{1});
+    source.advance(100ms);
+    EXPECT_EQ(values_of(source), std::vector<double>());
+
+    source.advance(3s);
+    write("0,2\n0,3\n");
+    EXPECT_EQ(values_of(source), std::vector<double>{2});
+    source.advance(99ms);
+    EXPECT_EQ(values_of(source), std::vector<double>());
+    source.advance(1ms);
+    EXPECT_EQ(values_of(source), std::vector<double>{3});
+    close_writer();
+}
+
+TEST_F(CsvPipeTest, SourceCountsTheLinesThatHaveCome)
+{
+    BasicBlock source("CsvSource", config());
+    open_writer();
+    write("a,b\n0,1\n");
+    EXPECT_EQ(values_of(source), std::vector<double>{1});
+    write("0,x\n");
+    close_writer();
+
+    expect_throw<std::runtime_error>([&] { source.step(); },
+                                     file("pipe") + ":3: 'x' is not a number");
+}
+
+TEST_F(CsvPipeTest, SourceIsDoneWhereThereAreNoNames)
+{
+    BasicBlock source("CsvSource", config());
+    open_writer();
+    close_writer();
+    expect_throw<std::runtime_error>([&] { source.step(); },
+                                     file("pipe") + ":1: there is no column 'b'");
+
+    source.step();
+
+    EXPECT_TRUE(source.is_done());
+}
+
+TEST_F(CsvTest, SourceTakesADescriptorOfAnyNumber)
+{
+    write_file(file("in.csv"), "a\n1\n");
+    Harness source(QUORVAL_BASIC_PLUGIN, "CsvSource", {{"path", file("in.csv")}, {"column", "a"}});
+    const NoStandardInput closed;
+    source.start();
+    EXPECT_TRUE(closed.is_taken());
+    EXPECT_TRUE(source.step());
+
+    source.stop();
+
+    EXPECT_FALSE(closed.is_taken());
+}
+
 TEST_F(CsvTest, SourceKeepsItsRate)
 {
     write_file(file("in.csv"), "a\n1\n2\n");
@@ -387,6 +547,20 @@ TEST_F(CsvTest, SourceKeepsItsRate)
     source.advance(100ms);
     EXPECT_TRUE(source.step());
     EXPECT_EQ(source.output<double>("out"), 2);
+}
+
+TEST_F(CsvTest, SourceKeepsItsRateFromItsStartOn)
+{
+    write_file(file("in.csv"), "a\n1\n2\n");
+    Harness source(QUORVAL_BASIC_PLUGIN, "CsvSource",
+                   {{"path", file("in.csv")}, {"column", "a"}, {"rate", 10}});
+    source.advance(1s);
+    source.start();
+
+    EXPECT_TRUE(source.step());
+    EXPECT_FALSE(source.step());
+    source.advance(100ms);
+    EXPECT_TRUE(source.step());
 }
 
 TEST_F(CsvTest, SourceWaitsVeryLongForRowsThatAreVeryFarApart)
@@ -452,6 +626,31 @@ TEST_F(CsvTest, SinkWritesIntoAPipe)
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, ::read(reader, text.data(), 100))));
     ::close(reader);
     EXPECT_EQ(text, "a,b\n1,2\n3,4\n");
+}
+
+TEST_F(CsvTest, SinkSaysWhyAPipeTookHalfALine)
+{
+    ASSERT_EQ(::mkfifo(file("out.csv").c_str(), 0600), 0);
+    const int reader = ::open(file("out.csv").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const auto before = std::signal(SIGPIPE, SIG_IGN);
+    std::thread closer([reader] {
+        for (int there = 0; there == 0;) {
+            ASSERT_EQ(::ioctl(reader, FIONREAD, &there), 0);
+        }
+        ::close(reader);
+    });
+
+    // More than a pipe holds.
+    expect_throw<std::system_error>(
+        [&] {
+            BasicBlock("CsvSink", {{"path", file("out.csv")},
+                                   {"columns", {std::string(200'000, 'a')}},
+                                   {"append", true}});
+        },
+        file("out.csv") + ": cannot be written: Broken pipe");
+
+    closer.join();
+    static_cast<void>(std::signal(SIGPIPE, before));
 }
 
 TEST_F(CsvTest, SinkQuotesNamesThatNeedIt)
