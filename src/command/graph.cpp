@@ -28,7 +28,7 @@ void draw(const Picture& picture, const std::string& format)
     } else if (format == "mermaid") {
         write_output(to_mermaid(picture));
     } else if (format == "svg") {
-        draw_svg(to_dot(picture));
+        write_output(draw_svg(to_dot(picture)));
     } else {
         write_output(to_dot(picture));
     }

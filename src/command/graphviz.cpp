@@ -24,24 +24,14 @@ namespace {
     throw std::runtime_error("svg needs the program 'dot' of Graphviz");
 }
 
-/// A file without a name that holds a text, to be read from its beginning.
+/// A file without a name.
 class MemoryFile {
 public:
-    explicit MemoryFile(const std::string& text) : fd_(::memfd_create("dot", MFD_CLOEXEC))
+    MemoryFile() : fd_(::memfd_create("dot", MFD_CLOEXEC))
     {
         if (fd_ < 0) {
             throw_failed("memfd_create", errno);
         }
-        for (std::size_t done = 0; done < text.size();) {
-            const ssize_t count = ::write(fd_, text.data() + done, text.size() - done);
-            if (count < 0) {
-                const int error = errno;
-                ::close(fd_);
-                throw_failed("write", error);
-            }
-            done += static_cast<std::size_t>(count);
-        }
-        ::lseek(fd_, 0, SEEK_SET);
     }
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
@@ -49,16 +39,46 @@ public:
 
     int fd() const { return fd_; }
 
+    /// Fills the file with a text, to be read from its beginning.
+    void fill(const std::string& text) const
+    {
+        for (std::size_t done = 0; done < text.size();) {
+            const ssize_t count = ::write(fd_, text.data() + done, text.size() - done);
+            if (count < 0) {
+                throw_failed("write", errno);
+            }
+            done += static_cast<std::size_t>(count);
+        }
+        ::lseek(fd_, 0, SEEK_SET);
+    }
+
+    /// All that is in the file.
+    std::string read() const
+    {
+        std::string text;
+        std::array<char, 65536> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+        ssize_t count = 0;
+        while ((count = ::pread(fd_, buffer.data(), buffer.size(),
+                                static_cast<off_t>(text.size()))) > 0) {
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+        if (count < 0) {
+            throw_failed("read", errno);
+        }
+        return text;
+    }
+
 private:
     int fd_;
 };
 
-/// Starts `dot -Tsvg` with `in` as its standard input. No shell comes in.
-pid_t start_dot(int in)
+/// Starts `dot -Tsvg` with `in` and `out` as its standard input and output. No shell comes in.
+pid_t start_dot(int in, int out)
 {
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
     posix_spawnattr_t attributes;
     ::posix_spawnattr_init(&attributes);
     sigset_t signals;
@@ -87,10 +107,13 @@ pid_t start_dot(int in)
 
 }  // namespace
 
-void draw_svg(const std::string& dot)
+std::string draw_svg(const std::string& dot)
 {
-    const MemoryFile input(dot);
-    const pid_t child = start_dot(input.fd());
+    const MemoryFile input;
+    input.fill(dot);
+    // Not the standard output itself: dot may not notice what cannot be written there.
+    const MemoryFile output;
+    const pid_t child = start_dot(input.fd(), output.fd());
     int state = 0;
     while (::waitpid(child, &state, 0) < 0) {
         if (errno != EINTR) {
@@ -108,4 +131,5 @@ void draw_svg(const std::string& dot)
         throw std::runtime_error("'dot' failed with exit status " +
                                  std::to_string(WEXITSTATUS(state)));
     }
+    return output.read();
 }

@@ -29,6 +29,9 @@ bool wants_colours()
     return variable("NO_COLOR").empty() && variable("TERM") != "dumb";
 }
 
+/// The number of the first error of write_output(), 0 for none.
+int write_error = 0;  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+
 /// Flushes and closes; gives the number of the error, 0 for none.
 int close_standard_output()
 {
@@ -40,7 +43,7 @@ int close_standard_output()
         return errno;
     }
     // The call that failed may be long gone.
-    return !was_bad ? 0 : error != 0 ? error : EIO;
+    return !was_bad ? 0 : write_error != 0 ? write_error : error != 0 ? error : EIO;
 }
 
 bool has_other_threads()
@@ -55,7 +58,10 @@ bool has_other_threads()
 void write_output(const std::string& text)
 {
     // What fails shows when the output is closed.
-    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stdout));
+    errno = 0;
+    if (std::fwrite(text.data(), 1, text.size(), stdout) < text.size() && write_error == 0) {
+        write_error = errno;
+    }
 }
 
 bool close_output()

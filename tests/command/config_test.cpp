@@ -260,6 +260,19 @@ TEST_F(Config, ThatIsDamagedIsReadAsFarAsPossible)
     EXPECT_EQ(content("state"), bytes);
 }
 
+TEST_F(Config, ThatIsDamagedIsSoWhereOutputCannotBeWritten)
+{
+    store("state", {{"a", 1}, {"b", "text"}});
+    cut("state", 1);
+    ProcessOptions options = command({"config", "show", "state"});
+    options.out_file = "/dev/full";
+
+    expect_result(run_process(options), 3, "",
+                  "state: error: the file is damaged: Failed to read 4 bytes from input stream! "
+                  "Read 3\n"
+                  "quorval: error: cannot write to standard output: No space left on device\n");
+}
+
 TEST_F(Config, TellsOfBytesBehindTheLastRecord)
 {
     store("state", {{"a", 1}});

@@ -233,6 +233,17 @@ TEST_F(Graph, IsWrittenAsJson)
                   "");
 }
 
+TEST_F(Graph, KeepsTextsInJson)
+{
+    write("texts.toml",
+          "format = 1\nblocks.a = { type = \"numbers:Print\", config.prefix = \"gr\u00f6\u00dfer\" "
+          "}\n");
+
+    EXPECT_NE(run({"graph", "--format", "json", "texts.toml"})
+                  .out.find("\n        \"prefix\": \"gr\u00f6\u00dfer\"\n"),
+              std::string::npos);
+}
+
 TEST_F(Graph, IsDrawnByGraphviz)
 {
     const ProcessResult result = run({"graph", "--format", "svg", "nested.toml"});
@@ -258,7 +269,11 @@ TEST_F(Graph, FailsWhenGraphvizFails)
     set_variable(options, "PATH", directory());
     const std::string missing = "svg needs the program 'dot' of Graphviz";
     for (const auto& [program, text] : std::vector<std::pair<std::string, std::string>>{
+             {"#!/bin/sh\nexit 1\n", "'dot' failed with exit status 1"},
              {"#!/bin/sh\nexit 5\n", "'dot' failed with exit status 5"},
+             // Signals that the command itself ignores.
+             {"#!/bin/sh\nkill -PIPE $$\nexit 5\n", "'dot' was ended by signal 13"},
+             {"#!/bin/sh\nkill -XFSZ $$\nexit 5\n", "'dot' was ended by signal 25"},
              {"#!/bin/sh\nkill -9 $$\n", "'dot' was ended by signal 9"},
              // What a program that could not be started leaves, where that shows in the child
              // alone.
@@ -276,6 +291,19 @@ TEST_F(Graph, FailsWhenGraphvizFails)
     }
     std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_read);
     expect_result(run_process(options), 1, "", "quorval: error: " + missing + "\n");
+    ProcessOptions no_directory = command({"graph", "--format", "svg", "nested.toml"});
+    set_variable(no_directory, "PATH", directory() + "/nested.toml");
+    expect_result(run_process(no_directory), 1, "", "quorval: error: " + missing + "\n");
+}
+
+TEST_F(Graph, IsGivenToGraphvizAsItIs)
+{
+    write("dot", "#!/bin/sh\necho \"$*\"\n/bin/cat\n");
+    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
+    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
+    set_variable(options, "PATH", directory());
+
+    expect_result(run_process(options), 0, std::string("-Tsvg\n") + kDot, "");
 }
 
 TEST_F(Graph, RefusesAnotherFormat)
@@ -305,10 +333,16 @@ TEST_F(Graph, IsDrawnWithItsWarnings)
 
 TEST_F(Graph, FailsWhenOutputCannotBeWritten)
 {
-    for (const char* format : {"dot", "json", "mermaid", "svg"}) {
-        ProcessOptions options = command({"graph", "--format", format, "nested.toml"});
-        options.out_file = "/dev/full";
-        EXPECT_EQ(run_process(options).status, 1) << format;
+    write("empty.toml", "format = 1\n");
+    for (const char* file : {"nested.toml", "empty.toml"}) {
+        for (const char* format : {"dot", "json", "mermaid", "svg"}) {
+            ProcessOptions options = command({"graph", "--format", format, file});
+            options.out_file = "/dev/full";
+            SCOPED_TRACE(std::string(format) + " of " + file);
+            expect_result(run_process(options), 1, "",
+                          "quorval: error: cannot write to standard output: No space left on "
+                          "device\n");
+        }
     }
 }
 
