@@ -54,16 +54,31 @@ std::string without_dashes(const std::string& name)
     return begin == std::string::npos ? "" : name.substr(begin);
 }
 
-/// CLI11 would take the next argument for the value.
-void refuse_missing_values(const Arguments& arguments)
+[[noreturn]] void throw_no_value(const std::string& option)
 {
-    for (const std::string& argument : arguments) {
-        if (argument == "--") {
-            return;
+    throw UsageError("'" + option + "' has no value");
+}
+
+/// What CLI11 would let pass, or refuse in words of its own. A value that is missing at the end is
+/// met while it reads.
+void check_values(const CLI::App& options, const Arguments& arguments)
+{
+    for (std::size_t i = 0; i < arguments.size() && arguments[i] != "--"; ++i) {
+        const std::string name = arguments[i].substr(0, arguments[i].find('='));
+        const bool is_named = name.rfind('-', 0) == 0;
+        const CLI::Option* option = is_named ? options.get_option_no_throw(name) : nullptr;
+        if (option == nullptr) {
+            continue;
         }
-        if (argument.rfind("--", 0) == 0 && argument.find('=') == argument.size() - 1) {
-            throw UsageError("'" + argument + "' has no value");
+        const bool is_flag = option->get_expected_max() == 0;
+        const bool has_value = name != arguments[i];
+        if (is_flag && has_value) {
+            throw UsageError("'" + name + "' takes no value");
         }
+        if (has_value && name.size() + 1 == arguments[i].size()) {
+            throw_no_value(arguments[i]);
+        }
+        i += is_flag || has_value ? 0 : 1;
     }
 }
 
@@ -142,15 +157,15 @@ void CommandLine::add_count(const std::string& name, int& count, const std::stri
 
 std::optional<std::vector<std::string>> CommandLine::read(const Arguments& arguments)
 {
-    refuse_missing_values(arguments);
+    check_values(impl_->options, arguments);
     try {
         impl_->options.parse(Arguments(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::CallForHelp&) {
         write_output(impl_->options.help());
         return std::nullopt;
-    } catch (const CLI::ParseError& error) {
+    } catch (const CLI::ParseError&) {
         split_remaining(impl_->options);  // an unknown option is the better reason
-        throw UsageError(error.what());
+        throw_no_value(arguments.back());
     }
     return split_remaining(impl_->options);
 }

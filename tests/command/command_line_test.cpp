@@ -46,6 +46,48 @@ TEST(CommandLine, ReadsOptionsOfEachKind)
     EXPECT_TRUE(example.line.has("--value"));
 }
 
+TEST(CommandLine, TakesOneValueForAnOption)
+{
+    Example example;
+
+    const auto rest = example.line.read({"--list", "x", "y", "--value", "1", "z"});
+
+    EXPECT_EQ(rest, (std::vector<std::string>{"y", "z"}));
+    EXPECT_EQ(example.list, std::vector<std::string>{"x"});
+    EXPECT_EQ(example.value, "1");
+    EXPECT_TRUE(example.line.has("--value"));
+}
+
+TEST(CommandLine, LeavesArgumentsThatLookLikeOptionsWithoutAValue)
+{
+    Example example;
+
+    EXPECT_EQ(example.line.read({"a=", "-", "--", "--value="}),
+              (std::vector<std::string>{"a=", "-", "--value="}));
+}
+
+TEST(CommandLine, ShowsOptionsInTwoColumns)
+{
+    Example example;
+    testing::internal::CaptureStdout();
+
+    EXPECT_FALSE(example.line.read({"--help"}).has_value());
+
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "usage: quorval example\n"
+              "\n"
+              "Does nothing.\n"
+              "\n"
+              "Options:\n"
+              "  -h,--help               print this text\n"
+              "  -f,--flag               a flag\n"
+              "  -c,--count              a count\n"
+              "  --value V               a value\n"
+              "  --list L                a list\n"
+              "\n"
+              "More.\n");
+}
+
 TEST(CommandLine, LeavesOptionsThatAreNotGivenAlone)
 {
     Example example;
@@ -63,6 +105,7 @@ TEST(CommandLine, RefusesWhatIsWrong)
         {{"--vlaue=1", "--list"}, "unknown option '--vlaue'; did you mean '--value'?"},
         {{"a", "-x"}, "unknown option '-x'"},
         {{"---"}, "unknown option '---'"},
+        {{"---="}, "unknown option '---'"},
     };
     for (const auto& [arguments, text] : cases) {
         SCOPED_TRACE(arguments.front());

@@ -85,6 +85,8 @@ TEST_F(Main, SuggestsTheNearOption)
     expect_wrong_use(run({"check", "-strict"}),
                      "unknown option '-strict'; did you mean '--strict'?");
     expect_wrong_use(run({"check", "--jsom=1"}), "unknown option '--jsom'; did you mean '--json'?");
+    expect_wrong_use(run({"check", "--jsom=", "a"}),
+                     "unknown option '--jsom'; did you mean '--json'?");
     expect_wrong_use(run({"check", "--frobnicate"}), "unknown option '--frobnicate'");
     expect_wrong_use(run({"graph", "a.toml", "-x"}), "unknown option '-x'");
     // Of another command.
@@ -101,11 +103,20 @@ TEST_F(Main, WantsAFile)
 
 TEST_F(Main, WantsTheValuesOfOptions)
 {
-    EXPECT_EQ(run({"check", "a.toml", "--set"}).status, 2);
-    EXPECT_EQ(run({"graph", "--format"}).status, 2);
-    EXPECT_EQ(run({"check", "--strict=yes", "a.toml"}).status, 2);
+    expect_wrong_use(run({"check", "a.toml", "--set"}), "'--set' has no value");
+    expect_wrong_use(run({"graph", "--format"}), "'--format' has no value");
     expect_wrong_use(run({"run", "--for=", "a.toml"}), "'--for=' has no value");
     expect_wrong_use(run({"check", "--set=", "a.toml"}), "'--set=' has no value");
+    expect_wrong_use(run({"check", "--set", "--strict=yes", "a.toml"}),
+                     "'--strict=yes' is not of the form PATH.KEY=VALUE");
+}
+
+TEST_F(Main, RefusesValuesOfFlags)
+{
+    expect_wrong_use(run({"check", "--strict=yes", "a.toml"}), "'--strict' takes no value");
+    expect_wrong_use(run({"run", "--quiet=", "a.toml"}), "'--quiet' takes no value");
+    expect_wrong_use(run({"run", "-q=1", "a.toml"}), "'-q' takes no value");
+    expect_wrong_use(run({"run", "-h=1"}), "'-h' takes no value");
 }
 
 TEST_F(Main, FailsWhenOutputCannotBeWritten)
