@@ -41,8 +41,10 @@ RunResult Control::open(Run& run)
         if (!failure.empty()) {
             return report(RunResult::Failed, failure);
         }
-    } catch (const std::runtime_error& error) {
+    } catch (const RefusedObject& error) {
         return report(RunResult::WrongObjects, error.what());
+    } catch (const std::runtime_error& error) {
+        return report(RunResult::Failed, error.what());
     }
     run.life.failures().set_listener([this](const std::string& path, const std::string& text) {
         GraphObject::tell_failure(bus(), path, text);

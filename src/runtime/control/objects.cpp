@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <stdexcept>
 #include <utility>
 
 // The tables of sd-bus are unions with offsets in them, and what it gives is freed as in C.
@@ -23,8 +22,8 @@ constexpr const char* kOperation = "D-Bus call";
 [[noreturn]] void throw_refused(const std::string& block, const std::string& path,
                                 const std::string& interface, int result)
 {
-    throw std::runtime_error("block '" + block + "': the object " + path + " with the interface " +
-                             interface + " cannot be published: " + text_of_errno(result));
+    throw RefusedObject("block '" + block + "': the object " + path + " with the interface " +
+                        interface + " cannot be published: " + text_of_errno(result));
 }
 
 bool is_property(const sd_bus_vtable& entry)

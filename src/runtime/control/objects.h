@@ -9,10 +9,17 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace Quorval::runtime {
+
+/// An object of a block that cannot be published.
+class RefusedObject : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 /// Publishes the objects that the blocks of a graph recorded. What their handlers throw goes no
 /// further: the caller gets an error, and the failure of the block is reported. Outputs that they
@@ -29,7 +36,7 @@ public:
     std::string find_problem() const;
 
     /// Adds the slots of all objects. They must go before this object.
-    /// @throws std::runtime_error  one is refused: "block '<path>': the object <object path> with
+    /// @throws RefusedObject  one is refused: "block '<path>': the object <object path> with
     ///     the interface <interface> cannot be published: <reason>"
     void publish(sd_bus* bus, std::vector<SlotHandle>& slots) const;
 

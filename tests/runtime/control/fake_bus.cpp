@@ -2,6 +2,7 @@
 
 #include "control/handles.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -41,7 +42,17 @@ sockaddr_un address_of(const std::string& path)
     return address;
 }
 
-/// The values of a message up to its end, or that of the container.
+/// Answers who is behind a name: its number is that of the user.
+int tell_user(sd_bus_message* call)
+{
+    const char* name = nullptr;
+    check(sd_bus_message_read(call, "s", &name));
+    const auto user = static_cast<std::uint32_t>(std::stoul(std::strchr(name, '.') + 1));
+    return sd_bus_reply_method_return(call, "u", user);
+}
+
+}  // namespace
+
 std::string read_values(sd_bus_message* message)
 {
     std::string text;
@@ -65,17 +76,6 @@ std::string read_values(sd_bus_message* message)
     }
     return text;
 }
-
-/// Answers who is behind a name: its number is that of the user.
-int tell_user(sd_bus_message* call)
-{
-    const char* name = nullptr;
-    check(sd_bus_message_read(call, "s", &name));
-    const auto user = static_cast<std::uint32_t>(std::stoul(std::strchr(name, '.') + 1));
-    return sd_bus_reply_method_return(call, "u", user);
-}
-
-}  // namespace
 
 FakeBus::FakeBus()
     : address_("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (directory_.path() / "bus").string()),
@@ -228,6 +228,12 @@ FakeBus::Answer refuse(const std::string& name, const std::string& text)
         return sd_bus_reply_method_errorf(call, (std::string(kBus) + ".Error." + name).c_str(),
                                           "%s", text.c_str());
     };
+}
+
+std::size_t used_memory()
+{
+    const struct mallinfo2 info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
 }
 
 FakeBus::Answer give(unsigned number)

@@ -74,6 +74,14 @@ private:
 /// Answers with an error.
 FakeBus::Answer refuse(const std::string& name, const std::string& text);
 
+/// The values of a message up to its end, or that of the container: texts and numbers, containers
+/// in parentheses.
+std::string read_values(sd_bus_message* message);
+
+/// Bytes that this process has from malloc(); 0 where a sanitizer stands in for it, which tells of
+/// leaks itself.
+std::size_t used_memory();
+
 /// Answers with a number.
 FakeBus::Answer give(unsigned number);
 

@@ -4,6 +4,7 @@
 #include <quorval/pluginloader.h>
 #include <quorval/runtime/tools.h>
 
+#include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <array>
@@ -147,6 +148,21 @@ private:
     InPort<int>* in_;
 };
 
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays)
+const sd_bus_vtable kOffered[] = {
+    SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Nothing", "", "", nullptr, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END};
+
+/// A source with nothing to do that offers an object at the path `at`.
+class Offer : public Block {
+public:
+    Offer(std::string name, const BlockConfiguration& config) : Block(std::move(name), config)
+    {
+        make_eventport("never");
+        add_dbus(config.getString("at"), "test.Offered", kOffered, nullptr);
+    }
+};
+
 /// A thread of its own asks for a run again and again, until the block is destroyed. With `reloads`
 /// it sends SIGHUP in each fiftieth of its runs.
 class Threaded : public Block {
@@ -255,6 +271,7 @@ int lib_register_cpp(IRegistry& registry)
 {
     add<Count>(registry, "Count");
     add<Tell>(registry, "Tell");
+    add<Offer>(registry, "Offer");
     add<EndLoop>(registry, "EndLoop");
     add<Talkative>(registry, "Talkative");
     add<Threaded>(registry, "Threaded");
