@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -79,9 +80,14 @@ std::string to_toml_key(const std::string& key, const std::vector<std::string>& 
     return is_below_value ? quote(key) : key;
 }
 
-std::string origin_of(const Run& run, std::uint32_t block, const std::string& key)
+/// Where the values of a block come from, by their keys.
+std::unordered_map<std::string, std::string> origins_of(const Run& run, std::uint32_t block)
 {
-    return run.overrides.is_changed(block, key) ? "changed" : run.reload.origin_of(block, key);
+    std::unordered_map<std::string, std::string> origins = run.reload.origins_of(block);
+    for (const std::string& key : run.overrides.changed_keys(block)) {
+        origins[key] = "changed";
+    }
+    return origins;
 }
 
 }  // namespace
@@ -111,10 +117,11 @@ std::string show_config(const Run& run, std::uint32_t block)
     const BlockConfiguration all = defaults + config;
     const std::vector<std::string> set = keys_of(config);
     const std::vector<std::string> keys = keys_of(all);
+    std::unordered_map<std::string, std::string> origins = origins_of(run, block);
     std::string text;
     for (const std::string& key : keys) {
         const bool is_default = !std::binary_search(set.begin(), set.end(), key);
-        const std::string origin = is_default ? "default" : origin_of(run, block, key);
+        const std::string origin = is_default ? "default" : origins[key];
         text += (is_default ? "# " : "") + to_toml_key(key, keys) + " = " +
                 to_toml(get_value(all, key)) + (origin.empty() ? "" : "  # " + to_utf8(origin)) +
                 "\n";

@@ -138,9 +138,9 @@ BlockConfiguration Overrides::defaults(std::uint32_t block) const
     return description == nullptr ? BlockConfiguration() : read_defaults(*description);
 }
 
-bool Overrides::is_changed(std::uint32_t block, const std::string& key) const
+std::vector<std::string> Overrides::changed_keys(std::uint32_t block) const
 {
-    return has_key(sum_of(changed_, block), key);
+    return keys_of(sum_of(changed_, block));
 }
 
 BlockConfiguration Overrides::sum_of(const Sums& sums, std::uint32_t block)

@@ -54,8 +54,8 @@ public:
     /// What the type of a block declares as defaults.
     BlockConfiguration defaults(std::uint32_t block) const;
 
-    /// Whether a key was changed in the running graph.
-    bool is_changed(std::uint32_t block, const std::string& key) const;
+    /// The keys of a block that were changed in the running graph, sorted.
+    std::vector<std::string> changed_keys(std::uint32_t block) const;
 
 private:
     using Sums = std::unordered_map<std::uint32_t, BlockConfiguration>;

@@ -5,7 +5,6 @@
 #include "graph/saved.h"
 #include "graph/values.h"
 
-#include <algorithm>
 #include <map>
 #include <set>
 #include <tuple>
@@ -174,13 +173,6 @@ BlockConfiguration changed_values(const PlainBlock& before, const PlainBlock& no
     return changed;
 }
 
-const SettingRef* find_setting(const std::vector<SettingRef>& settings, const std::string& key)
-{
-    const auto found = std::find_if(settings.begin(), settings.end(),
-                                    [&key](const SettingRef& ref) { return ref.key() == key; });
-    return found == settings.end() ? nullptr : &*found;
-}
-
 std::string origin_of(const SettingRef& ref, const std::vector<Source>& sources)
 {
     const Place& place = ref.setting->key_place;
@@ -266,7 +258,7 @@ void Reload::apply(ReadGraph now)
     logger(LOGLEVEL_INFO, "the changed files are applied");
 }
 
-std::string Reload::origin_of(std::uint32_t block, const std::string& key) const
+std::unordered_map<std::string, std::string> Reload::origins_of(std::uint32_t block) const
 {
     const PlainBlock* place = &graph_.blocks[block].place;
     const Reading* reading = graph_.reading.get();
@@ -274,8 +266,11 @@ std::string Reload::origin_of(std::uint32_t block, const std::string& key) const
         reading = applied_.reading.get();
         place = blocks_of(applied_).at(place->path);
     }
-    const SettingRef* ref = find_setting(place->settings, key);
-    return ref == nullptr ? "" : runtime::origin_of(*ref, reading->sources);
+    std::unordered_map<std::string, std::string> origins;
+    for (const SettingRef& ref : place->settings) {
+        origins.emplace(ref.key(), origin_of(ref, reading->sources));
+    }
+    return origins;
 }
 
 }  // namespace Quorval::runtime

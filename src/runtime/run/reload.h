@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Quorval::runtime {
@@ -40,9 +41,9 @@ public:
     /// Logs what comes of it. When something cannot be applied, nothing is.
     void run();
 
-    /// Where the value of a key was written when the files were last applied: "<file>:<line>",
-    /// "--set", or "saved"; empty when it was not.
-    std::string origin_of(std::uint32_t block, const std::string& key) const;
+    /// Where the values of a block were written when the files were last applied, by their keys:
+    /// "<file>:<line>", "--set", or "saved".
+    std::unordered_map<std::string, std::string> origins_of(std::uint32_t block) const;
 
 private:
     void apply(ReadGraph now);

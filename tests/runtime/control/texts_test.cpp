@@ -3,10 +3,12 @@
 #include "loop/loop.h"
 #include "run/runner.h"
 #include "runtime/support/graph_files.h"
+#include "support/allocations.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
 #include <string>
 
 using namespace Quorval;
@@ -18,10 +20,14 @@ namespace {
 /// Takes down what is said of a run before its start, and ends it there.
 class Onlooker final : public IOutside {
 public:
+    /// @param changes  what the first block is given before
+    explicit Onlooker(BlockConfiguration changes) : changes_(std::move(changes)) {}
+
     RunResult open(Run& run) override
     {
+        run.overrides.change({{0, changes_}});
         description = describe(run);
-        config = show_config(run, 0);
+        allocations = quorval_test::allocations_of([&] { config = show_config(run, 0); });
         return RunResult::Failed;
     }
     void begin() override {}
@@ -30,17 +36,21 @@ public:
 
     std::string description;
     std::string config;
+    std::size_t allocations = 0;  // to show the configuration
+
+private:
+    BlockConfiguration changes_;
 };
 
 /// What is said of the graph in a file.
-Onlooker look_at(const std::string& text)
+Onlooker look_at(const std::string& text, const BlockConfiguration& changes = {})
 {
     GraphFiles files;
     files.write("g.toml", "format = 1\n" + text);
     const GraphOptions options = files.options();
     LoadedGraph graph = load_graph(options);
     Loop loop;
-    Onlooker onlooker;
+    Onlooker onlooker(changes);
     const std::atomic<bool> has_stop{false};
     Runner(options, graph, loop, nullptr, &onlooker, has_stop).run();
     onlooker.config = files.strip(onlooker.config);
@@ -67,6 +77,19 @@ table.inner.key = true  # g.toml:6
 x = 1  # g.toml:5
 "x.below" = "under a value"  # g.toml:7
 )");
+}
+
+TEST(ControlTexts, ShowManyChangedKeysWithAsMuchWorkForEach)
+{
+    const auto allocations_for = [](int keys) {
+        BlockConfiguration changes;
+        for (int key = 0; key < keys; ++key) {
+            changes.set("key" + std::to_string(key), key);
+        }
+        return look_at("blocks.a.type = \"running:Tell\"\n", changes).allocations;
+    };
+
+    EXPECT_LT(allocations_for(400), 3 * allocations_for(200));
 }
 
 TEST(ControlTexts, DescribeAGraphAsJson)
