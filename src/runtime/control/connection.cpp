@@ -24,10 +24,7 @@ Connection::Connection(Bus kind, std::string name, Publish publish)
 {
 }
 
-Connection::~Connection()
-{
-    objects_.clear();
-}
+Connection::~Connection() = default;
 
 std::string Connection::open()
 {
@@ -157,9 +154,6 @@ void Connection::drop()
     objects_.clear();
     name_slot_.reset();
     disconnect_slot_.reset();
-    if (bus_ != nullptr) {
-        sd_bus_detach_event(bus_.get());
-    }
     bus_.reset();
 }
 
@@ -185,8 +179,8 @@ int Connection::on_name(sd_bus_message* message, void* self, sd_bus_error* /*err
 {
     auto& connection = *static_cast<Connection*>(self);
     std::uint32_t answer = 0;
-    if (sd_bus_message_is_method_error(message, nullptr) > 0 ||
-        sd_bus_message_read(message, "u", &answer) < 0 || answer != kIsOwner) {
+    // What an error has is no number.
+    if (sd_bus_message_read(message, "u", &answer) < 0 || answer != kIsOwner) {
         connection.retry_later();
         return 0;
     }

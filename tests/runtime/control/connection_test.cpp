@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -29,6 +31,7 @@ namespace {
 constexpr unsigned kIsOwner = 1;
 constexpr unsigned kIsQueued = 2;
 constexpr unsigned kIsTaken = 3;
+constexpr unsigned kIsOwnerAlready = 4;
 constexpr const char* kLost = "the user's bus is lost; the graph runs on without it";
 constexpr const char* kBack = "the user's bus is back";
 
@@ -38,7 +41,10 @@ protected:
 
     static std::string open()
     {
-        return runtime::Connection(Bus::User, "org.quorval.graph.g", publish_nothing).open();
+        runtime::Connection connection(Bus::User, "org.quorval.graph.g", publish_nothing);
+        const std::string problem = connection.open();
+        EXPECT_EQ(connection.bus() == nullptr, !problem.empty());
+        return problem;
     }
 
     /// The bus hangs up on the connection, which gets the name again after all of these answers.
@@ -58,6 +64,9 @@ protected:
 
         while (log_.texts().empty() || log_.texts().back() != kBack) {
             loop_.wait(std::nullopt);
+            if (!log_.texts().empty() && log_.texts().back() == kLost) {
+                EXPECT_EQ(connection.bus(), nullptr);
+            }
         }
         EXPECT_NE(connection.bus(), nullptr);
         bus_.stop();
@@ -94,6 +103,58 @@ TEST_F(ConnectionTest, SaysThatTheNameIsTakenBySomebodyWhoIsNotKnown)
     EXPECT_EQ(open(), "the name org.quorval.graph.g is taken on the user's bus");
 }
 
+TEST_F(ConnectionTest, SaysWhoHasTakenTheName)
+{
+    bus_.on("RequestName", give(kIsTaken));
+    bus_.on("GetConnectionUnixProcessID", give(static_cast<unsigned>(::getpid())));
+
+    const std::string program = quorval_test::read_file("/proc/self/comm");
+    EXPECT_EQ(open(), "the name org.quorval.graph.g is taken on the user's bus by process " +
+                          std::to_string(::getpid()) + " (" +
+                          program.substr(0, program.find('\n')) + ")");
+}
+
+TEST_F(ConnectionTest, LeavesNothingBehind)
+{
+    constexpr int kTimes = 200;
+    constexpr std::size_t kMost = 100'000;  // bytes; a connection has more than a thousand
+    for (int warm = 0; warm < 10; ++warm) {
+        ASSERT_EQ(open(), "");
+    }
+
+    const std::size_t before = quorval_test::used_memory();
+    for (int count = 0; count < kTimes; ++count) {
+        ASSERT_EQ(open(), "");
+    }
+
+    EXPECT_LT(quorval_test::used_memory(), before + kMost);
+}
+
+TEST_F(ConnectionTest, TakesTheNameThatItHasAlready)
+{
+    bus_.on("RequestName", give(kIsOwnerAlready));
+
+    EXPECT_EQ(open(), "");
+}
+
+/// It takes the name from nobody, lets nobody take it, and does not wait for it.
+TEST_F(ConnectionTest, AsksForTheNameAlone)
+{
+    const std::string request = "org.quorval.graph.g 4";
+    std::vector<std::string> requests;
+    const FakeBus::Answer note = [&requests](sd_bus_message* call) {
+        requests.push_back(quorval_test::read_values(call));
+        sd_bus_message_rewind(call, 1);
+        return give(kIsOwner)(call);
+    };
+    bus_.on("RequestName", note);
+    EXPECT_EQ(open(), "");
+
+    lose_and_find({note}, publish_nothing);
+
+    EXPECT_THAT(requests, ElementsAre(request, request));
+}
+
 TEST_F(ConnectionTest, IsFoundAgain)
 {
     lose_and_find({}, publish_nothing);
@@ -104,10 +165,14 @@ TEST_F(ConnectionTest, IsFoundAgain)
 
 TEST_F(ConnectionTest, IsLookedForUntilItHasTheNameAgain)
 {
-    lose_and_find({give(kIsQueued), refuse("AccessDenied", "not yet")}, publish_nothing);
+    const FakeBus::Answer nothing = [](sd_bus_message* call) {
+        const sd_bus_error error = {"test.NotYet", nullptr, 0};
+        return sd_bus_reply_method_error(call, &error);
+    };
+    lose_and_find({give(kIsQueued), refuse("AccessDenied", "not yet"), nothing}, publish_nothing);
 
     EXPECT_THAT(log_.texts(), ElementsAre(kLost, kBack));
-    EXPECT_EQ(requests_, 4U);
+    EXPECT_EQ(requests_, 5U);
 }
 
 TEST_F(ConnectionTest, DoesNotAskABusAllTheTimeThatHangsUpOnWhoHasTheName)

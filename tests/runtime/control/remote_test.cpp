@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@ using quorval_test::expect_throw;
 using quorval_test::FakeBus;
 using quorval_test::refuse;
 using quorval_test::ScopedEnvironment;
+using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
@@ -135,6 +137,102 @@ TEST_F(RemoteGraphTest, HasNoLinksWhereTheyAreUnknown)
 
         EXPECT_THAT(RemoteGraph("the-graph", {Bus::User}).link_statistics(), IsEmpty()) << error;
     }
+}
+
+TEST_F(RemoteGraphTest, HandsOverWhyThereAreNoStatisticsOfItsLinks)
+{
+    bus_.on("Statistics", refuse("AccessDenied", "not yours"));
+    RemoteGraph graph("the-graph", {Bus::User});
+
+    expect_throw<RemoteError>([&] { graph.link_statistics(); }, "not yours");
+}
+
+TEST_F(RemoteGraphTest, IsCalled)
+{
+    std::vector<std::string> calls;
+    for (const char* name : {"Configure", "Save", "Stop"}) {
+        bus_.on(name, [&calls, name](auto* call) {
+            calls.push_back(std::string(name) + " " + quorval_test::read_values(call));
+            return sd_bus_reply_method_return(call, "");
+        });
+    }
+    for (const char* name : {"Describe", "Get"}) {
+        bus_.on(name, [&calls, name](auto* call) {
+            calls.push_back(std::string(name) + " " + quorval_test::read_values(call));
+            return sd_bus_reply_method_return(call, "s", "an answer");
+        });
+    }
+    RemoteGraph graph("the-graph", {Bus::User});
+
+    EXPECT_EQ(graph.describe(), "an answer");
+    EXPECT_EQ(graph.get("a/b"), "an answer");
+    graph.configure({{"a.x", "1"}, {"b.y", "'two'"}});
+    graph.configure({});
+    graph.save();
+    graph.stop();
+
+    bus_.stop();
+    EXPECT_THAT(calls, ElementsAre("Describe ", "Get a/b", "Configure ((a.x 1) (b.y 'two'))",
+                                   "Configure ()", "Save ", "Stop "));
+}
+
+TEST_F(RemoteGraphTest, HasItsWaves)
+{
+    bus_.on("Get", [](auto* call) {
+        return sd_bus_reply_method_return(call, "v", "t", std::uint64_t{5});
+    });
+
+    EXPECT_EQ(RemoteGraph("the-graph", {Bus::User}).waves(), 5U);
+}
+
+TEST_F(RemoteGraphTest, IsListedAmongOthersByName)
+{
+    bus_.on("ListNames", [](auto* call) {
+        return sd_bus_reply_method_return(call, "as", 4, "org.quorval.graph.c",
+                                          "org.quorval.graph.a", "org.quorval.graph",
+                                          "org.quorval.graph.b");
+    });
+    bus_.on("Get", refuse("NoReply", "busy"));
+
+    std::string names;
+    for (const RunningGraph& graph : list_graphs({Bus::User})) {
+        names += graph.name + " ";
+    }
+    EXPECT_EQ(names, "a b c ");
+    EXPECT_NO_THROW(RemoteGraph("c", {Bus::User}));
+}
+
+TEST_F(RemoteGraphTest, LeavesNothingBehind)
+{
+    constexpr int kTimes = 100;
+    constexpr std::size_t kNames = 500;
+    constexpr std::size_t kSize = 300;
+    constexpr std::size_t kMost = 200'000;  // bytes; what is left behind would be twice as much
+    bus_.on("ListNames", [](auto* call) {
+        sd_bus_message* made = nullptr;
+        sd_bus_message_new_method_return(call, &made);
+        sd_bus_message_open_container(made, 'a', "s");
+        for (std::size_t number = 0; number < kNames; ++number) {
+            const std::string name = std::to_string(number) + std::string(kSize, 'x');
+            sd_bus_message_append(made, "s", name.c_str());
+        }
+        sd_bus_message_append(made, "s", "org.quorval.graph.g");
+        sd_bus_message_close_container(made);
+        const int result = sd_bus_send(nullptr, made, nullptr);
+        sd_bus_message_unref(made);
+        return result;
+    });
+    bus_.on("Get", [](auto* call) {
+        return sd_bus_reply_method_return(call, "v", "s", std::string(5000, 'x').c_str());
+    });
+    list_graphs({Bus::User});
+
+    const std::size_t before = quorval_test::used_memory();
+    for (int count = 0; count < kTimes; ++count) {
+        ASSERT_EQ(list_graphs({Bus::User}).size(), 1U);
+    }
+
+    EXPECT_LT(quorval_test::used_memory(), before + kMost);
 }
 
 TEST_F(RemoteGraphTest, IsLookedForOnEachBusThatIsThere)
