@@ -59,7 +59,6 @@ Loop::Loop()
 
 Loop::~Loop()
 {
-    event_event_.reset();
     if (event_ != nullptr) {
         sd_event_unref(event_);
     }
@@ -74,6 +73,9 @@ sd_event* Loop::event()
 {
     if (event_ == nullptr) {
         event_ = make_event();
+    }
+    // It may have been made before, where it could not be watched then.
+    if (event_event_ == nullptr && !is_closed_) {
         event_event_ = poller_.add(sd_event_get_fd(event_), kReadable, kEventTag);
     }
     return event_;
@@ -162,9 +164,9 @@ void Loop::dispatch_event(bool is_prepared)
     }
     is_held_ = false;
     bool is_pending = is_prepared || check(sd_event_wait(event_, 0)) > 0;
-    for (int count = 0; is_pending && count < kAtMost; ++count) {
+    for (int count = 1; is_pending; ++count) {
         sd_event_dispatch(event_);
-        is_pending = count + 1 < kAtMost && !is_held_ && !has_exited() &&
+        is_pending = count < kAtMost && !is_held_ && !has_exited() &&
                      (check(sd_event_prepare(event_)) > 0 || check(sd_event_wait(event_, 0)) > 0);
     }
 }

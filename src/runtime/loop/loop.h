@@ -32,7 +32,7 @@ public:
     const std::shared_ptr<Waker>& waker() const { return waker_; }
 
     /// Made when it is first asked for.
-    /// @throws std::system_error  there are no descriptors left
+    /// @throws std::system_error  there are no descriptors left, or the system refuses to watch it
     sd_event* event();
     bool has_event() const { return event_ != nullptr; }
     /// No source of the sd_event is dispatched from here on.
