@@ -122,17 +122,11 @@ int Poller::enter(int fd, std::uint32_t events)
         if (error != ENOENT) {
             return error;
         }
-        // The descriptor was closed, and now stands for another file.
+        // The descriptor was closed, and now stands for another file; or it never got in.
     }
     watched.generation = ++generations_;
     const int error = control(EPOLL_CTL_ADD, fd, events);
-    if (error == EEXIST) {
-        return control(EPOLL_CTL_MOD, fd, events);
-    }
-    if (error != 0) {
-        watched.generation = 0;
-    }
-    return error;
+    return error == EEXIST ? control(EPOLL_CTL_MOD, fd, events) : error;
 }
 
 void Poller::leave(int fd)
@@ -218,10 +212,12 @@ void Poller::start_anew()
 {
     Descriptor fresh(::epoll_create1(EPOLL_CLOEXEC), kNoSet);
     epoll_.swap(fresh);
-    for (std::size_t fd = 0; fd < watched_.size(); ++fd) {
-        if (std::exchange(watched_[fd].generation, 0) != 0) {
-            apply(static_cast<int>(fd));
+    int fd = 0;
+    for (Watched& watched : watched_) {
+        if (std::exchange(watched.generation, 0) != 0) {
+            apply(fd);
         }
+        ++fd;
     }
 }
 
@@ -239,7 +235,6 @@ void Poller::update_fd(FDEvent& event, int new_fd)
     if (const int error = apply(new_fd)) {
         detach(id);
         attach(id, old_fd);
-        apply(new_fd);
         throw_cannot_watch(error, new_fd);
     }
     if (old_fd != new_fd) {
@@ -268,7 +263,6 @@ void Poller::remove(FDEvent& event)
         detach(id);
         apply(fd);
     }
-    registrations_[id] = Registration();
     free_ids_.push_back(id);
 }
 

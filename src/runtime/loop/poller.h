@@ -53,7 +53,7 @@ private:
     };
     struct Watched {
         std::vector<std::uint32_t> registrations;
-        std::uint32_t generation = 0;  // of its entry in the set; 0 without one
+        std::uint32_t generation = 0;  // of the latest attempt to enter it; 0: it was left
         bool is_always_ready = false;
     };
     class Report;

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -75,6 +77,8 @@ public:
 
     EventPort& event_port() { return dynamic_cast<EventPort&>(*block.make_eventport("next")); }
 
+    void ask() { wave_->ask(0); }
+    DescriptorPorts& ports() { return ports_; }
     const std::vector<Ready>& ready() { return poller_.wait(false); }
     void take(const std::vector<Ready>& all)
     {
@@ -134,23 +138,24 @@ TEST(EventPorts, MeetAFireBetweenTriggerAndRunByThatRun)
     EXPECT_EQ(setting.block.runs, 1);
 }
 
-TEST(EventPorts, RunTheirBlockAgainForAFireInTheRun)
+TEST(EventPorts, RunTheirBlockAgainForFiresInTheRun)
 {
-    Setting setting;
-    EventPort& port = setting.event_port();
-    setting.block.on_run = [&] {
-        if (setting.block.runs == 1) {
-            port.fire();
-            port.fire();
-        }
-        return true;
-    };
-    setting.begin();
+    for (const int count : {1, 2}) {
+        Setting setting;
+        EventPort& port = setting.event_port();
+        setting.block.on_run = [&] {
+            for (int fire = 0; setting.block.runs == 1 && fire < count; ++fire) {
+                port.fire();
+            }
+            return true;
+        };
+        setting.begin();
 
-    port.fire();
-    setting.settle();
+        port.fire();
+        setting.settle();
 
-    EXPECT_EQ(setting.block.runs, 2);
+        EXPECT_EQ(setting.block.runs, 2) << count;
+    }
 }
 
 TEST(EventPorts, MayBeResetByTheirBlock)
@@ -227,10 +232,81 @@ TEST(EventPorts, BearABlockThatReadsTheDescriptorItself)
     EXPECT_FALSE(port.is_triggered());
 }
 
+TEST(EventPorts, AreResetThoughTheyKeepTheirTrigger)
+{
+    Setting setting;
+    setting.block.add_fdport(std::make_unique<EventPort>("kept", false, ::eventfd(0, EFD_CLOEXEC)));
+    auto& port = dynamic_cast<EventPort&>(*setting.block.get_fdport("kept"));
+    setting.begin();
+
+    port.fire();
+    setting.settle();
+
+    EXPECT_EQ(setting.block.runs, 1);
+    EXPECT_FALSE(port.is_triggered());
+}
+
+TEST(EventPorts, KeepAFireThatNoRunHasMet)
+{
+    for (const bool has_run : {false, true}) {
+        for (const bool is_reset_by_block : {false, true}) {
+            Setting setting;
+            EventPort& port = setting.event_port();
+            setting.begin();
+            if (has_run) {
+                port.fire();
+                setting.take(setting.ready());
+                setting.ports().before_run(0);
+                if (is_reset_by_block) {
+                    port.reset(false);
+                }
+                setting.ports().reset(0);
+            }
+
+            port.fire();
+            setting.take(setting.ready());
+            setting.ports().reset(0);
+
+            EXPECT_FALSE(port.is_triggered());
+            EXPECT_EQ(setting.ready().size(), 1U) << has_run << is_reset_by_block;
+        }
+    }
+}
+
+TEST(EventPorts, AreNotReported)
+{
+    const LogRecorder recorder;
+    Setting setting;
+    EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        port.fire();
+        return true;
+    };
+    setting.begin();
+    port.fire();
+
+    for (int wave = 0; wave < 1001; ++wave) {
+        setting.play();
+    }
+
+    EXPECT_EQ(setting.block.runs, 1001);
+    EXPECT_TRUE(recorder.lines().empty());
+}
+
+bool is_readable(int fd)
+{
+    pollfd one = {fd, POLLIN, 0};
+    return ::poll(&one, 1, 0) > 0;
+}
+
 TEST(EventPorts, BearATriggerWithoutAFire)
 {
     Setting setting;
     EventPort& port = setting.event_port();
+    setting.block.on_run = [&] {
+        EXPECT_FALSE(is_readable(port.get_fd()));
+        return true;
+    };
     setting.begin();
     setting.take({{0, true, false}});
 
@@ -382,25 +458,200 @@ TEST(PlainPorts, AreReportedEachWhereTheirBlockHasSeveral)
 
 TEST(PlainPorts, AreReportedWhereTheyWereNotDrainedInTheLastHundredOfThoseWaves)
 {
+    struct Case {
+        int drained;  // runs
+        int reported;
+    };
+    for (const auto& [drained, reported] : {Case{900, 1000}, Case{901, 1901}, Case{950, 1901}}) {
+        const LogRecorder recorder;
+        Setting setting;
+        const Pipe pipe(setting.block);
+        setting.block.on_run = [&, drained = drained] {
+            if (setting.block.runs <= drained) {
+                pipe.drain();
+            }
+            return true;
+        };
+        setting.begin();
+
+        for (int wave = 1; wave < reported; ++wave) {
+            pipe.fill();
+            setting.play();
+        }
+        EXPECT_TRUE(recorder.lines().empty()) << drained;
+        setting.play();
+
+        EXPECT_EQ(recorder.lines().size(), 1U) << drained;
+    }
+}
+
+TEST(PlainPorts, AreReportedBehindSoManyWavesSinceOneInWhichTheyWereNotReadable)
+{
     const LogRecorder recorder;
     Setting setting;
     const Pipe pipe(setting.block);
-    setting.block.on_run = [&] {
-        if (setting.block.runs <= 900) {
-            pipe.drain();
-        }
-        return true;
-    };
     setting.begin();
+    pipe.fill();
+    setting.play();
+    pipe.drain();
+    setting.ask();
+    setting.play();
+    pipe.fill();
 
     for (int wave = 0; wave < 999; ++wave) {
-        pipe.fill();
         setting.play();
     }
     EXPECT_TRUE(recorder.lines().empty());
     setting.play();
 
     EXPECT_EQ(recorder.lines().size(), 1U);
+}
+
+TEST(PlainPorts, AreNotReportedOnARegularFile)
+{
+    const LogRecorder recorder;
+    const quorval_test::TemporaryDirectory directory;
+    const int file =
+        ::open((directory.store_path() + "file").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    {
+        Setting setting;
+        setting.block.make_fdport("file", file, {true, false});
+        setting.begin();
+
+        for (int wave = 0; wave < 1001; ++wave) {
+            setting.play();
+        }
+
+        EXPECT_EQ(setting.block.runs, 1001);
+    }
+    EXPECT_TRUE(recorder.lines().empty());
+    ::close(file);
+}
+
+TEST(PlainPorts, LeaveTheCountOfAnEventDescriptorToTheirBlock)
+{
+    Setting setting;
+    const int fd = ::eventfd(3, EFD_CLOEXEC);
+    setting.block.make_fdport("count", fd, {true, false});
+    std::uint64_t count = 0;
+    setting.block.on_run = [&] { return ::read(fd, &count, sizeof count) == 8; };
+    setting.begin();
+
+    setting.settle();
+
+    EXPECT_EQ(count, 3U);
+    ::close(fd);
+}
+
+TEST(PlainPorts, KeepTheirTriggerWhereTheyAreMadeTo)
+{
+    Setting setting;
+    const int fd = ::eventfd(1, EFD_CLOEXEC);
+    setting.block.add_fdport(std::make_unique<FdPort>("kept", Datatype("extfd"), fd,
+                                                      FDEvent::EventMask{true, false}, false));
+    setting.begin();
+
+    setting.play();
+
+    EXPECT_EQ(setting.block.runs, 1);
+    EXPECT_TRUE(setting.block.get_fdport("kept")->is_triggered());
+    ::close(fd);
+}
+
+TEST(PlainPorts, BelongToTheirBlock)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a");
+    FakeBlock& b = graph.add("b");
+    graph.add("c");
+    const Pipe first(a);
+    const Pipe second(b);
+    DescriptorPorts ports(graph.network());
+    Poller poller;
+    EXPECT_TRUE(ports.collect(0));
+    EXPECT_TRUE(ports.collect(1));
+    const auto take = [&] {
+        std::vector<std::uint32_t> blocks;
+        for (const Ready& ready : poller.wait(false)) {
+            blocks.push_back(ports.make_ready(ready));
+        }
+        return blocks;
+    };
+    first.fill();
+    second.fill();
+
+    ports.watch(1, poller);
+    EXPECT_EQ(take(), std::vector<std::uint32_t>{1});
+    ports.unwatch(1);
+    ports.reset(1);
+    EXPECT_FALSE(ports.is_triggered(1));
+    ports.watch(0, poller);
+    EXPECT_EQ(take(), std::vector<std::uint32_t>{0});
+    EXPECT_TRUE(ports.is_triggered(0));
+    EXPECT_FALSE(ports.is_triggered(1));
+    EXPECT_FALSE(ports.is_triggered(2));  // has none
+    ports.reset(1);
+    EXPECT_TRUE(ports.is_triggered(0));
+    ports.watch(1, poller);
+    take();
+    ports.reset(0);
+    EXPECT_FALSE(ports.is_triggered(0));
+    EXPECT_TRUE(ports.is_triggered(1));
+    ports.unwatch(0);
+    EXPECT_EQ(take(), std::vector<std::uint32_t>{1});
+    ports.unwatch(1);
+}
+
+TEST(PlainPorts, AreLookedAtBehindTheRunOfTheirBlock)
+{
+    const LogRecorder recorder;
+    FakeGraph graph;
+    const Pipe first(graph.add("a"));
+    const Pipe second(graph.add("b"));
+    DescriptorPorts ports(graph.network());
+    ports.collect(0);
+    ports.collect(1);
+
+    for (int wave = 0; wave < 1001; ++wave) {
+        first.fill();
+        second.fill();
+        ports.make_ready({0, true, false});
+        ports.make_ready({1, true, false});
+        ports.begin_wave();
+        first.drain();
+        ports.after_run(0);
+        second.drain();
+        ports.after_run(1);
+    }
+
+    EXPECT_TRUE(recorder.lines().empty());
+}
+
+TEST(EventPorts, AreMetByTheRunOfTheirBlockAlone)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a");
+    FakeBlock& b = graph.add("b");
+    std::vector<EventPort*> event_ports;
+    for (FdPort* port : {a.make_eventport("1"), a.make_eventport("2"), b.make_eventport("1")}) {
+        event_ports.push_back(as_event_port(*port));
+    }
+    DescriptorPorts ports(graph.network());
+    ports.collect(0);
+    ports.collect(1);
+    for (std::uint32_t port = 0; port < event_ports.size(); ++port) {
+        event_ports[port]->fire();
+        ports.make_ready({port, true, false});
+    }
+
+    ports.before_run(0);
+    ports.reset(0);
+    ports.reset(1);
+
+    EXPECT_FALSE(is_readable(event_ports[0]->get_fd()));
+    EXPECT_FALSE(is_readable(event_ports[1]->get_fd()));
+    EXPECT_TRUE(is_readable(event_ports[2]->get_fd()));
+    EXPECT_FALSE(event_ports[1]->is_triggered());
 }
 
 TEST(PlainPorts, AreNotReportedWhenTheirBlockDrainsThem)

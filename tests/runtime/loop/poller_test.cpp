@@ -1,19 +1,28 @@
 #include "loop/poller.h"
 
+#include "support/allocations.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -71,9 +80,27 @@ struct Pipe {
     int write_end = -1;
 };
 
+bool is_readable(int fd)
+{
+    pollfd one = {fd, POLLIN, 0};
+    return ::poll(&one, 1, 0) > 0;
+}
+
+/// The descriptor of the one poller that there is. While it is readable, no wait would wait.
+int find_set()
+{
+    const std::vector<int> open = quorval_test::open_descriptors();
+    const auto is_set = [](int fd) {
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        return std::filesystem::read_symlink(link) == "anon_inode:[eventpoll]";
+    };
+    return *std::find_if(open.begin(), open.end(), is_set);
+}
+
 TEST(Poller, HasNothingReadyBeforeAnythingIsWatched)
 {
     Poller poller;
+    errno = EBADF;  // of whatever call before
 
     EXPECT_THAT(ready_in(poller), IsEmpty());
 }
@@ -98,6 +125,72 @@ TEST(Poller, WaitsUntilSomethingIsReady)
     pipe.fill();
 
     EXPECT_EQ(poller.wait(true).size(), 1U);
+}
+
+TEST(Poller, EndsItsWaitForASignal)
+{
+    Poller poller;
+    struct sigaction ignore = {};
+    struct sigaction before = {};
+    ignore.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &ignore, &before);
+    std::atomic<bool> has_ended{false};
+    const pthread_t waiting = ::pthread_self();
+    std::thread thread([&] {
+        while (!has_ended) {
+            ::pthread_kill(waiting, SIGUSR1);
+            std::this_thread::yield();
+        }
+    });
+
+    EXPECT_THAT(poller.wait(true), IsEmpty());
+
+    has_ended = true;
+    thread.join();
+    ::sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(Poller, SaysWhyItCannotWait)
+{
+    Poller poller;
+    const int other = ::eventfd(0, EFD_CLOEXEC);
+    const int set = find_set();
+    const int kept = ::fcntl(set, F_DUPFD_CLOEXEC, 0);
+
+    ::close(set);
+    quorval_test::expect_throw<std::system_error>(
+        [&] { poller.wait(false); },
+        "cannot wait for descriptors, of which a block may have closed one that is not its own: "
+        "Bad file descriptor");
+    ::dup3(other, set, O_CLOEXEC);
+    quorval_test::expect_throw<std::system_error>([&] { poller.wait(false); },
+                                                  "cannot wait for descriptors: Invalid argument");
+
+    ::dup3(kept, set, O_CLOEXEC);
+    ::close(kept);
+    ::close(other);
+}
+
+TEST(Poller, KeepsNothingInItsSetThatNobodyWaitsFor)
+{
+    Poller poller;
+    Pipe pipe;
+    Pipe other;
+    const int set = find_set();
+    auto reading = poller.add(pipe.read_end, kReadable, 1);
+    pipe.fill();
+    EXPECT_TRUE(is_readable(set));
+
+    reading->change_fd(other.read_end);
+    EXPECT_FALSE(is_readable(set));
+    reading->change_fd(pipe.read_end);
+    EXPECT_TRUE(is_readable(set));
+    reading->change_mask(kNothing);
+    EXPECT_FALSE(is_readable(set));
+    reading->change_mask(kReadable);
+    EXPECT_TRUE(is_readable(set));
+    reading.reset();
+    EXPECT_FALSE(is_readable(set));
 }
 
 TEST(Poller, ServesTwoOnOneDescriptor)
@@ -228,6 +321,45 @@ TEST(Poller, KeepsTheDescriptorWhenTheNewOneCannotBeWatched)
     EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 r"));
 }
 
+TEST(Poller, ForgetsADescriptorThatItCouldNotChangeTo)
+{
+    Poller poller;
+    Pipe pipe;
+    Pipe old;
+    const int number = old.read_end;
+    const auto reading = poller.add(pipe.read_end, kReadable, 1);
+    Pipe::close_end(old.read_end);
+    quorval_test::expect_throw<std::system_error>(
+        [&] { reading->change_fd(number); },
+        "cannot watch descriptor " + std::to_string(number) + ": Bad file descriptor");
+    Pipe fresh;
+    ASSERT_EQ(fresh.read_end, number);
+
+    const auto other = poller.add(number, kReadable, 2);
+
+    fresh.fill();
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("2 r"));
+}
+
+TEST(Poller, TakesThePlacesOfRegistrationsThatEnded)
+{
+    Poller poller;
+    std::array<Pipe, 2> pipes;
+    poller.add(pipes[0].read_end, kReadable, 1).reset();
+    const auto before = quorval_test::live_bytes();
+    for (int round = 0; round < 1000; ++round) {
+        poller.add(pipes[0].read_end, kReadable, 1).reset();
+    }
+    EXPECT_EQ(quorval_test::live_bytes(), before);
+
+    const auto first = poller.add(pipes[0].read_end, kReadable, 2);
+    const auto second = poller.add(pipes[1].read_end, kReadable, 3);
+
+    pipes[0].fill();
+    pipes[1].fill();
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("2 r", "3 r"));
+}
+
 TEST(Poller, RefusesADescriptorThatIsNotOpen)
 {
     Poller poller;
@@ -289,6 +421,38 @@ TEST(Poller, GetsRidOfAClosedDescriptorThatLivesOnInAnother)
     ::close(copy);
 }
 
+TEST(Poller, WatchesTheOthersAnewWhereItGetsRidOfAClosedDescriptor)
+{
+    const TemporaryDirectory directory;
+    const int file =
+        ::open((directory.store_path() + "file").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    for (const std::uint32_t stale : {0U, 1U, 2U}) {
+        Poller poller;
+        std::array<Pipe, 3> pipes;
+        std::vector<std::unique_ptr<FDEvent>> events;
+        std::vector<std::string> expected = {"9 r"};
+        for (std::uint32_t tag = 0; tag < pipes.size(); ++tag) {
+            events.push_back(poller.add(pipes[tag].read_end, kReadable, tag));
+            pipes[tag].fill();
+            if (tag != stale) {
+                expected.push_back(std::to_string(tag) + " r");
+            }
+        }
+        events.push_back(poller.add(file, kReadable, 9));
+        const int copy = ::dup(pipes[stale].read_end);
+        Pipe::close_end(pipes[stale].read_end);
+        events[stale].reset();
+
+        poller.wait(false);
+
+        EXPECT_THAT(ready_in(poller), testing::UnorderedElementsAreArray(expected)) << stale;
+        events.clear();
+        EXPECT_FALSE(is_readable(find_set())) << stale;
+        ::close(copy);
+    }
+    ::close(file);
+}
+
 TEST(Poller, WatchesAFileAgainThatIsBackUnderItsNumber)
 {
     Poller poller;
@@ -301,10 +465,12 @@ TEST(Poller, WatchesAFileAgainThatIsBackUnderItsNumber)
     pipe.read_end = ::dup2(copy, number);
     ::close(copy);
 
-    const auto reading = poller.add(number, kReadable, 2);
+    auto reading = poller.add(number, kReadable, 2);
 
     pipe.fill();
     EXPECT_THAT(ready_in(poller), UnorderedElementsAre("2 r"));
+    reading.reset();
+    EXPECT_FALSE(is_readable(find_set()));
 }
 
 TEST(Poller, KeepsTheMaskWhenTheNewOneCannotBeWatched)
@@ -320,6 +486,17 @@ TEST(Poller, KeepsTheMaskWhenTheNewOneCannotBeWatched)
         "cannot watch descriptor " + std::to_string(number) + ": Bad file descriptor");
 
     EXPECT_EQ(reading->get_mask(), kReadable);
+    // A socket that is ready for both gets the number.
+    std::array<int, 2> ends = {};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    ASSERT_EQ(::write(ends[1], "x", 1), 1);
+    pipe.read_end = ends[0] == number ? number : ::dup2(ends[0], number);
+    const auto other = poller.add(number, kReadable, 2);
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 r", "2 r"));
+    ::close(ends[1]);
+    if (ends[0] != number) {
+        ::close(ends[0]);
+    }
 }
 
 TEST(Poller, BearsAChangeToTheSameDescriptor)
@@ -378,6 +555,58 @@ TEST(Poller, ReportsAllThatIsReadyAtOnce)
     }
 
     EXPECT_EQ(ready_in(poller).size(), 100U);
+}
+
+/// With the number 0 for the next descriptor that is opened.
+class PollerAtZero : public testing::Test {
+protected:
+    PollerAtZero() { ::close(0); }
+    PollerAtZero(const PollerAtZero&) = delete;
+    PollerAtZero& operator=(const PollerAtZero&) = delete;
+    ~PollerAtZero() override
+    {
+        if (kept_ >= 0) {
+            ::dup2(kept_, 0);
+            ::close(kept_);
+        }
+    }
+
+private:
+    int kept_ = ::fcntl(0, F_DUPFD_CLOEXEC, 1);
+};
+
+TEST_F(PollerAtZero, MayHaveItsSetThere)
+{
+    Poller poller;
+    ASSERT_EQ(find_set(), 0);
+    Pipe pipe;
+    const auto reading = poller.add(pipe.read_end, kReadable, 1);
+
+    pipe.fill();
+
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 r"));
+}
+
+TEST_F(PollerAtZero, WatchesADescriptorThere)
+{
+    Pipe pipe;
+    ASSERT_EQ(pipe.read_end, 0);
+    Poller poller;
+    Pipe other;
+    auto reading = poller.add(pipe.read_end, kReadable, 1);
+    auto stale = poller.add(other.read_end, kReadable, 2);
+    const int copy = ::dup(other.read_end);
+    other.fill();
+    Pipe::close_end(other.read_end);
+    stale.reset();
+    poller.wait(false);  // makes a new set
+
+    pipe.fill();
+    EXPECT_THAT(ready_in(poller), UnorderedElementsAre("1 r"));
+    reading.reset();
+    EXPECT_THAT(ready_in(poller), IsEmpty());
+    EXPECT_FALSE(is_readable(find_set()));
+    ::close(copy);
 }
 
 }  // namespace
