@@ -28,6 +28,7 @@ struct CheckOptions {
 /// What was found about a graph.
 struct Findings {
     std::vector<Diagnostic> diagnostics;
+    // Of a graph without errors.
     std::size_t block_count = 0;
     std::size_t connection_count = 0;
 };
@@ -40,7 +41,7 @@ Findings look_at(const Quorval::GraphOptions& options)
         const auto graph = make_graph(options);
         return {graph->warnings(), graph->blocks().size(), graph->connections().size()};
     } catch (const Quorval::GraphError& error) {
-        return {error.diagnostics(), 0, 0};
+        return {error.diagnostics()};
     }
 }
 

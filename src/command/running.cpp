@@ -11,22 +11,13 @@
 #include <charconv>
 #include <cstdio>
 #include <memory>
-#include <system_error>
 
 namespace {
 
 int to_status(Quorval::RunResult result)
 {
-    switch (result) {
-        case Quorval::RunResult::Done:
-            return kDone;
-        case Quorval::RunResult::Failed:
-            return kFailed;
-        case Quorval::RunResult::NoSource:
-        case Quorval::RunResult::WrongObjects:
-            break;
-    }
-    return kWrongGraph;
+    using Quorval::RunResult;
+    return result == RunResult::Done ? kDone : result == RunResult::Failed ? kFailed : kWrongGraph;
 }
 
 }  // namespace
@@ -61,10 +52,10 @@ void add_threads(CommandLine& line, std::string& threads)
 
 unsigned read_threads(const std::string& text)
 {
-    unsigned threads = 0;
+    unsigned threads = 0;  // as it stays where there is no number that fits
     const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, threads);
-    if (error != std::errc() || rest != end || threads < 1 || threads > 256) {
+    const char* const rest = std::from_chars(text.data(), end, threads).ptr;
+    if (rest != end || threads < 1 || threads > 256) {
         throw UsageError("--threads has to be a number from 1 to 256, not '" + text + "'");
     }
     return threads;

@@ -71,7 +71,6 @@ void Outbox::hand_on()
         ++values_;
         sent_bytes_ += messages_.front().bytes.size();
     }
-    is_repeated_ = false;
     if (!keeps_all_) {
         latest_ = std::move(messages_.front());
     }

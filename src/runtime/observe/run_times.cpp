@@ -37,13 +37,11 @@ std::uint64_t RunTimes::percentile_99(std::uint32_t block) const
     const std::uint64_t count =
         std::accumulate(record.counters.begin(), record.counters.end(), std::uint64_t{0});
     std::uint64_t rest = count - count / kHundred;
-    for (std::size_t at = 0; at < record.counters.size(); ++at) {
-        if (record.counters[at] >= rest) {
-            return std::min(last_of(at), record.longest);
-        }
+    std::size_t at = 0;
+    for (; record.counters[at] < rest; ++at) {
         rest -= record.counters[at];
     }
-    return 0;
+    return std::min(last_of(at), record.longest);
 }
 
 std::size_t RunTimes::counter_of(std::uint64_t nanoseconds)

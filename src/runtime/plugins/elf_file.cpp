@@ -49,7 +49,7 @@ public:
             return false;
         }
         const ssize_t count = ::pread(fd_, to, size, static_cast<off_t>(offset));
-        return count >= 0 && static_cast<std::size_t>(count) == size;
+        return count == static_cast<ssize_t>(size);
     }
 
 private:

@@ -116,7 +116,6 @@ void RecordingWriter::begin_part()
 {
     ++parts_;
     part_size_ = 0;
-    insert_.reset();
     database_.execute(part_table(parts_));
     database_.execute(part_beginning(parts_));
     insert_.emplace(database_,

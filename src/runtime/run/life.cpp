@@ -100,7 +100,6 @@ public:
     {
         if (life_ != nullptr) {
             last_time_ = now();
-            life_->timers_.cancel(block_);
         }
         is_closed_ = true;
         life_ = nullptr;
@@ -390,7 +389,6 @@ void Life::stop()
 void Life::stop_block(std::uint32_t block)
 {
     const Node& node = network_.nodes[block];
-    is_started_[block] = false;
     try {
         const ContextScope scope(node.path.c_str(), "stop");
         node.block->stop();

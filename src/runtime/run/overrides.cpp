@@ -116,7 +116,10 @@ void Overrides::save(const std::string& directory) const
     for (const auto& [block, config] : changed_) {
         const std::string& path = graph_.network.nodes[block].path;
         for (const std::string& key : keys_of(config)) {
-            values[{path, key}] = {path, {key, get_value(config, key), false, {}, {}, {}, true}};
+            Assignment& one = values[{path, key}];
+            one.path = path;
+            one.setting.key = key;
+            one.setting.value = get_value(config, key);
         }
     }
     std::vector<Assignment> list;
