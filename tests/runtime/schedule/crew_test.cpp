@@ -558,11 +558,13 @@ TEST(CrewDeathTest, LeavesABlockAsMuchStackOnAnyThread)
     EXPECT_EXIT(do_in_a_block(take_and_exit), testing::ExitedWithCode(7), "^$");
 }
 
-// A clock by which each run takes as long as the test wants.
+// A clock by which each run takes as long as the test wants, and how often it was read.
 std::chrono::nanoseconds present{0};
+int readings = 0;
 
 std::chrono::nanoseconds read_clock()
 {
+    ++readings;
     return present;
 }
 
@@ -584,9 +586,134 @@ TEST(Crew, GivesNoThreadToBlocksThatDoNextToNothing)
     const Crew crew(*row.wave, row.graph.network(), row.ties, {kThreads, Crew::Time(1000), false},
                     read_clock);
 
+    readings = 0;
     for (int wave = 0; wave < 300; ++wave) {
         ASSERT_TRUE(row.run());
     }
+
+    // Around the first four runs of each block, and the 64th, 128th, 192nd and 256th behind them.
+    EXPECT_EQ(readings, 3 * 8 * 2);
+}
+
+/// A row that runs side by side only where that is faster.
+class ChoosingRow : public Row {
+public:
+    /// @param least  from which time on a block is worth a thread
+    ChoosingRow(std::size_t count, int least) : Row(count), least_(least) {}
+
+    void prepare()
+    {
+        graph.arrange();
+        wave = std::make_unique<Wave>(graph.network(), watcher, watcher);
+        ties.resize(blocks.size(), Tie::Thread);
+        crew =
+            std::make_unique<Crew>(*wave, graph.network(), ties,
+                                   Crew::Setting{kThreads, Crew::Time(least_), false}, read_clock);
+    }
+
+private:
+    int least_;
+};
+
+/// The ways of so many waves: "." in order, "s" side by side. Both blocks of the row run, each in
+/// the time of the way.
+std::string ways_of(int waves, int in_order, int side_by_side)
+{
+    ChoosingRow row(2, 1000);
+    char way = '?';
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&, in_order, side_by_side] {
+            way = present_deeds() == nullptr ? '.' : 's';
+            present += Crew::Time(way == '.' ? in_order : side_by_side);
+            return true;
+        };
+    }
+    row.prepare();
+    std::string ways;
+    for (int wave = 1; wave <= waves; ++wave) {
+        EXPECT_TRUE(row.run());
+        EXPECT_EQ(row.blocks[0]->runs, wave);
+        EXPECT_EQ(row.blocks[1]->runs, wave);
+        ways += way;
+        present += Crew::Time(1'000'000);  // between waves
+    }
+    return ways;
+}
+
+TEST(Crew, RunsBlocksSideBySideWhereThatIsFaster)
+{
+    // In the first wave nothing is known. Then four waves are measured, and four of the other way.
+    EXPECT_EQ(ways_of(25, 5000, 4000), ".....ssssssss....ssssssss");
+    EXPECT_EQ(ways_of(25, 5000, 6000), ".....ssss........ssss....");
+    EXPECT_EQ(ways_of(25, 999, 1), ".........................");
+    EXPECT_EQ(ways_of(25, 1000, 999), ".....ssssssss....ssssssss");
+}
+
+TEST(Crew, LearnsNothingFromWavesInWhichNothingThatIsWorthAThreadRuns)
+{
+    ChoosingRow row(2, 1000);
+    std::string ways;
+    row.blocks[0]->on_run = [&] {
+        ways += present_deeds() == nullptr ? '.' : 's';
+        present += Crew::Time(5000);
+        return true;
+    };
+    row.prepare();
+    for (int wave = 0; wave < 10; ++wave) {
+        ASSERT_TRUE(row.run());
+        row.wave->visit(0);
+        row.wave->ask(1);
+        ASSERT_TRUE(row.wave->run());
+        ASSERT_TRUE(row.wave->reset());
+    }
+
+    EXPECT_EQ(ways, ".....ssss.");
+}
+
+/// Whether a block that takes these times in its first runs is worth a thread in the one behind.
+bool is_worth_a_thread(const std::vector<int>& times, int least)
+{
+    ChoosingRow row(1, least);
+    row.blocks[0]->on_run = [&] {
+        const auto run = static_cast<std::size_t>(row.blocks[0]->runs) - 1;
+        present += Crew::Time(run < times.size() ? times[run] : 0);
+        return true;
+    };
+    row.prepare();
+    for (std::size_t wave = 0; wave < times.size(); ++wave) {
+        EXPECT_TRUE(row.run());
+    }
+    row.wave->visit(0);  // it will not be due
+    readings = 0;
+    EXPECT_TRUE(row.wave->run());
+    EXPECT_TRUE(row.wave->reset());
+    return readings >= 2;  // of the wave; it may be sampled too
+}
+
+TEST(Crew, CountsLittleThatABlockTookLongOnce)
+{
+    EXPECT_TRUE(is_worth_a_thread({1000}, 1000));
+    EXPECT_FALSE(is_worth_a_thread({999}, 1000));
+    EXPECT_TRUE(is_worth_a_thread({800, 1600}, 1000));
+    EXPECT_FALSE(is_worth_a_thread({800, 1599}, 1000));
+    EXPECT_TRUE(is_worth_a_thread({800, 100'000}, 1400));
+    EXPECT_FALSE(is_worth_a_thread({800, 100'000}, 1401));
+    EXPECT_TRUE(is_worth_a_thread({1000, 1000, 0, 1000}, 750));
+    EXPECT_FALSE(is_worth_a_thread({0, 0}, 2));
+    EXPECT_TRUE(is_worth_a_thread({0, 0}, 1));
+}
+
+TEST(Crew, GoesOnBehindABlockThatIsDone)
+{
+    ChoosingRow row(2, 1000);
+    row.blocks[0]->on_run = [] { return false; };
+    row.prepare();
+
+    EXPECT_TRUE(row.run());
+    EXPECT_TRUE(row.run());
+
+    EXPECT_EQ(row.blocks[0]->runs, 1);
+    EXPECT_EQ(row.blocks[1]->runs, 2);
 }
 
 // A clock for several threads, by which a run takes as long as the block says.
@@ -678,6 +805,217 @@ TEST(Crew, RunsAnExpensiveBlockBesideExpensiveOnesThatAreTied)
     EXPECT_TRUE(row.run());
 
     EXPECT_EQ(arrived, 4);
+}
+
+TEST(Crew, RunsWhatIsNotWorthAThreadBehindWhatIsTied)
+{
+    // Neither is given away where one of them takes too little.
+    for (const std::vector<int>& times : {std::vector<int>{999, 1000}, {1000, 999}}) {
+        TimedRow row(times);
+        row.ties = {Tie::Thread, Tie::None};
+        std::atomic<bool> has_come{false};
+        row.on_run = [&has_come](std::size_t at) {
+            has_come = at == 1;
+            for (int turn = 0; at == 0 && turn < 1000; ++turn) {
+                std::this_thread::yield();
+                EXPECT_FALSE(has_come);
+            }
+        };
+        row.prepare();
+
+        for (int wave = 0; wave < 10; ++wave) {
+            EXPECT_TRUE(row.run());
+        }
+    }
+}
+
+TEST(Crew, TellsAProbeWhenAndOnWhichThreadABlockRan)
+{
+    struct Probe final : public IRunProbe {
+        void wave_begins() override {}
+        void wave_ends() override {}
+        void run_begins(std::uint32_t /*block*/) override {}
+        void run_ends(std::uint32_t /*block*/, bool /*has_failed*/) override {}
+        void ran(const TimedRun& run) override { runs.push_back(run); }
+        std::vector<TimedRun> runs;
+    } probe;
+    shared_present = 1;
+    TimedRow row({10});
+    row.on_run = [&row](std::size_t) {
+        if (row.blocks[0]->runs == 7) {
+            throw std::runtime_error("no");
+        }
+    };
+    row.prepare();
+    row.wave->set_probe(&probe);
+    for (int wave = 0; wave < 6; ++wave) {
+        ASSERT_TRUE(row.run());
+    }
+    ASSERT_FALSE(row.run());
+
+    ASSERT_EQ(probe.runs.size(), 7U);
+    for (int run = 0; run < 7; ++run) {
+        const TimedRun& seen = probe.runs[static_cast<std::size_t>(run)];
+        EXPECT_EQ(seen.block, 0U);
+        EXPECT_EQ(seen.thread, 0U);
+        EXPECT_EQ(seen.begin, Crew::Time(1 + 10 * run));
+        EXPECT_EQ(seen.end, Crew::Time(11 + 10 * run));
+        EXPECT_EQ(seen.has_failed, run == 6);
+    }
+}
+
+TEST(Crew, TellsAProbeTheThreadsOfBlocksThatRanAtTheSameTime)
+{
+    struct Probe final : public IRunProbe {
+        void wave_begins() override {}
+        void wave_ends() override {}
+        void run_begins(std::uint32_t /*block*/) override {}
+        void run_ends(std::uint32_t /*block*/, bool /*has_failed*/) override {}
+        void ran(const TimedRun& run) override { threads.insert(run.thread); }
+        std::set<std::uint32_t> threads;
+    } probe;
+    Row row(kThreads);
+    std::atomic<unsigned> arrived{0};
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&arrived] {
+            for (++arrived; Workers::are_there() && arrived < kThreads;) {
+                std::this_thread::yield();
+            }
+            return true;
+        };
+    }
+    row.prepare();
+    row.wave->set_probe(&probe);
+
+    EXPECT_TRUE(row.run());
+
+    EXPECT_EQ(probe.threads, Workers::are_there() ? std::set<std::uint32_t>({0, 1, 2, 3})
+                                                  : std::set<std::uint32_t>({0}));
+}
+
+TEST(Crew, ReadsTheClockForFewRunsWithoutAProbe)
+{
+    Row row(1);
+    row.graph.arrange();
+    row.wave = std::make_unique<Wave>(row.graph.network(), row.watcher, row.watcher);
+    const Crew crew(*row.wave, row.graph.network(), {Tie::Thread}, always(), read_clock);
+    readings = 0;
+
+    for (int wave = 0; wave < 65; ++wave) {
+        ASSERT_TRUE(row.run());
+    }
+
+    EXPECT_EQ(readings, 5 * 2);
+}
+
+TEST(Crew, HasTheLoopUsedByOneBlockAtATime)
+{
+    // A tied block has the loop from the beginning of its run.
+    for (const Tie tie : {Tie::None, Tie::Thread}) {
+        Row row(2);
+        std::atomic<bool> has_taken{false};
+        std::atomic<bool> has_come{false};
+        std::atomic<bool> has_ended{false};
+        row.blocks[0]->on_run = [&, tie] {
+            if (tie == Tie::None) {
+                row.crew->take_loop(0);
+            }
+            has_taken = true;
+            while (Workers::are_there() && !has_come) {
+                std::this_thread::yield();
+            }
+            for (int turn = 0; turn < 1000; ++turn) {
+                std::this_thread::yield();
+            }
+            row.crew->take_loop(0);  // once more changes nothing
+            has_ended = true;
+            return true;
+        };
+        row.blocks[1]->on_run = [&] {
+            while (!has_taken) {
+                std::this_thread::yield();
+            }
+            has_come = true;
+            row.crew->take_loop(1);
+            EXPECT_TRUE(has_ended);
+            return true;
+        };
+        row.ties = {tie, Tie::None};
+        row.prepare();
+
+        EXPECT_TRUE(row.run());
+
+        EXPECT_THAT(row.watcher.lines, IsEmpty());
+        EXPECT_EQ(row.blocks[1]->runs, 1);
+    }
+}
+
+TEST(Crew, LetsABlockInItsTurnUseTheLoopAnyway)
+{
+    ChoosingRow row(1, 1000);
+    row.blocks[0]->on_run = [&row] {
+        row.crew->take_loop(0);
+        return true;
+    };
+    row.prepare();
+
+    EXPECT_TRUE(row.run());
+    EXPECT_THAT(row.watcher.lines, IsEmpty());
+}
+
+TEST(Crew, LeavesNothingToBeSeenOfABlockBehindTheEndOfTheWave)
+{
+    for (const Tie tie : {Tie::None, Tie::Place}) {
+        const bool runs_ahead = tie == Tie::None && Workers::are_there();
+        Row row(2);
+        OutPort<int>& out = row.blocks[1]->output("out");
+        std::atomic<bool> has_run{false};
+        row.blocks[0]->on_run = [&, runs_ahead]() -> bool {
+            while (runs_ahead && !has_run) {
+                std::this_thread::yield();
+            }
+            throw std::runtime_error("no");
+        };
+        row.blocks[1]->on_run = [&] {
+            out.write(1);
+            has_run = true;
+            return true;
+        };
+        row.ties = {Tie::None, tie};
+        row.prepare();
+
+        EXPECT_FALSE(row.run());
+        EXPECT_EQ(row.blocks[1]->runs, runs_ahead ? 1 : 0);
+        EXPECT_FALSE(out.is_triggered());
+        row.wave->visit(1);  // it is not due any more
+        EXPECT_TRUE(row.wave->run());
+        EXPECT_TRUE(row.wave->reset());
+
+        EXPECT_EQ(row.blocks[1]->runs, runs_ahead ? 1 : 0);
+        EXPECT_THAT(row.watcher.lines, ElementsAre("failed no 0"));
+    }
+}
+
+TEST(Crew, TakesOtherTies)
+{
+    Row row(2);
+    const std::thread::id mine = std::this_thread::get_id();
+    std::string order;
+    for (FakeBlock* block : row.blocks) {
+        block->on_run = [&, block] {
+            EXPECT_EQ(std::this_thread::get_id(), mine);
+            order += block->get_name();
+            return true;
+        };
+    }
+    row.prepare();
+
+    row.crew->plan(row.graph.network(), {Tie::Thread, Tie::Thread});
+    for (int wave = 0; wave < 50; ++wave) {
+        order.clear();
+        ASSERT_TRUE(row.run());
+        ASSERT_EQ(order, "ab");
+    }
 }
 
 /// An input that cannot be looked at any more.

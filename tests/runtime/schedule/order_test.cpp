@@ -8,6 +8,7 @@
 #include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 using namespace Quorval;
@@ -193,6 +194,29 @@ TEST(OrderCycles, StayInProportionToALargeTangle)
     EXPECT_LT(shown, 10 * network.wires.size());
 }
 
+TEST(OrderCycles, ShowFourTimesAsManyBlocksAsThereAreConnections)
+{
+    struct Case {
+        std::uint32_t blocks;   // of a ring
+        std::uint32_t closing;  // so many connections close it
+        std::size_t cycles;
+    };
+    for (const auto& [blocks, closing, cycles] : {Case{8, 14, 11 + 1}, Case{9, 11, 8 + 1}}) {
+        Network network;
+        for (std::uint32_t block = 0; block < blocks; ++block) {
+            network.nodes.push_back({std::to_string(block)});
+        }
+        for (std::uint32_t block = 1; block < blocks; ++block) {
+            network.wires.push_back({block - 1, block, nullptr, nullptr, false});
+        }
+        for (std::uint32_t wire = 0; wire < closing; ++wire) {
+            network.wires.push_back({blocks - 1, 0, nullptr, nullptr, false});
+        }
+
+        EXPECT_EQ(find_order(network).cycles.size(), cycles) << blocks;
+    }
+}
+
 /// What a plain search over the connections, one after the other, finds.
 std::vector<std::uint32_t> closing_wires(const Network& network)
 {
@@ -291,6 +315,33 @@ TEST(Arrange, BringsNodesIntoTheirOrderAndWiresIntoThatOfReadersAndInputs)
     EXPECT_THAT(wires,
                 ElementsAre(std::make_tuple(0U, 1U, &other), std::make_tuple(0U, 2U, &first),
                             std::make_tuple(0U, 2U, &second), std::make_tuple(1U, 2U, &other)));
+}
+
+TEST(Arrange, FollowsTheBlocksThatOtherMachinesAreConnectedTo)
+{
+    OutPortInternal output("out", Datatype("x"));
+    std::vector<std::unique_ptr<InPortInternal>> inputs;
+    Network network;
+    network.nodes = {{"z"}, {"a"}};
+    for (const std::uint32_t reader : {0U, 1U, 0U, 1U, 0U, 1U}) {
+        inputs.push_back(std::make_unique<InPortInternal>("in", Datatype("x"), true));
+        network.entry_wires.push_back({0, reader, inputs.back().get(), false});
+    }
+    network.exits = {{0, "out", &output, false}, {1, "out", &output, false}};
+
+    arrange(network, find_order(network));
+
+    std::vector<std::pair<std::uint32_t, const InPortInternal*>> wires;
+    for (const EntryWire& wire : network.entry_wires) {
+        wires.emplace_back(wire.to, wire.input);
+    }
+    EXPECT_THAT(
+        wires,
+        ElementsAre(std::make_pair(0U, inputs[1].get()), std::make_pair(0U, inputs[3].get()),
+                    std::make_pair(0U, inputs[5].get()), std::make_pair(1U, inputs[0].get()),
+                    std::make_pair(1U, inputs[2].get()), std::make_pair(1U, inputs[4].get())));
+    EXPECT_EQ(network.exits[0].from, 1U);
+    EXPECT_EQ(network.exits[1].from, 0U);
 }
 
 }  // namespace

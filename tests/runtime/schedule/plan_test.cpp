@@ -108,6 +108,22 @@ TEST(Plan, KeepsTiedBlocksInTheirOrder)
     EXPECT_EQ(text({Tie::Place, Tie::Thread, kNo, kNo, kNo, kNo}), "a*, b*, x, y | c d");
 }
 
+TEST(Plan, PutsABlockThatKeepsItsPlaceRightBehindThoseBeforeIt)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a");
+    graph.add("b");
+    FakeBlock& c = graph.add("c");
+    FakeBlock& d = graph.add("d");
+    connect(graph, a, c);
+    connect(graph, a, d);
+    graph.arrange();
+
+    EXPECT_EQ(to_string({graph.network(), {Tie::None, Tie::Place, Tie::None, Tie::None}},
+                        graph.network()),
+              "a | b*, c, d");
+}
+
 TEST(Plan, CutsLongChains)
 {
     FakeGraph graph;

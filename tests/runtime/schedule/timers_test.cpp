@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <map>
+#include <numeric>
 #include <random>
+#include <vector>
 
 using Quorval::runtime::Timers;
 using namespace std::chrono_literals;
@@ -22,6 +26,24 @@ TEST(Timers, GiveTheEarliestFirst)
     EXPECT_EQ(timers.take_earliest(), 2U);
     EXPECT_EQ(timers.take_earliest(), 0U);
     EXPECT_TRUE(timers.is_empty());
+}
+
+TEST(Timers, GiveAllInTheirOrder)
+{
+    std::mt19937 random(1);
+    for (std::uint32_t count = 1; count <= 40; ++count) {
+        std::vector<int> times(count);
+        std::iota(times.begin(), times.end(), 0);
+        std::shuffle(times.begin(), times.end(), random);
+        Timers timers(count);
+        for (std::uint32_t block = 0; block < count; ++block) {
+            timers.set(block, Timers::Time(times[block]));
+        }
+
+        for (std::uint32_t next = 0; next < count; ++next) {
+            ASSERT_EQ(times[timers.take_earliest()], static_cast<int>(next)) << "of " << count;
+        }
+    }
 }
 
 TEST(Timers, HoldOneTimeForEachBlock)

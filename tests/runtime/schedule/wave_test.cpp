@@ -225,6 +225,102 @@ TEST(Wave, TakesOverWhatWasTriggeredOutsideOfAWave)
     EXPECT_TRUE(wave.is_idle());
 }
 
+TEST(Wave, IsNotIdleWhileThereIsSomethingToVisitOrToReset)
+{
+    Pair pair;
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    EXPECT_EQ(wave.waves(), 0U);
+
+    wave.ask(0);
+    EXPECT_FALSE(wave.is_idle());
+    wave.run();
+    EXPECT_FALSE(wave.is_idle());
+    wave.reset();
+
+    EXPECT_TRUE(wave.is_idle());
+    EXPECT_EQ(wave.waves(), 1U);
+}
+
+TEST(Wave, DoesNotRunABlockThatItVisitsOnceMoreForTheSameRequest)
+{
+    Pair pair;
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    wave.ask(0);
+    run_wave(wave);
+
+    wave.visit(0);
+    run_wave(wave);
+
+    EXPECT_EQ(pair.a.runs, 1);
+}
+
+/// Lists with which force it was reset.
+class ResetOutput : public OutPort<int> {
+public:
+    ResetOutput(const std::string& name, std::vector<std::string>& lines)
+        : OutPort(name, Datatype("int")), lines_(lines)
+    {
+    }
+    void reset(bool force) override
+    {
+        lines_.push_back(get_name() + (force ? " by force" : ""));
+        OutPort::reset(force);
+    }
+
+private:
+    std::vector<std::string>& lines_;
+};
+
+TEST(Wave, ShowsAndResetsOutputsInTheOrderOfTheirNamesAndEachOnce)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a");
+    std::vector<std::string> resets;
+    std::vector<OutPort<int>*> outputs;
+    for (const char* name : {"5", "3", "1", "4", "2", "6"}) {
+        auto output = std::make_unique<ResetOutput>(name, resets);
+        outputs.push_back(output.get());
+        a.add_outport(std::move(output));
+    }
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    for (OutPort<int>* output : outputs) {
+        output->write(1);
+    }
+    outputs[0]->Port::reset(true);
+    wave.look_at_outputs(0);
+    wave.look_at_outputs(0);
+    outputs[1]->Port::reset(true);
+
+    wave.run();
+    std::vector<std::string> shown;
+    wave.for_triggered(
+        [&shown](const OutPortInternal& output) { shown.push_back(output.get_name()); });
+    wave.reset();
+
+    EXPECT_THAT(shown, ElementsAre("1", "2", "4", "6"));
+    EXPECT_THAT(resets, ElementsAre("1", "2", "3", "4", "6"));
+    EXPECT_TRUE(wave.is_idle());
+}
+
+TEST(WaveFailure, ResetsOutputsByForce)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a", kSkips);
+    std::vector<std::string> resets;
+    a.add_outport(std::make_unique<ResetOutput>("out", resets));
+    a.on_run = []() -> bool { throw std::runtime_error("no"); };
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    wave.ask(0);
+
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_THAT(resets, ElementsAre("out by force"));
+}
+
 TEST(Wave, ResetsAnOutputThatNobodyReads)
 {
     FakeGraph graph;
@@ -302,6 +398,40 @@ TEST(Wave, AsksAnInputThatNothingFeedsToo)
     run_wave(wave);
 
     EXPECT_EQ(block.runs, 1);
+}
+
+TEST(Wave, AsksEachInputThatNothingFeeds)
+{
+    FakeGraph graph;
+    FakeBlock& block = graph.add("a");
+    block.input("first", kKept);
+    InPort<int>& second = block.input("second", kKept);
+    OutPort<int> out("out", Datatype("int"));
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    out.trigger();
+    second.update(out);
+
+    wave.visit(0);
+    run_wave(wave);
+
+    EXPECT_EQ(block.runs, 1);
+}
+
+TEST(WaveDelayed, RunsABlockForATriggerThatAnInputKept)
+{
+    Pair pair(kKept, kDelayed);
+    OutPort<int> out("out", Datatype("int"));
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    out.trigger();
+    pair.in.update(out);
+
+    wave.visit(pair.graph.number_of(pair.b));
+    run_wave(wave);
+
+    EXPECT_EQ(pair.b.runs, 1);
+    EXPECT_EQ(pair.a.runs, 0);
 }
 
 TEST(WaveDelayed, GivesTheValueOfTheWaveBefore)
@@ -441,6 +571,55 @@ TEST(WaveFailure, EndsTheWave)
     EXPECT_TRUE(wave.is_idle());
 }
 
+TEST(WaveFailure, DropsTheRequestsOfTheBlocksBehind)
+{
+    Pair pair;
+    pair.a.on_run = []() -> bool { throw std::runtime_error("no disk"); };
+    Recorder recorder;
+    Wave wave(pair.graph.arrange(), recorder, recorder);
+    wave.ask(0);
+    wave.ask(1);
+    EXPECT_FALSE(run_wave(wave));
+
+    wave.visit(1);
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_EQ(pair.b.runs, 0);
+}
+
+/// An input that cannot be looked at while it fails.
+class FailingInput : public InPort<int> {
+public:
+    explicit FailingInput(const bool& fails) : InPort("failing", Datatype("int")), fails_(fails) {}
+    bool is_triggered() const override
+    {
+        return fails_ ? throw std::runtime_error("no input") : false;
+    }
+
+private:
+    const bool& fails_;
+};
+
+TEST(WaveFailure, OfAnInputDropsTheRequestOfItsBlock)
+{
+    bool fails = true;
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a", kSkips);
+    a.add_inport(std::make_unique<FailingInput>(fails));
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    wave.ask(0);
+    EXPECT_TRUE(run_wave(wave));
+    EXPECT_THAT(recorder.lines, ElementsAre("failed 0: no input"));
+
+    fails = false;
+    wave.visit(0);
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_EQ(a.runs, 0);
+    EXPECT_EQ(wave.runs(0), 0U);
+}
+
 TEST(WaveFailure, ThatIsNoStandardExceptionIsUnknown)
 {
     Pair pair;
@@ -574,6 +753,40 @@ TEST(WaveContext, NamesTheBlockThatRuns)
 
     EXPECT_THAT(contexts, ElementsAre("a run", "b run"));
     EXPECT_EQ(context().path, nullptr);
+}
+
+/// An input that notes for whom it is reset.
+class NotingInput : public InPort<int> {
+public:
+    explicit NotingInput(std::vector<std::string>& notes)
+        : InPort("in", Datatype("int")), notes_(notes)
+    {
+    }
+    void reset(bool force) override
+    {
+        notes_.push_back(std::string(context().path) + " " + context().operation);
+        InPort::reset(force);
+    }
+
+private:
+    std::vector<std::string>& notes_;
+};
+
+TEST(WaveContext, NamesTheBlockWhosePortsAreReset)
+{
+    FakeGraph graph;
+    std::vector<std::string> notes;
+    for (const char* name : {"a", "b"}) {
+        graph.add(name).add_inport(std::make_unique<NotingInput>(notes));
+    }
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    wave.ask(0);
+    wave.ask(1);
+
+    run_wave(wave);
+
+    EXPECT_THAT(notes, ElementsAre("a run", "b run"));
 }
 
 TEST(WaveProbe, SeesTheWaveAndEachRun)
@@ -939,6 +1152,26 @@ TEST(Wave, TakesOverWhatComesFromElsewhere)
     EXPECT_TRUE(wave.is_idle());
 }
 
+TEST(Wave, TakesOverAllThatComesFromElsewhere)
+{
+    FakeGraph graph;
+    FakeBlock& block = graph.add("a");
+    block.input("x");
+    InPort<int>& second = block.input("y");
+    graph.connect_remote(block, "x");
+    RemoteOutput& far = graph.connect_remote(block, "y");
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    int value = 7;
+
+    far.publish(&value);
+    wave.note_entry(1);
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_EQ(block.runs, 1);
+    EXPECT_EQ(second.value(), 7);
+}
+
 TEST(Wave, IsNotTriggeredByWhatComesFromElsewhereWithADelay)
 {
     FakeGraph graph;
@@ -986,6 +1219,54 @@ TEST(Wave, TellsWatchersOfValues)
 
     EXPECT_THAT(first.tags, ElementsAre(3));
     EXPECT_THAT(second.tags, ElementsAre(4));
+}
+
+TEST(Wave, TellsTheWatchersOfEachOutputInTheOrderInWhichTheyCame)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a");
+    FakeBlock& b = graph.add("b");
+    std::vector<OutPort<int>*> outputs;
+    for (FakeBlock* block : {&a, &b}) {
+        for (const char* name : {"1", "2", "3"}) {
+            outputs.push_back(&block->output(name));
+        }
+    }
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    Watcher watcher;
+    for (const std::uint32_t tag : {50U, 0U, 30U, 1U, 10U, 51U, 31U, 11U, 2U}) {
+        const std::uint32_t output = tag / 10;
+        wave.watch(output / 3, *outputs[output], watcher, tag);
+    }
+    for (OutPort<int>* output : outputs) {
+        output->write(1);
+    }
+    wave.look_at_outputs(0);
+    wave.look_at_outputs(1);
+
+    run_wave(wave);
+
+    EXPECT_THAT(watcher.tags, ElementsAre(0, 1, 2, 10, 11, 30, 31, 50, 51));
+}
+
+TEST(Wave, TellsWatchersNothingOfAnOutputThatIsNotTriggeredAnyMore)
+{
+    FakeGraph graph;
+    FakeBlock& a = graph.add("a", kSkips);
+    OutPort<int>& out = a.output("out");
+    a.on_run = []() -> bool { throw std::runtime_error("no"); };
+    Recorder recorder;
+    Wave wave(graph.arrange(), recorder, recorder);
+    Watcher watcher;
+    wave.watch(0, out, watcher, 3);
+    out.write(1);
+    wave.look_at_outputs(0);
+    wave.ask(0);
+
+    EXPECT_TRUE(run_wave(wave));
+
+    EXPECT_THAT(watcher.tags, IsEmpty());
 }
 
 TEST(Wave, TellsWatchersNothingOfBlocksThatFail)

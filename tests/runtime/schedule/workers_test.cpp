@@ -4,11 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 using Quorval::runtime::Workers;
 using quorval_test::expect_throw;
@@ -65,6 +69,53 @@ TEST_F(WorkersTest, HandOverWhatWorkThrowsAndWorkOn)
     done_ = 0;
     run(kCount, [] {});
     EXPECT_EQ(done_, kCount);
+}
+
+TEST(Workers, LeaveOutWhatWasNotBegunWhenTheCallerThrows)
+{
+    Workers alone(1);
+    int done = 0;
+
+    if (Workers::are_there()) {
+        expect_throw<std::logic_error>(
+            [&] {
+                alone.run(
+                    kCount, [&done](std::size_t) { ++done; },
+                    [] { throw std::logic_error("own work"); });
+            },
+            "own work");
+    }
+
+    EXPECT_EQ(done, 0);
+}
+
+TEST(Workers, WorkOnAsManyThreadsAsTheyWereMadeWith)
+{
+    EXPECT_EQ(Workers::present(), 0U);
+    if (!Workers::are_there()) {
+        return;
+    }
+    // More than there are processors, too.
+    for (const unsigned threads : {2U, Workers::processors() + 2}) {
+        Workers workers(threads);
+        std::atomic<unsigned> arrived{0};
+        std::vector<std::uint32_t> numbers(threads);
+        const auto meet = [&](std::size_t at) {
+            numbers[at] = Workers::present();
+            for (++arrived; arrived < threads;) {
+                std::this_thread::yield();
+            }
+        };
+
+        workers.run(
+            threads - 1, [&](std::size_t at) { meet(at + 1); }, [&] { meet(0); });
+
+        EXPECT_EQ(numbers[0], 0U);
+        std::sort(numbers.begin(), numbers.end());
+        for (std::uint32_t thread = 0; thread < threads; ++thread) {
+            EXPECT_EQ(numbers[thread], thread);
+        }
+    }
 }
 
 TEST(Workers, CountTheThreadsThatThereMayBe)
