@@ -8,6 +8,9 @@ using Quorval::runtime::RunTimes;
 
 namespace {
 
+// Times from here on are counted together: two minutes.
+constexpr std::uint64_t kNoEnd = std::uint64_t{7} << 34;
+
 TEST(RunTimes, BeginWithNothing)
 {
     const RunTimes times(1);
@@ -44,9 +47,24 @@ TEST(RunTimes, ThePercentileLeavesOneOfAHundredOut)
     EXPECT_EQ(times.percentile_99(0), 1000000U);
 }
 
+TEST(RunTimes, ThePercentileLooksAtRunsOfAllLengths)
+{
+    RunTimes times(1);
+    for (int i = 0; i < 40; ++i) {
+        times.add(0, 1);
+        times.add(0, 2);
+    }
+    for (int i = 0; i < 20; ++i) {
+        times.add(0, 3);
+    }
+    times.add(0, 1000);
+
+    EXPECT_EQ(times.percentile_99(0), 3U);
+}
+
 TEST(RunTimes, ThePercentileIsAQuarterTooLongAtMost)
 {
-    for (std::uint64_t time = 0; time < (std::uint64_t{1} << 36); time += 1 + time / 7) {
+    for (std::uint64_t time = 0; time < kNoEnd; time += 1 + time / 7) {
         RunTimes times(1);
         for (int i = 0; i < 99; ++i) {
             times.add(0, time);
@@ -56,6 +74,17 @@ TEST(RunTimes, ThePercentileIsAQuarterTooLongAtMost)
         EXPECT_GE(times.percentile_99(0), time);
         EXPECT_LE(times.percentile_99(0), time + time / 4) << time;
     }
+}
+
+TEST(RunTimes, ThePercentileIsTheLongestWhereTimesAreCountedTogether)
+{
+    RunTimes times(1);
+    for (int i = 0; i < 99; ++i) {
+        times.add(0, kNoEnd);
+    }
+    times.add(0, 2 * kNoEnd);
+
+    EXPECT_EQ(times.percentile_99(0), 2 * kNoEnd);
 }
 
 TEST(RunTimes, BearTimesThatAreLongerThanAnyCounter)

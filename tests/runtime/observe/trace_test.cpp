@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -41,7 +42,7 @@ TEST_F(TraceTest, IsAnArrayOfRunsAndWaves)
     Trace trace(path(), "loud", graph.network());
     trace.add_run(0, 1001002003ns, 1001002008ns, false);
     trace.add_run(1, 1001002008ns, 1001102118ns, true);
-    trace.add_wave(1001002000ns, 2);
+    trace.add_wave(1001002300ns, 2);
     trace.finish();
 
     EXPECT_EQ(read_file(path()),
@@ -57,7 +58,7 @@ TEST_F(TraceTest, IsAnArrayOfRunsAndWaves)
                   "\"dur\":100.110" +
                   process +
                   ",\"args\":{\"failed\":true}},\n"
-                  "{\"name\":\"wave\",\"ph\":\"C\",\"ts\":1001002.000" +
+                  "{\"name\":\"wave\",\"ph\":\"C\",\"ts\":1001002.300" +
                   process +
                   ",\"args\":{\"runs\":2}}\n"
                   "]\n");
@@ -87,7 +88,33 @@ TEST_F(TraceTest, WritesPieceByPieceAndAllocatesNothing)
 
     EXPECT_EQ(count, 0U);
     EXPECT_GT(read_file(path()).size(), 500000U);
-    EXPECT_EQ(read_file(path()).rfind("[\n{", 0), 0U);
+    trace.finish();
+    std::string runs;
+    for (int run = 0; run < 10000; ++run) {
+        runs += ",\n{\"name\":\"left/a\",\"ph\":\"X\",\"ts\":0.001,\"dur\":0.001" + process + "}";
+    }
+    EXPECT_EQ(read_file(path()), "[\n{\"name\":\"process_name\",\"ph\":\"M\"" + process +
+                                     ",\"args\":{\"name\":\"loud\"}}" + runs + "\n]\n");
+}
+
+TEST_F(TraceTest, IsForAllWhomTheUmaskDoesNotExclude)
+{
+    const mode_t before = ::umask(022);
+    Trace(path(), "loud", graph.network()).finish();
+    ::umask(before);
+
+    struct stat status = {};
+    ASSERT_EQ(::stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0644U);
+}
+
+TEST_F(TraceTest, TakesTextsThatAreLongerThanItsPieces)
+{
+    const std::string name(200'000, 'n');
+    Trace(path(), name, graph.network()).finish();
+
+    EXPECT_EQ(read_file(path()), "[\n{\"name\":\"process_name\",\"ph\":\"M\"" + process +
+                                     ",\"args\":{\"name\":\"" + name + "\"}}\n]\n");
 }
 
 TEST_F(TraceTest, EmptiesAFileThatExists)
