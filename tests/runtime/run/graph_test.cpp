@@ -1,5 +1,6 @@
 #include <quorval/runtime/graph.h>
 #include <quorval/runtime/messages.h>
+#include <quorval/runtime/recording.h>
 #include "runtime/support/graph_files.h"
 #include "schedule/workers.h"
 #include "support/support.h"
@@ -203,6 +204,45 @@ TEST_F(GraphTest, RunsOnPastABlockThatSkipsItsFailures)
     EXPECT_THAT(recorder.texts(),
                 ElementsAre("start tell", "run tell 1", "block 'tell' failed in run: trouble",
                             "run tell 2", "stop tell", "block 'tell' failed in run 1 more times"));
+}
+
+TEST_F(GraphTest, RecordsAndReplays)
+{
+    const std::string ticking =
+        "format = 1\nconnections = [\"a.out -> b.in\"]\nblocks.a.type = \"recorded:Ticker\"\n"
+        "blocks.b.type = \"recorded:Work\"\n";
+    GraphOptions recording;
+    recording.record_file = files.path("r");
+    EXPECT_EQ(make(ticking, recording).run(), RunResult::Done);
+    EXPECT_TRUE(read_recording(files.path("r")).is_whole);
+    GraphOptions replaying;
+    replaying.replay_file = files.path("r");
+    replaying.replays_fast = true;
+
+    EXPECT_EQ(make(ticking, replaying).run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), ::testing::Not(::testing::Contains("start a")));
+    EXPECT_THAT(recorder.texts(), ::testing::Contains(::testing::StartsWith("b in 101!, late")));
+}
+
+TEST_F(GraphTest, FailsWhereNotAllIsRecorded)
+{
+    GraphOptions recording;
+    recording.record_file = files.path("r");
+
+    EXPECT_EQ(make("format = 1\nblocks.a.type = \"recorded:Odd\"\n", recording).run(),
+              RunResult::Failed);
+}
+
+TEST_F(GraphTest, FailsWhereWhatItIsToWriteIsThere)
+{
+    GraphOptions recording;
+    recording.record_file = files.path("g.toml");
+
+    EXPECT_EQ(make(kCounting, recording).run(), RunResult::Failed);
+
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("cannot record into '" + files.path("g.toml") + "': File exists"));
 }
 
 TEST_F(GraphTest, RunsOnce)
@@ -505,6 +545,7 @@ blocks.other = { type = "running:Tell" }
          "}\nblocks.box =",
          "superblock 'none' of type 'nothing' was added"},
         {"format = 1", "format = 1\nlink.queue = 5", "'link' was changed"},
+        {"format = 1", "link = {}\nformat = 1", "'link' was changed"},
         {"b = {} }", "b = {}, c = {} }", "'machines' was changed"},
         {"machine = \"a\"", "machine = \"b\"", "the machine of block 'count' was changed"},
         {"inports.in = \"tell.in\"", "inports.in = [\"tell.in\", \"other.in\"]",
