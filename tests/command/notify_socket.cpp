@@ -17,7 +17,7 @@ NotifySocket::NotifySocket(const std::string& path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    path.copy(address.sun_path, sizeof address.sun_path);
     const std::size_t size = offsetof(sockaddr_un, sun_path) + path.size();
     if (fd_ < 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&address),
                           static_cast<socklen_t>(size)) != 0) {
