@@ -8,12 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -31,6 +33,8 @@ using Quorval::runtime::RecordingReader;
 using Quorval::runtime::RecordingWriter;
 using Quorval::runtime::Statement;
 using quorval_test::expect_throw;
+using quorval_test::FileSizeLimit;
+using quorval_test::open_descriptors;
 using quorval_test::read_file;
 using quorval_test::ScopedWorkingDirectory;
 using quorval_test::TemporaryDirectory;
@@ -103,6 +107,7 @@ TEST_F(RecordingFile, GivesBackWhatWasWritten)
     RecordingReader reader(path("r"));
     EXPECT_EQ(reader.header().graph, "loudness");
     EXPECT_EQ(reader.header().outputs.at(1).path, "b/c");
+    EXPECT_EQ(reader.header().outputs.at(1).port, "level");
     RecordedWave wave;
     ASSERT_TRUE(reader.read(wave));
     EXPECT_EQ(wave.number, 1U);
@@ -180,6 +185,7 @@ TEST_F(RecordingFile, IsRefusedWhereSomethingIs)
         ADD_FAILURE() << "threw nothing";
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), EEXIST);
+        EXPECT_EQ(error.what(), "cannot record into '" + path("r") + "': File exists");
     }
     EXPECT_EQ(read_file(path("r")), "mine");
 }
@@ -305,6 +311,10 @@ TEST_F(RecordingFile, IsNoRecordingWhenItIsAnythingElse)
              "DELETE FROM outputs WHERE id = 0",
              "DELETE FROM recording",
              "UPDATE recording SET time = -1",
+             "UPDATE recording SET begin = 'x'",
+             "UPDATE recording SET time = 'x'",
+             "UPDATE recording SET outputs = 'x'",
+             "UPDATE outputs SET id = id + 1 WHERE id = 1",
              "UPDATE recording SET outputs = 9223372036854775807",
              "ALTER TABLE part_1 ADD COLUMN more INTEGER",
              "DROP TABLE part_1; CREATE VIEW part_1(id, wave, time, rest, output, early, value, "
@@ -326,7 +336,9 @@ TEST_F(RecordingFile, EndsWhereARowIsWrong)
              "UPDATE part_1 SET output = -1 WHERE id = 3",
              "UPDATE part_1 SET wave = 1 WHERE id = 3",
              "UPDATE part_1 SET wave = 'x' WHERE id = 3",
+             "UPDATE part_1 SET wave = 2 WHERE id = 3",
              "UPDATE part_1 SET time = 1 WHERE id = 3",
+             "UPDATE part_1 SET time = 1001 WHERE id = 3",
              "UPDATE part_1 SET rest = 9223372036854775807 WHERE id = 3",
              "UPDATE part_1 SET rest = -1 WHERE id = 3",
              "UPDATE part_1 SET mark = 7 WHERE id = 3",
@@ -340,6 +352,131 @@ TEST_F(RecordingFile, EndsWhereARowIsWrong)
         change(sql);
         EXPECT_EQ(count_waves(), 2U);
     }
+}
+
+TEST_F(RecordingFile, EndsBeforeAWaveOfWhichARowIsWrong)
+{
+    for (const std::string sql : {
+             "UPDATE part_1 SET wave = 3 WHERE id = 4",
+             "UPDATE part_1 SET time = 1003 WHERE id = 4",
+             "UPDATE part_1 SET rest = 1 WHERE id = 4",
+             "UPDATE part_1 SET mark = 4 WHERE id = 4",
+             "DELETE FROM part_1 WHERE id = 4",
+             "DELETE FROM part_1 WHERE id >= 4",
+             "UPDATE part_1 SET rest = 2 WHERE id = 3",
+         }) {
+        SCOPED_TRACE(sql);
+        std::filesystem::remove(path("r"));
+        write({{1, 1}, {1, 1}, {1, 1}});
+        change(sql);
+        EXPECT_EQ(count_waves(), 1U);
+    }
+}
+
+TEST_F(RecordingFile, MayHaveWavesAtTheSameTimeFromTheBeginningOfTimeOn)
+{
+    write({{1}, {1}, {1}});
+    change("UPDATE part_1 SET time = 0; UPDATE recording SET time = 0");
+    EXPECT_EQ(count_waves(), 3U);
+
+    change("UPDATE recording SET time = 1");
+    EXPECT_EQ(count_waves(), 0U);
+}
+
+TEST_F(RecordingFile, HasPagesOfItsSizeAndMarksWhatIsEarly)
+{
+    write({{1, 1}, {}});
+
+    const Database database(path("r"), SQLITE_OPEN_READONLY);
+    Statement size(database, "PRAGMA page_size");
+    ASSERT_TRUE(size.step());
+    EXPECT_EQ(size.integer(0), 32768);
+    Statement early(database, "SELECT group_concat(early) FROM part_1 WHERE id > 0");
+    ASSERT_TRUE(early.step());
+    EXPECT_EQ(early.bytes(0), "0,1,0");
+}
+
+TEST_F(RecordingFile, GoesOnInAnotherPartAsSoonAsOneIsFull)
+{
+    constexpr std::size_t kRow = 48;
+    constexpr std::size_t kFits = (std::size_t{1} << 20U) - kRow;  // 32 of them fill a part
+    const auto rows = [this](std::size_t last) {
+        std::filesystem::remove(path("r"));
+        std::vector<std::vector<std::size_t>> waves(31, {kFits});
+        waves.insert(waves.end(), {{last}, {1}, {1}});
+        write(waves);
+        const Database database(path("r"), SQLITE_OPEN_READONLY);
+        Statement count(database, "SELECT count(*) FROM part_1 WHERE id > 0");
+        count.step();
+        return count.integer(0);
+    };
+
+    EXPECT_EQ(rows(kFits), 32);
+    EXPECT_EQ(rows(kFits - 1), 33);
+}
+
+TEST_F(RecordingFile, CannotBeReadWhereSqliteRefusesToOpenIt)
+{
+    write({{1}});
+    // SQLite opens no path of more than 512 bytes.
+    const std::string folder =
+        path(std::string(200, 'd') + "/" + std::string(200, 'e') + "/" + std::string(200, 'f'));
+    const std::string file = folder + "/r";
+    std::filesystem::create_directories(folder);
+    std::filesystem::copy_file(path("r"), file);
+
+    expect_throw<RecordingError>([&] { read_recording(file); },
+                                 "'" + file + "' cannot be read: unable to open database file");
+}
+
+TEST_F(RecordingFile, IsLockedWhileItIsWritten)
+{
+    RecordingWriter writer(path("r"));
+    writer.begin(header());
+
+    expect_throw<std::runtime_error>([&] { change("SELECT * FROM recording"); },
+                                     "database is locked");
+}
+
+TEST_F(RecordingFile, TakesWavesAfterATransactionThatFailed)
+{
+    RecordingWriter writer(path("r"));
+    writer.begin(header());
+    writer.write(wave(1, {10}));
+    {
+        const FileSizeLimit limit(std::filesystem::file_size(path("r")));
+        EXPECT_THROW(writer.write(wave(2, {1'000'000})), std::runtime_error);
+    }
+
+    EXPECT_NO_THROW(writer.write(wave(3, {10})));
+
+    EXPECT_EQ(count_waves(), 1U);
+}
+
+TEST_F(RecordingFile, MayBeReadAndWrittenByAllAsFarAsTheUserWants)
+{
+    const std::vector<int> before = open_descriptors();
+    const mode_t mask = ::umask(0);
+    {
+        const RecordingWriter writer(path("r"));
+        const auto mode = std::filesystem::status(path("r")).permissions();
+        EXPECT_EQ(static_cast<unsigned>(mode), 0666U);
+    }
+    ::umask(mask);
+
+    EXPECT_FALSE(std::filesystem::exists(path("r")));
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(RecordingFile, IsMadeWhereStandardInputIsClosed)
+{
+    const int kept = ::dup(STDIN_FILENO);
+    ::close(STDIN_FILENO);
+    EXPECT_NO_THROW(write({{1}}));
+    ::dup2(kept, STDIN_FILENO);
+    ::close(kept);
+
+    EXPECT_EQ(count_waves(), 1U);
 }
 
 TEST_F(RecordingFile, BearsAnyByteBeingAnother)
@@ -356,6 +493,37 @@ TEST_F(RecordingFile, BearsAnyByteBeingAnother)
         } catch (const RecordingError& error) {
             EXPECT_EQ(error.what(), "'" + path("r") + "' is no recording");
         }
+    }
+}
+
+TEST(RecordDatabase, TellsWhatSqliteRefuses)
+{
+    expect_throw<std::runtime_error>([] { Database("/missing/r", SQLITE_OPEN_READWRITE); },
+                                     "unable to open database file");
+    Database database(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    expect_throw<std::runtime_error>([&] { database.execute("MAKE"); },
+                                     "near \"MAKE\": syntax error");
+    expect_throw<std::runtime_error>([&] { const Statement row(database, "MAKE"); },
+                                     "near \"MAKE\": syntax error");
+    database.execute("CREATE TABLE t(a UNIQUE); INSERT INTO t VALUES(1)");
+    Statement insert(database, "INSERT INTO t VALUES(?)");
+    insert.bind(1, std::int64_t{1});
+    expect_throw<std::runtime_error>([&] { insert.step(); }, "UNIQUE constraint failed: t.a");
+    insert.reset();
+    for (int way = 0; way < 4; ++way) {
+        expect_throw<std::runtime_error>(
+            [&] {
+                if (way == 0) {
+                    insert.bind(2, std::int64_t{1});
+                } else if (way == 1) {
+                    insert.bind(2, "x");
+                } else if (way == 2) {
+                    insert.bind_bytes(2, "x");
+                } else {
+                    insert.bind_null(2);
+                }
+            },
+            "column index out of range");
     }
 }
 

@@ -4,21 +4,28 @@
 #include <quorval/runtime/graph.h>
 #include <quorval/runtime/recording.h>
 #include "loop/loop.h"
+#include "plugins/codecs.h"
 #include "record/database.h"
 #include "record/playback.h"
 #include "runtime/support/graph_files.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -120,9 +127,11 @@ std::vector<std::string> without(const std::vector<std::string>& lines, const st
 
 TEST_F(RecordGraph, RecordsTheOutputsOfTheSources)
 {
+    const Loop::Time begin = Loop::now();
     EXPECT_EQ(record(kWorking), RunResult::Done);
 
     const RecordingInfo found = info();
+    EXPECT_LE(found.duration, Loop::now() - begin);
     EXPECT_EQ(found.graph, "g");
     EXPECT_TRUE(found.is_whole);
     std::vector<std::string> outputs;
@@ -242,10 +251,10 @@ TEST_F(RecordGraph, LeavesOutBlocksThatTheGraphDoesNotHave)
 
 TEST_F(RecordGraph, RefusesOutputsThatItCannotRecord)
 {
-    GraphOptions recording = options(kWorking + kOdd);
+    GraphOptions recording = options(kWorking + kOdd + "blocks.tell.type = \"running:Tell\"\n");
     recording.record_file = file();
-    recording.record_outputs = {"first.out", "x.out", "first.o",
-                                "first.oot", "first", "odd.opaque"};
+    recording.record_outputs = {"first.out", "x.out",      "first.o",     "first.oot",
+                                "first",     "odd.opaque", "ticker.none", "tell.x"};
 
     expect_throw<GraphError>(
         [&] { const Graph graph(recording); },
@@ -253,7 +262,9 @@ TEST_F(RecordGraph, RefusesOutputsThatItCannotRecord)
         "--outputs first.o: error: block 'first' has no output 'o'; it has out\n"
         "--outputs first.oot: error: block 'first' has no output 'oot'; did you mean 'out'?\n"
         "--outputs first: error: block 'first' has no output ''; it has out\n"
-        "--outputs odd.opaque: error: there is no codec for opaque");
+        "--outputs odd.opaque: error: there is no codec for opaque\n"
+        "--outputs ticker.none: error: block 'ticker' has no output 'none'; it has odd, out\n"
+        "--outputs tell.x: error: block 'tell' has no output 'x'; it has none");
     EXPECT_FALSE(std::filesystem::exists(file()));
 }
 
@@ -279,6 +290,8 @@ TEST_F(RecordGraph, IsReplayedFromThePresentOn)
 
     ASSERT_TRUE(first.has_value());
     EXPECT_GE(*first, begin);
+    EXPECT_LE(*first, Loop::now() + info().duration);
+    EXPECT_EQ(playback.next_time(), first);
 }
 
 TEST_F(RecordGraph, LeavesOutWavesThatFindNoRoomInTheQueue)
@@ -306,6 +319,190 @@ TEST_F(RecordGraph, LeavesOutWavesThatFindNoRoomInTheQueue)
     EXPECT_EQ(info().waves, 3U);
     EXPECT_EQ(info().missing_waves, 1U);
     EXPECT_TRUE(info().is_whole);
+}
+
+/// A recorder of the texts of one block, without a run.
+class RecordTexts : public RecordGraph {
+protected:
+    /// One wave with a text of this size.
+    void give(std::size_t size)
+    {
+        output.write(std::string(size, 'x'));
+        recorder.wave_begins(std::chrono::hours(1'000'000));
+        recorder.see(output, false);
+        recorder.wave_ends();
+    }
+
+    const LoadedGraph graph =
+        Quorval::runtime::load_graph(options("blocks.text.type = \"recorded:Text\"\n"));
+    Quorval::OutPort<std::string>& output = static_cast<Quorval::OutPort<std::string>&>(
+        graph.network.nodes.at(0).block->get_outport("out").second);
+    Recorder recorder{graph, {"text.out"}};
+};
+
+TEST_F(RecordTexts, FillTheQueueToTheLastByte)
+{
+    for (const bool is_too_much : {false, true}) {
+        std::filesystem::remove(file());
+        Recorder one(graph, {"text.out"});
+        one.open(file());
+        const auto give_to_one = [&](std::size_t size) {
+            output.write(std::string(size, 'x'));
+            one.wave_begins(std::chrono::hours(1'000'000));
+            one.see(output, false);
+            one.wave_ends();
+        };
+        std::string bytes;
+        Quorval::runtime::encode(*graph.plugins->find_codec("string"), &output.value(), bytes);
+        const std::size_t beside =
+            bytes.size() - output.value().size() + sizeof(Quorval::runtime::Batch::Row);
+        give_to_one(30'000'000);
+        give_to_one((std::size_t{64} << 20U) - 30'000'000 - 2 * beside + (is_too_much ? 1 : 0));
+
+        one.begin({});
+
+        EXPECT_EQ(one.finish(), !is_too_much);
+        EXPECT_EQ(info().waves, is_too_much ? 1U : 2U);
+    }
+}
+
+TEST_F(RecordTexts, AreWrittenAtOnceWhereTheyAreMuch)
+{
+    recorder.open(file());
+    recorder.begin({});
+
+    for (std::uintmax_t waves = 1; waves <= 2; ++waves) {
+        give(1);
+        give(17'000'000);
+        while (std::filesystem::file_size(file()) < waves * 17'000'000) {
+            std::this_thread::yield();
+        }
+    }
+
+    EXPECT_TRUE(recorder.finish());
+    EXPECT_EQ(info().waves, 4U);
+    EXPECT_EQ(info().outputs.at(0).values, 4U);
+}
+
+TEST_F(RecordTexts, AreLostWhereTheFileTakesNothing)
+{
+    const std::vector<int> before = quorval_test::open_descriptors();
+    recorder.open(file());
+
+    const auto said = said_by([&] {
+        const quorval_test::FileSizeLimit limit(0);
+        recorder.begin({});
+        give(1);
+        EXPECT_FALSE(recorder.finish());
+    });
+
+    EXPECT_THAT(said, ElementsAre(::testing::StartsWith("'r' cannot be written: ")));
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    EXPECT_EQ(quorval_test::open_descriptors(), before);
+}
+
+TEST_F(RecordTexts, AreLostWhereTheFileTakesNoMore)
+{
+    recorder.open(file());
+    recorder.begin({});
+
+    const auto said = said_by([&] {
+        const quorval_test::FileSizeLimit limit(std::filesystem::file_size(file()));
+        give(1'000'000);
+        EXPECT_FALSE(recorder.finish());
+    });
+
+    EXPECT_THAT(said, ElementsAre(::testing::StartsWith("'r' cannot be written: ")));
+    EXPECT_EQ(info().waves, 0U);
+}
+
+TEST_F(RecordTexts, AreNotWholeWhereTheEndCannotBeWritten)
+{
+    recorder.open(file());
+    recorder.begin({});
+
+    const auto said = said_by([&] {
+        const quorval_test::FileSizeLimit limit(1);
+        EXPECT_FALSE(recorder.finish());
+    });
+
+    EXPECT_THAT(said, ElementsAre(::testing::StartsWith("'r' cannot be written: ")));
+    EXPECT_FALSE(info().is_whole);
+}
+
+std::atomic<int> signals_that_came{0};
+
+TEST_F(RecordTexts, AreWrittenByAThreadThatTakesNoSignals)
+{
+    const auto former = std::signal(SIGUSR1, [](int) { ++signals_that_came; });
+    recorder.open(file());
+    recorder.begin({});
+    sigset_t signals;
+    sigset_t mask;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGUSR1);
+    ::pthread_sigmask(SIG_BLOCK, &signals, &mask);
+
+    ::kill(::getpid(), SIGUSR1);
+    recorder.finish();
+    EXPECT_EQ(signals_that_came, 0);
+    ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+
+    EXPECT_EQ(signals_that_came, 1);
+    static_cast<void>(std::signal(SIGUSR1, former));
+}
+
+TEST_F(RecordGraph, LeavesOutWhatHasNoCodec)
+{
+    record(kOdd);
+    {
+        Quorval::runtime::Database database(file(), SQLITE_OPEN_READWRITE);
+        database.execute("UPDATE outputs SET port = 'opaque', type = 'opaque' WHERE id = 0");
+    }
+
+    const auto said = said_by([&] { replay(kOdd); });
+
+    EXPECT_THAT(said, ::testing::Contains("what was recorded of odd.opaque is left out: there is "
+                                          "no codec for opaque"));
+}
+
+TEST_F(RecordGraph, TellsOfEachOutputOfABlockThatStaysAndOfNoneThatIsReplayed)
+{
+    const std::string text =
+        "connections = [\"ticker.out -> first.in\"]\n"
+        "blocks.alone.type = \"recorded:Ticker\"\n"
+        "blocks.first.type = \"recorded:Work\"\n"
+        "blocks.ticker.type = \"recorded:Ticker\"\n";
+    record(text);
+
+    const auto said = said_by([&] { replay(text); });
+
+    std::vector<std::string> left_out;
+    std::copy_if(
+        said.begin(), said.end(), std::back_inserter(left_out),
+        [](const std::string& line) { return line.find("left out") != std::string::npos; });
+    const std::string why =
+        " is left out: block 'alone' stays, since not all of its connected outputs are recorded";
+    EXPECT_THAT(left_out, ElementsAre("what was recorded of alone.odd" + why,
+                                      "what was recorded of alone.out" + why));
+}
+
+TEST_F(RecordGraph, TellsOnceHowAReplayEnds)
+{
+    record(kWorking);
+    {
+        Quorval::runtime::Database database(file(), SQLITE_OPEN_READWRITE);
+        database.execute("UPDATE recording SET waves = NULL; DELETE FROM part_1");
+    }
+    LoadedGraph graph = Quorval::runtime::load_graph(options(kWorking));
+    Playback playback(file(), graph, true);
+
+    const auto said = said_by([&] {
+        EXPECT_FALSE(playback.next_time().has_value());
+        EXPECT_FALSE(playback.next_time().has_value());
+    });
+
+    EXPECT_THAT(said, ElementsAre("'r' was cut off: the last wave in it is 0"));
 }
 
 TEST_F(RecordGraph, StopsAReplayWhoseValuesAreNone)
