@@ -40,7 +40,7 @@ public:
 
 private:
     bool start();
-    bool is_serving();
+    bool is_serving() const;
 
     std::string directory_;
     std::string settings_;

@@ -1,16 +1,22 @@
 #include "link/files.h"
 
+#include "loop/descriptor.h"
 #include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+using Quorval::runtime::Descriptor;
 using Quorval::runtime::expect_usable;
 using Quorval::runtime::read_password;
 using quorval_test::expect_throw;
@@ -54,6 +60,42 @@ TEST_F(LinkFilesTest, AreNotWaitedFor)
         expect_throw<std::runtime_error>([&name = file] { expect_usable(name); }, text);
         expect_throw<std::runtime_error>([&name = file] { read_password(name); }, text);
     }
+}
+
+TEST_F(LinkFilesTest, AreNotOpenedWhereTheyAreNone)
+{
+    const std::string fifo = path("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const Descriptor watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify_init1");
+    ASSERT_GE(::inotify_add_watch(watch.get(), fifo.c_str(), IN_OPEN), 0);
+
+    EXPECT_THROW(expect_usable(fifo), std::runtime_error);
+
+    std::array<char, 1024> event{};
+    EXPECT_EQ(::read(watch.get(), event.data(), event.size()), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(LinkFilesTest, AreReadWithoutAStandardInput)
+{
+    const std::string file = path("password");
+    write_file(file, "secret");
+    const int input = ::dup(0);
+    ::close(0);
+
+    EXPECT_EQ(read_password(file), "secret");
+
+    ::dup2(input, 0);
+    ::close(input);
+}
+
+TEST_F(LinkFilesTest, AreReadWhateverFailedBefore)
+{
+    const std::string file = path("password");
+    write_file(file, "secret");
+    errno = EINTR;
+
+    EXPECT_EQ(read_password(file), "secret");
 }
 
 TEST_F(LinkFilesTest, SayWhyTheyCannotBeOpenedOrRead)

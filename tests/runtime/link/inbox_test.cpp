@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 using Quorval::Datatype;
@@ -145,6 +146,86 @@ TEST_F(InboxTest, TellsOfGaps)
     EXPECT_EQ(recorder_.texts(), (Lines{"3 values of mic.out are lost: they did not arrive"}));
     EXPECT_EQ(inbox.statistics().lost, 3U);
     EXPECT_EQ(inbox.statistics().gaps, 3U);
+}
+
+TEST_F(InboxTest, BelievesCountsUpToALimit)
+{
+    constexpr std::uint64_t kLimit = std::uint64_t{1} << 32U;
+    for (const auto& [missing, lost] :
+         {std::pair(kLimit - 1, kLimit - 1), std::pair(kLimit, std::uint64_t{0})}) {
+        Inbox inbox = make(true);
+
+        receive(inbox, 1);
+        receive(inbox, 2 + missing);
+
+        EXPECT_EQ(inbox.size(), 2U) << missing;
+        EXPECT_EQ(inbox.statistics().lost, lost) << missing;
+    }
+}
+
+TEST_F(InboxTest, TakesWhatIsFarBehindForANewBeginning)
+{
+    Inbox inbox = make(true);
+    receive(inbox, 1'000'001);
+
+    receive(inbox, 2);
+    EXPECT_EQ(inbox.statistics().duplicates, 1U);
+    receive(inbox, 1);
+    receive(inbox, 2);
+
+    EXPECT_EQ(inbox.size(), 3U);
+    EXPECT_EQ(inbox.statistics().duplicates, 1U);
+}
+
+TEST_F(InboxTest, FollowsItsFirstSenderFromWhereverItStands)
+{
+    Inbox inbox = make(true);
+
+    receive(inbox, 4, 1);
+
+    EXPECT_EQ(inbox.statistics().lost, 0U);
+    EXPECT_EQ(inbox.size(), 1U);
+}
+
+TEST_F(InboxTest, CountsValuesOfAnEarlierRunInARow)
+{
+    Inbox inbox = make(true);
+    receive(inbox, 1);
+    for (const std::uint64_t next : {2, 3}) {
+        for (std::uint64_t number = 1; number < 100; ++number) {
+            receive(inbox, number, kStart - 1);
+        }
+        receive(inbox, next);
+    }
+
+    EXPECT_EQ(take_all(inbox), (Values{1, 2, 3}));
+}
+
+TEST_F(InboxTest, HasStatistics)
+{
+    Inbox inbox = make(true);
+    EXPECT_EQ(inbox.statistics().output, "mic.out");
+    EXPECT_TRUE(inbox.statistics().comes_in);
+    EXPECT_EQ(inbox.statistics().longest_queue, 0U);
+
+    receive(inbox, 1);
+    receive(inbox, 2);
+    take_all(inbox);
+    receive(inbox, 3);
+
+    EXPECT_EQ(inbox.statistics().longest_queue, 2U);
+    EXPECT_EQ(inbox.statistics().values, 2U);
+    EXPECT_EQ(inbox.statistics().bytes, 2 * encode(1).size());
+}
+
+TEST_F(InboxTest, TakesValuesUpToItsLimit)
+{
+    entry_.keeps_all = true;
+    Inbox inbox(entry_, {Datatype("int32")}, plugins_, encode(1).size());
+
+    receive(inbox, 1);
+
+    EXPECT_EQ(take_all(inbox), Values{1});
 }
 
 TEST_F(InboxTest, FollowsASenderThatStartsAgain)

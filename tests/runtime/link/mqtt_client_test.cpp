@@ -8,12 +8,15 @@
 
 #include <poll.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -73,6 +76,177 @@ TEST(MqttClient, ThrowsWhatItsReceiverThrewWhenTheLibraryHasReturned)
     client.read();
 
     EXPECT_EQ(topics, (std::vector<std::string>{"a", "b"}));
+}
+
+/// Connects, and gives what it said.
+std::string connect(const LinkDescription& link, const MqttClient::Identity& identity,
+                    Server& server)
+{
+    MqttClient client(link, identity, [](const char*, const Stamp&, std::string_view) {});
+    client.connect();
+    write_all(client);
+    server.accept();
+    return server.read(Server::kConnect);
+}
+
+TEST(MqttClient, SaysToTheBrokerWhatItIs)
+{
+    const TemporaryDirectory directory;
+    Server server;
+    LinkDescription link = link_to(server.url());
+    const std::string kind = Server::text("MQTT") + "\x05";
+    const std::string keep_alive("\0\x1E", 2);
+    const std::string most = std::string("\x27\x01\x10\0\0", 5);  // 17 MiB
+    const std::string for_ever = "\x11\xFF\xFF\xFF\xFF";
+    const std::string start = "\x26" + Server::text("start") + Server::text("12");
+    const std::string rest = Server::text("quorval-g-hub") + static_cast<char>(start.size()) +
+                             start + Server::text("will") + Server::text("offline");
+
+    std::string said = connect(link, {"quorval-g-hub", "will", "offline", 12, false}, server);
+    EXPECT_EQ(said.substr(0, kind.size() + 3), kind + "\x2C" + keep_alive);
+    EXPECT_NE(said.find(most), std::string::npos);
+    EXPECT_EQ(said.find(for_ever), std::string::npos);
+    EXPECT_EQ(said.substr(said.size() - rest.size()), rest);
+
+    link.user = "me";
+    link.password_file = directory.path() / "password";
+    quorval_test::write_file(link.password_file, "secret\n");
+    said = connect(link, {"quorval-g-hub", "will", "offline", 12, true}, server);
+    const std::string all = rest + Server::text("me") + Server::text("secret");
+    EXPECT_EQ(said.substr(0, kind.size() + 3), kind + "\xEC" + keep_alive);
+    EXPECT_NE(said.find(for_ever), std::string::npos);
+    EXPECT_EQ(said.substr(said.size() - all.size()), all);
+
+    link.password_file.clear();
+    said = connect(link, {"quorval-g-hub", "will", "offline", 12, true}, server);
+    EXPECT_EQ(said.substr(0, kind.size() + 3), kind + "\xAC" + keep_alive);
+}
+
+/// What it publishes and asks for, as the broker gets it.
+TEST(MqttClient, PublishesAndSubscribes)
+{
+    Server server;
+    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+                      [](const char*, const Stamp&, std::string_view) {});
+    client.connect();
+    write_all(client);
+    server.welcome();
+    read_one(client);
+    const std::string start = "\x26" + Server::text("start") + Server::text("5");
+    const std::string whole = start + "\x26" + Server::text("type") + Server::text("int32") +
+                              "\x26" + Server::text("number") + Server::text("7");
+    std::string why;
+
+    for (const bool is_retained : {false, true}) {
+        client.publish("t", "latest", {"int32", 5, 7}, false, is_retained, why);
+        write_all(client);
+        EXPECT_EQ(server.read(Server::kPublish),
+                  Server::text("t") + static_cast<char>(whole.size()) + whole + "latest");
+        EXPECT_EQ(server.first(), is_retained ? 0x31U : 0x30U);
+    }
+    const auto message = client.publish("t", "all", {"", 5, 7}, true, true, why);
+    write_all(client);
+    const std::string number = {'\0', static_cast<char>(message.value())};
+    EXPECT_EQ(server.read(Server::kPublish),
+              Server::text("t") + number + static_cast<char>(start.size()) + start + "all");
+    EXPECT_EQ(server.first(), 0x33U);
+
+    for (const auto& [keeps_all, wants_retained, options] :
+         {std::tuple(false, true, '\0'), std::tuple(true, false, '\x21'),
+          std::tuple(true, true, '\1'), std::tuple(false, false, '\x20')}) {
+        client.subscribe("t", keeps_all, wants_retained, why);
+        write_all(client);
+        EXPECT_EQ(server.read(Server::kSubscribe).substr(2),
+                  std::string(1, '\0') + Server::text("t") + options);
+    }
+    EXPECT_EQ(client.subscribe("#t", false, false, why), std::nullopt);
+    EXPECT_EQ(why, "Invalid function arguments provided");
+    EXPECT_EQ(client.publish("+", "", {"", 5, 7}, false, false, why), std::nullopt);
+    EXPECT_EQ(why, "Invalid function arguments provided");
+}
+
+/// The length of a packet takes another byte from 128 on.
+TEST(MqttClient, CountsTheBytesOfALength)
+{
+    Server server;
+    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+                      [](const char*, const Stamp&, std::string_view) {});
+    client.connect();
+    write_all(client);
+    server.accept();
+    server.read(Server::kConnect);
+    server.send(Server::packet(0x20, std::string("\0\0\5\x27\0\0\0\x82", 8)));
+    read_one(client);
+
+    std::string why;
+    EXPECT_TRUE(client.publish("t", std::string(112, 'x'), {"", 1, 0}, false, false, why));
+    EXPECT_FALSE(client.publish("t", std::string(113, 'x'), {"", 1, 0}, false, false, why));
+    EXPECT_EQ(why, "a packet of 131 bytes is more than the 130 that the broker takes");
+}
+
+TEST(MqttClient, KnowsWhetherTheBrokerHasKeptItsSession)
+{
+    for (const char flags : {'\0', '\1'}) {
+        Server server;
+        MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, true},
+                          [](const char*, const Stamp&, std::string_view) {});
+        client.connect();
+        write_all(client);
+        server.accept();
+        server.read(Server::kConnect);
+        server.send(Server::packet(0x20, {flags, '\0', '\0'}));
+        read_one(client);
+
+        const MqttClient::News news = client.take_news();
+        ASSERT_TRUE(news.answer);
+        EXPECT_EQ(news.answer->reason, 0);
+        EXPECT_EQ(news.answer->has_session, flags == '\1');
+        EXPECT_FALSE(news.end);
+        EXPECT_EQ(news.error, 0);
+        EXPECT_FALSE(news.is_refused);
+    }
+}
+
+TEST(MqttClient, HasTextsWithoutAFullStop)
+{
+    using Quorval::runtime::text_of_error;
+    EXPECT_EQ(text_of_error(MOSQ_ERR_SUCCESS), "No error");
+    errno = ENOENT;
+    EXPECT_EQ(text_of_error(MOSQ_ERR_ERRNO), "No such file or directory");
+}
+
+/// A stamp stands in the first sixteen properties, and its type has 1024 bytes at most.
+TEST(MqttClient, LooksAtAPartOfAMessageThatIsLarge)
+{
+    Server server;
+    std::vector<Stamp> stamps;
+    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+                      [&](const char* /*topic*/, const Stamp& stamp, std::string_view /*bytes*/) {
+                          stamps.push_back(stamp);
+                      });
+    client.connect();
+    write_all(client);
+    server.welcome();
+    read_one(client);
+
+    for (const int others : {13, 14}) {
+        std::string properties = "\x26" + Server::text("type") +
+                                 Server::text(std::string(1025, 't')) + "\x26" +
+                                 Server::text("start") + Server::text("1");
+        for (int count = 0; count < others; ++count) {
+            properties += "\x26" + Server::text("x") + Server::text("9");
+        }
+        properties += "\x26" + Server::text("number") + Server::text("2");
+        server.send(Server::packet(
+            0x30, Server::text("a") + Server::length(properties.size()) + properties));
+        read_one(client);
+        client.read();
+    }
+
+    ASSERT_EQ(stamps.size(), 2U);
+    EXPECT_EQ(stamps[0].number, 2U);
+    EXPECT_EQ(stamps[0].type, std::string(1024, 't'));
+    EXPECT_EQ(stamps[1].number, 0U);
 }
 
 TEST(MqttClient, RefusesWhatNoBrokerCanBeTold)

@@ -141,6 +141,78 @@ TEST_F(OutboxTest, SendsTheLatestAgain)
     EXPECT_EQ(recorder_.texts(), Lines());
 }
 
+TEST_F(OutboxTest, SendsTheFirstAgainAndNothingElse)
+{
+    Outbox latest = make(false);
+    take(latest, "a");
+    send_all(latest);
+    latest.repeat_latest();
+    EXPECT_EQ(send_all(latest), Numbers{1});
+    latest.repeat_latest();
+    latest.repeat_latest();
+    EXPECT_EQ(latest.size(), 1U);
+
+    Outbox all = make(true);
+    take(all, "a");
+    send_all(all);
+    all.repeat_latest();
+    EXPECT_EQ(all.size(), 0U);
+}
+
+TEST_F(OutboxTest, HasStatistics)
+{
+    Outbox outbox = make(true);
+    EXPECT_EQ(outbox.name(), "mic.out");
+    EXPECT_EQ(outbox.statistics().output, "mic.out");
+    EXPECT_FALSE(outbox.statistics().comes_in);
+    EXPECT_EQ(outbox.statistics().longest_queue, 0U);
+    EXPECT_EQ(outbox.statistics().values, 0U);
+    EXPECT_EQ(outbox.statistics().bytes, 0U);
+
+    take(outbox, "a");
+    take(outbox, "b");
+    send_all(outbox);
+    take(outbox, "c");
+
+    EXPECT_EQ(outbox.statistics().longest_queue, 2U);
+    EXPECT_EQ(outbox.statistics().values, 2U);
+    EXPECT_EQ(outbox.statistics().bytes, 20U);
+}
+
+TEST_F(OutboxTest, SaysNothingOfALatestValueThatWasNotSent)
+{
+    Outbox outbox = make(false);
+    take(outbox, "a");
+
+    outbox.drop_rest(kNow);
+
+    EXPECT_EQ(outbox.size(), 0U);
+    EXPECT_EQ(recorder_.texts(), Lines());
+}
+
+TEST_F(OutboxTest, TellsOfTheRestAtTheEnd)
+{
+    Outbox outbox = make(true);
+    take(outbox, "a");
+    take(outbox, "b");
+    outbox.lose_next("why", kNow);
+    outbox.lose_next("why", kNow);
+
+    outbox.drop_rest(kNow);
+
+    EXPECT_EQ(recorder_.texts(),
+              (Lines{"1 values of mic.out are lost: why", "1 more values of mic.out are lost"}));
+}
+
+TEST_F(OutboxTest, TakesValuesUpToItsLimit)
+{
+    Outbox outbox = make(true);
+
+    take(outbox, "20 bytes   ");
+
+    EXPECT_EQ(outbox.size(), 1U);
+}
+
 TEST_F(OutboxTest, CountsAValueOnce)
 {
     Outbox latest = make(false);

@@ -119,7 +119,7 @@ std::string Server::read_bytes(std::size_t count)
 std::string Server::read(unsigned kind)
 {
     while (true) {
-        const auto first = static_cast<unsigned char>(read_bytes(1)[0]);
+        first_ = static_cast<unsigned char>(read_bytes(1)[0]);
         std::size_t length = 0;
         unsigned byte = 128;
         for (unsigned shift = 0; byte >= 128; shift += 7) {
@@ -127,7 +127,7 @@ std::string Server::read(unsigned kind)
             length += std::size_t{byte % 128} << shift;
         }
         const std::string rest = read_bytes(length);
-        if (first >> 4U == kind) {
+        if (first_ >> 4U == kind) {
             return rest;
         }
     }

@@ -39,9 +39,13 @@ public:
     /// @param count  of them
     void serve(int count);
 
+    /// The first byte of the packet that was read last.
+    unsigned first() const { return first_; }
+
     static constexpr unsigned kConnect = 1;
     static constexpr unsigned kPublish = 3;
     static constexpr unsigned kSubscribe = 8;
+    static constexpr unsigned kDisconnect = 14;
 
     /// A packet.
     /// @param first  byte of it
@@ -62,6 +66,7 @@ private:
     int listener_ = -1;
     int client_ = -1;
     int port_ = 0;
+    unsigned first_ = 0;
 };
 
 }  // namespace quorval_test

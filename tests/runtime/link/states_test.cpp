@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -117,6 +119,21 @@ TEST_F(LinkStatesTest, GivesABrokerHalfAMinuteToAnswer)
     EXPECT_EQ(link_->next_time(), present + 100ms);
 }
 
+TEST_F(LinkStatesTest, WaitsLongerAndLongerForABroker)
+{
+    std::vector<Link::Time> pauses;
+    for (int attempt = 0; attempt < 11; ++attempt) {
+        link_->prepare();
+        present += 30s;
+        link_->prepare();
+        pauses.push_back(link_->next_time().value() - present);
+        present = link_->next_time().value();
+    }
+
+    EXPECT_THAT(pauses, ElementsAre(100ms, 200ms, 400ms, 800ms, 1600ms, 3200ms, 6400ms, 12800ms,
+                                    25600ms, 30s, 30s));
+}
+
 TEST_F(LinkStatesTest, SaysOnceThatTheBrokerIsAway)
 {
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -188,16 +205,174 @@ TEST_F(LinkStatesTest, StandsWhereTheBrokerTellsOfNothing)
 {
     work_until_said(3, [this] {
         server_.welcome();
-        for (int count = 0; count < 2; ++count) {
+        for (const char reason : {'\x80', '\x87'}) {
             server_.send(Server::packet(
-                0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string("\0\x87", 2)));
+                0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string{'\0', reason}));
         }
     });
 
-    const std::string refusal = "the broker refuses to tell of machines: Not authorized";
+    const std::string refusal = "the broker refuses to tell of machines: ";
     EXPECT_THAT(log_.texts(),
-                ElementsAre(refusal, refusal,
+                ElementsAre(refusal + "Unspecified error", refusal + "Not authorized",
                             "the link over the broker " + description_.broker + " stands"));
+}
+
+TEST_F(LinkStatesTest, SaysWhyTheBrokerEndedTheConnection)
+{
+    stand();
+    work_until_said(1, [this] { server_.send(Server::packet(0xE0, std::string("\x80\0", 2))); });
+
+    EXPECT_THAT(log_.texts(), ElementsAre(away("Unspecified error")));
+}
+
+TEST_F(LinkStatesTest, DoesNotTellOfMachinesWithoutEnd)
+{
+    stand();
+    work(
+        [this] {
+            server_.read(Server::kPublish);  // that the machine is online
+            for (int count = 0; count < 50; ++count) {
+                server_.send(Server::message("quorval/g/machine/hub", "x", 1, 1,
+                                             count % 2 == 0 ? "online" : "offline"));
+            }
+            server_.drop();
+        },
+        [this] {
+            return !log_.texts().empty() && log_.texts().back() == away("The connection was lost");
+        });
+
+    // Twelve and the end of the connection.
+    EXPECT_EQ(log_.texts().size(), 13U);
+}
+
+TEST_F(LinkStatesTest, SaysAtTheBrokerThatItIsThere)
+{
+    stand();
+    work(
+        [this] {
+            EXPECT_NE(server_.read(Server::kPublish).find("quorval/g/machine/edge"),
+                      std::string::npos);
+            EXPECT_EQ(server_.first(), 0x33U);
+            server_.drop();
+        },
+        [this] { return !log_.texts().empty(); });
+}
+
+TEST_F(LinkStatesTest, SendsTwentyValuesBeforeOneArrived)
+{
+    description_.queue = 100;
+    make();
+    stand();
+    for (int count = 0; count < 30; ++count) {
+        give("value");
+    }
+    for (int count = 0; count < 3; ++count) {
+        link_->prepare();
+    }
+
+    EXPECT_EQ(link_->statistics().at(0).values, 20U);
+    EXPECT_EQ(link_->statistics().at(0).longest_queue, 30U);
+}
+
+TEST_F(LinkStatesTest, SaysOnceThatValuesGoNowhere)
+{
+    stand();
+    give("one");
+    give("two");
+    work_until_said(1, [this] {
+        server_.read(Server::kPublish);  // that the machine is online
+        std::string receipts;
+        for (int count = 0; count < 2; ++count) {
+            const std::string packet = server_.read(Server::kPublish);
+            const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
+            receipts += Server::packet(0x40, packet.substr(topic, 2) + std::string("\x10\0", 2));
+        }
+        server_.send(receipts);
+    });
+    link_->begin_end();
+    work(
+        [this] {
+            const std::string packet = server_.read(Server::kPublish);
+            const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
+            EXPECT_NE(packet.find("offline"), std::string::npos);
+            server_.send(Server::packet(0x40, packet.substr(topic, 2)));
+            server_.read(Server::kDisconnect);
+            server_.drop();
+        },
+        [this] { return link_->is_finished(); });
+    link_->end();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("values of count.out go nowhere: no reader was there yet"));
+    EXPECT_EQ(link_->statistics().at(0).values, 2U);
+    EXPECT_EQ(link_->statistics().at(0).lost, 0U);
+    EXPECT_FALSE(link_->next_time().has_value());
+}
+
+/// The machine also has values of "far.out" come in, all of them.
+class LinkStatesWithEntryTest : public LinkStatesTest {
+protected:
+    LinkStatesWithEntryTest()
+    {
+        network_.entries.push_back(
+            {"far", "out", std::make_shared<RemoteOutput>("out", Datatype("string")), true});
+        make();
+    }
+
+    void stand_again()
+    {
+        work([this] { server_.serve(3); },
+             [this] {
+                 return !log_.texts().empty() &&
+                        log_.texts().back() ==
+                            "the link over the broker " + description_.broker + " stands";
+             });
+    }
+};
+
+TEST_F(LinkStatesWithEntryTest, SaysThatItsSessionIsGone)
+{
+    stand_again();
+    work_until_said(2, [this] {
+        server_.read(Server::kPublish);
+        server_.drop();
+    });
+    log_.clear();
+    present += 100ms;
+    stand_again();
+
+    const std::string broker = "the broker " + description_.broker;
+    EXPECT_THAT(log_.texts(), ElementsAre("the broker has begun a new session", broker + " is back",
+                                          "the link over " + broker + " stands"));
+}
+
+TEST_F(LinkStatesWithEntryTest, ReadsNoMoreThanAHundredValuesAhead)
+{
+    stand_again();
+    log_.clear();
+    work(
+        [this] {
+            std::string messages;
+            for (std::uint64_t number = 1; number <= 150; ++number) {
+                messages += Server::message("quorval/g/value/far/out", "string", 1, number, "x", 1);
+            }
+            server_.send(messages);
+        },
+        [this] { return link_->statistics().at(1).longest_queue >= 100; });
+    for (int count = 0; count < 10; ++count) {
+        link_->prepare();
+        EXPECT_EQ(link_->next_time(), Link::Time(0));
+        link_->take({});
+    }
+    EXPECT_EQ(link_->statistics().at(1).longest_queue, 100U);
+
+    // What it drops at its end makes room.
+    link_->begin_end();
+    link_->prepare();
+    while (link_->statistics().at(1).lost < 150) {
+        link_->take(poller_.wait(link_->next_time() > present));
+        link_->prepare();
+    }
 }
 
 TEST_F(LinkStatesTest, LooksAfterAConnectionEveryTenSeconds)

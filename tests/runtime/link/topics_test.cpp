@@ -16,4 +16,5 @@ TEST(Topics, NameValuesMachinesAndClients)
 TEST(Topics, HideWhatHasAMeaningInThem)
 {
     EXPECT_EQ(value_topic("g", "a", "+#/%\x01\xC3"), "quorval/g/value/a/%2B%23%2F%25%01%C3");
+    EXPECT_EQ(value_topic("g", "a", " !~\x7F"), "quorval/g/value/a/%20!~%7F");
 }
