@@ -95,6 +95,10 @@ TEST(PluginViewTest, MakesABlockAndShowsItsPorts)
 
     const BlockPorts idle = PluginView(plugin("running")).make_block("Tell", {{"is_idle", true}});
     EXPECT_EQ(idle.fdports, (Names{{"never", "extfd"}}));
+    const BlockPorts on_bus = PluginView(plugin("own_port")).make_block("OnBus", {});
+    ASSERT_EQ(on_bus.dbus.size(), 1U);
+    EXPECT_EQ(on_bus.dbus[0].first, "/OnBus");
+    EXPECT_EQ(on_bus.dbus[0].second, "quorval.test.OnBus");
 }
 
 TEST(PluginViewTest, SaysAllThatIsWrongWithAConfiguration)
@@ -126,6 +130,7 @@ TEST(PluginViewTest, SaysWhyABlockCannotBeMade)
         {"ThrowsANumber", "an unknown exception"},
         {"Null", "Create function returned no block for Null"},
         {"Composite", "it is no plain block"},
+        {"Tells", "Tells in , dry"},
     };
     for (const auto& [type, text] : cases) {
         expect_throw<std::runtime_error>([&, type = type] { view.make_block(type, {}); },

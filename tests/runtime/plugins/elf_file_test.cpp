@@ -2,6 +2,7 @@
 #include "plugins/elf_file.h"
 
 #include "runtime/support/graph_files.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -22,6 +23,8 @@ namespace {
 
 using Quorval::runtime::ElfFile;
 using Quorval::runtime::read_elf_file;
+using quorval_test::NoStandardInput;
+using quorval_test::open_descriptors;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -75,14 +78,17 @@ std::string make_note(const Writer& writer, const std::string& owner, std::uint3
 }
 
 /// A file with two sections: their names, and notes.
+/// @param notes  empty: one of another owner, and ours
 template <class Header, class Section>
 std::string make_elf(unsigned char elf_class, bool is_swapped,
-                     const std::string& section_name = ".note.quorval")
+                     const std::string& section_name = ".note.quorval", std::string notes = "")
 {
     const Writer writer(is_swapped);
     const std::string names = std::string("\0.names\0", 8) + section_name + '\0';
-    const std::string notes = make_note(writer, std::string("GNU\0", 4), 3, "another") +
-                              make_note(writer, std::string("quorval\0", 8), 1, kText);
+    if (notes.empty()) {
+        notes = make_note(writer, std::string("GNU\0", 4), 3, "another") +
+                make_note(writer, std::string("quorval\0", 8), 1, kText);
+    }
 
     Header header{};
     std::memcpy(header.e_ident, ELFMAG, SELFMAG);
@@ -148,6 +154,94 @@ TEST_F(ElfFileTest, LooksAtItsOwnSectionAlone)
 
     EXPECT_EQ(file.machine, EM_S390);
     EXPECT_EQ(file.note, "");
+}
+
+/// A file with these notes.
+std::string make_elf_of(const std::string& notes)
+{
+    return make_elf<Elf64_Ehdr, Elf64_Shdr>(ELFCLASS64, false, ".note.quorval", notes);
+}
+
+TEST_F(ElfFileTest, TakesTheFirstNoteOfItsOwnerAndType)
+{
+    const Writer writer(false);
+    const std::string ours("quorval\0", 8);
+    const auto note = [&](const std::string& owner, std::uint32_t type, const std::string& text) {
+        return make_note(writer, owner, type, text);
+    };
+
+    EXPECT_EQ(read(make_elf_of(note(ours, 2, "type") + note("other", 1, "owner") +
+                               note(ours, 1, "this") + note(ours, 1, "later")))
+                  .note,
+              "this");
+    EXPECT_EQ(read(make_elf_of(note(ours, 2, "type"))).note, "");
+    EXPECT_EQ(read(make_elf_of(note("quorval", 1, "without its end"))).note, "");
+}
+
+TEST_F(ElfFileTest, KnowsWhatFillsPartsUp)
+{
+    const Writer writer(false);
+    for (std::size_t size = 0; size < 9; ++size) {
+        const std::string part(size, 'x');
+        EXPECT_EQ(read(make_elf_of(make_note(writer, part, 1, part) +
+                                   make_note(writer, std::string("quorval\0", 8), 1, kText)))
+                      .note,
+                  kText)
+            << size;
+    }
+}
+
+TEST_F(ElfFileTest, ReadsNotesOf64KiBAtMost)
+{
+    constexpr std::size_t kMost = 65536;
+    const Writer writer(false);
+    const std::string ours("quorval\0", 8);
+    const std::size_t room = kMost - sizeof(Elf32_Nhdr) - ours.size();
+
+    EXPECT_EQ(read(make_elf_of(make_note(writer, ours, 1, std::string(room, 'x')))).note.size(),
+              room);
+    EXPECT_EQ(read(make_elf_of(make_note(writer, ours, 1, std::string(room + 1, 'x')))).note, "");
+}
+
+TEST_F(ElfFileTest, LooksAtTheSectionsThatItsHeaderTellsOf)
+{
+    const std::string whole = make_elf<Elf64_Ehdr, Elf64_Shdr>(ELFCLASS64, false);
+    const auto note_with = [&](std::size_t field, Elf64_Half value) {
+        std::string bytes = whole;
+        std::memcpy(bytes.data() + field, &value, sizeof value);
+        return read(bytes).note;
+    };
+
+    EXPECT_EQ(note_with(offsetof(Elf64_Ehdr, e_shnum), 2), kText);
+    EXPECT_EQ(note_with(offsetof(Elf64_Ehdr, e_shnum), 1), "");
+    EXPECT_EQ(note_with(offsetof(Elf64_Ehdr, e_shnum), 0), "");
+    EXPECT_EQ(note_with(offsetof(Elf64_Ehdr, e_shentsize), sizeof(Elf32_Shdr)), "");
+    EXPECT_EQ(note_with(offsetof(Elf64_Ehdr, e_shstrndx), 2), "");
+}
+
+TEST_F(ElfFileTest, TakesTheFirstSectionToo)
+{
+    std::string bytes = make_elf<Elf64_Ehdr, Elf64_Shdr>(ELFCLASS64, false);
+    std::swap_ranges(bytes.begin() + sizeof(Elf64_Ehdr),
+                     bytes.begin() + sizeof(Elf64_Ehdr) + sizeof(Elf64_Shdr),
+                     bytes.begin() + sizeof(Elf64_Ehdr) + sizeof(Elf64_Shdr));
+    const Elf64_Half names = 1;
+    std::memcpy(bytes.data() + offsetof(Elf64_Ehdr, e_shstrndx), &names, sizeof names);
+
+    EXPECT_EQ(read(bytes).note, kText);
+}
+
+TEST_F(ElfFileTest, LeavesNoDescriptorOpen)
+{
+    const std::string whole = make_elf<Elf64_Ehdr, Elf64_Shdr>(ELFCLASS64, false);
+    ASSERT_EQ(read(whole).note, kText);
+    const NoStandardInput none;
+    const std::vector<int> before = open_descriptors();
+
+    EXPECT_EQ(read_elf_file(path()).note, kText);
+
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_FALSE(none.is_taken());
 }
 
 TEST_F(ElfFileTest, ReadsWhatIsLeftOfAFileThatIsCut)

@@ -147,12 +147,29 @@ TEST(ParseNote, ReadsWhatThereIs)
 
 TEST(ParseNote, RefusesWhatIsNone)
 {
-    for (const std::string text :
-         {"", "{", "{}", "null", "[1]", R"({"interface"})", R"({"interface":})",
-          R"({"interface": "})", R"({"interface": 0)", R"({"interface": 0} x)",
-          R"({"interface": 0,})", R"({"interface": 99999999999999})", R"({"interface": --1})",
-          R"({"interface": "zero"})", R"({"version": "0"})", R"({"a": "\)", R"({"a": "\n"})",
-          R"({"interface": {"a": 0}})"}) {
+    for (const std::string text : {"",
+                                   "{",
+                                   "{}",
+                                   "null",
+                                   "[1]",
+                                   R"({"interface"})",
+                                   R"({"interface":})",
+                                   R"({"interface": "})",
+                                   R"({"interface": 0)",
+                                   R"({"interface": 0} x)",
+                                   R"({"interface": 0,})",
+                                   R"({"interface": 99999999999999})",
+                                   R"({"interface": --1})",
+                                   R"({"interface": "zero"})",
+                                   R"({"version": "0"})",
+                                   R"({"a": "\)",
+                                   R"({"a": "\n"})",
+                                   R"({"interface": {"a": 0}})",
+                                   R"({"interface": 1-1})",
+                                   R"({"interface": -})",
+                                   R"({"interface": 0 "a": 1})",
+                                   R"({"interface": "0\\"})",
+                                   R"({"a": "b\\"", "interface": 0})"}) {
         EXPECT_FALSE(parse_note(text)) << text;
     }
 }

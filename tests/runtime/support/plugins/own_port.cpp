@@ -1,4 +1,5 @@
-// A block with a descriptor port of a class of its own; built without type information, too.
+// Blocks with a descriptor port of a class of its own and with an object on a bus; built without
+// type information, too.
 #include <quorval/pluginloader.h>
 #include <quorval/settings.h>
 
@@ -20,6 +21,15 @@ struct OwnPort : Block {
     }
 };
 
+/// Says that it has an object on a bus, which is never asked for anything.
+struct OnBus : Block {
+    OnBus(const std::string& name, const BlockConfiguration& config) : Block(name, config)
+    {
+        add_dbus("/" + name, "quorval.test.OnBus", reinterpret_cast<const sd_bus_vtable*>(this),
+                 nullptr);
+    }
+};
+
 struct NoSettings {};
 
 }  // namespace
@@ -27,5 +37,6 @@ struct NoSettings {};
 int lib_register_cpp(IRegistry& registry)
 {
     register_block<OwnPort>(registry, "OwnPort", Settings<NoSettings>("Has a port."));
+    register_block<OnBus>(registry, "OnBus", Settings<NoSettings>("Has an object."));
     return 0;
 }
