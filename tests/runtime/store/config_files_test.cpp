@@ -255,6 +255,20 @@ TEST_F(ConfigFiles, BearKeysOfManyParts)
     EXPECT_EQ(pass_through_toml(config), config);
 }
 
+TEST_F(ConfigFiles, HaveKeysOf32BareParts)
+{
+    std::string key = "a";
+    for (int i = 1; i < 32; ++i) {
+        key += ".b";
+    }
+
+    EXPECT_EQ(to_toml({{key, 1}}), key + " = 1\n");
+    EXPECT_EQ(to_toml({{key + ".c", 1}}), "\"" + key + ".c\" = 1\n");
+    EXPECT_EQ(to_toml({{"a.", 1}}), "\"a.\" = 1\n");
+    EXPECT_EQ(to_toml({{".a", 1}}), "\".a\" = 1\n");
+    EXPECT_EQ(to_toml({{"a", 1}, {"a.b.c", 2}, {"ab.c", 3}}), "a = 1\n\"a.b.c\" = 2\nab.c = 3\n");
+}
+
 TEST_F(ConfigFiles, SayWhatTomlCannotHold)
 {
     const std::string half = "a\xC3";
@@ -446,6 +460,21 @@ TEST_F(ConfigFiles, OfStoresAreReplacedWhole)
     EXPECT_EQ(read_file(path("store")), bytes_of(config));
     EXPECT_EQ(fs::status(path("store")).permissions(), fs::perms(0600));
     EXPECT_EQ(list_files(path("")), std::vector<std::string>{"store"});
+}
+
+TEST_F(ConfigFiles, OfStatesAreSealedAgain)
+{
+    for (const int version : {1, 2}) {
+        BlockConfiguration state = Quorval::seal_state({{"a", 1}}, version);
+        state.set("a", 2);
+        ASSERT_NE(find_state_damage(state), "");
+
+        write_store_file(path("store"), state);
+
+        const StoreContent content = read_store_file(path("store"));
+        EXPECT_EQ(content.damage, "");
+        EXPECT_EQ(content.config, Quorval::seal_state({{"a", 2}}, version));
+    }
 }
 
 TEST_F(ConfigFiles, OfStoresAreReplacedWhereALinkLeads)
