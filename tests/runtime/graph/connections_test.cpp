@@ -115,6 +115,32 @@ TEST(Connections, FeedAnInputOnce)
                      "g.toml:2:52: error: ch/gain.in is already fed by s.out"}));
 }
 
+TEST(Connections, ThatMeetOthersAreToldTenThousandTimesAndThenOnceEach)
+{
+    constexpr std::size_t kInputs = 99;
+    constexpr std::size_t kMostConflicts = 10'000;
+    constexpr std::size_t kConnections = kMostConflicts / kInputs + 4;
+    std::string text = "connections = [\n";
+    for (std::size_t i = 0; i < kConnections; ++i) {
+        text += "\"s.out -> k.in\",\n";
+    }
+    text +=
+        "]\nblocks.s = { type = \"parts:Ports\", config.outputs = [\"out:double\"] }\n"
+        "blocks.k.type = \"kind\"\n[superblocks.kind]\ninports.in = [";
+    std::string blocks;
+    for (std::size_t i = 0; i < kInputs; ++i) {
+        text += "\"g" + std::to_string(i) + ".in\",";
+        blocks += "blocks.g" + std::to_string(i) + ".type = \"parts:Gain\"\n";
+    }
+    GraphFiles files;
+
+    const Lines lines = files.findings_for(text + "]\n" + blocks);
+
+    // All of 101 connections, then one of each of three; the first one feeds.
+    EXPECT_EQ(lines.size(), kMostConflicts / kInputs * kInputs + 3);
+    EXPECT_EQ(lines.back(), "g.toml:107:1: error: k/g0.in is already fed by s.out");
+}
+
 TEST(Connections, MakeNoCycle)
 {
     EXPECT_EQ(findings_for(R"("a.out -> ch.in", "ch.out -> a.left")"),
@@ -219,4 +245,75 @@ blocks.b.type = "parts:Gain"
               (Lines{"g.toml:11:16: error: block 'x/b' has no input 'nothing'; it has in",
                      "g.toml:12:14: error: block 'x/a' has no input 'nothing'; it has in",
                      "g.toml:13:16: error: there is no block 'c'"}));
+}
+
+TEST(Connections, AreNotCalledForWhereABlockIsMissing)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(
+        files.findings_for("connections = [\"a.out -> c.in\"]\n"
+                           "blocks.a.type = \"parts:Gain\"\nblocks.b.type = \"parts:Gain\"\n"),
+        (Lines{"g.toml:2:16: error: there is no block 'c'"}));
+}
+
+TEST(Connections, OfATypeWithoutCodecMayLeadNowhere)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(
+        files.findings_for("connections = [\"s.out -> a.in\"]\n"
+                           "blocks.s = { type = \"parts:Ports\", config.outputs = [\"out:odd\"] }\n"
+                           "blocks.a = { type = \"parts:Leads\", config.nowhere = true }\n"),
+        (Lines{"g.toml:2:16: error: block 'a' has no input 'in'; it has none"}));
+}
+
+TEST(Connections, CountInTheOrderInWhichTheyAreWritten)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for(R"(superblocks.kind.connections = ["a.out -> b.in"]
+connections = ["k.out -> k.in", "k.out -> k.first"]
+superblocks.kind.inports = { in = "b.in", first = "a.in" }
+superblocks.kind.outports.out = "b.out"
+superblocks.kind.blocks.a.type = "parts:Gain"
+superblocks.kind.blocks.b.type = "parts:Gain"
+blocks.k.type = "kind"
+)"),
+              (Lines{"g.toml:3:16: error: k/b.in is already fed by k/a.out",
+                     "g.toml:3:33: error: the connections make a cycle: k/b -> k/a -> k/b"}));
+}
+
+TEST(Connections, OfAnotherTypeLeaveTheirInputToOthers)
+{
+    const std::string blocks = R"(
+blocks.s = { type = "parts:Ports", config.outputs = ["out:double", "count:int32"] }
+blocks.a = { type = "parts:Ports", config.inputs = ["in:double", "other:double"] }
+)";
+    const auto findings = [&](const std::string& connections) {
+        GraphFiles files;
+        return files.findings_for("connections = [" + connections + "]" + blocks);
+    };
+    const std::string misfit = "g.toml:2:16: error: s.count (int32) does not fit a.in (double)";
+    const std::string unfed = "g.toml:4:8: warning: a.other is not connected";
+
+    EXPECT_EQ(findings("'s.count -> a.in'"), (Lines{misfit, unfed}));
+    EXPECT_EQ(findings("'s.count -> a.in', 's.out -> a.in'"), (Lines{misfit, unfed}));
+    EXPECT_EQ(findings("'s.count -> a.in', 's.out -> a.in', 's.out -> a.in'"),
+              (Lines{misfit, "g.toml:2:52: error: a.in is already fed by s.out", unfed}));
+    EXPECT_EQ(findings("'s.out -> a.in', 's.out -> a.in'"),
+              (Lines{"g.toml:2:33: error: a.in is already fed by s.out", unfed}));
+    EXPECT_EQ(findings("'s.out -> a.in'"), (Lines{unfed}));
+    EXPECT_EQ(findings("'s.nothing -> a.in', 's.out -> a.other'"),
+              (Lines{"g.toml:2:16: error: block 's' has no output 'nothing'; it has count, out"}));
+}
+
+TEST(Connections, AreCalledForBesideASuperblockThatIsNone)
+{
+    GraphFiles files;
+
+    EXPECT_EQ(files.findings_for("blocks.a.type = \"parts:Gain\"\nblocks.k.type = \"kind\"\n"
+                                 "superblocks.kind = 1\n"),
+              (Lines{"g.toml:2:8: warning: a.in is not connected",
+                     "g.toml:4:20: error: 'kind' has to be a table"}));
 }

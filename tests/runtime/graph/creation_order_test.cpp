@@ -94,4 +94,42 @@ blocks.c.type = "parts:Gain"
     EXPECT_EQ(log.texts().at(3), "made b");
 }
 
+/// The order in which `a` and `z` are made, where `z` feeds `a` behind so many connections that are
+/// wrong, of 64 wires each. There are 67 blocks.
+Lines order_behind(std::size_t connections)
+{
+    std::string text = "connections = [";
+    for (std::size_t i = 0; i < connections; ++i) {
+        text += "\"s.out -> k.in\",";
+    }
+    text +=
+        "\"z.out -> a.in\"]\nblocks.a.type = \"parts:Gain\"\nblocks.z.type = \"parts:Gain\"\n"
+        "blocks.s.type = \"parts:Gain\"\nblocks.k.type = \"kind\"\n[superblocks.kind]\n"
+        "inports.in = [";
+    std::string blocks;
+    for (std::size_t i = 0; i < 64; ++i) {
+        text += "\"g" + std::to_string(i) + ".in\",";
+        blocks += "blocks.g" + std::to_string(i) + ".type = \"parts:Gain\"\n";
+    }
+    // Named twice, they are fed once.
+    text += "\"g0.in\",\"g1.in\"";
+    GraphFiles files;
+    const LogRecorder log;
+    files.findings_for(text + "]\n" + blocks);
+    Lines made;
+    for (const std::string& line : log.texts()) {
+        if (line == "made a" || line == "made z") {
+            made.push_back(line);
+        }
+    }
+    return made;
+}
+
+TEST(CreationOrder, LooksAt64WiresForEachBlock)
+{
+    constexpr std::size_t kBlocks = 67;
+    EXPECT_EQ(order_behind(kBlocks), (Lines{"made z", "made a"}));
+    EXPECT_EQ(order_behind(kBlocks + 1), (Lines{"made a", "made z"}));
+}
+
 }  // namespace

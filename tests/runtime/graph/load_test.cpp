@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -236,6 +238,46 @@ type = "channel"
     EXPECT_EQ(std::get<3>(connections[1]), "in");
 }
 
+TEST(LoadGraph, GivesSuperblocksAllThatTheyExpose)
+{
+    GraphFiles files;
+
+    const LoadedGraph graph = files.load(R"(
+blocks.k.type = "kind"
+[superblocks.kind]
+inports = { one = "a.in", three = ["a.in", "b.in"], two = "b.in" }
+outports = { first = "a.out", second = "b.out", third = "a.out" }
+blocks.a.type = "parts:Gain"
+blocks.b.type = "parts:Gain"
+)");
+
+    Quorval::Container& kind = graph.superblock->get_block("k");
+    EXPECT_EQ(kind.get_inport("one").size(), 1U);
+    EXPECT_EQ(kind.get_inport("two").size(), 1U);
+    EXPECT_EQ(kind.get_inport("three").size(), 2U);
+    EXPECT_EQ(kind.get_outport("first").first.get_name(), "a");
+    EXPECT_EQ(kind.get_outport("second").first.get_name(), "b");
+    EXPECT_EQ(kind.get_outport("third").first.get_name(), "a");
+}
+
+TEST(LoadGraph, MakesBlocksThatDeclareTheirSettings)
+{
+    GraphFiles files;
+
+    const LoadedGraph graph = files.load(
+        "blocks.a = { type = \"parts:Declared\", config.needed = 1 }\n"
+        "blocks.b.type = \"parts:Late\"\n");
+
+    const LoadedBlock& declared = block_of(graph, "a");
+    EXPECT_NE(graph.network.nodes[index_of(graph, "a")].block, nullptr);
+    ASSERT_NE(declared.declared, nullptr);
+    EXPECT_EQ(declared.declared->size(), 3U);
+    ASSERT_NE(declared.description, nullptr);
+    EXPECT_EQ(declared.description->getString("settings.0.key"), "needed");
+    EXPECT_EQ(block_of(graph, "b").declared, nullptr);
+    EXPECT_EQ(block_of(graph, "b").description, nullptr);
+}
+
 TEST(LoadGraph, FeedsAllInputsBehindAnExposedOne)
 {
     GraphFiles files;
@@ -287,6 +329,20 @@ TEST(LoadGraph, BearsExposedInputsThatMultiply)
     }
 
     EXPECT_EQ(files.load(text).network.wires.size(), 1U);
+}
+
+TEST(LoadGraph, IsGivenUpWithoutFindingsWhenPatienceEnds)
+{
+    struct Impatient final : Quorval::runtime::IPatience {
+        bool wait_readable(int /*fd*/) override { return false; }
+    } impatient;
+    const GraphFiles files;
+    ASSERT_EQ(::mkfifo(files.path("g.toml").c_str(), S_IRUSR | S_IWUSR), 0);
+    const int writer = ::open(files.path("g.toml").c_str(), O_RDWR | O_CLOEXEC);
+
+    quorval_test::expect_throw<Quorval::GraphError>(
+        [&] { load_graph(files.options(), &impatient); }, "");
+    ::close(writer);
 }
 
 // --- plug-ins ---
@@ -477,6 +533,8 @@ TEST(LoadGraph, DoesNotReportItsOwnKeyAsUnread)
     EXPECT_EQ(files.findings(options),
               (Lines{"g.toml:2:46: warning: key 'a' is not read by block 'x'",
                      "g.toml:2:53: warning: key 'z' is not read by block 'x'"}));
+    files.write("g.toml", "format = 1\nblocks.x = { type = \"parts:Late\", config.late = 1 }");
+    EXPECT_EQ(files.findings(options), Lines());
 }
 
 TEST(LoadGraph, MakesNothingOnDiskWhenItIsDry)

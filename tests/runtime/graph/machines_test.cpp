@@ -171,6 +171,7 @@ TEST(MachineProblems, AreFoundInTheLink)
               Lines{"g.toml:3:14: error: 'limit' has to be from 1 to 268000000, not 300000000"});
     EXPECT_EQ(findings_for("link.ca = 1"), Lines{"g.toml:3:11: error: 'ca' has to be a string"});
     EXPECT_EQ(findings_for("[link]\ncert = \"a\""), Lines{"g.toml:3:2: error: missing key 'key'"});
+    EXPECT_EQ(findings_for("[link]\nkey = \"a\""), Lines{"g.toml:3:2: error: missing key 'cert'"});
     EXPECT_EQ(findings_for("[link]\npassword_file = \"a\""),
               Lines{"g.toml:3:2: error: missing key 'user'"});
     EXPECT_EQ(findings_for("link.broker = \"http://a\""),
@@ -266,6 +267,22 @@ TEST(MachineProblems, AreBrokersThatAreMissingInALink)
     EXPECT_EQ(findings_of_two_machines("[link]\n", "attic"), Lines{});
 }
 
+TEST(MachineProblems, AreBrokersThatAreMissingInALinkOfTheFirstLine)
+{
+    GraphFiles files;
+    files.write("g.toml", R"(link.queue = 2
+format = 1
+connections = ["a.out -> b.in"]
+machines = { edge = {}, hub = {} }
+blocks.a = { type = "parts:Gain", machine = "edge" }
+blocks.b = { type = "parts:Gain", machine = "hub" }
+)");
+    GraphOptions options = files.options();
+    options.machine = "hub";
+
+    EXPECT_EQ(files.findings(options), Lines{"g.toml:1:1: error: missing key 'broker'"});
+}
+
 TEST(MachineProblems, AreConnectionsWithoutALinkInTheWholeToo)
 {
     EXPECT_EQ(findings_of_two_machines(""), Lines{"g.toml:1:1: error: missing key 'link.broker'"});
@@ -301,4 +318,73 @@ blocks.b = { type = "parts:Late", machine = "hub", config.x = [] }
 )"),
               (Lines{"g.toml:4:45: error: there is no machine 'hup'; did you mean 'hub'?",
                      "g.toml:5:63: error: 'x' is an empty list"}));
+}
+
+TEST(Machines, KeepAllValuesOfThoseConnectionsAlone)
+{
+    for (const std::string delivery : {"latest", "all"}) {
+        GraphFiles files;
+        files.write("g.toml", R"(format = 1
+connections = [{ from = "a.out", to = "b.in", delivery = ")" +
+                                  delivery + R"(" }, "a.out -> c.in"]
+machines = { edge = {}, hub = {} }
+link.broker = "mqtt://localhost"
+blocks.a = { type = "parts:Gain", machine = "edge" }
+blocks.b = { type = "parts:Gain", machine = "hub" }
+blocks.c = { type = "parts:Gain", machine = "hub" }
+)");
+        GraphOptions options = files.options();
+        options.machine = "edge";
+        const LoadedGraph edge = load_graph(options);
+        ASSERT_EQ(edge.network.exits.size(), 1U);
+        EXPECT_EQ(edge.network.exits[0].keeps_all, delivery == "all");
+        options.machine = "hub";
+        const LoadedGraph hub = load_graph(options);
+        ASSERT_EQ(hub.network.entries.size(), 1U);
+        EXPECT_EQ(hub.network.entries[0].keeps_all, delivery == "all");
+    }
+}
+
+TEST(Machines, LeaveOutSuperblocksOfOthers)
+{
+    GraphFiles files;
+    files.write("g.toml", R"(format = 1
+machines = { edge = {}, hub = {} }
+blocks.a = { type = "kind", machine = "edge" }
+blocks.b = { type = "outer", machine = "hub" }
+blocks.c = { type = "kind", machine = "edge" }
+[superblocks.outer]
+blocks.k.type = "kind"
+[superblocks.kind]
+connections = ["x.out -> y.in"]
+blocks.x.type = "parts:Gain"
+blocks.y.type = "parts:Gain"
+)");
+    GraphOptions options = files.options();
+    options.machine = "hub";
+
+    const LoadedGraph hub = load_graph(options);
+
+    EXPECT_EQ(paths_of(hub), (Lines{"b/k/x", "b/k/y"}));
+    Quorval::Container& outer = hub.superblock->get_block("b");
+    EXPECT_EQ(hub.superblock->get_blocks().size(), 2U);
+    EXPECT_EQ(outer.get_blocks().size(), 2U);
+}
+
+TEST(MachineProblems, DoNotHideThemselvesInTypesThatCannotLeave)
+{
+    const auto findings = [](const std::string& from, const std::string& to) {
+        return findings_for(
+            "connections = [\"a.out -> b.in\"]\nlink.broker = \"mqtt://localhost\"\n"
+            "blocks.a = { type = \"parts:Ports\"" +
+            from +
+            ", config.outputs = [\"out:odd\"] }\n"
+            "blocks.b = { type = \"parts:Ports\"" +
+            to + ", config.inputs = [\"in:odd\"] }\n");
+    };
+    const std::string edge = ", machine = \"edge\"";
+
+    EXPECT_EQ(findings(edge, edge), Lines{});
+    EXPECT_EQ(findings(edge, ""), Lines{"g.toml:6:8: error: block 'b' has no machine"});
+    EXPECT_EQ(findings("", edge), Lines{"g.toml:5:8: error: block 'a' has no machine"});
 }

@@ -1,6 +1,7 @@
 #include "graph/state.h"
 
 #include "graph/saved.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,8 @@
 
 using namespace Quorval::runtime;
 using quorval_test::expect_throw;
+using quorval_test::NoStandardInput;
+using quorval_test::open_descriptors;
 using quorval_test::ScopedEnvironment;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
@@ -86,6 +89,53 @@ TEST(StateDirectory, IsForOneRunAtATime)
                                          "the state directory '" + path + "' is in use");
     }
     EXPECT_NO_THROW(const StateLock later(path));
+}
+
+TEST(StateDirectory, IsGivenBackWithItsDescriptor)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.path();
+    const NoStandardInput none;
+    const std::vector<int> before = open_descriptors();
+    {
+        const StateLock lock(path);
+        EXPECT_TRUE(none.is_taken());
+        const std::vector<int> locked = open_descriptors();
+        EXPECT_THROW(const StateLock other(path), std::runtime_error);
+        EXPECT_EQ(open_descriptors(), locked);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_NO_THROW(const StateLock later(path));
+}
+
+TEST(StateDirectory, IsMadeToBeHeld)
+{
+    const TemporaryDirectory directory;
+
+    EXPECT_NO_THROW(const StateLock lock(directory.store_path() + "new"));
+    EXPECT_TRUE(std::filesystem::is_directory(directory.path() / "new"));
+}
+
+TEST(StateDirectory, TellsWhichOneCannotBeMade)
+{
+    const TemporaryDirectory directory;
+    const std::string base = directory.store_path();
+    write_file(base + "file", "");
+    std::filesystem::create_symlink("nowhere", base + "dangling");
+    std::filesystem::create_directory(base + "there");
+    std::filesystem::create_directory_symlink("there", base + "link");
+
+    EXPECT_NO_THROW(make_state_directory(base + "link/a/"));
+    EXPECT_TRUE(std::filesystem::is_directory(base + "there/a"));
+    expect_throw<std::system_error>([&] { make_state_directory(base + "file/"); },
+                                    base + "file: Not a directory");
+    expect_throw<std::system_error>([&] { make_state_directory(base + "dangling/a/"); },
+                                    base + "dangling: No such file or directory");
+    expect_throw<std::system_error>([] { make_state_directory("/proc/none/"); },
+                                    "/proc/none: No such file or directory");
+    const std::string name(300, 'n');
+    expect_throw<std::system_error>([&] { make_state_directory(base + name + "/a/"); },
+                                    base + name + ": File name too long");
 }
 
 /// What is wrong with it is told where something is to be kept there.
