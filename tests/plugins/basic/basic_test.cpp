@@ -69,6 +69,19 @@ TEST(Timer, TicksAfterEachPeriod)
     EXPECT_EQ(timer.output<std::int64_t>("tick"), 2);
 }
 
+TEST(Timer, CountsPeriodsFromItsStartOn)
+{
+    Harness timer(QUORVAL_BASIC_PLUGIN, "Timer", {{"period", 0.1}});
+    timer.advance(1s);
+    timer.start();
+
+    timer.advance(99ms);
+    EXPECT_FALSE(timer.step());
+    timer.advance(1ms);
+
+    EXPECT_TRUE(timer.step());
+}
+
 TEST(Timer, StaysInStepWhenItIsLate)
 {
     BasicBlock timer("Timer", {{"period", 0.1}});
@@ -143,6 +156,35 @@ TEST(Sine, GivesAValueForEachTick)
     EXPECT_EQ(values[4], 0);
 }
 
+TEST(Sine, HasOneTurnInASecondOfAHundredValues)
+{
+    BasicBlock sine("Sine");
+
+    std::vector<double> values;
+    for (std::int64_t tick = 1; tick <= 26; ++tick) {
+        sine.feed("tick", tick);
+        sine.step();
+        values.push_back(sine.output<double>("out"));
+    }
+
+    EXPECT_EQ(values.front(), 0);
+    EXPECT_NEAR(values[1], std::sin(0.02 * 3.14159265358979323846), 1e-15);
+    EXPECT_NEAR(values[25], 1, 1e-15);
+}
+
+TEST(Sine, RefusesRatesThatAreNone)
+{
+    for (const auto& [key, text] : std::vector<std::pair<std::string, std::string>>{
+             {"rate", "'rate' has to be from 1e-06 to 1e+09, not -1"},
+             {"frequency", "'frequency' has to be from 0 to 1e+09, not -1"}}) {
+        expect_throw<std::invalid_argument>(
+            [&, &name = key] {
+                BasicBlock("Sine", {{name, -1}});
+            },
+            text);
+    }
+}
+
 TEST(Sine, ChangesItsAmplitudeAlone)
 {
     BasicBlock sine("Sine", {{"frequency", 1}, {"rate", 4}});
@@ -175,6 +217,16 @@ TEST(Scale, Multiplies)
     EXPECT_EQ(scale.output<double>("out"), -6);
 }
 
+TEST(Scale, ChangesNothingWithoutAFactor)
+{
+    BasicBlock scale("Scale");
+
+    scale.feed("in", 3.0);
+    scale.step();
+
+    EXPECT_EQ(scale.output<double>("out"), 3);
+}
+
 TEST(Scale, MultipliesLists)
 {
     BasicBlock scale("Scale", {{"factor", 2}, {"type", "double-vector"}});
@@ -192,6 +244,7 @@ std::string print(const std::string& type, T value)
     block.feed("in", std::move(value));
     CaptureStdout();
     block.step();
+    EXPECT_FALSE(block.is_done());
     return GetCapturedStdout();
 }
 
@@ -276,6 +329,9 @@ protected:
     }
 
     quorval_test::TemporaryDirectory directory_;
+    // What a sink writes until it stops.
+    const std::filesystem::path temporary_ =
+        file(".out.csv." + std::to_string(::getpid()) + ".part");
 };
 
 constexpr double kNothing = std::numeric_limits<double>::quiet_NaN();
@@ -601,6 +657,80 @@ TEST_F(CsvTest, SinkShowsTheFileWhenItStops)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
 }
 
+TEST_F(CsvTest, SinkGathersRowsUntilTheyAreAPiece)
+{
+    const std::string name = "ten-bytes-";
+    const std::string row = "-1.2345678901234567e+300\n";
+    constexpr std::uintmax_t kPiece = 65536;
+    const std::size_t rows = (kPiece - name.size() - 1) / row.size();
+    ASSERT_EQ(name.size() + 1 + rows * row.size(), kPiece);
+    BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {name}}});
+    const auto written = [&] {
+        return std::filesystem::file_size(file(".out.csv." + std::to_string(::getpid()) + ".part"));
+    };
+    for (std::size_t i = 0; i < rows; ++i) {
+        ASSERT_EQ(written(), 0U);
+        sink.feed(name, -1.2345678901234567e+300);
+        sink.step();
+    }
+
+    EXPECT_EQ(written(), kPiece);
+}
+
+TEST_F(CsvTest, SinkLeavesTheFileOfALaterOneAlone)
+{
+    const BlockConfiguration config{{"path", file("out.csv")}, {"columns", {"a"}}};
+    auto first = std::make_unique<BasicBlock>("CsvSink", config);
+    first->stop();
+    BasicBlock second("CsvSink", config);
+
+    first.reset();
+    second.feed("a", 1.0);
+    second.step();
+    second.stop();
+
+    EXPECT_EQ(read_file(file("out.csv")), "a\n1\n");
+}
+
+TEST_F(CsvTest, SinkMakesAFileAsTheUserWantsFilesToBe)
+{
+    const mode_t before = ::umask(0);
+    write({}, false);
+    ::umask(before);
+
+    EXPECT_EQ(std::filesystem::status(file("out.csv")).permissions(), std::filesystem::perms(0666));
+}
+
+TEST_F(CsvTest, SinkClosesWhatItOpens)
+{
+    const auto before = open_descriptors().size();
+    write_file(temporary_, "half");
+    {
+        BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a"}}});
+    }
+    EXPECT_EQ(open_descriptors().size(), before);
+
+    write({}, false);
+
+    EXPECT_EQ(open_descriptors().size(), before);
+}
+
+TEST_F(CsvTest, SinkTakesADescriptorOfAnyNumber)
+{
+    write_file(temporary_, "half");
+    auto sink = std::make_unique<Harness>(
+        QUORVAL_BASIC_PLUGIN, "CsvSink",
+        BlockConfiguration{{"path", file("out.csv")}, {"columns", {"a"}}});
+    const NoStandardInput closed;
+    sink->start();
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/0"),
+              std::filesystem::canonical(directory_.path()) / temporary_.filename());
+
+    sink.reset();
+
+    EXPECT_FALSE(closed.is_taken());
+}
+
 TEST_F(CsvTest, SinkAppendsRowByRowAndNamesTheColumnsOnce)
 {
     write({{1, 2}}, true);
@@ -699,7 +829,7 @@ TEST_F(CsvTest, SinkNamesAFullDisk)
 
 TEST_F(CsvTest, SinkTakesAwayWhatAProcessOfTheSameNumberLeftBehind)
 {
-    write_file(file(".out.csv." + std::to_string(::getpid()) + ".part"), "half");
+    write_file(temporary_, "half");
 
     write({{1, 2}}, false);
 
@@ -741,6 +871,31 @@ TEST_F(CsvTest, SinkLeavesNoGapWhereItFailed)
     sink.stop();
 
     EXPECT_EQ(read_file(file("out.csv")), expected);
+}
+
+TEST_F(CsvTest, SinkTakesBackEvenOneByteOfARow)
+{
+    BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a"}}, {"append", true}});
+    sink.feed("a", 1.0);
+    {
+        const FileSizeLimit limit(3);
+        expect_throw<std::system_error>([&] { sink.step(); },
+                                        file("out.csv") + ": cannot be written: File too large");
+    }
+    EXPECT_EQ(read_file(file("out.csv")), "a\n");
+
+    sink.stop();
+
+    EXPECT_EQ(read_file(file("out.csv")), "a\n1\n");
+}
+
+TEST_F(CsvTest, SinkNamesAFileThatCannotBeReplaced)
+{
+    BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {"a"}}});
+    std::filesystem::create_directory(file("out.csv"));
+
+    expect_throw<std::system_error>([&] { sink.stop(); },
+                                    file("out.csv") + ": cannot be written: Is a directory");
 }
 
 TEST_F(CsvTest, SinkRefusesAColumnThatIsThereTwice)
