@@ -119,6 +119,11 @@ TEST_F(Config, LosesKeysAndAllBelowThem)
     expect_result(run({"config", "unset", "state", "a", "z.a"}), 0, "", "");
 
     EXPECT_EQ(load("state"), BlockConfiguration({{"ab", 3}, {"x.a", 4}}));
+    BlockConfiguration stops;
+    stops.set("...", 1);
+    store("stops", stops);
+    expect_result(run({"config", "unset", "stops", "."}), 0, "", "");
+    EXPECT_EQ(load("stops"), BlockConfiguration());
 }
 
 TEST_F(Config, KeepsValuesOfEachKindWhenAnotherOneGoes)
@@ -339,6 +344,16 @@ TEST_F(Config, RefusesWrongUse)
     expect_wrong_use(run({"config", "sho", "state"}), "unknown action 'sho'; did you mean 'show'?");
     expect_wrong_use(run({"config", "set", "state"}), "'config set' needs FILE KEY=VALUE...");
     expect_wrong_use(run({"config", "show", "state", "more"}), "'more' is too much");
+    expect_wrong_use(run({"config", "get", "state", "a", "more"}), "'more' is too much");
+    expect_wrong_use(run({"config", "diff", "a", "b", "more"}), "'more' is too much");
+    expect_wrong_use(run({"config", "import", "a", "b", "more"}), "'more' is too much");
+    expect_wrong_use(run({"config", "export", "a", "more"}), "'more' is too much");
+    expect_wrong_use(run({"config", "show"}), "'config show' needs FILE");
+    expect_wrong_use(run({"config", "get", "state"}), "'config get' needs FILE KEY");
+    expect_wrong_use(run({"config", "unset", "state"}), "'config unset' needs FILE KEY...");
+    expect_wrong_use(run({"config", "diff", "a"}), "'config diff' needs A B");
+    expect_wrong_use(run({"config", "import", "a"}), "'config import' needs TOML FILE");
+    expect_wrong_use(run({"config", "export"}), "'config export' needs FILE");
     expect_wrong_use(run({"config", "show", "--raw", "state"}),
                      "'--raw' is for 'config get' alone");
     expect_wrong_use(run({"config", "get", "--raww", "state", "a"}),
@@ -352,6 +367,8 @@ TEST_F(Config, TellsHowItIsUsed)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.substr(0, result.out.find('\n')),
               "usage: quorval config ACTION [OPTION...] FILE...");
+    EXPECT_NE(result.out.find("\n  set FILE KEY=VALUE...     set values;"), std::string::npos)
+        << result.out;
     EXPECT_EQ(run({"config", "show", "--help"}).out, result.out);
 }
 

@@ -1,8 +1,14 @@
 #include "look.h"
 
+#include "support/support.h"
+
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -82,6 +88,32 @@ TEST(LookAt, HasNoNoteOfALibraryThatIsNoPlugin)
     EXPECT_EQ(look.plugin["problem"],
               "plug-in 'secure' cannot be loaded: Found no C++ register function in plugin "
               "libtest_command_secure.so");
+}
+
+TEST(LookAt, LeavesWhatIsNotWrittenYetAlone)
+{
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    std::fputs("mine", stdout);
+
+    look_at(file_of("numbers"), {});
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "mine");
+}
+
+TEST(LookAt, LeavesNoProcessAndNoDescriptorBehind)
+{
+    const auto before = quorval_test::open_descriptors();
+    LookOptions options;
+    options.limit = std::chrono::milliseconds(1);
+
+    look_at(file_of("numbers"), {});
+    look_at(file_of("hangs", QUORVAL_TEST_PLUGIN_DIR "/slow"), options);
+
+    EXPECT_EQ(quorval_test::open_descriptors(), before);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(LookAt, GoesOnBehindATypeThatEndsTheProcess)

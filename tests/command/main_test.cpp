@@ -30,8 +30,9 @@ TEST_F(Main, PrintsHelpThatListsTheCommands)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.out.rfind("usage: quorval COMMAND [OPTION...] FILE...\n", 0), 0U);
-    for (const char* line : {"\n  check  ", "\n  graph  ", "\n  run    ", "\n  --version ",
-                             "\n  -h,--help ", "\nExit status:\n", "\nExample:\n"}) {
+    for (const char* line :
+         {"\n  check                   look ", "\n  graph  ", "\n  run    ", "\n  --version ",
+          "\n  -h,--help ", "\nExit status:\n", "\nExample:\n"}) {
         EXPECT_NE(result.out.find(line), std::string::npos) << line << " in\n" << result.out;
     }
 }
@@ -145,8 +146,14 @@ TEST_F(Main, RefusesSetUserIdUse)
     set_variable(options, "LD_PRELOAD", QUORVAL_TEST_SECURE);
     // The runtime of the sanitizer wants to be first.
     options.environment.emplace_back("ASAN_OPTIONS", "verify_asan_link_order=0");
+    expect_result(run_process(options), 0, "quorval " QUORVAL_VERSION "\n", "");
 
-    expect_wrong_use(run_process(options), "set-user-ID use is refused");
+    for (const char* way : {"secure", "user", "group"}) {
+        SCOPED_TRACE(way);
+        ProcessOptions others = options;
+        others.environment.emplace_back("QUORVAL_TEST_RIGHTS", way);
+        expect_wrong_use(run_process(others), "set-user-ID use is refused");
+    }
 }
 
 }  // namespace

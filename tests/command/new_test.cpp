@@ -63,9 +63,17 @@ TEST_F(New, LeavesWhatIsThereAlone)
     EXPECT_EQ(read_file(path("file")), "content");
 }
 
+TEST_F(New, TakesAllLettersAndDigits)
+{
+    for (const char* name : {"a", "z", "A", "Z", "x-azAZ_09"}) {
+        EXPECT_EQ(run({"new", name}).status, 0) << name;
+    }
+}
+
 TEST_F(New, RefusesNamesThatAreNone)
 {
-    for (const char* name : {"9lives", "_x", "a b", "a/b", "é", ".."}) {
+    for (const char* name :
+         {"9lives", "_x", "a b", "a/b", "a:b", "é", "..", "", "@", "[", "`", "{"}) {
         expect_wrong_use(run({"new", name}),
                          std::string("'") + name +
                              "' is not a valid name (a letter, then letters, digits, '_' and '-')");

@@ -29,6 +29,46 @@ TEST(PageTest, WrapsAtBlanks)
               "          and more\n");
 }
 
+TEST(PageTest, FillsALineToItsLastColumn)
+{
+    const std::string ten(10, 'a');
+    Page page({24, false});
+    page.add_paragraph(0, ten + " " + std::string(13, 'b'));
+    page.add_paragraph(0, ten + " " + std::string(14, 'c'));
+    page.add_problem(2, ten + " " + std::string(11, 'd'));
+    page.add_problem(2, ten + " " + std::string(12, 'e'));
+
+    EXPECT_EQ(page.text(), ten + " " + std::string(13, 'b') + "\n" +  //
+                               ten + "\n" + std::string(14, 'c') + "\n" + "  " + ten + " " +
+                               std::string(11, 'd') + "\n" + "  " + ten + "\n  " +
+                               std::string(12, 'e') + "\n");
+}
+
+TEST(PageTest, WrapsNoTextWithoutATerminal)
+{
+    const std::string text = std::string(100, 'a') + " " + std::string(100, 'b') + " ";
+    Page page({0, false});
+    page.add_paragraph(2, text);
+    page.add_problem(2, text);
+
+    EXPECT_EQ(page.text(), "  " + text + "\n  " + text + "\n");
+}
+
+TEST(PageTest, KeepsAProblemReadableOnANarrowTerminal)
+{
+    Page page({1, false});
+    page.add_problem(4, "words that are wrapped late");
+    page.add_paragraph(4, "words that are wrapped late");
+    page.add_rows(4, {{"k", {"v"}}});
+
+    EXPECT_EQ(page.text(),
+              "    words that are\n"
+              "    wrapped late\n"
+              "    words that are\n"
+              "    wrapped late\n"
+              "    k  v\n");
+}
+
 TEST(PageTest, KeepsAColumnReadableOnANarrowTerminal)
 {
     Page page({5, false});

@@ -2,8 +2,12 @@
 #include <quorval/runtime/recording.h>
 #include "command/command_test.h"
 
+#include <chrono>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -86,6 +90,58 @@ TEST_F(RecordingCommand, ReplaysOnSeveralThreadsWhereTheBuildHasThem)
                      "--threads has to be a number from 1 to 256, not '0'");
 }
 
+/// A recording is replayed in a graph with one block more.
+class ReplayWithTrouble : public RecordingCommand {
+protected:
+    ReplayWithTrouble()
+    {
+        EXPECT_EQ(run_with_basic({"run", "--record", "r", "sine.toml"}).status, 0);
+    }
+
+    ProcessOptions replay(const std::string& where, const std::string& what,
+                          const Arguments& more = {}) const
+    {
+        write("more.toml",
+              "format = 1\nblocks.a = { type = \"trouble:Trouble\", config = { where = \"" + where +
+                  "\", what = \"" + what + "\" } }\nblocks.odd.type = \"numbers:Odd\"\n");
+        Arguments arguments = {"replay", "--fast", "-q", "r", "sine.toml", "more.toml"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return command_with_basic(arguments);
+    }
+};
+
+TEST_F(ReplayWithTrouble, IsNotStartedAfterASignal)
+{
+    Process process(replay("constructor", "wait"));
+    ASSERT_TRUE(process.wait_for("waiting\n"));
+
+    process.send(SIGINT);
+
+    expect_result(process.wait(), 0, "", "waiting\n");
+}
+
+TEST_F(ReplayWithTrouble, NamesTheBlockThatCrashes)
+{
+    const ProcessResult result = without_emulator(run_process(replay("start", "crash")));
+
+    EXPECT_EQ(result.signal, SIGSEGV);
+    EXPECT_EQ(result.err, "quorval: fatal: block 'a' crashed in start: signal 11 (SIGSEGV)\n");
+}
+
+TEST_F(ReplayWithTrouble, KeepsStateWhereItIsTold)
+{
+    expect_result(run_process(replay("start", "throw", {"--state", "state"})), 1, "",
+                  "quorval: error: block 'a' failed in start: no luck\n");
+
+    EXPECT_TRUE(fs::is_directory(file("state") + "/a"));
+}
+
+TEST_F(ReplayWithTrouble, RefusesAMachineWhereAllAreHere)
+{
+    expect_wrong_use(run_process(replay("", "", {"--local", "--machine", "hub"})),
+                     "--machine and --local exclude each other");
+}
+
 TEST_F(RecordingCommand, ReplaysOutputsThatWereNamed)
 {
     const ProcessResult live =
@@ -99,17 +155,15 @@ TEST_F(RecordingCommand, ShowsWhatAFileHolds)
 {
     run_with_basic({"run", "--record", "r", "sine.toml"});
 
-    const ProcessResult shown = run({"recording", "show", "r"});
+    const Quorval::RecordingInfo info = Quorval::read_recording(file("r"));
+    const std::time_t begin = std::chrono::system_clock::to_time_t(info.begin);
+    std::ostringstream expected;
+    expected << "graph: sine\nbegin: " << std::put_time(std::gmtime(&begin), "%Y-%m-%d %H:%M:%S")
+             << " UTC\nwaves: 50 in " << std::fixed << std::setprecision(3)
+             << std::chrono::duration<double>(info.duration).count()
+             << " s\nwhole: yes\ntimer.tick (int64): 50 values, 450 bytes\n";
 
-    EXPECT_EQ(shown.status, 0);
-    const std::size_t begin = shown.out.find("begin: ");
-    const std::size_t waves = shown.out.find("waves: ");
-    ASSERT_NE(waves, std::string::npos) << shown.out;
-    EXPECT_EQ(shown.out.substr(0, begin), "graph: sine\n");
-    EXPECT_EQ(shown.out.substr(waves, 13), "waves: 50 in ");
-    EXPECT_EQ(shown.out.substr(shown.out.find("whole: ")),
-              "whole: yes\ntimer.tick (int64): 50 values, 450 bytes\n");
-    EXPECT_EQ(shown.err, "");
+    expect_result(run({"recording", "show", "r"}), 0, expected.str(), "");
 }
 
 TEST_F(RecordingCommand, RefusesAFileThatIsThere)

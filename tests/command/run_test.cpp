@@ -448,7 +448,20 @@ TEST_F(Run, RunsOnSeveralThreadsWhereTheBuildHasThem)
 }
 
 // An emulator has a path of libraries of its own.
-#if defined(QUORVAL_LOADS_TBB) && !defined(QUORVAL_IS_EMULATED)
+#ifndef QUORVAL_IS_EMULATED
+TEST_F(Run, HasNoBusWhereItsLibraryCannotBeLoaded)
+{
+    const std::string library = directory() + "/libsystemd.so.0";
+    ProcessOptions options = command({"run", "--bus", "user", "numbers.toml"});
+    set_variable(options, "LD_LIBRARY_PATH", directory());
+    write("libsystemd.so.0", "");
+
+    expect_result(
+        run_process(options), 1, "",
+        "quorval: error: libsystemd.so.0 cannot be loaded: " + library + ": file too short\n");
+}
+
+#ifdef QUORVAL_LOADS_TBB
 TEST_F(Run, SaysWhatIsWrongWithTheLibraryOfThreads)
 {
     const std::string library = directory() + "/libtbb.so.12";
@@ -465,6 +478,7 @@ TEST_F(Run, SaysWhatIsWrongWithTheLibraryOfThreads)
                                std::filesystem::copy_options::overwrite_existing);
     expect_error("libtbb.so.12 has no _ZN3tbb6detail2r18allocateERPNS0_2d117small_object_poolEm");
 }
+#endif
 #endif
 
 TEST_F(Run, KeepsStateWhereItIsTold)

@@ -82,17 +82,24 @@ TEST(Screen, NeedsBothStreams)
 TEST(Screen, TakesTheTerminalForAWhile)
 {
     TerminalStreams terminal(kBoth);
-    const tcflag_t before = settings_of_input().c_lflag;
-    tcflag_t during = 0;
+    termios before = settings_of_input();
+    before.c_cc[VMIN] = 3;
+    before.c_cc[VTIME] = 4;
+    EXPECT_EQ(::tcsetattr(STDIN_FILENO, TCSANOW, &before), 0);
+    termios during{};
     {
         const Screen screen;
-        during = settings_of_input().c_lflag;
+        during = settings_of_input();
     }
-    const tcflag_t after = settings_of_input().c_lflag;
+    const termios after = settings_of_input();
     const std::string shown = terminal.end();
 
-    EXPECT_EQ(during, before & ~tcflag_t(ICANON | ECHO));
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(during.c_lflag, before.c_lflag & ~tcflag_t(ICANON | ECHO));
+    EXPECT_EQ(during.c_cc[VMIN], 1);
+    EXPECT_EQ(during.c_cc[VTIME], 0);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(after.c_cc[VMIN], 3);
+    EXPECT_EQ(after.c_cc[VTIME], 4);
     EXPECT_EQ(shown, "\033[?1049h\033[?25l\033[?25h\033[?1049l");
 }
 
@@ -110,8 +117,9 @@ TEST(Screen, HasAUsualSizeWhereTheTerminalKnowsNone)
         unsigned short rows;
         Lines shown;  // columns and rows
     };
-    for (const Case& one : {Case{100, 30, {"100", "30"}}, Case{0, 0, {"80", "24"}},
-                            Case{100, 0, {"80", "24"}}, Case{0, 30, {"80", "24"}}}) {
+    for (const Case& one :
+         {Case{100, 30, {"100", "30"}}, Case{1, 1, {"1", "1"}}, Case{0, 0, {"80", "24"}},
+          Case{100, 0, {"80", "24"}}, Case{0, 30, {"80", "24"}}}) {
         TerminalStreams terminal(kBoth, one.columns, one.rows);
         const Screen::Size size = Screen::size();
         terminal.end();

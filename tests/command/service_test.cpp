@@ -64,6 +64,21 @@ TEST_F(Service, TellsThatItIsReadyAndThatItStops)
     expect_result(process.wait(), 0, "a started\na stopped\n", "");
 }
 
+TEST_F(Service, TellsWhatAReplayDoes)
+{
+    write("numbers.toml",
+          "format = 1\nconnections = [\"count.out -> print.in\"]\n"
+          "blocks = { count.type = \"numbers:Count\", print.type = \"numbers:Print\" }\n");
+    expect_result(run({"run", "--record", "r", "numbers.toml"}), 0, "1\n2\n3\n", "");
+    ProcessOptions options = command({"replay", "r", "numbers.toml"});
+    set_variable(options, "NOTIFY_SOCKET", directory() + "/notify");
+
+    expect_result(run_process(options), 0, "1\n2\n3\n", "");
+
+    EXPECT_EQ(socket.take_present(), "READY=1\nSTATUS=running, 2 blocks");
+    EXPECT_EQ(socket.take_present(), kStopping);
+}
+
 TEST_F(Service, FindsAManagerWhoseSocketIsNoFile)
 {
     const std::string name = "quorval" + directory() + "/notify";

@@ -17,6 +17,13 @@ TEST(StatisticsTable, HasALineForEachBlock)
               "left/gain  1000000        12  61.00 s  1.50 ms  1.23 us\n");
 }
 
+TEST(StatisticsTable, TakesTheLargestUnitOfATime)
+{
+    EXPECT_EQ(to_table({{"a", 1, 0, 2000s, 1000ns, 1000us}}),
+              "block  runs  failures      total      max     99 %\n"
+              "a         1         0  2000.00 s  1.00 us  1.00 ms\n");
+}
+
 TEST(StatisticsTable, OfNothingIsItsTitles)
 {
     EXPECT_EQ(to_table({}), "block  runs  failures  total  max  99 %\n");

@@ -22,6 +22,7 @@ TEST(EscapeControls, NamesControlCharactersByTheirNumber)
     EXPECT_EQ(escape_controls("a\tb\n\x1b\x7f"), "a\\x09b\\x0A\\x1B\\x7F");
     EXPECT_EQ(escape_controls(std::string(1, '\0')), "\\x00");
     EXPECT_EQ(escape_controls("\xC2\x80\xC2\x9Fx"), "\\xC2\\x80\\xC2\\x9Fx");
+    EXPECT_EQ(escape_controls("\xC2\x9F"), "\\xC2\\x9F");
     EXPECT_EQ(escape_controls("Größe 'x' \xC2\xA0 \xC2"), "Größe 'x' \xC2\xA0 \xC2");
 }
 

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -69,6 +71,29 @@ TEST(TopTable, DrawsEighthsOfColumnsWhereThereIsUnicode)
               "right/filter  12.5 %  █▊       1000");
 }
 
+TEST(TopTable, DrawsOneEighthOfAColumn)
+{
+    const TopRow second{kRows[1].block, 500ms / 48};
+
+    EXPECT_EQ(draw_top("g", {kRows[0], second}, {}, 1s, {34, 4, false, true}).back(),
+              "right/filter   1.0 %  ▏       1000");
+}
+
+TEST(TopTable, HasABarBehindTheOnlyNumberThatFits)
+{
+    EXPECT_EQ(
+        draw_top("g", {{{"count", 1000000, 0, 1s, 1s, 1s}, 500ms}}, {}, 1s, {19, 24, false, false}),
+        (Lines{"g", "block    load      ", "count  50.0 %  ####"}));
+}
+
+TEST(TopTable, KnowsTheLoadOfTheShortestInterval)
+{
+    EXPECT_EQ(
+        draw_top("g", {{{"count", 1, 0, 1ns, 1ns, 1ns}, 1ns}}, {}, 1ns, {15, 24, false, false})
+            .back(),
+        "count  100.0 %");
+}
+
 TEST(TopTable, LeavesColumnsOutOnANarrowTerminal)
 {
     EXPECT_EQ(draw_top("g", kRows, {}, 1s, {26, 24, false, false}),
@@ -78,6 +103,9 @@ TEST(TopTable, LeavesColumnsOutOnANarrowTerminal)
               (Lines{"long t", "block ", "...ter", "...ter", "out   "}));
     EXPECT_EQ(draw_top("g", kRows, {}, 1s, {2, 24, false, false}),
               (Lines{"g", "ck", "er", "er", "ut"}));
+    EXPECT_EQ(draw_top("g", kRows, {}, 1s, {3, 24, false, false}),
+              (Lines{"g", "ock", "ter", "ter", "out"}));
+    EXPECT_EQ(draw_top("g", kRows, {}, 1s, {0, 24, false, false}), Lines(5));
 }
 
 TEST(TopTable, ShowsTheEndsOfLongPaths)
@@ -145,6 +173,18 @@ TEST(TopTable, LeavesLinksTheHalfOfItsLines)
     EXPECT_EQ(heights(7), std::pair(4L, 3L));
     EXPECT_EQ(heights(9), std::pair(5L, 4L));
     EXPECT_EQ(heights(90), std::pair(5L, 4L));
+}
+
+TEST(TopTable, ShowsNothingInRedWhereNothingIsLost)
+{
+    for (const std::uint64_t count : {0, 1}) {
+        const std::vector<TopRow> rows = {{{"a", 1, count, 1s, 1s, 1s}, 0s}};
+        const Lines lines = draw_top("g", rows, {{"a.out", false, 1, 1, count, 0, 0, 1}}, 1s,
+                                     {60, 24, true, false});
+        for (const std::size_t at : {std::size_t{2}, lines.size() - 1}) {
+            EXPECT_EQ(lines[at].find("\033[31m") != std::string::npos, count > 0) << lines[at];
+        }
+    }
 }
 
 TEST(TopTable, ShowsLossesInRed)
