@@ -14,7 +14,10 @@ import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import time
+from collections import Counter
+from concurrent.futures import ThreadPoolExecutor, as_completed
 from pathlib import Path
 
 HARMLESS = "tests/harmless_mutants.txt"
@@ -27,8 +30,9 @@ COMMON = {
 MOST_SURVIVORS = 0.05
 # Sources in a folder above those of their tests.
 ELSEWHERE = {"tests/runtime": "tests/runtime/run"}
-# Of a mutant that never ends: so many times what the program takes without one, and some seconds
-# more for a machine that is busy. Of one that takes all memory: far more than any program needs.
+# A mutant that never ends gets so many times the processor's time that the program takes without
+# one, and so many seconds more in all, for a machine that is busy. One that takes all memory gets far
+# more than any program needs.
 TIMES, SECONDS = 5, 10
 BYTES = 4 << 30
 
@@ -62,15 +66,63 @@ NO_STATEMENT = re.compile(
 )
 
 
+# How bodies of functions are set.
+OPEN = re.compile(r"^ *\{$")
+SHORT = re.compile(
+    r"^( +(?!constexpr|static constexpr).*\)(?: const| noexcept| override)*) \{ (.+) \}$")
+# A member, or a variable outside of functions, with the value that it starts with.
+START = re.compile(
+    r"^((?!.*\b(?:constexpr|static|operator)\b) *[A-Za-z][\w:<>,*& ]* \w+ = )([^;=]+)(;.*)$")
+# Of one that is computed at compile time: its head, as far as the brace.
+CONSTANT = re.compile(r"\bconstexpr [^;{}]+\{\Z")
+# What no statement starts with.
+NOT_FIRST = ("}", "//", "case ", "default:", "else", "public:", "private:", "protected:")
+ERROR = re.compile(r"^(\S+?):(\d+):\d+:(?:   required from| error:)", re.MULTILINE)
+# A program takes more seconds when its tests are told from each other.
+QUICK = 1
+MOST_MARKS = 1 << 17
+# In each file that is compiled: which mutant there is, and what is reached.
+SWITCH = r"""
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+extern "C" {
+__attribute__((weak, visibility("hidden"))) int quorval_mutant;
+__attribute__((weak, visibility("hidden"))) char* quorval_reached;
+}
+namespace {
+inline void quorval_reach(int mark)
+{
+    if (quorval_reached != nullptr) {
+        quorval_reached[mark] = 1;
+    }
+}
+__attribute__((constructor, used)) void quorval_choose_mutant()
+{
+    const char* number = getenv("QUORVAL_MUTANT");
+    quorval_mutant = number != nullptr ? atoi(number) : 0;
+    const char* file = quorval_reached == nullptr ? getenv("QUORVAL_REACHED") : nullptr;
+    if (file != nullptr) {
+        const int fd = open(file, O_RDWR | O_CLOEXEC);
+        void* map = mmap(nullptr, 1 << 17, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        quorval_reached = map != MAP_FAILED ? static_cast<char*>(map) : nullptr;
+        close(fd);
+    }
+}
+}
+"""
+
+
 class Mutant:
     def __init__(self, file, line, before, after):
         self.file, self.line, self.before, self.after = file, line, before, after
 
-    def tests(self, only_own):
+    def choose_tests(self, only_own):
         """The folders of the tests to run, in their order."""
         own = find_tests(self.file.parent)
         common = [] if only_own else COMMON.get("/".join(own.split("/")[:2]), [])
-        return [own, *(folder for folder in common if folder != own)]
+        self.tests = [own, *(folder for folder in common if folder != own)]
 
     def change(self):
         """The same wherever the line moves to."""
@@ -104,6 +156,16 @@ def mutate_line(line):
     if statement and not NO_STATEMENT.search(statement.group(2)):
         found.append(statement.group(1) + ";")
     return [changed for changed in found if changed != line]
+
+
+def is_statement(lines, number):
+    """Whether a statement starts at a line: nothing can be before, or in place of, what goes on."""
+    line = lines[number - 1].strip()
+    if not line or line.startswith(NOT_FIRST):
+        return False
+    previous = lines[number - 2].rstrip() if number > 1 else ""
+    return previous.endswith((";", "{", "}", ":")) or not previous.strip() \
+        or previous.strip().startswith("//")
 
 
 def find_tests(folder):
@@ -142,12 +204,8 @@ def find_mutants(root, folders):
                 continue
             lines = file.read_text(encoding="utf-8").split("\n")
             for number, line in enumerate(lines, 1):
-                # What is a continuation of a statement is part of one that cannot be dropped.
-                previous = lines[number - 2].rstrip() if number > 1 else ""
-                is_start = previous.endswith((";", "{", "}", ":")) or not previous.strip()
-                is_start = is_start or previous.strip().startswith("//")
                 for after in mutate_line(line):
-                    if after.strip() == ";" and not is_start:
+                    if after.strip() == ";" and not is_statement(lines, number):
                         continue
                     mutants.append(Mutant(file.relative_to(root), number, line, after))
     return mutants
@@ -165,20 +223,182 @@ def copy_different(source, target):
         shutil.copy(source, target)
 
 
-class Copy:
-    """A copy of the tree, configured and built, in which mutants are made."""
+def set_limits(seconds):
+    """In the process of a program. What a shell ignores in the background has its own tests."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
+    resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES))
+    if seconds:
+        resource.setrlimit(resource.RLIMIT_CPU, (int(seconds), int(seconds)))
 
-    def __init__(self, root, work):
+
+class Body:
+    """The body of a function, and the mutants in it."""
+
+    def __init__(self, first, last):
+        self.first, self.last = first, last  # numbers of the lines of its braces
+        self.mutants = []
+        self.is_marked = True
+
+    def is_short(self):
+        return self.first == self.last
+
+    def is_start(self, lines):
+        return self.is_short() and START.match(lines[self.first - 1])
+
+
+class Source:
+    """A file in the copy: of each body that has mutants one copy for each, of which a variable
+    picks one, so that all are compiled at once."""
+
+    def __init__(self, root, tree, file, mutants, next_mark):
+        self.file, self.written = file, tree / file
+        self.lines = (root / file).read_text(encoding="utf-8").split("\n")
+        self.bodies = [body for body in find_bodies(self.lines) if fill_body(body, mutants)]
+        self.marks = {}
+        self.origins = []
+        self.next_mark = next_mark
+        for body in self.bodies:
+            for line in range(body.first, body.last + 1):
+                if line == body.first or is_statement(self.lines, line):
+                    self.marks[line] = self.next_mark = self.next_mark + 1
+
+    def write(self, mutant=None):
+        """@param mutant  the one that takes the place of the line in the file as it was"""
+        text, self.origins = [], []
+        bodies = {body.first: body for body in self.bodies if body.mutants}
+        number = 1
+        while number <= len(self.lines):
+            body = bodies.get(number) if mutant is None else None
+            if body is None:
+                changed = mutant is not None and number == mutant.line
+                self.add(text, [mutant.after if changed else self.lines[number - 1]])
+                number += 1
+            else:
+                self.add_body(text, body)
+                number = body.last + 1
+        text = "\n".join(text)
+        if not self.written.exists() or self.written.read_text(encoding="utf-8") != text:
+            self.written.write_text(text, encoding="utf-8")
+
+    def add(self, text, lines, body=None, mutant=None):
+        text += lines
+        self.origins += [(body, mutant)] * len(lines)
+
+    def add_body(self, text, body):
+        start = body.is_start(self.lines)
+        if start:
+            self.add(text, [start.group(1) + f"(quorval_reach({self.marks[body.first]}),"], body)
+            for mutant in body.mutants:
+                value = START.match(mutant.after).group(2)
+                self.add(text, [f"quorval_mutant == {mutant.number} ? ({value}) :"], body, mutant)
+            self.add(text, [f"({start.group(2)}))" + start.group(3)], body)
+            return
+        head = [SHORT.match(self.lines[body.first - 1]).group(1)] if body.is_short() else []
+        self.add(text, [*head, "{", f"quorval_reach({self.marks[body.first]});",
+                        "switch (quorval_mutant) {"], body)
+        for mutant in body.mutants:
+            self.add(text, [f"case {mutant.number}: {{"], body, mutant)
+            self.add(text, self.inner(body, mutant), body, mutant)
+            self.add(text, ["} break;"], body, mutant)
+        self.add(text, ["default: {", *self.inner(body), "} } }"], body)
+
+    def inner(self, body, mutant=None):
+        if body.is_short():
+            return [SHORT.match(mutant.after if mutant else self.lines[body.first - 1]).group(2)]
+        lines = self.lines[body.first : body.last - 1]
+        if mutant:
+            lines[mutant.line - body.first - 1] = mutant.after
+        elif body.is_marked:
+            marked = [self.marks.get(number) for number in range(body.first + 1, body.last)]
+            lines = [f"quorval_reach({mark}); {line}" if mark else line
+                     for mark, line in zip(marked, lines)]
+        return lines
+
+    def mark(self, body, line):
+        """Of what is reached when the line is: the statement that it belongs to, or the function,
+        where it goes on after a block."""
+        while body.is_marked and line > body.first:
+            if line in self.marks:
+                return self.marks[line]
+            if self.lines[line - 1].lstrip().startswith("}"):
+                break
+            line -= 1
+        return self.marks[body.first]
+
+    def drop(self, line):
+        """Leaves out what cannot be compiled, by a line of the file as written.
+        @return whether there was something"""
+        body, mutant = self.origins[line - 1]
+        if mutant in (body.mutants if body else []):
+            body.mutants.remove(mutant)
+        elif mutant is None and body and body.is_marked and not body.is_short():
+            body.is_marked = False
+        elif mutant is None and body and body.mutants:
+            body.mutants.clear()
+        else:
+            return False
+        return True
+
+
+def find_bodies(lines):
+    """The outermost bodies of functions, by the way that they are set."""
+    bodies, first = [], 0
+    for number, line in enumerate(lines, 1):
+        if first:
+            if line == lines[first - 1].replace("{", "}"):
+                bodies.append(Body(first, number))
+                first = 0
+        elif OPEN.match(line) and not CONSTANT.search("\n".join(lines[:number])):
+            first = number
+        elif SHORT.match(line) or START.match(line):
+            bodies.append(Body(number, number))
+    return bodies
+
+
+def fill_body(body, mutants):
+    for mutant in mutants:
+        if body.first < mutant.line < body.last:
+            body.mutants.append(mutant)
+        elif body.is_short() and mutant.line == body.first:
+            changed, before = [SHORT.match(line) or START.match(line)
+                               for line in (mutant.after, mutant.before)]
+            if changed and changed.group(1) == before.group(1):
+                body.mutants.append(mutant)
+    return bool(body.mutants)
+
+
+class Copy:
+    """A copy of the tree, configured and built, with all mutants in it."""
+
+    def __init__(self, root, work, mutants):
         self.tree, self.build = work / "tree", work / "build"
         self.limits = {}
-        # The last mutant of a run before that was stopped differs, and what is written is newer than
-        # what was built from it.
-        shutil.copytree(root, self.tree, ignore=shutil.ignore_patterns(".git", "build"),
-                        copy_function=copy_different, dirs_exist_ok=True)
+        self.times = {}
+        self.reached = {}
+        self.sources = {}
+        self.marks = 0
+        files = {}
+        for number, mutant in enumerate(mutants, 1):
+            mutant.number = number
+            files.setdefault(mutant.file, []).append(mutant)
+        # What is written is newer than what was built from it.
+        shutil.copytree(
+            root, self.tree, ignore=shutil.ignore_patterns(".git", "build"), dirs_exist_ok=True,
+            copy_function=lambda source, target: Path(source).relative_to(root) in files
+            or copy_different(source, target))
+        for file, own in files.items():
+            self.sources[file] = Source(root, self.tree, file, own, self.marks)
+            self.marks = self.sources[file].next_mark
+            self.sources[file].write()
+        switch = work / "switch.h"
+        if not switch.exists() or switch.read_text(encoding="utf-8") != SWITCH:
+            switch.write_text(SWITCH, encoding="utf-8")
         launcher = shutil.which("ccache") or ""
         configured = run(
             ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
-             "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DQUORVAL_BUILD_EXAMPLES=OFF", "-DQUORVAL_BUILD_TESTS=ON",
+             "-DCMAKE_CXX_FLAGS_DEBUG=-O0", f"-DCMAKE_CXX_FLAGS=-w -include {switch}",
+             "-DQUORVAL_BUILD_EXAMPLES=OFF", "-DQUORVAL_BUILD_TESTS=ON",
              f"-DCMAKE_CXX_COMPILER_LAUNCHER={launcher}", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON",
              *(f"-DCMAKE_{kind}_LINKER_FLAGS=-fuse-ld=gold" for kind in ("EXE", "SHARED", "MODULE"))]
         )
@@ -186,7 +406,25 @@ class Copy:
             sys.exit(f"mutate: the copy cannot be configured\n{configured.stdout}")
 
     def make(self, targets):
-        return run(["cmake", "--build", self.build, "--target", *targets])
+        return run(["cmake", "--build", self.build, "--target", *targets, "--", "-k", "0"])
+
+    def make_all(self, targets):
+        """Builds what compiles: what does not is no mutant, or one to be made alone."""
+        while True:
+            built = self.make(targets)
+            if built.returncode == 0:
+                return
+            errors = {(self.find_source(file), int(line))
+                      for file, line in ERROR.findall(built.stdout)}
+            dropped = [source for source, line in errors if source and source.drop(line)]
+            if not dropped:
+                sys.exit(f"mutate: the tests cannot be built\n{built.stdout[-4000:]}")
+            for source in set(dropped):
+                source.write()
+
+    def find_source(self, file):
+        """@param file  as the compiler names it"""
+        return self.sources.get(Path(os.path.relpath(self.build / file, self.tree)))
 
     def programs(self, folder):
         """The test programs of a folder of tests, by the targets that CMake has for it."""
@@ -194,18 +432,17 @@ class Copy:
         names = find_programs(self.tree / folder)
         return [name for name in names if re.search(rf"^{name}\b", help_text, re.MULTILINE)]
 
-    def run_program(self, folder, name):
-        """Whether all tests of a program pass, in time."""
-        start = time.monotonic()
+    def run_program(self, program, limit, *options, **environment):
+        """Whether the tests of a program pass, in time."""
         process = subprocess.Popen(
-            [self.build / folder / name, "--gtest_brief=1", "--gtest_fail_fast"],
+            [self.build / program, "--gtest_brief=1", *options],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True,
-            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES)),
-            cwd=self.build / folder,
+            start_new_session=True, env={**os.environ, **environment},
+            preexec_fn=lambda: set_limits(limit),
+            cwd=(self.build / program).parent,
         )
         try:
-            process.wait(self.limits.get(name))
+            return process.wait(limit and limit + SECONDS) == 0
         except subprocess.TimeoutExpired:
             return False
         finally:
@@ -213,27 +450,108 @@ class Copy:
             with contextlib.suppress(ProcessLookupError):
                 os.killpg(process.pid, signal.SIGKILL)
             process.wait()
-        self.limits.setdefault(name, TIMES * (time.monotonic() - start) + SECONDS)
-        return process.returncode == 0
 
+    def list_tests(self, program):
+        tests, suite = [], ""
+        listed = subprocess.run(
+            [self.build / program, "--gtest_list_tests"], stdout=subprocess.PIPE, text=True,
+            cwd=(self.build / program).parent, check=True)
+        for line in listed.stdout.splitlines():
+            name = line.split("#")[0].rstrip()
+            if not name.startswith(" "):
+                suite = name
+            else:
+                tests.append(suite + name.strip())
+        return tests
 
-def check_mutant(copy, mutant, suites):
-    """What becomes of a mutant: "invalid", "survived", or the name of what caught it."""
-    file = copy.tree / mutant.file
-    text = file.read_text(encoding="utf-8")
-    lines = text.split("\n")
-    lines[mutant.line - 1] = mutant.after
-    file.write_text("\n".join(lines), encoding="utf-8")
-    try:
-        for folder, names in suites:
-            for name in names:
-                if copy.make([name]).returncode != 0:
+    def measure(self, program):
+        """How long a program takes without any mutant, and which of its tests reach what."""
+        start = time.monotonic()
+        if not self.run_program(program, None):
+            sys.exit(f"mutate: {program} fails without any mutant")
+        took = time.monotonic() - start
+        self.limits[program] = TIMES * took + 1
+        # In a quick one they are not told from each other.
+        tests = self.list_tests(program) if took > QUICK else ["*"]
+        for test in tests:
+            with tempfile.NamedTemporaryFile() as reached:
+                reached.truncate(MOST_MARKS)
+                start = time.monotonic()
+                if not self.run_program(program, self.limits[program], f"--gtest_filter={test}",
+                                        QUORVAL_REACHED=reached.name):
+                    sys.exit(f"mutate: {test} of {program} fails without any mutant")
+                self.times[program, test] = time.monotonic() - start
+                for mark, is_reached in enumerate(reached.read(self.marks + 1)):
+                    if is_reached:
+                        self.reached.setdefault(mark, {}).setdefault(program, []).append(test)
+
+    def check(self, mutant, programs):
+        """What becomes of a mutant: "alone" when it is not among those that are built, "unreached",
+        "survived", or the name of what caught it."""
+        source = self.sources[mutant.file]
+        body = next((body for body in source.bodies if mutant in body.mutants), None)
+        if body is None:
+            return "alone"
+        reached = self.reached.get(source.mark(body, mutant.line), {})
+        programs = [program for program in programs if program in reached]
+        for program in programs:
+            limit = TIMES * sum(self.times[program, test] for test in reached[program]) + 1
+            if not self.run_program(program, limit, "--gtest_fail_fast",
+                                    "--gtest_filter=" + ":".join(reached[program]),
+                                    QUORVAL_MUTANT=str(mutant.number)):
+                return program
+        return "survived" if programs else "unreached"
+
+    def check_alone(self, mutant, programs):
+        """As check(), of a mutant that has to be built for itself."""
+        source = self.sources[mutant.file]
+        source.write(mutant)
+        try:
+            for program in programs:
+                if self.make([Path(program).name]).returncode != 0:
                     return "invalid"
-                if not copy.run_program(folder, name):
-                    return name
-        return "survived"
+                if not self.run_program(program, self.limits[program], "--gtest_fail_fast"):
+                    return program
+            return "survived"
+        finally:
+            source.write()
+
+
+@contextlib.contextmanager
+def stop_at_once():
+    """As many at a time as there are processors; when one fails, or the user stops it, no more."""
+    pool = ThreadPoolExecutor(os.cpu_count())
+    try:
+        yield pool
     finally:
-        file.write_text(text, encoding="utf-8")
+        pool.shutdown(cancel_futures=True)
+
+
+def check_all(copy, mutants, suites):
+    """Prints what becomes of each mutant.
+    @return the results, by mutant"""
+    results = {}
+    start = time.monotonic()
+
+    def tell(mutant, result):
+        results[mutant] = result
+        took = int(time.monotonic() - start)
+        print(f"{len(results)} of {len(mutants)}, {took} s: {result}: {mutant}", flush=True)
+
+    def order(mutant):
+        return [program for folder in mutant.tests for program in suites[folder]]
+
+    alone = []
+    with stop_at_once() as pool:
+        made = {pool.submit(copy.check, mutant, order(mutant)): mutant for mutant in mutants}
+        for done in as_completed(made):
+            if done.result() == "alone":
+                alone.append(made[done])
+            else:
+                tell(made[done], done.result())
+    for mutant in alone:
+        tell(mutant, copy.check_alone(mutant, order(mutant)))
+    return results
 
 
 def main():
@@ -269,39 +587,30 @@ def main():
         print("\n".join(str(mutant) for mutant in mutants))
         return 1 if gone else 0
 
-    folders = sorted({folder for mutant in mutants for folder in mutant.tests(arguments.own)})
-    copy = Copy(arguments.root, arguments.work)
+    for mutant in mutants:
+        mutant.choose_tests(arguments.own)
+    copy = Copy(arguments.root, arguments.work, mutants)
+    folders = sorted({folder for mutant in mutants for folder in mutant.tests})
     suites = {folder: copy.programs(folder) for folder in folders}
-    built = copy.make([name for names in suites.values() for name in names])
-    if built.returncode != 0:
-        sys.exit(f"mutate: the tests cannot be built\n{built.stdout[-4000:]}")
-    for folder, names in suites.items():
-        for name in names:
-            if not copy.run_program(folder, name):
-                sys.exit(f"mutate: {name} fails without any mutant")
+    copy.make_all([name for names in suites.values() for name in names])
+    suites = {folder: [f"{folder}/{name}" for name in names] for folder, names in suites.items()}
+    with stop_at_once() as pool:
+        list(pool.map(copy.measure, [name for names in suites.values() for name in names]))
+    for names in suites.values():
         names.sort(key=copy.limits.get)
 
-    counts = {}
-    survivors = []
-    start = time.monotonic()
-    for number, mutant in enumerate(mutants, 1):
-        order = [(folder, suites[folder]) for folder in mutant.tests(arguments.own)]
-        result = check_mutant(copy, mutant, order)
-        counts[result] = counts.get(result, 0) + 1
-        if result == "survived":
-            survivors.append(mutant)
-        took = int(time.monotonic() - start)
-        print(f"{number} of {len(mutants)}, {took} s: {result}: {mutant}", flush=True)
-
+    results = check_all(copy, mutants, suites)
+    counts = Counter(results.values())
+    survivors = [mutant for mutant in mutants if results[mutant] in ("survived", "unreached")]
     left_out = [mutant for mutant in survivors if mutant.change() in harmless]
     survivors = [mutant for mutant in survivors if mutant not in left_out]
-    valid = len(mutants) - counts.get("invalid", 0) - len(left_out)
+    valid = len(mutants) - counts["invalid"] - len(left_out)
     print(f"\nmutate: {total} mutants there are, {len(mutants)} were made, {valid} compile and are "
           f"not among those of {HARMLESS}, of which there were {len(left_out)}")
-    for name in sorted(set(counts) - {"invalid", "survived"}):
+    for name in sorted(set(counts) - {"invalid", "survived", "unreached"}):
         print(f"mutate: {counts[name]} were caught by {name}")
     for mutant in survivors:
-        print(f"mutate: survived: {mutant}")
+        print(f"mutate: {results[mutant]}: {mutant}")
     if valid == 0:
         return 1
     caught = 100.0 * (valid - len(survivors)) / valid
