@@ -573,11 +573,13 @@ def main():
         if folder not in known:
             parser.error(f"there is no folder '{folder}'; there are: {', '.join(known)}")
 
-    mutants = find_mutants(arguments.root, [known[name] for name in arguments.folder or known])
-    total = len(mutants)
+    every = find_mutants(arguments.root, known.values())
     harmless = read_harmless(arguments.root)
-    every = mutants if not arguments.folder else find_mutants(arguments.root, known.values())
     gone = harmless - {mutant.change() for mutant in every}
+    sources = {known[name] for name in arguments.folder or known}
+    mutants = [mutant for mutant in every
+               if mutant.file.parent in sources and mutant.change() not in harmless]
+    total = len(mutants)
     for change in sorted(gone):
         print(f"mutate: {HARMLESS} names what is no mutant: {change}", file=sys.stderr)
     if arguments.max is not None and arguments.max < total:
@@ -602,11 +604,9 @@ def main():
     results = check_all(copy, mutants, suites)
     counts = Counter(results.values())
     survivors = [mutant for mutant in mutants if results[mutant] in ("survived", "unreached")]
-    left_out = [mutant for mutant in survivors if mutant.change() in harmless]
-    survivors = [mutant for mutant in survivors if mutant not in left_out]
-    valid = len(mutants) - counts["invalid"] - len(left_out)
-    print(f"\nmutate: {total} mutants there are, {len(mutants)} were made, {valid} compile and are "
-          f"not among those of {HARMLESS}, of which there were {len(left_out)}")
+    valid = len(mutants) - counts["invalid"]
+    print(f"\nmutate: {total} mutants there are beside those of {HARMLESS}, {len(mutants)} were made, "
+          f"{valid} compile")
     for name in sorted(set(counts) - {"invalid", "survived", "unreached"}):
         print(f"mutate: {counts[name]} were caught by {name}")
     for mutant in survivors:
