@@ -96,13 +96,20 @@ void RecordingWriter::begin(const RecordingHeader& header)
 
 void RecordingWriter::write(const Batch& batch)
 {
-    run_transaction(database_, [&] {
-        std::string_view bytes = batch.bytes;
-        for (const Batch::Row& row : batch.rows) {
-            write(row, bytes.substr(0, row.size));
-            bytes.remove_prefix(row.size);
-        }
-    });
+    const Place before = place_;
+    try {
+        run_transaction(database_, [&] {
+            std::string_view bytes = batch.bytes;
+            for (const Batch::Row& row : batch.rows) {
+                write(row, bytes.substr(0, row.size));
+                bytes.remove_prefix(row.size);
+            }
+        });
+    } catch (...) {
+        place_ = before;
+        insert_.reset();  // it may have stopped in a row, or its part be gone again
+        throw;
+    }
 }
 
 void RecordingWriter::finish(std::uint64_t waves)
@@ -114,21 +121,24 @@ void RecordingWriter::finish(std::uint64_t waves)
 
 void RecordingWriter::begin_part()
 {
-    ++parts_;
-    part_size_ = 0;
-    database_.execute(part_table(parts_));
-    database_.execute(part_beginning(parts_));
-    insert_.emplace(database_,
-                    "INSERT INTO " + part_name(parts_) + " VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+    ++place_.parts;
+    place_.part_size = 0;
+    database_.execute(part_table(place_.parts));
+    database_.execute(part_beginning(place_.parts));
+    insert_.reset();
 }
 
 void RecordingWriter::write(const Batch::Row& row, std::string_view bytes)
 {
-    if (part_size_ >= kPartSize) {
+    if (place_.part_size >= kPartSize) {
         begin_part();
     }
+    if (!insert_) {
+        insert_.emplace(database_, "INSERT INTO " + part_name(place_.parts) +
+                                       " VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+    }
     enum Column { Id = 1, Wave, Time, Rest, Output, IsEarly, Bytes, Size };
-    insert_->bind(Id, ++rows_);
+    insert_->bind(Id, ++place_.rows);
     insert_->bind(Wave, static_cast<std::int64_t>(row.wave));
     insert_->bind(Time, row.time);
     insert_->bind(Rest, static_cast<std::int64_t>(row.rest));
@@ -143,7 +153,7 @@ void RecordingWriter::write(const Batch::Row& row, std::string_view bytes)
     insert_->bind(Size, static_cast<std::int64_t>(bytes.size()) + 2);
     insert_->step();
     insert_->reset();
-    part_size_ += bytes.size() + kRowSize;
+    place_.part_size += bytes.size() + kRowSize;
 }
 
 }  // namespace Quorval::runtime

@@ -76,7 +76,7 @@ public:
     /// Comes first. Without it no file is left.
     void begin(const RecordingHeader& header);
 
-    /// One transaction.
+    /// One transaction. Where it fails, nothing of the batch is written, and others may follow.
     void write(const Batch& batch);
 
     /// Marks the recording as whole.
@@ -84,15 +84,20 @@ public:
     void finish(std::uint64_t waves);
 
 private:
+    /// Where the next row goes.
+    struct Place {
+        std::uint64_t parts = 0;
+        std::size_t part_size = 0;
+        std::int64_t rows = 0;
+    };
+
     void begin_part();
     void write(const Batch::Row& row, std::string_view bytes);
 
     NewFile file_;
     Database database_;
-    std::optional<Statement> insert_;
-    std::uint64_t parts_ = 0;
-    std::size_t part_size_ = 0;
-    std::int64_t rows_ = 0;
+    std::optional<Statement> insert_;  // for the present part
+    Place place_;
 };
 
 }  // namespace Quorval::runtime

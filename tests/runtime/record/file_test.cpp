@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -34,6 +33,7 @@ using Quorval::runtime::RecordingWriter;
 using Quorval::runtime::Statement;
 using quorval_test::expect_throw;
 using quorval_test::FileSizeLimit;
+using quorval_test::NoStandardInput;
 using quorval_test::open_descriptors;
 using quorval_test::read_file;
 using quorval_test::ScopedWorkingDirectory;
@@ -440,17 +440,30 @@ TEST_F(RecordingFile, IsLockedWhileItIsWritten)
 
 TEST_F(RecordingFile, TakesWavesAfterATransactionThatFailed)
 {
-    RecordingWriter writer(path("r"));
-    writer.begin(header());
-    writer.write(wave(1, {10}));
-    {
-        const FileSizeLimit limit(std::filesystem::file_size(path("r")));
-        EXPECT_THROW(writer.write(wave(2, {1'000'000})), std::runtime_error);
+    struct Case {
+        std::string where;
+        std::size_t before;
+        std::size_t failing;
+    };
+    for (const auto& [where, before, failing] :
+         std::vector<Case>{{"at its end", 10, 1'000'000},
+                           {"in a row", 10, 10'000'000},
+                           {"with a new part", Quorval::runtime::kPartSize, 1'000'000}}) {
+        SCOPED_TRACE(where);
+        std::filesystem::remove(path("r"));
+        RecordingWriter writer(path("r"));
+        writer.begin(header());
+        writer.write(wave(1, {before}));
+        {
+            const FileSizeLimit limit(std::filesystem::file_size(path("r")));
+            expect_throw<std::runtime_error>(
+                [&size = failing, &writer] { writer.write(wave(2, {size})); }, "disk I/O error");
+        }
+
+        EXPECT_NO_THROW(writer.write(wave(3, {10})));
+
+        EXPECT_EQ(count_waves(), 2U);
     }
-
-    EXPECT_NO_THROW(writer.write(wave(3, {10})));
-
-    EXPECT_EQ(count_waves(), 1U);
 }
 
 TEST_F(RecordingFile, MayBeReadAndWrittenByAllAsFarAsTheUserWants)
@@ -470,11 +483,9 @@ TEST_F(RecordingFile, MayBeReadAndWrittenByAllAsFarAsTheUserWants)
 
 TEST_F(RecordingFile, IsMadeWhereStandardInputIsClosed)
 {
-    const int kept = ::dup(STDIN_FILENO);
-    ::close(STDIN_FILENO);
+    const NoStandardInput none;
+
     EXPECT_NO_THROW(write({{1}}));
-    ::dup2(kept, STDIN_FILENO);
-    ::close(kept);
 
     EXPECT_EQ(count_waves(), 1U);
 }

@@ -325,12 +325,13 @@ TEST_F(RecordGraph, LeavesOutWavesThatFindNoRoomInTheQueue)
 class RecordTexts : public RecordGraph {
 protected:
     /// One wave with a text of this size.
-    void give(std::size_t size)
+    void give(std::size_t size) { give(recorder, size); }
+    void give(Recorder& taker, std::size_t size) const
     {
         output.write(std::string(size, 'x'));
-        recorder.wave_begins(std::chrono::hours(1'000'000));
-        recorder.see(output, false);
-        recorder.wave_ends();
+        taker.wave_begins(std::chrono::hours(1'000'000));
+        taker.see(output, false);
+        taker.wave_ends();
     }
 
     const LoadedGraph graph =
@@ -346,18 +347,12 @@ TEST_F(RecordTexts, FillTheQueueToTheLastByte)
         std::filesystem::remove(file());
         Recorder one(graph, {"text.out"});
         one.open(file());
-        const auto give_to_one = [&](std::size_t size) {
-            output.write(std::string(size, 'x'));
-            one.wave_begins(std::chrono::hours(1'000'000));
-            one.see(output, false);
-            one.wave_ends();
-        };
         std::string bytes;
         Quorval::runtime::encode(*graph.plugins->find_codec("string"), &output.value(), bytes);
         const std::size_t beside =
             bytes.size() - output.value().size() + sizeof(Quorval::runtime::Batch::Row);
-        give_to_one(30'000'000);
-        give_to_one((std::size_t{64} << 20U) - 30'000'000 - 2 * beside + (is_too_much ? 1 : 0));
+        give(one, 30'000'000);
+        give(one, (std::size_t{64} << 20U) - 30'000'000 - 2 * beside + (is_too_much ? 1 : 0));
 
         one.begin({});
 
@@ -366,7 +361,7 @@ TEST_F(RecordTexts, FillTheQueueToTheLastByte)
     }
 }
 
-TEST_F(RecordTexts, AreWrittenAtOnceWhereTheyAreMuch)
+TEST_F(RecordTexts, AreWrittenWhileTheGraphRuns)
 {
     recorder.open(file());
     recorder.begin({});
