@@ -37,16 +37,31 @@ private:
     ScopedLimit limit_{RLIMIT_NOFILE, 0};
 };
 
+/// A signal is ignored.
+class IgnoredSignal {
+public:
+    explicit IgnoredSignal(int signal) : signal_(signal)
+    {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        ::sigaction(signal_, &ignore, &before_);
+    }
+    IgnoredSignal(const IgnoredSignal&) = delete;
+    IgnoredSignal& operator=(const IgnoredSignal&) = delete;
+    ~IgnoredSignal() { ::sigaction(signal_, &before_, nullptr); }
+
+private:
+    int signal_;
+    struct sigaction before_ {};
+};
+
 /// Files grow to so many bytes. What is too much is not written.
 class FileSizeLimit {
 public:
     explicit FileSizeLimit(rlim_t bytes) : limit_(RLIMIT_FSIZE, bytes) {}
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() { static_cast<void>(std::signal(SIGXFSZ, handler_)); }
 
 private:
-    void (*handler_)(int) = std::signal(SIGXFSZ, SIG_IGN);
+    IgnoredSignal signal_{SIGXFSZ};
     ScopedLimit limit_;
 };
 

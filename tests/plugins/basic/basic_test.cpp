@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -32,6 +33,7 @@ using Quorval::BlockConfiguration;
 using Quorval::Harness;
 using quorval_test::expect_throw;
 using quorval_test::FileSizeLimit;
+using quorval_test::IgnoredSignal;
 using quorval_test::NoDescriptors;
 using quorval_test::NoStandardInput;
 using quorval_test::open_descriptors;
@@ -665,9 +667,7 @@ TEST_F(CsvTest, SinkGathersRowsUntilTheyAreAPiece)
     const std::size_t rows = (kPiece - name.size() - 1) / row.size();
     ASSERT_EQ(name.size() + 1 + rows * row.size(), kPiece);
     BasicBlock sink("CsvSink", {{"path", file("out.csv")}, {"columns", {name}}});
-    const auto written = [&] {
-        return std::filesystem::file_size(file(".out.csv." + std::to_string(::getpid()) + ".part"));
-    };
+    const auto written = [&] { return std::filesystem::file_size(temporary_); };
     for (std::size_t i = 0; i < rows; ++i) {
         ASSERT_EQ(written(), 0U);
         sink.feed(name, -1.2345678901234567e+300);
@@ -762,25 +762,26 @@ TEST_F(CsvTest, SinkSaysWhyAPipeTookHalfALine)
 {
     ASSERT_EQ(::mkfifo(file("out.csv").c_str(), 0600), 0);
     const int reader = ::open(file("out.csv").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const auto before = std::signal(SIGPIPE, SIG_IGN);
-    std::thread closer([reader] {
-        for (int there = 0; there == 0;) {
+    const IgnoredSignal ignored(SIGPIPE);
+    std::atomic<bool> has_thrown{false};
+    std::thread closer([&] {
+        for (int there = 0; there == 0 && !has_thrown;) {
             ASSERT_EQ(::ioctl(reader, FIONREAD, &there), 0);
         }
         ::close(reader);
     });
 
-    // More than a pipe holds.
+    // More than a pipe holds, with pages of any size.
     expect_throw<std::system_error>(
         [&] {
             BasicBlock("CsvSink", {{"path", file("out.csv")},
-                                   {"columns", {std::string(200'000, 'a')}},
+                                   {"columns", {std::string(2'000'000, 'a')}},
                                    {"append", true}});
         },
         file("out.csv") + ": cannot be written: Broken pipe");
 
+    has_thrown = true;
     closer.join();
-    static_cast<void>(std::signal(SIGPIPE, before));
 }
 
 TEST_F(CsvTest, SinkQuotesNamesThatNeedIt)

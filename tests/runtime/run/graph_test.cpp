@@ -3,6 +3,7 @@
 #include <quorval/runtime/recording.h>
 #include "runtime/support/graph_files.h"
 #include "schedule/workers.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
@@ -392,7 +393,7 @@ TEST_F(GraphTest, GivesSignalsTheirDefaultActionAfterTheFirst)
 
 TEST_F(GraphTest, PutsTheActionsOfSignalsBack)
 {
-    std::signal(SIGTERM, SIG_IGN);
+    const quorval_test::IgnoredSignal ignored(SIGTERM);
     make(kIdle, with_signals());
     EXPECT_NE(handler_of(SIGTERM), SIG_IGN);
 
@@ -400,7 +401,6 @@ TEST_F(GraphTest, PutsTheActionsOfSignalsBack)
 
     EXPECT_EQ(handler_of(SIGTERM), SIG_IGN);
     EXPECT_EQ(handler_of(SIGPIPE), SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
 }
 
 TEST_F(GraphTest, LeavesSignalsToOneGraph)

@@ -444,7 +444,7 @@ TEST_F(LifeTest, TakesForSourcesWhatCanBeWokenFromOutside)
     }
 }
 
-TEST_F(LifeTest, TakesForSourcesWhatOthersMachinesTrigger)
+TEST_F(LifeTest, TakesForSourcesWhatOtherMachinesTrigger)
 {
     FakeGraph other;
     for (const char* name : {"a", "b", "c", "d", "e"}) {

@@ -4,6 +4,7 @@
 #include "messages/signal_mask.h"
 #include "runtime/support/fakes.h"
 #include "runtime/support/graph_files.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +14,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -31,6 +31,7 @@ using namespace std::chrono_literals;
 using quorval_test::FakeBlock;
 using quorval_test::FakeGraph;
 using quorval_test::GraphFiles;
+using quorval_test::IgnoredSignal;
 using quorval_test::LogRecorder;
 using quorval_test::NotifySocket;
 using quorval_test::ScopedEnvironment;
@@ -365,20 +366,19 @@ TEST(TakenSignals, WakeTheLoopAndAreForgottenWhenTheyWereTakenOrTheGraphIsGone)
 
 TEST(TakenSignals, ArePutBackAllAndInterruptNoSystemCall)
 {
-    constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+    const IgnoredSignal ignored[] = {IgnoredSignal(SIGINT), IgnoredSignal(SIGTERM),
+                                     IgnoredSignal(SIGHUP), IgnoredSignal(SIGPIPE)};
     Loop loop;
-    for (const int signal : kSignals) {
-        std::signal(signal, SIG_IGN);
-    }
+    struct sigaction action = {};
     {
         const Signals taken(loop.waker());
-        struct sigaction action = {};
         ::sigaction(SIGHUP, nullptr, &action);
         EXPECT_NE(action.sa_flags & SA_RESTART, 0);
     }
 
-    for (const int signal : kSignals) {
-        EXPECT_EQ(std::signal(signal, SIG_DFL), SIG_IGN) << signal;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+        ::sigaction(signal, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_IGN) << signal;
     }
 }
 

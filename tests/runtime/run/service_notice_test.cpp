@@ -93,6 +93,7 @@ TEST_F(ServiceNoticeTest, ShowsThatItIsAliveAfterHalfTheTimeThatThereIs)
     notice.tell_ready();
     EXPECT_EQ(socket_.take_present(), "READY=1\nSTATUS=running, 1 blocks");
 
+    ASSERT_TRUE(notice.next_time().has_value());
     EXPECT_LE(notice.next_time(), 1s);
     notice.keep_alive(1s);
     EXPECT_EQ(socket_.take_present(), "WATCHDOG=1");
@@ -206,11 +207,9 @@ TEST_F(ServiceNoticeTest, LeavesNoDescriptorOpenAndNeedsNone)
 
 TEST_F(ServiceNoticeTest, TakesTheNumberOfStandardInputWhereThatIsClosed)
 {
-    const int kept = ::dup(STDIN_FILENO);
-    ::close(STDIN_FILENO);
+    const quorval_test::NoStandardInput none;
+
     ServiceNotice(true, 1).tell_stopping();
-    ::dup2(kept, STDIN_FILENO);
-    ::close(kept);
 
     EXPECT_EQ(socket_.take_present(), "STOPPING=1\nSTATUS=stopping");
 }
