@@ -1,12 +1,12 @@
 #include "loop/descriptor_ports.h"
 
+#include "runtime/loop/readable.h"
 #include "runtime/support/fakes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -19,6 +19,7 @@ using namespace Quorval;
 using namespace Quorval::runtime;
 using quorval_test::FakeBlock;
 using quorval_test::FakeGraph;
+using quorval_test::is_readable;
 using quorval_test::LogRecorder;
 
 namespace {
@@ -291,12 +292,6 @@ TEST(EventPorts, AreNotReported)
 
     EXPECT_EQ(setting.block.runs, 1001);
     EXPECT_TRUE(recorder.lines().empty());
-}
-
-bool is_readable(int fd)
-{
-    pollfd one = {fd, POLLIN, 0};
-    return ::poll(&one, 1, 0) > 0;
 }
 
 TEST(EventPorts, BearATriggerWithoutAFire)

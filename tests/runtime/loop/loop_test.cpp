@@ -1,12 +1,12 @@
 #include "loop/loop.h"
 
+#include "runtime/loop/readable.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/timerfd.h>
@@ -29,15 +29,10 @@ using namespace Quorval;
 using namespace Quorval::runtime;
 using namespace std::chrono_literals;
 using quorval_test::expect_throw;
+using quorval_test::is_readable;
 using ::testing::IsEmpty;
 
 namespace {
-
-bool is_readable(int fd)
-{
-    pollfd one = {fd, POLLIN, 0};
-    return ::poll(&one, 1, 0) > 0;
-}
 
 TEST(Waker, IsNotWrittenWhileNobodySleeps)
 {
@@ -510,8 +505,12 @@ protected:
 TEST_F(LoopWithoutSet, WatchesAnEventThatCouldNotBeWatchedBefore)
 {
     const auto ignore = [](sd_event_source*, int, std::uint32_t, void*) { return 0; };
+    const int next = ::fcntl(ready_, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(next);
     take_set();
-    EXPECT_THROW(loop_.event(), std::system_error);
+    expect_throw<std::system_error>(
+        [&] { loop_.event(); },
+        "cannot watch descriptor " + std::to_string(next) + ": Invalid argument");
     give_set();
 
     sd_event_add_io(loop_.event(), nullptr, ready_, EPOLLIN, ignore, nullptr);

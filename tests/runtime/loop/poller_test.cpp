@@ -1,13 +1,14 @@
 #include "loop/poller.h"
 
+#include "runtime/loop/readable.h"
 #include "support/allocations.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -28,6 +29,7 @@
 
 using namespace Quorval;
 using namespace Quorval::runtime;
+using quorval_test::is_readable;
 using quorval_test::TemporaryDirectory;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
@@ -79,12 +81,6 @@ struct Pipe {
     int read_end = -1;
     int write_end = -1;
 };
-
-bool is_readable(int fd)
-{
-    pollfd one = {fd, POLLIN, 0};
-    return ::poll(&one, 1, 0) > 0;
-}
 
 /// The descriptor of the one poller that there is. While it is readable, no wait would wait.
 int find_set()
@@ -559,20 +555,8 @@ TEST(Poller, ReportsAllThatIsReadyAtOnce)
 
 /// With the number 0 for the next descriptor that is opened.
 class PollerAtZero : public testing::Test {
-protected:
-    PollerAtZero() { ::close(0); }
-    PollerAtZero(const PollerAtZero&) = delete;
-    PollerAtZero& operator=(const PollerAtZero&) = delete;
-    ~PollerAtZero() override
-    {
-        if (kept_ >= 0) {
-            ::dup2(kept_, 0);
-            ::close(kept_);
-        }
-    }
-
 private:
-    int kept_ = ::fcntl(0, F_DUPFD_CLOEXEC, 1);
+    quorval_test::NoStandardInput none_;
 };
 
 TEST_F(PollerAtZero, MayHaveItsSetThere)
