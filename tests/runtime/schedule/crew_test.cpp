@@ -33,6 +33,7 @@
 
 using namespace Quorval;
 using namespace Quorval::runtime;
+using quorval_test::FailingInput;
 using quorval_test::FakeBlock;
 using quorval_test::FakeGraph;
 using ::testing::ElementsAre;
@@ -1017,19 +1018,6 @@ TEST(Crew, TakesOtherTies)
         ASSERT_EQ(order, "ab");
     }
 }
-
-/// An input that cannot be looked at any more.
-class FailingInput : public InPort<int> {
-public:
-    explicit FailingInput(const bool& fails) : InPort("failing", Datatype("int")), fails_(fails) {}
-    bool is_triggered() const override
-    {
-        return fails_ ? throw std::runtime_error("no input") : false;
-    }
-
-private:
-    const bool& fails_;
-};
 
 TEST(Crew, CountsNoRunOfABlockWhoseInputFails)
 {

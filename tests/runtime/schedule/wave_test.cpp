@@ -17,6 +17,7 @@
 using namespace Quorval;
 using namespace Quorval::runtime;
 using quorval_test::FailingAllocation;
+using quorval_test::FailingInput;
 using quorval_test::FakeBlock;
 using quorval_test::FakeGraph;
 using ::testing::ElementsAre;
@@ -586,19 +587,6 @@ TEST(WaveFailure, DropsTheRequestsOfTheBlocksBehind)
 
     EXPECT_EQ(pair.b.runs, 0);
 }
-
-/// An input that cannot be looked at while it fails.
-class FailingInput : public InPort<int> {
-public:
-    explicit FailingInput(const bool& fails) : InPort("failing", Datatype("int")), fails_(fails) {}
-    bool is_triggered() const override
-    {
-        return fails_ ? throw std::runtime_error("no input") : false;
-    }
-
-private:
-    const bool& fails_;
-};
 
 TEST(WaveFailure, OfAnInputDropsTheRequestOfItsBlock)
 {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,6 +53,23 @@ public:
     std::function<void(const Quorval::BlockConfiguration&, const Quorval::BlockConfiguration&)>
         on_reconfigure = [](const auto&, const auto&) {};
     int runs = 0;
+};
+
+/// An input that cannot be looked at while `fails` is set.
+class FailingInput : public Quorval::InPort<int> {
+public:
+    /// @param fails  must outlive the input
+    explicit FailingInput(const bool& fails)
+        : InPort("failing", Quorval::Datatype("int")), fails_(fails)
+    {
+    }
+    bool is_triggered() const override
+    {
+        return fails_ ? throw std::runtime_error("no input") : false;
+    }
+
+private:
+    const bool& fails_;
 };
 
 /// Owns blocks and connects them.
