@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -138,9 +139,27 @@ TEST_F(GraphObjectTest, LetsRootAndItsUserAloneChangeIt)
                 ElementsAre(kNotAllowed, kNotAllowed, kNotAllowed, ""));
 }
 
+/// The effective user at the beginning is that at the end too. A change of it also takes away that
+/// the process can be traced, and looked at in /proc.
+class EffectiveUser {
+public:
+    EffectiveUser() = default;
+    EffectiveUser(const EffectiveUser&) = delete;
+    EffectiveUser& operator=(const EffectiveUser&) = delete;
+    ~EffectiveUser()
+    {
+        EXPECT_EQ(::seteuid(before_), 0);
+        ::prctl(PR_SET_DUMPABLE, dumpable_);
+    }
+
+private:
+    uid_t before_ = ::geteuid();
+    int dumpable_ = ::prctl(PR_GET_DUMPABLE);
+};
+
 TEST_F(GraphObjectTest, LetsRootChangeTheGraphOfAnotherUser)
 {
-    const uid_t before = ::geteuid();
+    const EffectiveUser back;
     bus_.on("GetConnectionUnixUser", [](sd_bus_message* call) {
         // Where the tests run as root, the graph goes on as somebody else.
         static_cast<void>(::seteuid(1));
@@ -148,8 +167,6 @@ TEST_F(GraphObjectTest, LetsRootChangeTheGraphOfAnotherUser)
     });
 
     EXPECT_THAT(run({call(user(0), "Stop")}), ElementsAre(""));
-
-    EXPECT_EQ(::seteuid(before), 0);
 }
 
 TEST_F(GraphObjectTest, EndsWhenItIsToldTo)
