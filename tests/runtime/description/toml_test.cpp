@@ -114,7 +114,7 @@ TEST(Depth, CountsOnBehindTextsAndComments)
                                    "\"\"\"\\\\\"\"\"",
                                    "'''\\'''"}) {
         const std::string begin = "a = [" + text + ", ";
-        // Behind the bracket of the last level there may be.
+        // The problem stands behind the last bracket that is allowed.
         EXPECT_EQ(place_of_problem(begin + deep),
                   (Place{0, 1, static_cast<std::uint32_t>(begin.size() + kMostLevels)}))
             << text;

@@ -101,7 +101,8 @@ TEST(StateDirectory, IsGivenBackWithItsDescriptor)
         const StateLock lock(path);
         EXPECT_TRUE(none.is_taken());
         const std::vector<int> locked = open_descriptors();
-        EXPECT_THROW(const StateLock other(path), std::runtime_error);
+        expect_throw<std::runtime_error>([&] { const StateLock other(path); },
+                                         "the state directory '" + path + "' is in use");
         EXPECT_EQ(open_descriptors(), locked);
     }
     EXPECT_EQ(open_descriptors(), before);

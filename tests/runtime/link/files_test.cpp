@@ -21,6 +21,7 @@ using Quorval::runtime::expect_usable;
 using Quorval::runtime::read_password;
 using quorval_test::expect_throw;
 using quorval_test::NoDescriptors;
+using quorval_test::NoStandardInput;
 using quorval_test::TemporaryDirectory;
 using quorval_test::write_file;
 
@@ -69,7 +70,8 @@ TEST_F(LinkFilesTest, AreNotOpenedWhereTheyAreNone)
     const Descriptor watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify_init1");
     ASSERT_GE(::inotify_add_watch(watch.get(), fifo.c_str(), IN_OPEN), 0);
 
-    EXPECT_THROW(expect_usable(fifo), std::runtime_error);
+    expect_throw<std::runtime_error>([&] { expect_usable(fifo); },
+                                     "cannot read '" + fifo + "': not a regular file");
 
     std::array<char, 1024> event{};
     EXPECT_EQ(::read(watch.get(), event.data(), event.size()), -1);
@@ -80,13 +82,9 @@ TEST_F(LinkFilesTest, AreReadWithoutAStandardInput)
 {
     const std::string file = path("password");
     write_file(file, "secret");
-    const int input = ::dup(0);
-    ::close(0);
+    const NoStandardInput none;
 
     EXPECT_EQ(read_password(file), "secret");
-
-    ::dup2(input, 0);
-    ::close(input);
 }
 
 TEST_F(LinkFilesTest, AreReadWhateverFailedBefore)

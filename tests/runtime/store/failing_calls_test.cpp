@@ -100,6 +100,7 @@ TEST_F(ReplacedStore, LeavesNoDescriptorOpen)
 
 TEST_F(ReplacedStore, KeepsItsOwner)
 {
+    // Nobody but root can give files away: for others the owner is the one of all their files.
     if (::geteuid() == 0) {
         ASSERT_EQ(::chown(path().c_str(), 12, 34), 0);
     }
@@ -118,6 +119,7 @@ TEST_F(ReplacedStore, HasTheGroupOfItsFolderWhereItIsNew)
 {
     const std::string folder = directory_.store_path() + "folder";
     fs::create_directory(folder);
+    // Nobody but root can give files away: for others the group is the one of all their files.
     if (::geteuid() == 0) {
         ASSERT_EQ(::chown(folder.c_str(), 0, 34), 0);
     }
