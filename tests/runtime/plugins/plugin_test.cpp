@@ -13,6 +13,7 @@
 #include <dlfcn.h>
 
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -110,16 +111,19 @@ TEST(PluginCode, StaysKnownWherePluginsAreKept)
 TEST(PluginSetTest, UnloadsItsPluginsUnlessTheyAreKept)
 {
     const Quorval::InitTools tools;
-    const std::string directory = quorval_test::test_plugin_directory();
+    const quorval_test::TemporaryDirectory directory;
+    const std::string file = directory.path() / "registers_nothing.so";
+    // A copy, since what is kept is there for as long as the process.
+    std::filesystem::copy_file(quorval_test::test_plugin_directory() + "/registers_nothing.so",
+                               file);
     const auto is_loaded = [&] {
-        void* const handle =
-            ::dlopen((directory + "/registers_nothing.so").c_str(), RTLD_NOW | RTLD_NOLOAD);
+        void* const handle = ::dlopen(file.c_str(), RTLD_NOW | RTLD_NOLOAD);
         return handle != nullptr && ::dlclose(handle) == 0;
     };
 
-    EXPECT_NE(PluginSet({directory}, tools).get("registers_nothing").plugin, nullptr);
+    EXPECT_NE(PluginSet({directory.path()}, tools).get("registers_nothing").plugin, nullptr);
     EXPECT_FALSE(is_loaded());
-    EXPECT_NE(PluginSet({directory}, tools, true).get("registers_nothing").plugin, nullptr);
+    EXPECT_NE(PluginSet({directory.path()}, tools, true).get("registers_nothing").plugin, nullptr);
     EXPECT_TRUE(is_loaded());
 }
 
