@@ -457,8 +457,8 @@ TEST_F(RemoteTop, GoesOnWithAGraphThatDoesNotAnswerForAWhile)
     Process process(top());
     start(process);
 
-    waves_ = 8;
     losses_ = 3;
+    waves_ = 8;
     ASSERT_TRUE(terminal_.wait_for("g: 2 blocks, 7 waves, no answer for "));
     ASSERT_TRUE(terminal_.wait_for("g: 2 blocks, 8 waves"));
     terminal_.type("q");

@@ -1,5 +1,5 @@
-// Preloaded, it makes a program believe that it has the rights of another: QUORVAL_TEST_RIGHTS says
-// by what it sees that, "secure", "user" or "group".
+// Preloaded, it makes a program believe that it has the rights of another. QUORVAL_TEST_RIGHTS says
+// what shows it: "secure", "user" or "group".
 #include <sys/auxv.h>
 #include <unistd.h>
 
