@@ -169,7 +169,10 @@ TEST(ParseNote, RefusesWhatIsNone)
                                    R"({"interface": -})",
                                    R"({"interface": 0 "a": 1})",
                                    R"({"interface": "0\\"})",
-                                   R"({"a": "b\\"", "interface": 0})"}) {
+                                   R"({"a": "b\\"", "interface": 0})",
+                                   R"({"interface": 0, "a": })",
+                                   R"({"interface": 0, : 1})",
+                                   R"({"interface": 0, "a": "\n"})"}) {
         EXPECT_FALSE(parse_note(text)) << text;
     }
 }
