@@ -506,3 +506,77 @@ b.type = "p:T"
     EXPECT_EQ(kind.inports.at(0).ends.at(1).member, 1U);
     EXPECT_EQ(kind.outports.at(0).ends.at(0).member, 0U);
 }
+
+/// What is missing of a description because it is wrong, by what may be asked for it.
+Lines gaps_of(const GraphDescription& whole)
+{
+    Lines gaps;
+    const auto note = [&gaps](bool is_there, const std::string& gap) {
+        if (is_there) {
+            gaps.push_back(gap);
+        }
+    };
+    note(whole.has_broken_kinds, "kinds");
+    note(whole.has_broken_machines, "machines");
+    note(whole.link.is_wrong, "link");
+    const auto look_into = [&](const std::string& where, const CompositeDescription& inside) {
+        note(inside.is_broken, where + "blocks");
+        note(inside.misses_connections, where + "connections");
+        for (const auto& member : inside.members) {
+            note(!member.misses_type, where + member.name + ".type");
+            note(where.empty() && !member.misses_machine, member.name + ".machine");
+            note(member.is_config_wrong, where + member.name + ".config");
+        }
+    };
+    look_into("", whole.graph);
+    for (const auto& [name, kind] : whole.kinds) {
+        look_into(name + "/", kind);
+    }
+    return gaps;
+}
+
+TEST(ReadGraph, LacksWhatIsWrongInOneOfSeveralFiles)
+{
+    struct Case {
+        std::string wrong;
+        std::string right;
+        Lines gaps;
+    };
+    for (const Case& one :
+         {Case{"superblocks = 1", "superblocks.k = {}", {"kinds"}},
+          Case{"machines = 1", "machines.m = {}", {"machines"}},
+          Case{"link = 1", "link.queue = 5", {"link"}},
+          Case{"blocks = 1", "blocks = {}", {"blocks"}},
+          Case{"connections = 1", "connections = []", {"connections"}},
+          Case{"blocks.a.config = 1", "blocks.a.config.x = 1", {"a.config"}},
+          Case{"blocks.a = 1", "blocks.a = {}", {"a.type", "a.machine"}},
+          Case{"superblocks.k.blocks = 1", "superblocks.k.blocks = {}", {"k/blocks"}},
+          Case{
+              "superblocks.k.connections = 1", "superblocks.k.connections = []", {"k/connections"}},
+          Case{"superblocks.k.blocks.a.config = 1",
+               "superblocks.k.blocks.a = {}",
+               {"k/a.config"}}}) {
+        const Files files;
+        const std::string wrong = files.write("wrong.toml", "format = 1\n" + one.wrong);
+        const std::string right = files.write("right.toml", "format = 1\n" + one.right);
+
+        EXPECT_EQ(gaps_of(read_graph({wrong, right}, {}).description), one.gaps) << one.wrong;
+        EXPECT_EQ(gaps_of(read_graph({right, wrong, right}, {}).description), one.gaps)
+            << one.wrong;
+        EXPECT_EQ(gaps_of(read_graph({right, right}, {}).description), Lines()) << one.right;
+    }
+}
+
+TEST(ReadGraph, MayLackAllThatAFileCouldHaveWhoseNameIsWrong)
+{
+    const Files files;
+    const std::string text =
+        "format = 1\nblocks.a.config = {}\n[superblocks.k]\nblocks.b.config = {}\n";
+
+    const Reading reading = read_graph({files.write("g.toml", "include = [1]\n" + text)}, {});
+
+    EXPECT_EQ(gaps_of(reading.description),
+              (Lines{"kinds", "machines", "link", "blocks", "connections", "a.type", "a.machine",
+                     "a.config", "k/blocks", "k/connections", "k/b.type", "k/b.config"}));
+    EXPECT_EQ(gaps_of(read_graph({files.write("g.toml", text)}, {}).description), Lines());
+}
