@@ -117,6 +117,7 @@ __attribute__((constructor, used)) void quorval_choose_mutant()
 class Mutant:
     def __init__(self, file, line, before, after):
         self.file, self.line, self.before, self.after = file, line, before, after
+        self.place = ""  # of several where the same changes
 
     def choose_tests(self, only_own):
         """The folders of the tests to run, in their order."""
@@ -127,7 +128,8 @@ class Mutant:
     def change(self):
         """The same wherever the line moves to."""
         after = self.after.strip()
-        return f"{self.file}: {self.before.strip()}  ->  {after if after != ';' else '(dropped)'}"
+        return (f"{self.file}: {self.before.strip()}  ->  "
+                f"{after if after != ';' else '(dropped)'}{self.place}")
 
     def __str__(self):
         return self.change().replace(":", f":{self.line}:", 1)
@@ -208,7 +210,19 @@ def find_mutants(root, folders):
                     if after.strip() == ";" and not is_statement(lines, number):
                         continue
                     mutants.append(Mutant(file.relative_to(root), number, line, after))
+    number_places(mutants)
     return mutants
+
+
+def number_places(mutants):
+    """Tells those apart that change the same line of a file in several places."""
+    same = {}
+    for mutant in mutants:
+        same.setdefault(mutant.change(), []).append(mutant)
+    for group in same.values():
+        if len(group) > 1:
+            for number, mutant in enumerate(group, 1):
+                mutant.place = f" ({number} of {len(group)})"
 
 
 def run(command, **options):
