@@ -2,6 +2,7 @@
 
 #include "command/notify_socket.h"
 #include "messages/signal_mask.h"
+#include "runtime/link/server.h"
 #include "runtime/support/fakes.h"
 #include "runtime/support/graph_files.h"
 #include "support/scopes.h"
@@ -492,14 +493,14 @@ TEST_F(RunnerTest, TakesOverWhatIsWrittenInTheEventLoopInARunAndInAPlayback)
     }
 }
 
-/// A graph of two machines with a broker whose certificate is missing.
+/// A graph with a machine, and perhaps a broker.
 class RunnerLinkTest : public ::testing::Test {
 protected:
-    RunResult run(const std::string& machine, const std::string& link, IPlayback* playback)
+    RunResult run(const std::string& machine, const std::string& link, IPlayback* playback,
+                  const std::string& block = "type = \"running:Count\", config.count = 1")
     {
         files.write("g.toml", "format = 1\nmachines.m = {}\n" + link +
-                                  "blocks.a = { type = \"running:Count\", machine = \"m\", "
-                                  "config.count = 1 }\n");
+                                  "blocks.a = { machine = \"m\", " + block + " }\n");
         GraphOptions options = files.options();
         options.machine = machine;
         options.is_local = machine.empty();
@@ -528,6 +529,24 @@ TEST_F(RunnerLinkTest, FailsWhereAFileCannotBeUsed)
 
     ASSERT_EQ(recorder.texts().size(), 1U);
     EXPECT_EQ(recorder.texts()[0].rfind("the link cannot be used: ", 0), 0U) << recorder.texts()[0];
+}
+
+TEST_F(RunnerLinkTest, EndsTheRunWhereTheBrokerRefusesIt)
+{
+    quorval_test::Server server;
+    std::thread broker([&server] {
+        server.accept();
+        server.read(quorval_test::Server::kConnect);
+        server.send(quorval_test::Server::packet(0x20, {'\0', '\x87', '\0'}));
+    });
+
+    const RunResult result = run("m", server.link(), nullptr,
+                                 "type = \"running:Tell\", config = { is_idle = true, x = 1 }");
+    broker.join();
+
+    EXPECT_EQ(result, RunResult::Failed);
+    EXPECT_THAT(recorder.texts(), ElementsAre("the broker " + server.url() +
+                                              " refuses the connection: Not authorized"));
 }
 
 TEST_F(RunnerLinkTest, IsNotNeededOnOneMachineNorWithoutABrokerNorInAPlayback)
