@@ -1,5 +1,6 @@
 #include <quorval/runtime/crash.h>
 #include "messages/context.h"
+#include "messages/crash_threads.h"
 #include "messages/turn.h"
 
 #include <gmock/gmock.h>
@@ -19,6 +20,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -27,6 +29,7 @@ using Quorval::report_sudden_exit;
 using Quorval::runtime::ContextScope;
 using Quorval::runtime::Deeds;
 using Quorval::runtime::do_in_turn;
+using Quorval::runtime::have_crash_stack;
 using Quorval::runtime::LoadScope;
 using Quorval::runtime::TurnScope;
 
@@ -63,6 +66,17 @@ void overflow_in_run()
     report_crashes();
     const ContextScope scope("a", "run");
     std::exit(overflow(0));
+}
+
+void overflow_in_a_thread()
+{
+    report_crashes();
+    std::thread thread([] {
+        have_crash_stack();
+        const ContextScope scope("a", "run");
+        std::exit(overflow(0));
+    });
+    thread.join();
 }
 
 void exit_in(const char* operation)
@@ -168,8 +182,10 @@ TEST(ReportCrashesDeathTest, NamesTheSignalAloneOutsideOfPlugins)
 
 TEST(ReportCrashesDeathTest, ReportsAStackThatRanOver)
 {
-    EXPECT_EXIT(overflow_in_run(), testing::KilledBySignal(SIGSEGV),
-                "quorval: fatal: block 'a' crashed in run: signal 11 \\(SIGSEGV\\)\n");
+    for (const auto& overflow_somewhere : {overflow_in_run, overflow_in_a_thread}) {
+        EXPECT_EXIT(overflow_somewhere(), testing::KilledBySignal(SIGSEGV),
+                    "quorval: fatal: block 'a' crashed in run: signal 11 \\(SIGSEGV\\)\n");
+    }
 }
 
 TEST(ReportCrashesDeathTest, NamesWhoEndsTheProcess)
@@ -275,5 +291,42 @@ TEST(ReportCrashesDeathTest, SaysWhatTheBlockHadToSayBeforeItEndedTheProcess)
     EXPECT_EXIT(exit_quickly(), testing::ExitedWithCode(1),
                 testing::StrEq("quorval: fatal: block 'a' called exit in run\n"));
 }
+
+// The address sanitizer gives each thread a stack for signals.
+#ifndef __SANITIZE_ADDRESS__
+
+stack_t present_stack()
+{
+    stack_t stack{};
+    EXPECT_EQ(::sigaltstack(nullptr, &stack), 0);
+    return stack;
+}
+
+TEST(CrashStack, IsGivenToAThreadThatHasNone)
+{
+    std::thread([] {
+        EXPECT_EQ(present_stack().ss_flags, SS_DISABLE);
+        have_crash_stack();
+        EXPECT_EQ(present_stack().ss_flags, 0);
+        EXPECT_GE(present_stack().ss_size, static_cast<std::size_t>(MINSIGSTKSZ));
+    }).join();
+}
+
+TEST(CrashStack, LeavesAThreadTheOneThatItHas)
+{
+    std::vector<char> memory(65536);
+    std::thread([&memory] {
+        stack_t own{};
+        own.ss_sp = memory.data();
+        own.ss_size = memory.size();
+        EXPECT_EQ(::sigaltstack(&own, nullptr), 0);
+        have_crash_stack();
+        EXPECT_EQ(present_stack().ss_sp, memory.data());
+        own.ss_flags = SS_DISABLE;
+        EXPECT_EQ(::sigaltstack(&own, nullptr), 0);
+    }).join();
+}
+
+#endif
 
 }  // namespace
