@@ -58,9 +58,12 @@ public:
     Lines& operator=(const Lines&) = delete;
     ~Lines() { close(); }
 
+    /// From the beginning.
     /// @return an errno, 0 for none
     int open(const std::string& path)
     {
+        text_.clear();
+        begin_ = 0;
         fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         struct stat status = {};
         if (fd_ < 0 || ::fstat(fd_, &status) != 0) {
@@ -184,8 +187,14 @@ private:
         fail(reason);
     }
 
+    /// As if nothing had been read before: a block may be started again.
     void open()
     {
+        is_late_ = false;
+        is_over_ = false;
+        columns_ = 0;
+        line_ = 0;
+        rows_ = 0;
         if (const int error = lines_.open(settings_.path)) {
             throw std::runtime_error(settings_.path + ": " +
                                      std::generic_category().message(error));

@@ -621,6 +621,22 @@ TEST_F(CsvTest, SourceKeepsItsRateFromItsStartOn)
     EXPECT_TRUE(source.step());
 }
 
+TEST_F(CsvTest, SourceReadsFromTheBeginningWhenItIsStartedAgain)
+{
+    write_file(file("in.csv"), "a\n1\nx\n");
+    BasicBlock source("CsvSource", {{"path", file("in.csv")}, {"column", "a"}, {"rate", 10}});
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(source.step());
+        EXPECT_EQ(source.output<double>("out"), 1);
+        EXPECT_FALSE(source.step());
+        source.advance(100ms);
+        expect_throw<std::runtime_error>([&] { source.step(); },
+                                         file("in.csv") + ":3: 'x' is not a number");
+        source.stop();
+        source.start();
+    }
+}
+
 TEST_F(CsvTest, SourceWaitsVeryLongForRowsThatAreVeryFarApart)
 {
     write_file(file("in.csv"), "a\n1\n2\n");
