@@ -88,12 +88,26 @@ bool is_in_plugin(const Context& where)
     return where.plugin != nullptr || (where.path != nullptr && where.operation != nullptr);
 }
 
+/// Whether the present thread is the first one, and comes here for the first time. A second one
+/// waits for the end of the process, which it would bring before the first one has said what
+/// happened.
+bool is_first(std::atomic<pid_t>& thread)
+{
+    const pid_t mine = ::gettid();
+    pid_t present = 0;
+    const bool has_come_first = thread.compare_exchange_strong(present, mine);
+    if (!has_come_first && present != mine) {
+        while (true) {
+            ::pause();
+        }
+    }
+    return has_come_first;
+}
+
 void report_signal(int signal)
 {
     static std::atomic<pid_t> reporter{0};
-    const pid_t mine = ::gettid();
-    pid_t first = 0;
-    if (reporter.compare_exchange_strong(first, mine)) {
+    if (is_first(reporter)) {
         const Context where = context();
         Line line;
         line << "quorval: fatal: ";
@@ -104,11 +118,6 @@ void report_signal(int signal)
         const char* name = ::sigabbrev_np(signal);
         line << "signal " << signal << " (SIG" << (name != nullptr ? name : "?") << ")";
         line.write();
-    } else if (first != mine) {
-        // A second thread would end the process before the first one has said what happened.
-        while (true) {
-            ::pause();
-        }
     }
     // The signal is not blocked.
     static_cast<void>(::signal(signal, SIG_DFL));
@@ -157,28 +166,13 @@ void say_what_waits()
     }
 }
 
-/// Whether the present thread is the first one that names who ends the process. Another one waits
-/// for its end, which would come before the first one has said who it was.
-bool may_name()
-{
-    const pid_t mine = ::gettid();
-    pid_t first = 0;
-    const bool is_first = naming_thread.compare_exchange_strong(first, mine);
-    if (!is_first && first != mine) {
-        while (true) {
-            ::pause();
-        }
-    }
-    return is_first;
-}
-
 /// Names who called exit(): a block in an operation, else a plug-in, in a thread of its own for
 /// example.
 void report_exit()
 {
     const Context where = context();
     const std::string caller = is_in_plugin(where) ? std::string() : find_caller();
-    if ((!is_in_plugin(where) && caller.empty()) || !may_name()) {
+    if ((!is_in_plugin(where) && caller.empty()) || !is_first(naming_thread)) {
         return;
     }
     Line line;
@@ -220,7 +214,7 @@ void report_crashes()
 bool report_sudden_exit(int& status) noexcept
 {
     const Context where = context();
-    if (!is_in_plugin(where) || reporting_process != ::getpid() || !may_name()) {
+    if (!is_in_plugin(where) || reporting_process != ::getpid() || !is_first(naming_thread)) {
         return false;
     }
     Line line;

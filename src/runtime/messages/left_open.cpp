@@ -12,8 +12,10 @@
 #include <array>
 #include <exception>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 namespace Quorval::runtime {
@@ -52,6 +54,13 @@ std::string target_of(int fd)
 [[noreturn]] void throw_closed_another()
 {
     throw std::runtime_error("it closed a descriptor that is not its own");
+}
+
+/// The path of the block that the present operation is of; empty outside of one.
+std::string_view present_block()
+{
+    const char* path = context().path;
+    return path != nullptr ? path : "";
 }
 
 template <class Action>
@@ -163,7 +172,7 @@ void LeftOpen::forget_closed()
     for (auto at = opened_.begin(); at != opened_.end();) {
         struct stat status = {};
         const bool is_closed =
-            at->second.path == context().path && ::fstat(at->first, &status) != 0;
+            at->second.path == present_block() && ::fstat(at->first, &status) != 0;
         at = is_closed ? opened_.erase(at) : std::next(at);
     }
 }
@@ -189,8 +198,7 @@ bool LeftOpen::take(int fd)
     if (!was_there(fd)) {
         const auto [at, is_new] = opened_.try_emplace(fd);
         if (is_new || fd == next_) {
-            const char* path = context().path;
-            at->second = {status.st_dev, status.st_ino, path != nullptr ? path : ""};
+            at->second = {status.st_dev, status.st_ino, std::string(present_block())};
         }
     }
     return true;
