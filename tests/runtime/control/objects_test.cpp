@@ -3,6 +3,7 @@
 #include "control/connection.h"
 #include "loop/loop.h"
 #include "runtime/control/fake_bus.h"
+#include "runtime/support/fake_world.h"
 #include "runtime/support/fakes.h"
 
 #include <gmock/gmock.h>
@@ -10,7 +11,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -27,6 +27,7 @@ using quorval_test::expect_throw;
 using quorval_test::FakeBlock;
 using quorval_test::FakeBus;
 using quorval_test::FakeGraph;
+using quorval_test::FakeWorld;
 using quorval_test::LogRecorder;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -133,18 +134,6 @@ const LargeEntry kLargeTable[] = {
     {SD_BUS_PROPERTY("Twice", "i", get_twice, offsetof(Values, even), 0), {}},
     {SD_BUS_VTABLE_END, {}}};
 // NOLINTEND(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays)
-
-class FakeWorld final : public IWorld {
-public:
-    std::chrono::nanoseconds now() override { return std::chrono::nanoseconds(0); }
-    bool must_stop() override { return false; }
-    void progress(const std::string& /*path*/, std::uint64_t /*done*/,
-                  std::uint64_t /*total*/) override
-    {
-    }
-    sd_event* loop() override { return nullptr; }
-    sd_bus* bus() override { return nullptr; }
-};
 
 class BlockObjectsTest : public testing::Test {
 protected:

@@ -8,6 +8,7 @@
 #include "messages/left_open.h"
 #include "messages/signal_mask.h"
 #include "run/overrides.h"
+#include "runtime/support/fake_world.h"
 #include "runtime/support/fakes.h"
 #include "schedule/workers.h"
 #include "support/support.h"
@@ -40,6 +41,7 @@ using namespace Quorval::runtime;
 using namespace std::chrono_literals;
 using quorval_test::FakeBlock;
 using quorval_test::FakeGraph;
+using quorval_test::FakeWorld;
 using quorval_test::LogRecorder;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -47,25 +49,6 @@ using ::testing::IsEmpty;
 namespace {
 
 constexpr bool kSkips = true;
-
-/// A world in which time stands still.
-class FakeWorld final : public IWorld {
-public:
-    std::chrono::nanoseconds now() override { return time; }
-    bool must_stop() override { return stops; }
-    void progress(const std::string& path, std::uint64_t done, std::uint64_t total) override
-    {
-        progresses.push_back(path + " " + std::to_string(done) + "/" + std::to_string(total));
-    }
-    sd_event* loop() override { return events == nullptr ? nullptr : events->event(); }
-    sd_bus* bus() override { return connection; }
-
-    Loop* events = nullptr;
-    sd_bus* connection = nullptr;
-    std::chrono::nanoseconds time = 100s;
-    bool stops = false;
-    std::vector<std::string> progresses;
-};
 
 /// Three blocks, "a", "b" and "c", that write down what is called, and their life.
 class LifeTest : public ::testing::Test {

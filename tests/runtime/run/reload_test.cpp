@@ -3,36 +3,25 @@
 #include "graph/saved.h"
 #include "run/life.h"
 #include "run/overrides.h"
+#include "runtime/support/fake_world.h"
 #include "runtime/support/graph_files.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;
+using quorval_test::FakeWorld;
 using quorval_test::GraphFiles;
 using quorval_test::LogRecorder;
 using ::testing::Contains;
 
 namespace {
-
-class StillWorld final : public IWorld {
-public:
-    std::chrono::nanoseconds now() override { return {}; }
-    bool must_stop() override { return false; }
-    void progress(const std::string& /*path*/, std::uint64_t /*done*/,
-                  std::uint64_t /*total*/) override
-    {
-    }
-    sd_event* loop() override { return nullptr; }
-    sd_bus* bus() override { return nullptr; }
-};
 
 /// A loaded graph with a saved key, an assigned one and one of the file.
 class ReloadOriginTest : public ::testing::Test {
@@ -73,7 +62,7 @@ protected:
     LogRecorder recorder;
     GraphFiles files;
     GraphOptions options;
-    StillWorld world;
+    FakeWorld world;
     std::optional<LoadedGraph> graph;
     std::optional<Life> life;
     std::optional<Overrides> overrides;
