@@ -1,6 +1,6 @@
 #include "loop/descriptor_ports.h"
 
-#include "runtime/loop/readable.h"
+#include "runtime/loop/descriptors.h"
 #include "runtime/support/fakes.h"
 #include "support/support.h"
 

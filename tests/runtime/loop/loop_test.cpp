@@ -1,6 +1,6 @@
 #include "loop/loop.h"
 
-#include "runtime/loop/readable.h"
+#include "runtime/loop/descriptors.h"
 #include "support/support.h"
 
 #include <gmock/gmock.h>
@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -76,12 +75,7 @@ TEST(Waker, KeepsErrnoWhereTheDescriptorTakesNoMore)
 /// The timer of the one loop that there is.
 int find_timer()
 {
-    const std::vector<int> open = quorval_test::open_descriptors();
-    const auto is_timer = [](int fd) {
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
-        return std::filesystem::read_symlink(link) == "anon_inode:[timerfd]";
-    };
-    return *std::find_if(open.begin(), open.end(), is_timer);
+    return quorval_test::find_descriptor("[timerfd]");
 }
 
 itimerspec time_left(int timer)

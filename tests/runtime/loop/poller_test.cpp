@@ -1,6 +1,6 @@
 #include "loop/poller.h"
 
-#include "runtime/loop/readable.h"
+#include "runtime/loop/descriptors.h"
 #include "support/allocations.h"
 #include "support/scopes.h"
 #include "support/support.h"
@@ -14,12 +14,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -85,12 +83,7 @@ struct Pipe {
 /// The descriptor of the one poller that there is. While it is readable, no wait would wait.
 int find_set()
 {
-    const std::vector<int> open = quorval_test::open_descriptors();
-    const auto is_set = [](int fd) {
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
-        return std::filesystem::read_symlink(link) == "anon_inode:[eventpoll]";
-    };
-    return *std::find_if(open.begin(), open.end(), is_set);
+    return quorval_test::find_descriptor("[eventpoll]");
 }
 
 TEST(Poller, HasNothingReadyBeforeAnythingIsWatched)
