@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <pty.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -234,33 +231,21 @@ constexpr const char* kLeave = "\033[?25h\033[?1049l";
 /// A terminal that passes on what is written as it is.
 class Terminal {
 public:
-    Terminal()
-    {
-        winsize size{};
-        size.ws_col = 60;
-        size.ws_row = 10;
-        termios settings{};
-        EXPECT_EQ(::openpty(&outside_, &inside_, nullptr, nullptr, &size), 0);
-        EXPECT_EQ(::tcgetattr(inside_, &settings), 0);
-        ::cfmakeraw(&settings);
-        EXPECT_EQ(::tcsetattr(inside_, TCSANOW, &settings), 0);
-        for (const int fd : {outside_, inside_}) {
-            ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-        }
-    }
+    Terminal() = default;
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
     ~Terminal()
     {
-        ::close(inside_);
-        ::close(outside_);
+        ::close(stream_.writer);
+        ::close(stream_.reader);
     }
 
-    std::string file() const { return ::ptsname(outside_); }
+    std::string file() const { return ::ptsname(stream_.reader); }
 
     void type(const std::string& keys) const
     {
-        EXPECT_EQ(::write(outside_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+        EXPECT_EQ(::write(stream_.reader, keys.data(), keys.size()),
+                  static_cast<ssize_t>(keys.size()));
     }
 
     /// Whether the text is shown. Waits for it.
@@ -285,18 +270,17 @@ public:
 private:
     bool read_some(int milliseconds)
     {
-        pollfd waited{outside_, POLLIN, 0};
+        pollfd waited{stream_.reader, POLLIN, 0};
         std::array<char, 4096> buffer{};
         if (::poll(&waited, 1, milliseconds) != 1) {
             return false;
         }
-        const ssize_t count = ::read(outside_, buffer.data(), buffer.size());
+        const ssize_t count = ::read(stream_.reader, buffer.data(), buffer.size());
         shown_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(0, count)));
         return count > 0;
     }
 
-    int outside_ = -1;
-    int inside_ = -1;
+    quorval_test::Stream stream_ = quorval_test::open_terminal(60, 10);
     std::string shown_;
 };
 

@@ -83,6 +83,7 @@ TEST(Screen, TakesTheTerminalForAWhile)
 {
     TerminalStreams terminal(kBoth);
     termios before = settings_of_input();
+    before.c_lflag |= ICANON | ECHO;
     before.c_cc[VMIN] = 3;
     before.c_cc[VTIME] = 4;
     EXPECT_EQ(::tcsetattr(STDIN_FILENO, TCSANOW, &before), 0);

@@ -1,8 +1,6 @@
 #include "command/terminal.h"
 
 #include <fcntl.h>
-#include <pty.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -45,37 +43,21 @@ void OtherStreams::put_back()
     before_.clear();
 }
 
-TerminalStreams::Ends TerminalStreams::open(unsigned short columns, unsigned short rows)
-{
-    Ends ends{};
-    winsize size{};
-    size.ws_col = columns;
-    size.ws_row = rows;
-    check(::openpty(&ends.outside, &ends.inside, nullptr, nullptr, &size), "openpty");
-    termios settings{};
-    check(::tcgetattr(ends.inside, &settings), "tcgetattr");
-    ::cfmakeraw(&settings);
-    settings.c_lflag |= ICANON | ECHO;  // what concerns typing
-    check(::tcsetattr(ends.inside, TCSANOW, &settings), "tcsetattr");
-    ::fcntl(ends.outside, F_SETFD, FD_CLOEXEC);
-    return ends;
-}
-
 TerminalStreams::TerminalStreams(std::vector<int> streams, unsigned short columns,
                                  unsigned short rows)
-    : TerminalStreams(std::move(streams), open(columns, rows))
+    : TerminalStreams(std::move(streams), open_terminal(columns, rows))
 {
 }
 
-TerminalStreams::TerminalStreams(std::vector<int> streams, Ends ends)
-    : outside_(ends.outside), streams_(std::move(streams), ends.inside)
+TerminalStreams::TerminalStreams(std::vector<int> streams, Stream terminal)
+    : terminal_(terminal.reader), streams_(std::move(streams), terminal.writer)
 {
 }
 
 TerminalStreams::~TerminalStreams()
 {
     streams_.put_back();
-    ::close(outside_);
+    ::close(terminal_);
 }
 
 std::string TerminalStreams::end()
@@ -84,7 +66,7 @@ std::string TerminalStreams::end()
     std::string text;
     std::array<char, 4096> buffer{};
     ssize_t count = 0;
-    while ((count = ::read(outside_, buffer.data(), buffer.size())) > 0) {  // then EIO
+    while ((count = ::read(terminal_, buffer.data(), buffer.size())) > 0) {  // then EIO
         text.append(buffer.data(), static_cast<std::size_t>(count));
     }
     return text;

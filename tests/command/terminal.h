@@ -1,6 +1,8 @@
 // A terminal in place of standard streams.
 #pragma once
 
+#include "support/process.h"
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,14 +39,9 @@ public:
     std::string end();
 
 private:
-    struct Ends {
-        int outside;
-        int inside;
-    };
-    static Ends open(unsigned short columns, unsigned short rows);
-    TerminalStreams(std::vector<int> streams, Ends ends);
+    TerminalStreams(std::vector<int> streams, Stream terminal);
 
-    int outside_;
+    int terminal_;  // the end of the user
     OtherStreams streams_;
 };
 

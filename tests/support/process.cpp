@@ -28,31 +28,11 @@ void check(int result, const char* what)
     }
 }
 
-struct Stream {
-    int reader = -1;
-    int writer = -1;
-};
-
 Stream open_pipe()
 {
     int ends[2];
     check(::pipe2(ends, O_CLOEXEC), "pipe2");
     return {ends[0], ends[1]};
-}
-
-/// A terminal that passes on what is written as it is.
-Stream open_terminal(unsigned short columns)
-{
-    Stream stream;
-    winsize size{};
-    size.ws_col = columns;
-    check(::openpty(&stream.reader, &stream.writer, nullptr, nullptr, &size), "openpty");
-    termios settings{};
-    check(::tcgetattr(stream.writer, &settings), "tcgetattr");
-    ::cfmakeraw(&settings);
-    check(::tcsetattr(stream.writer, TCSANOW, &settings), "tcsetattr");
-    ::fcntl(stream.reader, F_SETFD, FD_CLOEXEC);
-    return stream;
 }
 
 /// Has this process end with the test that started it, however that ends.
@@ -120,10 +100,27 @@ bool find_further(const std::string& stream, const std::string& text, std::size_
 
 }  // namespace
 
+Stream open_terminal(unsigned short columns, unsigned short rows)
+{
+    Stream stream;
+    winsize size{};
+    size.ws_col = columns;
+    size.ws_row = rows;
+    check(::openpty(&stream.reader, &stream.writer, nullptr, nullptr, &size), "openpty");
+    termios settings{};
+    check(::tcgetattr(stream.writer, &settings), "tcgetattr");
+    ::cfmakeraw(&settings);
+    check(::tcsetattr(stream.writer, TCSANOW, &settings), "tcsetattr");
+    for (const int fd : {stream.reader, stream.writer}) {
+        check(::fcntl(fd, F_SETFD, FD_CLOEXEC), "fcntl");
+    }
+    return stream;
+}
+
 Process::Process(const ProcessOptions& options)
 {
     const Stream out = options.out_columns > 0 ? open_terminal(options.out_columns) : open_pipe();
-    const Stream err = options.err_is_terminal ? open_terminal(0) : open_pipe();
+    const Stream err = options.err_is_terminal ? open_terminal() : open_pipe();
     int out_writer = out.writer;
     if (!options.out_file.empty()) {
         ::close(out.writer);

@@ -11,6 +11,17 @@
 
 namespace quorval_test {
 
+/// The two ends of a pipe or of a terminal; they are closed where another program starts.
+struct Stream {
+    int reader = -1;
+    int writer = -1;
+};
+
+/// A terminal that passes on what is written as it is: its reader stands for the user, its writer
+/// is what a program has as its standard streams.
+/// @throws std::system_error  a system call failed
+Stream open_terminal(unsigned short columns = 0, unsigned short rows = 0);
+
 /// What a process left behind.
 struct ProcessResult {
     int status = -1;  ///< of the exit; -1 where a signal ended it
