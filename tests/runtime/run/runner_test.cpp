@@ -266,14 +266,19 @@ TEST_F(RunnerTest, WakesUpForProgressThatWaits)
     EXPECT_EQ(block.runs, 2);
 }
 
-TEST_F(RunnerTest, TellsTheManagerThatItIsReadyAndThatItStops)
-{
+/// The same, told of to a service manager.
+class ManagedRunnerTest : public RunnerTest {
+protected:
+    ManagedRunnerTest() { options.tells_manager = true; }
+
     const quorval_test::TemporaryDirectory directory;
     const std::string path = directory.path() / "notify";
-    const NotifySocket socket(path);
-    const ScopedEnvironment name("NOTIFY_SOCKET", path);
-    options.tells_manager = true;
+    const NotifySocket socket{path};
+    const ScopedEnvironment name{"NOTIFY_SOCKET", path};
+};
 
+TEST_F(ManagedRunnerTest, TellsTheManagerThatItIsReadyAndThatItStops)
+{
     EXPECT_EQ(run(), RunResult::Done);
     EXPECT_EQ(socket.take_present(), "READY=1\nSTATUS=running, 1 blocks");
     EXPECT_EQ(socket.take_present(), "STOPPING=1\nSTATUS=stopping");
@@ -287,14 +292,9 @@ TEST_F(RunnerTest, TellsTheManagerThatItIsReadyAndThatItStops)
     EXPECT_EQ(socket.take_present(), "STOPPING=1\nSTATUS=stopping");
 }
 
-TEST_F(RunnerTest, ShowsThatItIsAliveInARunAndInAPlayback)
+TEST_F(ManagedRunnerTest, ShowsThatItIsAliveInARunAndInAPlayback)
 {
-    const quorval_test::TemporaryDirectory directory;
-    const std::string path = directory.path() / "notify";
-    const NotifySocket socket(path);
-    const ScopedEnvironment name("NOTIFY_SOCKET", path);
     const ScopedEnvironment time("WATCHDOG_USEC", "2000");
-    options.tells_manager = true;
     FakePlayback playback({5ns, 8ns});
 
     for (IPlayback* one : {static_cast<IPlayback*>(nullptr), static_cast<IPlayback*>(&playback)}) {
@@ -311,13 +311,8 @@ TEST_F(RunnerTest, ShowsThatItIsAliveInARunAndInAPlayback)
     }
 }
 
-TEST_F(RunnerTest, ReadsFilesAgainInARunAndNotInAPlayback)
+TEST_F(ManagedRunnerTest, ReadsFilesAgainInARunAndNotInAPlayback)
 {
-    const quorval_test::TemporaryDirectory directory;
-    const std::string path = directory.path() / "notify";
-    const NotifySocket socket(path);
-    const ScopedEnvironment name("NOTIFY_SOCKET", path);
-    options.tells_manager = true;
     options.files = {"/missing/g.toml"};
     waves = 100;
     block.on_run = [this] {
