@@ -116,14 +116,25 @@ void open_standard_streams()
     }
 }
 
+void set_up_signals()
+{
+    // A reader that goes away is output that cannot be written, and so is a file at its limit.
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+    // Whoever starts the command may ignore or block what it needs: no child could be waited for,
+    // no run be stopped, no crash be reported.
+    static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char* argv[])
 {
     open_standard_streams();
-    // A reader that goes away is output that cannot be written, and so is a file at its limit.
-    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
+    set_up_signals();
     if (has_rights_of_another()) {
         say_error("set-user-ID use is refused");
         return kWrongUse;

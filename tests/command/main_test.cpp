@@ -110,6 +110,9 @@ TEST_F(Main, WantsTheValuesOfOptions)
     expect_wrong_use(run({"check", "--set=", "a.toml"}), "'--set=' has no value");
     expect_wrong_use(run({"check", "--set", "--strict=yes", "a.toml"}),
                      "'--strict=yes' is not of the form PATH.KEY=VALUE");
+    expect_wrong_use(run({"check", "--strict", "--set="}), "'--set=' has no value");
+    expect_wrong_use(run({"check", "--set", "a.b=1", "--set="}), "'--set=' has no value");
+    expect_wrong_use(run({"check", "--set=a.b=1", "--set="}), "'--set=' has no value");
 }
 
 TEST_F(Main, RefusesValuesOfFlags)
@@ -138,6 +141,15 @@ TEST_F(Main, FailsWhenStandardOutputIsClosed)
 
     expect_result(run_process(options), 1, "",
                   "quorval: error: cannot write to standard output: Bad file descriptor\n");
+}
+
+TEST_F(Main, WaitsForItsChildrenWhereTheyAreIgnored)
+{
+    write("empty.toml", "format = 1\n");
+    ProcessOptions options = command({"check", "empty.toml"});
+    options.command.insert(options.command.begin(), {"env", "--ignore-signal=CHLD"});
+
+    expect_result(run_process(options), 0, "0 blocks, 0 connections: no problem found\n", "");
 }
 
 TEST_F(Main, RefusesSetUserIdUse)

@@ -266,6 +266,19 @@ TEST_F(Run, StopsInOrderOnASignal)
     }
 }
 
+TEST_F(Run, StopsOnASignalThatWasBlockedWhereItWasStarted)
+{
+    write_trouble("", "");
+    ProcessOptions options = command({"run", "trouble.toml"});
+    options.command.insert(options.command.begin(), {"env", "--block-signal"});
+    Process process(options);
+    ASSERT_TRUE(process.wait_for("b started\n"));
+
+    process.send(SIGTERM);
+
+    expect_result(process.wait(), 0, "b started\nb stopped\n", "");
+}
+
 TEST_F(Run, StopsOnASignalWhereABlockBlocksIt)
 {
     for (const auto& [where, operation] :
