@@ -306,6 +306,16 @@ TEST_F(Graph, IsGivenToGraphvizAsItIs)
     expect_result(run_process(options), 0, std::string("-Tsvg\n") + kDot, "");
 }
 
+TEST_F(Graph, IsWrittenWholeAsGraphvizDrawsIt)
+{
+    write("dot", "#!/bin/sh\nprintf x\n");
+    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
+    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
+    set_variable(options, "PATH", directory());
+
+    expect_result(run_process(options), 0, "x", "");
+}
+
 TEST_F(Graph, RefusesAnotherFormat)
 {
     expect_wrong_use(run({"graph", "--format", "png", "nested.toml"}),

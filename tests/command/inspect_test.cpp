@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <optional>
@@ -15,6 +16,7 @@ using nlohmann::json;
 using quorval_test::CommandTest;
 using quorval_test::expect_result;
 using quorval_test::expect_wrong_use;
+using quorval_test::Process;
 using quorval_test::ProcessOptions;
 using quorval_test::ProcessResult;
 
@@ -149,6 +151,54 @@ TEST_F(Inspect, PrintsJson)
                             {"fdports", {{"event", "extfd"}}},
                             {"settings", settings},
                             {"dbus", {{{"path", "/full"}, {"interface", "org.example.Full"}}}}}}));
+}
+
+TEST_F(Inspect, WritesJsonAsPeopleReadIt)
+{
+    const std::string out =
+        run({"inspect", "--json", "--plugin-path", kDirectory + "/schema", "declares", "All"}).out;
+
+    EXPECT_EQ(out, json::parse(out).dump(2) + "\n");
+    EXPECT_NE(out.find("\"any text: gr\u00f6\u00dfer\""), std::string::npos);
+}
+
+TEST_F(Inspect, TellsInJsonThatATypeHasNoSettings)
+{
+    const auto settings_of = [this](const std::string& type) {
+        return inspect_json({"--plugin-path", kDirectory + "/schema", "declares", type})["types"][0]
+            .value("settings", json());
+    };
+    EXPECT_EQ(settings_of("Modest"), json::array());
+    EXPECT_EQ(settings_of("Plain"), json());
+}
+
+TEST_F(Inspect, KeepsItsOutputFreeOfWhatBlocksWrite)
+{
+    const ProcessResult result =
+        run({"inspect", "--json", "--set=where=constructor", "--set=what=say", "trouble"});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out.rfind("{\n", 0), 0U) << result.out;
+    EXPECT_EQ(result.err.rfind("said by ", 0), 0U) << result.err;
+}
+
+TEST_F(Inspect, MakesNoBlocksForTheList)
+{
+    const ProcessResult result = run({"inspect", "--set=where=constructor", "--set=what=say"});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(Inspect, CanBeInterruptedWhereABlockHangs)
+{
+    Process process(command({"inspect", "--set=where=constructor", "--set=what=hang", "trouble"}));
+    ASSERT_TRUE(process.wait_for("hanging\n"));
+
+    process.send(SIGINT);
+    const ProcessResult result = process.wait();  // both ends: the child is gone too
+
+    EXPECT_EQ(result.signal, SIGINT);
 }
 
 TEST_F(Inspect, ShowsAllTypesInJsonThoughOneCrashes)

@@ -46,6 +46,8 @@ TEST(InspectText, ShowsTheFactsOfASetting)
               "IntVector, default [], from 0 to 9\n");
     EXPECT_EQ(facts_of(R"("type": "string", "default": "a\"b", "choices": ["a\"b", "c"])"),
               "string, default \"a\\\"b\", one of a\"b, c\n");
+    EXPECT_EQ(facts_of("\"type\": \"string\", \"default\": \"gr\u00f6\u00dfer\""),
+              "string, default \"gr\u00f6\u00dfer\"\n");
     EXPECT_EQ(facts_of(
                   R"("type": "StringVector", "default": ["a", "b"], "minimum_items": 0,
                       "maximum_items": 2)"),

@@ -87,6 +87,17 @@ TEST(LookAt, HasNoNoteOfALibraryThatIsNoPlugin)
               "libtest_command_secure.so");
 }
 
+TEST(LookAt, LoadsNothingThatIsRefused)
+{
+    PluginFile file = file_of("numbers");
+    file.problem = "no such luck";
+    const Look look = look_at(file, {});
+
+    EXPECT_FALSE(look.is_usable);
+    EXPECT_EQ(look.plugin["problem"], "no such luck");
+    EXPECT_FALSE(look.plugin.contains("types"));
+}
+
 TEST(LookAt, LeavesWhatIsNotWrittenYetAlone)
 {
     testing::internal::CaptureStdout();

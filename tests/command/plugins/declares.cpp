@@ -1,4 +1,5 @@
-// Types with settings of all kinds, and one that declares none.
+// Types with settings of all kinds, one that declares that it has none, and one that declares
+// nothing.
 #include <quorval/block.h>
 #include <quorval/pluginloader.h>
 #include <quorval/settings.h>
@@ -73,11 +74,19 @@ public:
     Needs(std::string name, const BlockConfiguration& config) : Block(std::move(name), config) {}
 };
 
+struct NoSettings {};
+
+class Modest : public Block {
+public:
+    Modest(std::string name, const BlockConfiguration& config) : Block(std::move(name), config) {}
+};
+
 }  // namespace
 
 int lib_register_cpp(IRegistry& registry)
 {
     register_block<All>(registry, "All", all_settings());
+    register_block<Modest>(registry, "Modest", Settings<NoSettings>("Has no setting."));
     register_block<Needs>(
         registry, "Needs",
         Settings<NeededSettings>("Needs one.").add("need", &NeededSettings::need, "it").required());
