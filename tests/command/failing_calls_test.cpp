@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -162,6 +163,64 @@ TEST_F(FailingCalls, EndACheckInOrder)
                   is_well ? "3 blocks, 2 connections: no problem found\n" : std::string());
         EXPECT_EQ(result.err.find("error: ") == std::string::npos, is_well) << result.err;
     });
+}
+
+TEST_F(FailingCalls, EndAnInspectionInOrder)
+{
+    const Arguments inspect = {"inspect", "--json", "basic", "Print"};
+    const std::vector<Call> calls = calls_of(inspect);
+    const std::string whole = run_with(inspect, {"", 0}, EIO).out;
+    EXPECT_NE(whole.find("\"Print\""), std::string::npos);
+
+    fail_each(inspect, calls, [](const ProcessResult& result) {
+        EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 3)
+            << result.status << ", signal " << result.signal;
+        const bool has_error = result.err.find("quorval: error: ") != std::string::npos;
+        EXPECT_EQ(has_error, result.status == 1) << result.err;
+        // The note of a file that is not opened for it is left out.
+        const bool has_ports = result.out.find("\"inports\": ") != std::string::npos;
+        EXPECT_TRUE(has_ports || result.status != 0) << result.out;
+    });
+    for (const Call& call : calls) {
+        if (call.name == "write" || call.name == "waitpid") {
+            SCOPED_TRACE(call.name + " " + std::to_string(call.number));
+            quorval_test::expect_result(run_with(inspect, call, EINTR), 0, whole, "");
+        }
+    }
+}
+
+TEST_F(FailingCalls, EndADrawingInOrder)
+{
+    write("dot", "#!/bin/sh\necho drawn\n");
+    fs::permissions(file("dot"), fs::perms::owner_all);
+    const quorval_test::ScopedEnvironment path("PATH", directory() + ":" + std::getenv("PATH"));
+    const Arguments draw = {"graph", "--format", "svg", "g.toml"};
+
+    fail_each(draw, calls_of(draw), [](const ProcessResult& result) {
+        expect_orderly_end(result);
+        EXPECT_EQ(result.out, result.status == 0 ? "drawn\n" : "");
+    });
+}
+
+TEST_F(FailingCalls, AreNamedWhereThereIsNoProcessForPlugins)
+{
+    const std::string no_process = "quorval: error: fork: Resource temporarily unavailable\n";
+    for (const Arguments& arguments : {Arguments{"check", "g.toml"}, {"inspect", "basic"}}) {
+        quorval_test::expect_result(run_with(arguments, {"fork", 0}, EAGAIN), 1, "", no_process);
+    }
+    quorval_test::expect_result(run_with({"inspect", "basic"}, {"pipe2", 0}, EMFILE), 1, "",
+                                "quorval: error: pipe2: Too many open files\n");
+}
+
+TEST_F(FailingCalls, AreNamedWhereAProcessForPluginsIsLost)
+{
+    const Arguments check = {"check", "g.toml"};
+
+    const ProcessResult lost = run_with(check, {"waitpid", 0}, ECHILD);
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_EQ(lost.err, "quorval: error: waitpid: No child processes\n");
+    quorval_test::expect_result(run_with(check, {"waitpid", 0}, EINTR), 0,
+                                "3 blocks, 2 connections: no problem found\n", "");
 }
 
 TEST_F(FailingCalls, EndAReplayInOrder)

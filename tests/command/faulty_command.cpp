@@ -26,6 +26,7 @@ const std::map<std::string, std::vector<int>> kErrors = {
     {"getsockname", {ENOBUFS}},
     {"getsockopt", {ENOBUFS, ENOPROTOOPT}},
     {"inotify_init1", {EMFILE}},
+    {"memfd_create", {EMFILE, ENOMEM}},
     {"mkdir", {ENOSPC, EROFS}},
     {"open", {EMFILE, EACCES, EROFS}},
     {"openat", {EMFILE, EACCES}},
@@ -44,6 +45,7 @@ const std::map<std::string, std::vector<int>> kErrors = {
     {"timerfd_create", {EMFILE}},
     {"timerfd_settime", {ENOMEM}},
     {"unlink", {EROFS}},
+    {"waitpid", {EINTR}},
     {"write", {ENOSPC, EIO, EINTR}},
 };
 

@@ -8,6 +8,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
 
@@ -82,6 +83,17 @@ pid_t fork() noexcept
     return static_cast<pid_t>(make("fork", [] {
         return static_cast<long>(reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"))());
     }));
+}
+
+pid_t waitpid(pid_t child, int* state, int options)
+{
+    return make_int("waitpid",
+                    [&] { return ::syscall(SYS_wait4, child, state, options, nullptr); });
+}
+
+int memfd_create(const char* name, unsigned flags) noexcept
+{
+    return make_int("memfd_create", [&] { return ::syscall(SYS_memfd_create, name, flags); });
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*work)(void*),
