@@ -1,14 +1,15 @@
 #include "record/database.h"
 
-#include <stdexcept>
-
 namespace Quorval::runtime {
 
 namespace {
 
-[[noreturn]] void throw_failure(sqlite3* database)
+[[noreturn]] void throw_failure(int result, sqlite3* database)
 {
-    throw std::runtime_error(database != nullptr ? sqlite3_errmsg(database) : "out of memory");
+    if (result == SQLITE_NOMEM) {
+        throw NoMemory("out of memory");
+    }
+    throw std::runtime_error(sqlite3_errmsg(database));
 }
 
 }  // namespace
@@ -19,14 +20,15 @@ Database::Database(const std::string& name, int flags)
     const int result = sqlite3_open_v2(name.c_str(), &opened, flags, nullptr);
     database_.reset(opened);
     if (result != SQLITE_OK) {
-        throw_failure(opened);
+        throw_failure(result, opened);
     }
 }
 
 void Database::execute(const std::string& sql)
 {
-    if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-        throw_failure(database_.get());
+    const int result = sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr);
+    if (result != SQLITE_OK) {
+        throw_failure(result, database_.get());
     }
 }
 
@@ -65,7 +67,7 @@ bool Statement::step()
 {
     const int result = sqlite3_step(statement_.get());
     if (result != SQLITE_ROW && result != SQLITE_DONE) {
-        throw_failure(database_);
+        throw_failure(result, database_);
     }
     return result == SQLITE_ROW;
 }
@@ -102,7 +104,7 @@ std::string_view Statement::bytes(int column) const
 void Statement::check(int result) const
 {
     if (result != SQLITE_OK) {
-        throw_failure(database_);
+        throw_failure(result, database_);
     }
 }
 

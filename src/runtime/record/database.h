@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,12 @@ struct DatabaseCloser {
 };
 struct StatementCloser {
     void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+
+/// SQLite had not enough memory, which says nothing about the database.
+class NoMemory : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
 };
 
 /// An open database. What goes wrong is a std::runtime_error with the text of SQLite.

@@ -83,10 +83,12 @@ Database open(const std::string& file)
 
 }  // namespace
 
-RecordingReader::RecordingReader(const std::string& file) : database_(open(file))
+RecordingReader::RecordingReader(const std::string& file) : file_(file), database_(open(file))
 {
     try {
         read_header();
+    } catch (const NoMemory& error) {
+        throw_unreadable(file, error.what());
     } catch (const std::runtime_error&) {
         throw_no_recording(file);
     }
@@ -139,6 +141,8 @@ bool RecordingReader::read(RecordedWave& wave)
     wave.values.clear();
     try {
         is_over_ = is_over_ || !read_rows(wave);
+    } catch (const NoMemory& error) {
+        throw_unreadable(file_, error.what());
     } catch (const std::runtime_error&) {
         is_over_ = true;  // it was cut off here
     }

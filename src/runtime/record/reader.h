@@ -32,7 +32,8 @@ public:
     const RecordingHeader& header() const { return header_; }
 
     /// The next wave that is wholly there.
-    /// @return false at the end, and where nothing more can be read
+    /// @return false at the end, and where the file is cut off or damaged
+    /// @throws RecordingError  "'<file>' cannot be read: <reason>"
     bool read(RecordedWave& wave);
 
     /// The number of the last wave that was read, 0 before the first.
@@ -49,6 +50,7 @@ private:
     bool read_rows(RecordedWave& wave);
     bool take_row(RecordedWave& wave, std::int64_t rest);
 
+    std::string file_;
     Database database_;
     RecordingHeader header_;
     std::optional<std::uint64_t> waves_;  // of the whole run; none: the run did not end

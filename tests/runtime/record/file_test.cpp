@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -427,6 +428,51 @@ TEST_F(RecordingFile, CannotBeReadWhereSqliteRefusesToOpenIt)
 
     expect_throw<RecordingError>([&] { read_recording(file); },
                                  "'" + file + "' cannot be read: unable to open database file");
+}
+
+/// The memory of SQLite has a limit while this lives.
+class MemoryLimit {
+public:
+    explicit MemoryLimit(std::int64_t bytes) { set_(bytes); }
+    MemoryLimit(const MemoryLimit&) = delete;
+    MemoryLimit& operator=(const MemoryLimit&) = delete;
+    ~MemoryLimit() { set_(0); }
+
+private:
+    using Set = std::int64_t(std::int64_t);
+
+    Set* set_ = reinterpret_cast<Set*>(
+        ::dlsym(::dlopen("libsqlite3.so.0", RTLD_NOW), "sqlite3_hard_heap_limit64"));
+};
+
+TEST_F(RecordingFile, IsNotTakenForCutOffWhereMemoryIsShort)
+{
+    write({{10}, {1'000'000}, {10}});
+    const MemoryLimit limit(500'000);
+
+    RecordingReader reader(path("r"));
+    RecordedWave wave;
+    EXPECT_TRUE(reader.read(wave));
+    expect_throw<RecordingError>([&] { reader.read(wave); },
+                                 "'" + path("r") + "' cannot be read: out of memory");
+}
+
+TEST_F(RecordingFile, IsNotTakenForAnotherFileWhereMemoryIsShort)
+{
+    write({{10}});
+    constexpr std::int64_t kMost = 300'000;
+    int refused = 0;
+    for (std::int64_t bytes = 1; bytes < kMost; bytes += 500) {
+        const MemoryLimit limit(bytes);
+        try {
+            const RecordingReader reader(path("r"));
+        } catch (const RecordingError& error) {
+            EXPECT_EQ(error.what(), "'" + path("r") + "' cannot be read: out of memory") << bytes;
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 5);
+    EXPECT_EQ(count_waves(), 1U);
 }
 
 TEST_F(RecordingFile, IsLockedWhileItIsWritten)
