@@ -10,14 +10,23 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
+
+/// A type of values that a test can see go.
+template <>
+struct Quorval::PortType<std::shared_ptr<int>> {
+    static std::string name() { return "shared"; }
+};
 
 namespace {
 
@@ -96,6 +105,15 @@ protected:
 
     Probe& probe() { return static_cast<Probe&>(harness_.block()); }
 
+    /// The first wave takes what was written outside of one to the blocks behind.
+    void expect_wave_for_the_blocks_behind()
+    {
+        EXPECT_FALSE(harness_.step());
+        EXPECT_TRUE(harness_.is_triggered("out"));
+        EXPECT_FALSE(harness_.step());
+        EXPECT_FALSE(harness_.is_triggered("out"));
+    }
+
     Harness harness_{std::make_unique<Probe>("probe")};
 };
 
@@ -128,11 +146,7 @@ TEST_F(HarnessTest, ShowsWhatTheStartLeft)
 {
     EXPECT_EQ(harness_.output<std::string>("out"), "started");
     EXPECT_TRUE(harness_.is_triggered("out"));
-    // The first wave takes it to the blocks behind.
-    EXPECT_FALSE(harness_.step());
-    EXPECT_TRUE(harness_.is_triggered("out"));
-    EXPECT_FALSE(harness_.step());
-    EXPECT_FALSE(harness_.is_triggered("out"));
+    expect_wave_for_the_blocks_behind();
 }
 
 TEST_F(HarnessTest, RunsTheBlockOnceForARequest)
@@ -207,6 +221,7 @@ TEST_F(HarnessTest, RunsABlockThatIsDoneNoMore)
     harness_.feed("in", "done");
     EXPECT_TRUE(harness_.step());
     EXPECT_TRUE(harness_.is_done());
+    EXPECT_EQ(probe().next->get_event(), nullptr);
 
     harness_.feed("in", "more");
     harness_.make_ready("next");
@@ -221,6 +236,16 @@ TEST_F(HarnessTest, PassesAllChangesSoFar)
 
     EXPECT_EQ(harness_.output<std::string>("out"), "ab");
     EXPECT_TRUE(harness_.is_triggered("out"));
+}
+
+TEST_F(HarnessTest, ShowsWhatAChangeLeft)
+{
+    expect_wave_for_the_blocks_behind();
+
+    harness_.reconfigure({{"text", "a"}});
+
+    EXPECT_TRUE(harness_.is_triggered("out"));
+    expect_wave_for_the_blocks_behind();
 }
 
 TEST_F(HarnessTest, ForgetsAChangeThatIsRefused)
@@ -310,6 +335,39 @@ TEST(HarnessLife, LetsOutWhatTheStartThrows)
     expect_throw<std::logic_error>([&] { harness.step(); }, "the block is not started");
 }
 
+TEST(HarnessLife, GivesABlockThatHasNoStoreOneUntilTheEnd)
+{
+    std::string path;
+    {
+        Harness harness(std::make_unique<Probe>("probe"));
+        path = harness.block().pstore().get_path();
+        EXPECT_TRUE(std::filesystem::is_directory(path));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(HarnessLife, LeavesABlockTheStoreThatItHas)
+{
+    auto probe = std::make_unique<Probe>("probe");
+    probe->pstore().set_path("/own/");
+    Harness harness(std::move(probe));
+
+    EXPECT_EQ(harness.block().pstore().get_path(), "/own/");
+}
+
+TEST(HarnessLife, NamesTheDirectoryThatCannotBeMadeForTheStore)
+{
+    const quorval_test::ScopedEnvironment directory("TMPDIR", "/proc");
+
+    try {
+        Harness harness(std::make_unique<Probe>("probe"));
+        ADD_FAILURE();
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(std::string(error.what()).rfind("cannot make /proc/quorval-", 0), 0U)
+            << error.what();
+    }
+}
+
 /// A block with a plain descriptor port.
 class Reader : public Block {
 public:
@@ -321,28 +379,69 @@ public:
         return true;
     }
 
+    void stop() override { was_watched = get_fdport("pipe")->get_event() != nullptr; }
+
     bool was_readable = false;
+    bool was_watched = false;  // when it was stopped
 };
 
-TEST(HarnessDescriptors, TakesAPortForReadyOrFindsItSo)
-{
-    int ends[2] = {};
-    ASSERT_EQ(::pipe(ends), 0);
+class HarnessPipe : public testing::Test {
+protected:
+    HarnessPipe() { EXPECT_EQ(::pipe(ends_.data()), 0); }
+    ~HarnessPipe() override
     {
-        Harness harness(std::make_unique<Reader>(ends[0]));
-        harness.start();
-        EXPECT_FALSE(harness.step());
+        ::close(ends_[0]);
+        ::close(ends_[1]);
+    }
 
-        harness.make_ready("pipe");
-        EXPECT_TRUE(harness.step());
-        EXPECT_TRUE(static_cast<Reader&>(harness.block()).was_readable);
-        EXPECT_FALSE(harness.step());
+    std::unique_ptr<Reader> make_reader() { return std::make_unique<Reader>(ends_[0]); }
+    void write() { ASSERT_EQ(::write(ends_[1], "x", 1), 1); }
 
-        ASSERT_EQ(::write(ends[1], "x", 1), 1);
+private:
+    std::array<int, 2> ends_{};
+};
+
+TEST_F(HarnessPipe, TakesAPortForReadyOrFindsItSo)
+{
+    Harness harness(make_reader());
+    harness.start();
+    EXPECT_FALSE(harness.step());
+
+    harness.make_ready("pipe");
+    EXPECT_TRUE(harness.step());
+    EXPECT_TRUE(static_cast<Reader&>(harness.block()).was_readable);
+    EXPECT_FALSE(harness.step());
+
+    write();
+    EXPECT_TRUE(harness.step());
+}
+
+TEST_F(HarnessPipe, WatchesAPortUntilTheBlockStops)
+{
+    Harness harness(make_reader());
+    auto& reader = static_cast<Reader&>(harness.block());
+    harness.start();
+    EXPECT_NE(reader.get_fdport("pipe")->get_event(), nullptr);
+
+    harness.stop();
+
+    EXPECT_FALSE(reader.was_watched);
+}
+
+TEST_F(HarnessPipe, HasAMessageWhereTheBlockMayNotDrainIt)
+{
+    Harness harness(make_reader());
+    harness.start();
+    write();
+
+    for (int wave = 0; wave < 1001; ++wave) {
         EXPECT_TRUE(harness.step());
     }
-    ::close(ends[0]);
-    ::close(ends[1]);
+
+    EXPECT_EQ(harness.messages(),
+              std::vector<std::string>{
+                  "descriptor port 'pipe' was still readable after its block's run in 1000 waves "
+                  "in a row: the block may not drain it"});
 }
 
 TEST(HarnessDescriptors, TakesAPortForReadyBeforeTheStart)
@@ -371,6 +470,25 @@ TEST(HarnessLife, RefusesNoBlock)
 {
     expect_throw<std::invalid_argument>([] { Harness harness(std::unique_ptr<Block>{}); },
                                         "there is no block");
+}
+
+/// Reads nothing.
+class Keeper : public Block {
+public:
+    Keeper() : Block("keeper") { Quorval::add_input<std::shared_ptr<int>>(*this, "in"); }
+};
+
+TEST(HarnessLife, KeepsAValueUntilTheNextOneIsFed)
+{
+    Harness harness(std::make_unique<Keeper>());
+    auto value = std::make_shared<int>(1);
+    const std::weak_ptr<int> kept = value;
+
+    harness.feed("in", std::move(value));
+    EXPECT_FALSE(kept.expired());
+
+    harness.feed("in", std::make_shared<int>(2));
+    EXPECT_TRUE(kept.expired());
 }
 
 /// What an exception says whose class is one of a plug-in.
@@ -462,6 +580,44 @@ TEST(HarnessPlugin, MakesANewBlockOnTheSameStore)
     harness.feed("in", 3.0);
     EXPECT_TRUE(harness.step());
     EXPECT_EQ(harness.output<double>("out"), 1.5);
+}
+
+TEST(HarnessPlugin, ForgetsWhatWasDoneWhenItMakesANewBlock)
+{
+    Harness harness(QUORVAL_GAIN_PLUGIN, "Gain", {{"factor", 0.5}});
+    harness.start();
+    harness.reconfigure({{"factor", 4}});
+    harness.feed("in", 3.0);
+    harness.step();
+    EXPECT_TRUE(harness.is_triggered("out"));
+
+    harness.restart();
+
+    EXPECT_FALSE(harness.is_triggered("out"));
+    harness.start();
+    harness.reconfigure({});
+    harness.feed("in", 3.0);
+    harness.step();
+    EXPECT_EQ(harness.output<double>("out"), 1.5);
+}
+
+TEST(HarnessPlugin, DropsWhatWasFedWhenItMakesANewBlock)
+{
+    Harness harness(QUORVAL_PARTS_PLUGIN, "Ports",
+                    {{"inputs", std::vector<std::string>{"in:shared"}}});
+    auto value = std::make_shared<int>(1);
+    const std::weak_ptr<int> fed = value;
+    harness.feed("in", std::move(value));
+
+    harness.restart();
+
+    EXPECT_TRUE(fed.expired());
+}
+
+TEST(HarnessPlugin, IsToldThatItsBlocksAreToBeStarted)
+{
+    expect_throw<std::runtime_error>([] { Harness(QUORVAL_PARTS_PLUGIN, "Tells"); },
+                                     "Tells in test");
 }
 
 TEST(HarnessPlugin, RemovesTheStoreInTheEnd)
