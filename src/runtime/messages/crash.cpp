@@ -146,9 +146,9 @@ int status_of(const Context& where)
 std::string find_caller()
 {
     std::array<void*, 64> frames{};
-    const int count = ::backtrace(frames.data(), static_cast<int>(frames.size()));
-    for (int at = 0; at < count; ++at) {
-        std::string plugin = find_plugin_code(frames[static_cast<std::size_t>(at)]);
+    ::backtrace(frames.data(), static_cast<int>(frames.size()));
+    for (const void* frame : frames) {
+        std::string plugin = find_plugin_code(frame);
         if (!plugin.empty()) {
             return plugin;
         }

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <iterator>
@@ -134,10 +135,11 @@ void LeftOpen::take_opened()
 void LeftOpen::note_failure()
 {
     // What the block closed when it failed may have had lower numbers than what it left open.
-    constexpr int kLooked = 64;
+    constexpr std::size_t kLooked = 64;
     std::array<pollfd, kLooked> looked{};
-    for (int i = 0; i < kLooked; ++i) {
-        looked[i].fd = next_ + i;
+    int fd = next_;
+    for (pollfd& one : looked) {
+        one.fd = fd++;
     }
     ::poll(looked.data(), looked.size(), 0);
     for (const pollfd& one : looked) {

@@ -7,9 +7,10 @@ namespace Quorval::runtime {
 
 namespace {
 
+/// Right behind the text it is 0.
 unsigned char byte(const std::string& text, std::size_t at)
 {
-    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+    return static_cast<unsigned char>(text[at]);
 }
 
 /// How many bytes the control character at a place has; 0 where another one stands. Those from

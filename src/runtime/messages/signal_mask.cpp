@@ -50,7 +50,7 @@ std::string describe_operation()
 
 void watch_signals()
 {
-    sigset_t present;
+    sigset_t present{};
     ::pthread_sigmask(SIG_SETMASK, nullptr, &present);
     forget_signals();
     for (const int signal : kSignals) {
@@ -71,7 +71,7 @@ void give_back_signals()
     if (::sigisemptyset(&mine) != 0) {
         return;
     }
-    sigset_t present;
+    sigset_t present{};
     ::pthread_sigmask(SIG_SETMASK, nullptr, &present);
     std::string names;
     for (const int signal : kSignals) {
