@@ -1,6 +1,7 @@
 #include <quorval/runtime/crash.h>
 #include "messages/context.h"
 #include "messages/crash_threads.h"
+#include "messages/plugin_code.h"
 #include "messages/turn.h"
 
 #include <gmock/gmock.h>
@@ -29,9 +30,13 @@ using Quorval::report_sudden_exit;
 using Quorval::runtime::ContextScope;
 using Quorval::runtime::Deeds;
 using Quorval::runtime::do_in_turn;
+using Quorval::runtime::forget_plugin_code;
 using Quorval::runtime::have_crash_stack;
 using Quorval::runtime::LoadScope;
+using Quorval::runtime::note_plugin_code;
+using Quorval::runtime::report_exit_first;
 using Quorval::runtime::TurnScope;
+using Quorval::runtime::was_started;
 
 /// Takes a stack of any size.
 [[gnu::noinline]] int overflow(int depth)
@@ -86,13 +91,17 @@ void exit_in(const char* operation)
     std::exit(0);
 }
 
-void exit_suddenly_in(const char* operation)
+/// Tells of each of two calls whether it has named somebody.
+void exit_suddenly_in(const char* operation, bool is_reported = true)
 {
-    report_crashes();
+    if (is_reported) {
+        report_crashes();
+    }
     const ContextScope scope("a", operation);
     int status = 7;
-    report_sudden_exit(status);
-    report_sudden_exit(status);
+    const bool first = report_sudden_exit(status);
+    const bool second = report_sudden_exit(status);
+    std::cerr << first << second;
     ::_exit(status);
 }
 
@@ -206,10 +215,11 @@ TEST(ReportCrashesDeathTest, NamesWhoEndsTheProcess)
 TEST(ReportCrashesDeathTest, NamesOnceWhoEndsTheProcessSuddenly)
 {
     EXPECT_EXIT(exit_suddenly_in("run"), testing::ExitedWithCode(1),
-                "^quorval: fatal: block 'a' called exit in run\n$");
+                "^quorval: fatal: block 'a' called exit in run\n10$");
     EXPECT_EXIT(exit_suddenly_in("create"), testing::ExitedWithCode(3),
-                "^quorval: fatal: block 'a' called exit in create\n$");
-    EXPECT_EXIT(exit_suddenly_in(nullptr), testing::ExitedWithCode(7), "^$");
+                "^quorval: fatal: block 'a' called exit in create\n10$");
+    EXPECT_EXIT(exit_suddenly_in(nullptr), testing::ExitedWithCode(7), "^00$");
+    EXPECT_EXIT(exit_suddenly_in("run", false), testing::ExitedWithCode(7), "^00$");
 }
 
 TEST(ReportCrashesDeathTest, HasOthersWaitUntilTheProcessIsEndedByWhoWasNamed)
@@ -221,6 +231,75 @@ TEST(ReportCrashesDeathTest, HasOthersWaitUntilTheProcessIsEndedByWhoWasNamed)
 TEST(ReportCrashesDeathTest, NamesNobodyWhoEndsAChild)
 {
     EXPECT_EXIT(exit_suddenly_in_a_child(), testing::ExitedWithCode(7), "^$");
+}
+
+/// The code of this program is taken for that of a plug-in.
+void exit_in_plugin_code(bool is_started)
+{
+    static constexpr int kHere = 0;
+    report_crashes();
+    was_started() = is_started;
+    note_plugin_code(&kHere, "sound");
+    std::exit(7);
+}
+
+void exit_where_plugin_code_was()
+{
+    static constexpr int kHere = 0;
+    report_crashes();
+    note_plugin_code(&kHere, "sound");
+    forget_plugin_code(&kHere);
+    std::exit(7);
+}
+
+TEST(ReportCrashesDeathTest, NamesThePluginOutsideOfOperations)
+{
+    EXPECT_EXIT(exit_in_plugin_code(false), testing::ExitedWithCode(3),
+                "^quorval: fatal: plug-in 'sound' called exit\n$");
+    EXPECT_EXIT(exit_in_plugin_code(true), testing::ExitedWithCode(1),
+                "^quorval: fatal: plug-in 'sound' called exit\n$");
+    EXPECT_EXIT(exit_where_plugin_code_was(), testing::ExitedWithCode(7), "^$");
+}
+
+/// As what a library does that was loaded by then and is destroyed.
+void have_library()
+{
+    static_cast<void>(std::atexit([] { std::cerr << "library ends\n"; }));
+}
+
+void exit_before_libraries_end()
+{
+    report_crashes();
+    const ContextScope scope("a", "run");
+    have_library();
+    report_exit_first();
+    std::exit(0);
+}
+
+void exit_after_a_library_that_was_loaded_later()
+{
+    report_crashes();
+    const ContextScope scope("a", "run");
+    report_exit_first();
+    have_library();
+    report_exit_first();
+    std::exit(0);
+}
+
+void exit_without_reports()
+{
+    const ContextScope scope("a", "run");
+    report_exit_first();
+    std::exit(7);
+}
+
+TEST(ReportCrashesDeathTest, NamesWhoEndsTheProcessBeforeWhatThreadsUseIsDestroyed)
+{
+    EXPECT_EXIT(exit_before_libraries_end(), testing::ExitedWithCode(1),
+                testing::StrEq("quorval: fatal: block 'a' called exit in run\n"));
+    EXPECT_EXIT(exit_after_a_library_that_was_loaded_later(), testing::ExitedWithCode(1),
+                testing::StrEq("library ends\nquorval: fatal: block 'a' called exit in run\n"));
+    EXPECT_EXIT(exit_without_reports(), testing::ExitedWithCode(7), testing::StrEq(""));
 }
 
 TEST(ReportCrashesDeathTest, LetsTheProgramItselfExit)
@@ -310,6 +389,30 @@ TEST(CrashStack, IsGivenToAThreadThatHasNone)
         EXPECT_EQ(present_stack().ss_flags, 0);
         EXPECT_GE(present_stack().ss_size, static_cast<std::size_t>(MINSIGSTKSZ));
     }).join();
+}
+
+/// Looks at the end of a thread whether there is a stack, after what the thread made later is gone.
+class LastLook {
+public:
+    explicit LastLook(int& flags) : flags_(flags) {}
+    LastLook(const LastLook&) = delete;
+    LastLook& operator=(const LastLook&) = delete;
+    ~LastLook() { flags_ = present_stack().ss_flags; }
+
+private:
+    int& flags_;
+};
+
+TEST(CrashStack, IsGivenBackBeforeItIsGone)
+{
+    int flags = 0;
+
+    std::thread([&flags] {
+        static const thread_local LastLook kLook(flags);
+        have_crash_stack();
+    }).join();
+
+    EXPECT_EQ(flags, SS_DISABLE);
 }
 
 TEST(CrashStack, LeavesAThreadTheOneThatItHas)

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -28,6 +29,18 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
+
+/// Standard input is closed.
+class ClosedStandardInput {
+public:
+    ClosedStandardInput() { ::close(STDIN_FILENO); }
+    ClosedStandardInput(const ClosedStandardInput&) = delete;
+    ClosedStandardInput& operator=(const ClosedStandardInput&) = delete;
+    ~ClosedStandardInput() { ::dup2(kept_.get(), STDIN_FILENO); }
+
+private:
+    Descriptor kept_{::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO), "dup"};
+};
 
 class LeftOpenTest : public testing::Test {
 protected:
@@ -53,6 +66,21 @@ protected:
         write_file(file(name), "");
         return std::make_unique<Descriptor>(::open(file(name).c_str(), O_RDONLY | O_CLOEXEC),
                                             "open");
+    }
+
+    /// The file of the loop once more, as the last of the first 64 numbers and behind it.
+    std::array<Descriptor, 2> open_around_64() const
+    {
+        const auto copy = [this](int number) {
+            return Descriptor(::fcntl(loop_.get(), F_DUPFD_CLOEXEC, number), "dup");
+        };
+        return {copy(63), copy(64)};
+    }
+
+    void expect_one_of_two_known() const
+    {
+        EXPECT_THAT(log_.texts(), ElementsAre("a block left a descriptor open: '/dev/null'",
+                                              "block 'mixer' left a descriptor open: '/dev/null'"));
     }
 
     std::string file(const std::string& name) const { return directory_.path() / name; }
@@ -146,6 +174,17 @@ TEST_F(LeftOpenTest, AreToldOfABlockThatFailedAmongTheNext64Numbers)
                                 file("lowest") + "'"));
 }
 
+TEST_F(LeftOpenTest, AreToldOfTheFirstBlockThatFailedAmongTheFirst64Numbers)
+{
+    const auto opened = open_around_64();
+    const ContextScope scope("mixer", "start");
+    note_left_open_of_failure();
+
+    watch_.reset();
+
+    expect_one_of_two_known();
+}
+
 TEST_F(LeftOpenTest, AreToldOfABlockAtItsEndWhereOthersBehindAHoleAreToo)
 {
     watch_->guard(loop_.get());
@@ -231,6 +270,47 @@ TEST_F(LeftOpenTest, AreToldOfBlocksThatEndWhereNoDescriptorIsToBeHad)
                 ElementsAre("block 'mixer' left a descriptor open: '" + file("kept") + "'"));
 }
 
+TEST_F(LeftOpenTest, AreToldOfBlocksThatEndAmongTheFirst64NumbersWhereNoDescriptorWasToBeHad)
+{
+    watch_->guard(loop_.get());
+    {
+        const quorval_test::NoDescriptors none;
+        note_open_before_end();
+    }
+    const auto opened = open_around_64();
+    note_left_open_at_end("mixer");
+
+    watch_.reset();
+
+    expect_one_of_two_known();
+}
+
+TEST_F(LeftOpenTest, AreToldAmongTheFirst64NumbersWhereNoDescriptorWasToBeHadForTheBlockBefore)
+{
+    watch_->guard(loop_.get());
+    note_open_before_end();
+    {
+        const quorval_test::NoDescriptors none;
+        note_left_open_at_end("gain");
+    }
+    const auto opened = open_around_64();
+    note_left_open_at_end("mixer");
+
+    watch_.reset();
+
+    expect_one_of_two_known();
+}
+
+TEST_F(LeftOpenTest, LeaveStandardInputClosed)
+{
+    const ClosedStandardInput closed;
+    watch_->guard(loop_.get());
+
+    note_open_before_end();
+
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+}
+
 TEST_F(LeftOpenTest, AreNotWhatMessagesAreSentThrough)
 {
     const Descriptor log(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
@@ -261,6 +341,32 @@ TEST_F(LeftOpenTest, TellOnceThatOneWasClosedThatNoBlockHadAnyBusinessWith)
     guarded.reset();
 
     expect_throw<std::runtime_error>(note_left_open, "it closed a descriptor that is not its own");
+    EXPECT_NO_THROW(note_left_open());
+}
+
+TEST_F(LeftOpenTest, AreToldOfABlockThatClosedAnotherOneAlso)
+{
+    auto guarded = open("guarded");
+    watch_->guard(guarded->get());
+    note_left_open();
+    const ContextScope scope("mixer", "run");
+    const auto kept = open("kept");
+    guarded.reset();
+
+    expect_throw<std::runtime_error>(note_left_open, "it closed a descriptor that is not its own");
+    watch_.reset();
+
+    EXPECT_THAT(log_.texts(),
+                ElementsAre("block 'mixer' left a descriptor open: '" + file("kept") + "'"));
+}
+
+TEST_F(LeftOpenTest, AreNotLookedForAfterTheEnd)
+{
+    auto guarded = open("guarded");
+    watch_->guard(guarded->get());
+    watch_.reset();
+    guarded.reset();
+
     EXPECT_NO_THROW(note_left_open());
 }
 

@@ -39,8 +39,8 @@ TEST(MessageLines, ShowControlCharactersOfTwoBytesAsNumbersAndOtherLettersAsThey
 {
     EXPECT_EQ(to_lines(LOGLEVEL_INFO, nullptr,
                        "a\xC2\x85"
-                       "b\xC2\x9F\x7F"),
-              "quorval: a\\xC2\\x85b\\xC2\\x9F\\x7F\n");
+                       "b\xC2\x80\xC2\x9F\x7F"),
+              "quorval: a\\xC2\\x85b\\xC2\\x80\\xC2\\x9F\\x7F\n");
     EXPECT_EQ(to_lines(LOGLEVEL_INFO, nullptr, "\xC2\xB5m \xC3\x84 \xC2"),
               "quorval: \xC2\xB5m \xC3\x84 \xC2\n");
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -22,6 +23,11 @@ using Entries = std::vector<std::vector<std::string>>;
 /// What was sent to the journal, a list of fields for each entry.
 Entries entries;
 int answer = 0;  // of the journal
+int empty_entries = 0;
+
+/// How often what is written next is interrupted, once before anything was written and then behind
+/// one byte.
+int interruptions = 0;
 
 }  // namespace
 
@@ -29,6 +35,7 @@ int answer = 0;  // of the journal
 extern "C" int sd_journal_sendv(const struct iovec* fields, int count)
 {
     if (count == 0) {
+        ++empty_entries;
         return -EINVAL;  // as the library does
     }
     if (answer < 0) {
@@ -39,6 +46,18 @@ extern "C" int sd_journal_sendv(const struct iovec* fields, int count)
         entry.emplace_back(static_cast<const char*>(fields[at].iov_base), fields[at].iov_len);
     }
     return 0;
+}
+
+extern "C" ssize_t write(int fd, const void* data, size_t size)
+{
+    if (interruptions == 0) {
+        return ::syscall(SYS_write, fd, data, size);
+    }
+    if (--interruptions == 0) {
+        return ::syscall(SYS_write, fd, data, 1);
+    }
+    errno = EINTR;
+    return -1;
 }
 
 using namespace Quorval;
@@ -141,6 +160,17 @@ TEST(Messages, AreLostWhereStandardErrorIsClosed)
     EXPECT_EQ(written_by([] { logger(LOGLEVEL_ERROR, "here"); }), "quorval: error: here\n");
 }
 
+TEST(Messages, AreWholeWhereASignalInterruptsThem)
+{
+    const Messages messages;
+
+    EXPECT_EQ(written_by([] {
+                  interruptions = 2;
+                  logger(LOGLEVEL_ERROR, "here");
+              }),
+              "quorval: error: here\n");
+}
+
 TEST(Messages, GoToStandardErrorWhenTheJournalIsAnotherFile)
 {
     const ScopedEnvironment environment("JOURNAL_STREAM", "1:2");
@@ -205,6 +235,18 @@ TEST(Messages, GoToStandardErrorWhereTheJournalDoesNotTakeThem)
     answer = 0;
 
     EXPECT_EQ(text, "quorval: error: here\n");
+    EXPECT_EQ(entries, Entries());
+}
+
+// The library may be loaded by its first call, which must not wait for a thread that loads a
+// plug-in.
+TEST_F(JournalMessages, HaveTheLibraryOfTheJournalLoadedAhead)
+{
+    empty_entries = 0;
+
+    const Messages messages;
+
+    EXPECT_EQ(empty_entries, 1);
     EXPECT_EQ(entries, Entries());
 }
 

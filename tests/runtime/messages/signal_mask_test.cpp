@@ -97,6 +97,18 @@ TEST_F(SignalMaskTest, LeavesWhatWasBlockedBefore)
     EXPECT_TRUE(is_blocked(SIGTERM));
 }
 
+TEST_F(SignalMaskTest, LeavesWhatWasBlockedBeforeTheLastLook)
+{
+    watch_signals();
+    block({SIGTERM});
+    watch_signals();
+
+    give_back_signals();
+
+    EXPECT_THAT(log_.texts(), IsEmpty());
+    EXPECT_TRUE(is_blocked(SIGTERM));
+}
+
 TEST_F(SignalMaskTest, TakesNothingBackWhenNobodyWatches)
 {
     watch_signals();
