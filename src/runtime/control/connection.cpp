@@ -149,21 +149,11 @@ int Connection::on_time(sd_event_source* /*source*/, std::uint64_t /*now*/, void
     return 0;
 }
 
-void Connection::drop()
-{
-    objects_.clear();
-    name_slot_.reset();
-    disconnect_slot_.reset();
-    bus_.reset();
-}
-
 void Connection::connect_again()
 {
-    drop();
     sd_bus_slot* slot = nullptr;
     if (connect() < 0 || sd_bus_attach_event(bus_.get(), event_, SD_EVENT_PRIORITY_NORMAL) < 0 ||
         sd_bus_request_name_async(bus_.get(), &slot, name_.c_str(), 0, on_name, this) < 0) {
-        drop();
         retry_later();
         return;
     }

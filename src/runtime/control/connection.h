@@ -45,7 +45,6 @@ private:
 
     int connect();
     int request_name();
-    void drop();
     void forget_pause();
     void retry_later();
     void connect_again();

@@ -24,6 +24,7 @@ using quorval_test::FakeBus;
 using quorval_test::give;
 using quorval_test::LogRecorder;
 using quorval_test::refuse;
+using quorval_test::ScopedEnvironment;
 using ::testing::ElementsAre;
 
 namespace {
@@ -47,6 +48,24 @@ protected:
         return problem;
     }
 
+    /// Opens a connection, and waits until it was lost and found.
+    void wait_for_loss(runtime::Connection::Publish publish)
+    {
+        Loop loop;
+        runtime::Connection connection(Bus::User, "org.quorval.graph.g", std::move(publish));
+        ASSERT_EQ(connection.open(), "");
+        connection.attach(loop.event());
+
+        while (log_.texts().empty() || log_.texts().back() != kBack) {
+            loop.wait(std::nullopt);
+            if (!log_.texts().empty() && log_.texts().back() == kLost) {
+                EXPECT_EQ(connection.bus(), nullptr);
+                elsewhere_.reset();
+            }
+        }
+        EXPECT_NE(connection.bus(), nullptr);
+    }
+
     /// The bus hangs up on the connection, which gets the name again after all of these answers.
     void lose_and_find(std::vector<FakeBus::Answer> answers, runtime::Connection::Publish publish)
     {
@@ -58,23 +77,13 @@ protected:
             sd_bus_flush(sd_bus_message_get_bus(call));
             return hangs_up ? -EIO : result;
         });
-        runtime::Connection connection(Bus::User, "org.quorval.graph.g", std::move(publish));
-        ASSERT_EQ(connection.open(), "");
-        connection.attach(loop_.event());
-
-        while (log_.texts().empty() || log_.texts().back() != kBack) {
-            loop_.wait(std::nullopt);
-            if (!log_.texts().empty() && log_.texts().back() == kLost) {
-                EXPECT_EQ(connection.bus(), nullptr);
-            }
-        }
-        EXPECT_NE(connection.bus(), nullptr);
+        wait_for_loss(std::move(publish));
         bus_.stop();
     }
 
     LogRecorder log_{LOGLEVEL_INFO};
-    Loop loop_;
     FakeBus bus_;
+    std::optional<ScopedEnvironment> elsewhere_;  // the bus, until the loss is noticed
     std::size_t requests_ = 0;
 };
 
@@ -175,6 +184,47 @@ TEST_F(ConnectionTest, IsLookedForUntilItHasTheNameAgain)
     EXPECT_EQ(requests_, 5U);
 }
 
+TEST_F(ConnectionTest, IsLookedForUntilThereIsABus)
+{
+    bool is_first = true;
+    const auto hide_bus = [&](sd_bus* bus) {
+        if (std::exchange(is_first, false)) {
+            elsewhere_.emplace("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere/bus");
+        }
+        return publish_nothing(bus);
+    };
+
+    lose_and_find({}, hide_bus);
+
+    EXPECT_THAT(log_.texts(), ElementsAre(kLost, kBack));
+    EXPECT_EQ(requests_, 2U);
+}
+
+TEST_F(ConnectionTest, LeavesNothingBehindWhenItIsFoundAgain)
+{
+    constexpr int kTimes = 100;
+    constexpr std::size_t kMost = 50'000;  // bytes; a connection has more than a thousand
+    bus_.on("RequestName", [this](sd_bus_message* call) {
+        const bool hangs_up = requests_++ % 2 == 0;
+        const int result = give(kIsOwner)(call);
+        sd_bus_flush(sd_bus_message_get_bus(call));
+        return hangs_up ? -EIO : result;
+    });
+    const auto lose_and_find = [this](int times) {
+        for (int count = 0; count < times; ++count) {
+            log_.clear();
+            wait_for_loss(publish_nothing);
+        }
+    };
+    lose_and_find(10);
+
+    const std::size_t before = quorval_test::used_memory();
+    lose_and_find(kTimes);
+
+    EXPECT_LT(quorval_test::used_memory(), before + kMost);
+    bus_.stop();
+}
+
 TEST_F(ConnectionTest, DoesNotAskABusAllTheTimeThatHangsUpOnWhoHasTheName)
 {
     constexpr int kLosses = 4;
@@ -184,13 +234,14 @@ TEST_F(ConnectionTest, DoesNotAskABusAllTheTimeThatHangsUpOnWhoHasTheName)
         sd_bus_flush(sd_bus_message_get_bus(call));
         return left-- > 0 ? -EIO : result;
     });
+    Loop loop;
     runtime::Connection connection(Bus::User, "org.quorval.graph.g", publish_nothing);
     ASSERT_EQ(connection.open(), "");
-    connection.attach(loop_.event());
+    connection.attach(loop.event());
 
     const auto begin = std::chrono::steady_clock::now();
     for (int found = 0; found < kLosses;) {
-        loop_.wait(std::nullopt);
+        loop.wait(std::nullopt);
         const std::vector<std::string> texts = log_.texts();
         found = static_cast<int>(std::count(texts.begin(), texts.end(), kBack));
     }
