@@ -31,20 +31,15 @@ bool is_property(const sd_bus_vtable& entry)
     return entry.type == _SD_BUS_VTABLE_PROPERTY || entry.type == _SD_BUS_VTABLE_WRITABLE_PROPERTY;
 }
 
-/// The bytes between the entries of a table, which may have been compiled with another version.
-std::size_t stride_of(const sd_bus_vtable* table)
-{
-    return table->type == _SD_BUS_VTABLE_START ? table->x.start.element_size : 0;
-}
-
 /// A copy of a table, as this version has it; empty for what is none.
 std::vector<sd_bus_vtable> copy_table(const sd_bus_vtable* table)
 {
-    const std::size_t stride = stride_of(table);
-    std::vector<sd_bus_vtable> copy;
-    if (stride == 0) {
-        return copy;
+    if (table->type != _SD_BUS_VTABLE_START || table->x.start.element_size == 0) {
+        return {};
     }
+    // The bytes between the entries, which may have been compiled with another version.
+    const std::size_t stride = table->x.start.element_size;
+    std::vector<sd_bus_vtable> copy;
     const auto* entry = reinterpret_cast<const unsigned char*>(table);
     do {
         sd_bus_vtable one;

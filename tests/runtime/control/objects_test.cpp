@@ -351,16 +351,22 @@ TEST_F(BlockObjectsTest, DoNotStandInForTheGraph)
 
 TEST_F(BlockObjectsTest, AreRefusedWithATableThatIsNone)
 {
-    const std::array<sd_bus_vtable, 1> table = {};
-    block_.add_dbus("/object", "test.Object", table.data(), nullptr);
-    Life life(graph_.arrange(), world_, nullptr, nullptr);
-    const BlockObjects objects(graph_.network(), life, loop_);
-    std::vector<SlotHandle> slots;
+    std::vector<sd_bus_vtable> no_start(std::begin(kTable), std::end(kTable));
+    no_start[0].type = 0;
+    std::vector<sd_bus_vtable> no_size(std::begin(kTable), std::end(kTable));
+    no_size[0].x.start.element_size = 0;
+    for (const auto& table : {no_start, no_size}) {
+        FakeGraph graph;
+        graph.add("b").add_dbus("/object", "test.Object", table.data(), nullptr);
+        Life life(graph.arrange(), world_, nullptr, nullptr);
+        const BlockObjects objects(graph.network(), life, loop_);
+        std::vector<SlotHandle> slots;
 
-    expect_throw<RefusedObject>([&] { objects.publish(nullptr, slots); },
-                                "block 'b': the object /object with the interface test.Object "
-                                "cannot be published: Invalid argument");
-    EXPECT_THAT(slots, IsEmpty());
+        expect_throw<RefusedObject>([&] { objects.publish(nullptr, slots); },
+                                    "block 'b': the object /object with the interface test.Object "
+                                    "cannot be published: Invalid argument");
+        EXPECT_THAT(slots, IsEmpty());
+    }
 }
 
 }  // namespace
