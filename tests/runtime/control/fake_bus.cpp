@@ -230,6 +230,13 @@ FakeBus::Answer refuse(const std::string& name, const std::string& text)
     };
 }
 
+void append_broken_text(sd_bus_message* message)
+{
+    char* text = nullptr;
+    check(sd_bus_message_append_string_space(message, 1, &text));
+    *text = '\xFF';
+}
+
 std::size_t used_memory()
 {
     const struct mallinfo2 info = ::mallinfo2();

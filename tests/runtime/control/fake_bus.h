@@ -78,6 +78,9 @@ FakeBus::Answer refuse(const std::string& name, const std::string& text);
 /// in parentheses.
 std::string read_values(sd_bus_message* message);
 
+/// A text that is not UTF-8, which not every bus keeps back.
+void append_broken_text(sd_bus_message* message);
+
 /// Bytes that this process has from malloc(); 0 where a sanitizer stands in for it, which tells of
 /// leaks itself.
 std::size_t used_memory();

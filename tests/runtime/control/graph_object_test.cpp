@@ -260,6 +260,21 @@ TEST_F(GraphObjectTest, SaysWhatCannotBeConfigured)
     EXPECT_THAT(signals, IsEmpty());
 }
 
+TEST_F(GraphObjectTest, RefusesTextsThatAreNone)
+{
+    FakeBus::Call broken = call(owner(), "Configure");
+    broken.append = [](sd_bus_message* message) {
+        sd_bus_message_open_container(message, 'a', "{ss}");
+        sd_bus_message_open_container(message, 'e', "ss");
+        quorval_test::append_broken_text(message);
+        sd_bus_message_append(message, "s", "2");
+        sd_bus_message_close_container(message);
+        return sd_bus_message_close_container(message);
+    };
+
+    EXPECT_THAT(run({broken}), ElementsAre("org.quorval.Error.Refused: Bad message"));
+}
+
 TEST_F(GraphObjectTest, TakesCallsOfTheirTypesAlone)
 {
     FakeBus::Call number = call(owner(), "Get");

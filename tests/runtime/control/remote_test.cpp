@@ -79,6 +79,36 @@ TEST_F(RemoteGraphTest, RefusesAnswersOfAnotherForm)
     expect_throw<RemoteError>([&] { graph.link_statistics(); }, kText);
 }
 
+/// Answers with a list of one entry, whose text is none.
+int answer_broken(sd_bus_message* call, const std::string& fields)
+{
+    sd_bus_message* made = nullptr;
+    sd_bus_message_new_method_return(call, &made);
+    sd_bus_message_open_container(made, 'a', ("(" + fields + ")").c_str());
+    sd_bus_message_open_container(made, 'r', fields.c_str());
+    quorval_test::append_broken_text(made);
+    for (const char type : fields.substr(1)) {
+        constexpr std::uint64_t kNone = 0;
+        sd_bus_message_append_basic(made, type, &kNone);
+    }
+    sd_bus_message_close_container(made);
+    sd_bus_message_close_container(made);
+    const int result = sd_bus_send(nullptr, made, nullptr);
+    sd_bus_message_unref(made);
+    return result;
+}
+
+TEST_F(RemoteGraphTest, RefusesStatisticsWithTextsThatAreNone)
+{
+    RemoteGraph graph("the-graph", {Bus::User});
+
+    bus_.on("Statistics", [](auto* call) { return answer_broken(call, "sttttt"); });
+    expect_throw<RemoteError>([&] { graph.statistics(); }, "Bad message");
+
+    bus_.on("Statistics", [](auto* call) { return answer_broken(call, "sbtttttt"); });
+    expect_throw<RemoteError>([&] { graph.link_statistics(); }, "Bad message");
+}
+
 TEST_F(RemoteGraphTest, HasStatisticsOfItsBlocks)
 {
     using Time = std::chrono::nanoseconds;
