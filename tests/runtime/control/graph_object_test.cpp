@@ -13,8 +13,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,6 +63,12 @@ protected:
     std::vector<std::string> run(const std::vector<FakeBus::Call>& calls,
                                  RunResult expected = RunResult::Done)
     {
+        return run(calls, expected, outside_);
+    }
+
+    std::vector<std::string> run(const std::vector<FakeBus::Call>& calls, RunResult expected,
+                                 IOutside& outside)
+    {
         files_.write("g.toml",
                      "format = 1\n[blocks.idle]\ntype = \"running:Tell\"\n"
                      "config = { is_idle = true, x = 1 }\n" +
@@ -74,8 +82,8 @@ protected:
             has_stop = !ends_by_itself_;
             loop.waker()->wake();
         });
-        EXPECT_EQ(Runner(options, graph, loop, nullptr, &outside_, has_stop).run(), expected);
-        EXPECT_EQ(outside_.bus(), nullptr);
+        EXPECT_EQ(Runner(options, graph, loop, nullptr, &outside, has_stop).run(), expected);
+        EXPECT_EQ(outside.bus(), nullptr);
         return bus_.stop();
     }
 
@@ -206,13 +214,16 @@ TEST_F(GraphObjectTest, LetsEverybodyLook)
 
 TEST_F(GraphObjectTest, TellsWhatItIs)
 {
+    outside_.statistics.emplace_back();
+
     const std::vector<std::string> answers =
         run({call(stranger(), "Introspect", "org.freedesktop.DBus.Introspectable")});
 
     ASSERT_EQ(answers.size(), 1U);
     for (const char* part :
          {R"(<method name="Describe">)", R"( name="json")", R"(<signal name="BlockFailed">)",
-          R"(<signal name="Configured">)", R"(<property name="Waves" type="t" access="read">)"}) {
+          R"(<signal name="Configured">)", R"(<property name="Waves" type="t" access="read">)",
+          R"(<interface name="org.quorval.Links1">)"}) {
         EXPECT_THAT(answers[0], HasSubstr(part));
     }
     EXPECT_THAT(answers[0], Not(HasSubstr("Deprecated")));
@@ -307,6 +318,41 @@ TEST_F(GraphObjectTest, TellsOfBlocksThatFail)
     run({}, RunResult::Failed);
 
     EXPECT_THAT(signals, ElementsAre("tell trouble"));
+}
+
+/// Puts a graph on a bus again and again.
+class ManyTimes final : public IOutside {
+public:
+    RunResult open(Run& run) override
+    {
+        constexpr int kTimes = 200;
+        constexpr std::size_t kMost = 100'000;  // bytes; a connection has more than a thousand
+        open(run, 10);
+        const std::size_t before = quorval_test::used_memory();
+        open(run, kTimes);
+        EXPECT_LT(quorval_test::used_memory(), before + kMost);
+        return RunResult::Failed;
+    }
+    void begin() override {}
+    void close() noexcept override {}
+    sd_bus* bus() override { return nullptr; }
+
+private:
+    static void open(Run& run, int times)
+    {
+        for (int count = 0; count < times; ++count) {
+            Control control(Bus::User, [](Run&) { return std::vector<BlockStatistics>(); });
+            EXPECT_EQ(control.open(run), RunResult::Done);
+            control.close();
+        }
+    }
+};
+
+TEST_F(GraphObjectTest, LeavesNothingBehind)
+{
+    ManyTimes outside;
+
+    run({}, RunResult::Failed, outside);
 }
 
 TEST_F(GraphObjectTest, IsNotRunWithoutItsName)
