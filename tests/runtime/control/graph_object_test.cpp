@@ -2,6 +2,7 @@
 #include "loop/loop.h"
 #include "run/runner.h"
 #include "runtime/control/fake_bus.h"
+#include "runtime/control/work_watch.h"
 #include "runtime/support/graph_files.h"
 
 #include <gmock/gmock.h>
@@ -26,6 +27,7 @@ using quorval_test::FakeBus;
 using quorval_test::GraphFiles;
 using quorval_test::LogRecorder;
 using quorval_test::refuse;
+using quorval_test::WorkWatch;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -44,17 +46,32 @@ public:
     RunResult open(Run& run) override
     {
         run.link_statistics = [this] { return statistics; };
+        run_ = &run;
         return control_.open(run);
     }
-    void begin() override { control_.begin(); }
-    void close() noexcept override { control_.close(); }
+    void begin() override
+    {
+        control_.begin();
+        if (is_watched) {
+            watch_.emplace(run_->loop.event(), run_->life);
+        }
+    }
+    void close() noexcept override
+    {
+        EXPECT_FALSE(watch_ && watch_->has_seen_work());
+        watch_.reset();
+        control_.close();
+    }
     sd_bus* bus() override { return control_.bus(); }
 
     std::vector<LinkStatistics> statistics;
     std::vector<BlockStatistics> blocks;
+    bool is_watched = false;  // whether a call's work is done before anything else
 
 private:
     Control control_{Bus::User, [this](Run&) { return blocks; }};
+    Run* run_ = nullptr;
+    std::optional<WorkWatch> watch_;
 };
 
 class GraphObjectTest : public testing::Test {
@@ -244,6 +261,17 @@ TEST_F(GraphObjectTest, IsConfigured)
               "is_idle = true  # g.toml:4\nx = 2  # changed\ny = 3  # changed\n");
     EXPECT_THAT(answers[3], HasSubstr(R"("config":{"is_idle":true,"x":2,"y":3})"));
     EXPECT_THAT(signals, ElementsAre("((idle.x 2))", "((idle.y 3))"));
+}
+
+TEST_F(GraphObjectTest, RunsWhatAChangeTriggersAtOnce)
+{
+    outside_.is_watched = true;
+    more_blocks_ =
+        "[blocks.echo]\ntype = \"running:Echo\"\nconfig.x = 0\n"
+        "[[connections]]\nfrom = \"echo.out\"\nto = \"idle.in\"\n";
+
+    EXPECT_THAT(run({configure(owner(), "echo.x", "5"), property("Waves")}),
+                ElementsAre("", "(1)"));
 }
 
 TEST_F(GraphObjectTest, SaysWhatCannotBeConfigured)

@@ -148,6 +148,28 @@ private:
     InPort<int>* in_;
 };
 
+/// A source with nothing to do that writes `x` when it is changed.
+class Echo : public Block {
+public:
+    Echo(std::string name, const BlockConfiguration& config) : Block(std::move(name), config)
+    {
+        config.getInt("x", 0);
+        make_eventport("never");
+        auto port = std::make_unique<OutPort<int>>("out", Datatype("int"));
+        out_ = port.get();
+        add_outport(std::move(port));
+    }
+
+    void reconfigure(const BlockConfiguration& merged,
+                     const BlockConfiguration& /*override*/) override
+    {
+        out_->write(merged.getInt("x"));
+    }
+
+private:
+    OutPort<int>* out_;
+};
+
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays)
 const sd_bus_vtable kOffered[] = {
     SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Nothing", "", "", nullptr, SD_BUS_VTABLE_UNPRIVILEGED),
@@ -271,6 +293,7 @@ int lib_register_cpp(IRegistry& registry)
 {
     add<Count>(registry, "Count");
     add<Tell>(registry, "Tell");
+    add<Echo>(registry, "Echo");
     add<Offer>(registry, "Offer");
     add<EndLoop>(registry, "EndLoop");
     add<Talkative>(registry, "Talkative");
