@@ -58,13 +58,14 @@ GraphOptions check_threads(GraphOptions options)
         throw std::invalid_argument("the number of threads has to be from 1 to 256, not " +
                                     std::to_string(options.threads));
     }
-    if (options.threads > 1 && !Workers::are_there()) {
+    if (options.threads == 1) {
+        return options;
+    }
+    if (!Workers::are_there()) {
         throw std::invalid_argument(
             "this build has one thread alone: it was made without QUORVAL_WITH_THREADS");
     }
-    if (options.threads > 1) {
-        options.threads = std::min(options.threads, Workers::processors());
-    }
+    options.threads = std::min(options.threads, Workers::processors());
     return options;
 }
 

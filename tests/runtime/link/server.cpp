@@ -133,6 +133,13 @@ std::string Server::read(unsigned kind)
     }
 }
 
+void Server::refuse()
+{
+    accept();
+    read(kConnect);
+    send(packet(0x20, {'\0', '\x87', '\0'}));
+}
+
 void Server::welcome()
 {
     accept();

@@ -33,6 +33,8 @@ public:
     /// @param kind  the first four bits
     std::string read(unsigned kind);
 
+    /// Refuses the next client as one that is not allowed.
+    void refuse();
     /// Agrees to the next client.
     void welcome();
     /// Likewise, and answers its subscriptions.

@@ -178,13 +178,7 @@ TEST_F(LinkStatesTest, WaitsForABrokerThatRefusesItAfterAll)
     EXPECT_THAT(log_.texts(), ElementsAre(away("The connection was lost")));
 
     present += 100ms;
-    work(
-        [this] {
-            server_.accept();
-            server_.read(Server::kConnect);
-            server_.send(Server::packet(0x20, {'\0', '\x87', '\0'}));
-        },
-        [this] { return link_->next_time() == present + 200ms; });
+    work([this] { server_.refuse(); }, [this] { return link_->next_time() == present + 200ms; });
 
     EXPECT_EQ(link_->failure(), "");
     EXPECT_EQ(log_.texts().size(), 1U);

@@ -1,6 +1,8 @@
 #include <quorval/runtime/graph.h>
 #include <quorval/runtime/messages.h>
 #include <quorval/runtime/recording.h>
+#include "loop/descriptor.h"
+#include "runtime/link/server.h"
 #include "runtime/support/graph_files.h"
 #include "schedule/workers.h"
 #include "support/scopes.h"
@@ -9,7 +11,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <csignal>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -23,8 +30,11 @@ using quorval_test::expect_throw;
 using quorval_test::GraphFiles;
 using quorval_test::LogRecorder;
 using quorval_test::open_descriptors;
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 namespace {
 
@@ -92,7 +102,7 @@ TEST_F(GraphTest, HandsOutItsBlocks)
 TEST_F(GraphTest, RunsOnSeveralThreadsWhereTheBuildHasThem)
 {
     GraphOptions options;
-    options.threads = 3;
+    options.threads = 256;
 
     if (!runtime::Workers::are_there()) {
         expect_throw<std::invalid_argument>(
@@ -103,6 +113,32 @@ TEST_F(GraphTest, RunsOnSeveralThreadsWhereTheBuildHasThem)
     EXPECT_EQ(make(kCounting, options).run(), RunResult::Done);
     EXPECT_THAT(recorder.texts(),
                 ElementsAre("start tell", "run tell 1", "run tell 2", "stop tell"));
+}
+
+/// Bytes of addresses that this process has in use.
+rlim_t used_addresses()
+{
+    std::ifstream status("/proc/self/statm");
+    rlim_t pages = 0;
+    status >> pages;
+    return pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE));
+}
+
+TEST_F(GraphTest, RunsOnNoMoreThreadsThanThereAreProcessors)
+{
+    if (!runtime::Workers::are_there()) {
+        return;
+    }
+    GraphOptions options;
+    options.threads = 256;
+    make(kCounting, options);
+    // Enough for many stacks of 4 MB and more, and not for those of so many threads.
+    constexpr rlim_t kMore = 512 << 20;
+    const quorval_test::ScopedLimit limit(RLIMIT_AS, used_addresses() + kMore);
+
+    EXPECT_EQ(graph->run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), Not(Contains(HasSubstr("of 256 threads"))));
 }
 
 TEST_F(GraphTest, BearsThreadsOfItsBlocksThatLogBesideAnotherGraph)
@@ -156,6 +192,29 @@ TEST_F(GraphTest, CountsRunsAndTimesThemWhereItIsTold)
     EXPECT_GT(timed[1].total, 0ns);
     EXPECT_LE(timed[1].longest, timed[1].total);
     EXPECT_LE(timed[1].percentile_99, timed[1].longest);
+}
+
+TEST_F(GraphTest, HasStatisticsOfItsLinks)
+{
+    const quorval_test::IgnoredSignal pipe(SIGPIPE);  // as libmosquitto leaves it
+    quorval_test::Server server;
+    GraphOptions options;
+    options.machine = "m";
+    make("format = 1\nconnections = [\"a.out -> b.in\"]\nmachines = { m = {}, n = {} }\n" +
+             server.link() +
+             "blocks.a = { type = \"recorded:Ticker\", machine = \"m\", config.count = 1000000 }\n"
+             "blocks.b = { type = \"recorded:Work\", machine = \"n\" }\n",
+         options);
+    EXPECT_THAT(graph->link_statistics(), IsEmpty());
+    std::thread broker([&server] { server.refuse(); });
+
+    EXPECT_EQ(graph->run(), RunResult::Failed);
+    broker.join();
+
+    const std::vector<LinkStatistics> links = graph->link_statistics();
+    ASSERT_EQ(links.size(), 1U);
+    EXPECT_EQ(links[0].output, "a.out");
+    EXPECT_FALSE(links[0].comes_in);
 }
 
 TEST_F(GraphTest, ShowsItsBlocksAndConnections)
@@ -222,8 +281,8 @@ TEST_F(GraphTest, RecordsAndReplays)
 
     EXPECT_EQ(make(ticking, replaying).run(), RunResult::Done);
 
-    EXPECT_THAT(recorder.texts(), ::testing::Not(::testing::Contains("start a")));
-    EXPECT_THAT(recorder.texts(), ::testing::Contains(::testing::StartsWith("b in 101!, late")));
+    EXPECT_THAT(recorder.texts(), Not(Contains("start a")));
+    EXPECT_THAT(recorder.texts(), Contains(::testing::StartsWith("b in 101!, late")));
 }
 
 TEST_F(GraphTest, FailsWhereNotAllIsRecorded)
@@ -413,6 +472,36 @@ TEST_F(GraphTest, LeavesSignalsToOneGraph)
                                    "another graph takes the signals");
 }
 
+// ---- descriptors --------------------------------------------------------------------------------
+
+/// What a program has open besides its graph is none of the graph's business, unless the graph has
+/// the signals of the program too, and so all of it.
+TEST_F(GraphTest, MindsTheDescriptorsOfItsOwnProgramAlone)
+{
+    struct Case {
+        bool takes_signals;
+        bool is_dry;
+        std::vector<std::string> expected;
+    };
+    for (const Case& one : std::vector<Case>{
+             {true, false, {"a block left a descriptor open: '/dev/null'"}},
+             {false, false, {}},
+             {true, true, {}},
+         }) {
+        GraphOptions options;
+        options.takes_signals = one.takes_signals;
+        options.is_dry = one.is_dry;
+        make(kIdle, options);
+        const runtime::Descriptor opened(::open("/dev/null", O_RDONLY | O_CLOEXEC), "/dev/null");
+
+        const LogRecorder warnings(LOGLEVEL_WARNING);
+
+        graph.reset();
+
+        EXPECT_EQ(warnings.texts(), one.expected) << one.takes_signals << one.is_dry;
+    }
+}
+
 // ---- files that are read again ------------------------------------------------------------------
 
 /// A graph whose file has changed since it was loaded, and that notices it when it runs.
@@ -477,7 +566,7 @@ TEST_F(ReloadTest, BearsRequestsOfOtherThreads)
 
     EXPECT_EQ(graph->run(), RunResult::Done);
 
-    EXPECT_THAT(recorder.texts(), ::testing::Contains("change idle 2 -1").Times(1));
+    EXPECT_THAT(recorder.texts(), Contains("change idle 2 -1").Times(1));
 }
 
 TEST_F(ReloadTest, RefusesFilesWithErrors)
@@ -500,10 +589,10 @@ from = "count.out"
 to = "tell.in"
 )";
 
-    EXPECT_THAT(run_changed(text + "delivery = \"all\"\n", text),
-                ::testing::Contains(
-                    "the changed files are not applied: connection 'count.out -> tell.in', with "
-                    "delivery \"all\", was removed"));
+    EXPECT_THAT(
+        run_changed(text + "delivery = \"all\"\n", text),
+        Contains("the changed files are not applied: connection 'count.out -> tell.in', with "
+                 "delivery \"all\", was removed"));
 }
 
 TEST_F(ReloadTest, RefusesEveryOtherDifferenceAndNamesIt)
@@ -559,8 +648,7 @@ blocks.other = { type = "running:Tell" }
 
         const std::vector<std::string> texts = run_changed(pair, after);
 
-        EXPECT_THAT(texts, ::testing::Contains("the changed files are not applied: " + one.text))
-            << one.to;
+        EXPECT_THAT(texts, Contains("the changed files are not applied: " + one.text)) << one.to;
     }
 }
 

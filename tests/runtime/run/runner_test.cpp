@@ -529,11 +529,7 @@ TEST_F(RunnerLinkTest, FailsWhereAFileCannotBeUsed)
 TEST_F(RunnerLinkTest, EndsTheRunWhereTheBrokerRefusesIt)
 {
     quorval_test::Server server;
-    std::thread broker([&server] {
-        server.accept();
-        server.read(quorval_test::Server::kConnect);
-        server.send(quorval_test::Server::packet(0x20, {'\0', '\x87', '\0'}));
-    });
+    std::thread broker([&server] { server.refuse(); });
 
     const RunResult result = run("m", server.link(), nullptr,
                                  "type = \"running:Tell\", config = { is_idle = true, x = 1 }");
