@@ -10,6 +10,7 @@
 #include <systemd/sd-event.h>
 #include <systemd/sd-journal.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <string>
@@ -344,12 +345,9 @@ int sd_bus_emit_properties_changed(sd_bus* bus, const char* path, const char* in
         names.emplace_back(one);
     }
     va_end(more);
-    std::vector<char*> list;
-    list.reserve(names.size() + 1);
-    for (std::string& one : names) {
-        list.push_back(one.data());
-    }
-    list.push_back(nullptr);
+    std::vector<char*> list(names.size() + 1);  // the last one stays null
+    std::transform(names.begin(), names.end(), list.begin(),
+                   [](std::string& one) { return one.data(); });
     return call<sd_bus_emit_properties_changed_strv>("sd_bus_emit_properties_changed_strv", bus,
                                                      path, interface, list.data());
 }
