@@ -1104,7 +1104,7 @@ std::vector<std::string> live(bool has_threads, bool skips_failures)
     }
     graph.arrange();
     Life life(graph.network(), world, nullptr, nullptr);
-    if (has_threads) {
+    if (has_threads && Workers::are_there()) {
         life.use_threads({4, std::chrono::nanoseconds(0), true});
     }
     life.start();
