@@ -67,12 +67,11 @@ std::string fill_in(std::string text, const std::string& name)
 
 void write_file(const fs::path& path, const std::string& text)
 {
-    errno = 0;
     std::ofstream out(path, std::ios::binary);
     out << text;
     out.close();
     if (!out) {
-        throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(),
+        throw std::system_error(errno, std::generic_category(),
                                 "'" + path.string() + "' cannot be written");
     }
 }

@@ -58,7 +58,6 @@ bool has_other_threads()
 void write_output(const std::string& text)
 {
     // What fails shows when the output is closed.
-    errno = 0;
     if (std::fwrite(text.data(), 1, text.size(), stdout) < text.size() && write_error == 0) {
         write_error = errno;
     }

@@ -134,6 +134,17 @@ TEST_F(Main, FailsWhenOutputCannotBeWritten)
     }
 }
 
+TEST_F(Main, FailsWhenNobodyReadsItsOutput)
+{
+    ProcessOptions options = command({"--version"});
+    options.command.insert(options.command.begin(),
+                           {"env", "--default-signal=PIPE", "bash", "-c",
+                            R"(mkfifo pipe; exec 3<>pipe 4>pipe 3<&-; exec "$@" >&4)", "bash"});
+
+    expect_result(run_process(options), 1, "",
+                  "quorval: error: cannot write to standard output: Broken pipe\n");
+}
+
 TEST_F(Main, FailsWhenStandardOutputIsClosed)
 {
     ProcessOptions options = command({"--version"});

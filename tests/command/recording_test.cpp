@@ -2,6 +2,8 @@
 #include <quorval/runtime/recording.h>
 #include "command/command_test.h"
 
+#include <sqlite3.h>
+
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -54,6 +56,15 @@ blocks.print.type = "basic:Print"
 
     std::string file(const std::string& name) const { return directory() + "/" + name; }
 
+    /// Changes the recording `r`.
+    void change(const std::string& sql) const
+    {
+        sqlite3* database = nullptr;
+        EXPECT_EQ(sqlite3_open(file("r").c_str(), &database), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(database);
+    }
+
     std::uint64_t count_waves() const
     {
         try {
@@ -71,6 +82,14 @@ TEST_F(RecordingCommand, ReplaysWhatWasRecordedBitForBit)
     ASSERT_EQ(count_waves(), 50U);
 
     expect_result(run_with_basic({"replay", "r", "sine.toml"}), 0, live.out, "");
+    expect_result(run_with_basic({"replay", "--fast", "r", "sine.toml"}), 0, live.out, "");
+}
+
+TEST_F(RecordingCommand, ReplaysFastWhatTookHours)
+{
+    const ProcessResult live = run_with_basic({"run", "--record", "r", "sine.toml"});
+    change("UPDATE part_1 SET time = time + wave * 3600000000000 WHERE id > 0");
+
     expect_result(run_with_basic({"replay", "--fast", "r", "sine.toml"}), 0, live.out, "");
 }
 
@@ -166,6 +185,16 @@ TEST_F(RecordingCommand, ShowsWhatAFileHolds)
     expect_result(run({"recording", "show", "r"}), 0, expected.str(), "");
 }
 
+TEST_F(RecordingCommand, ShowsThatWavesAreMissing)
+{
+    run_with_basic({"run", "--record", "r", "sine.toml"});
+    EXPECT_EQ(run({"recording", "show", "r"}).out.find("missing"), std::string::npos);
+    change("UPDATE part_1 SET wave = wave + 1 WHERE wave > 6; UPDATE recording SET waves = 51");
+
+    EXPECT_NE(run({"recording", "show", "r"}).out.find("\nmissing waves: 1\nwhole: yes\n"),
+              std::string::npos);
+}
+
 TEST_F(RecordingCommand, RefusesAFileThatIsThere)
 {
     write("r", "mine");
@@ -182,7 +211,17 @@ TEST_F(RecordingCommand, RefusesOutputsThatAreNotThere)
                   3, "",
                   "--outputs sine.ou: error: block 'sine' has no output 'ou'; it has out\n"
                   "--outputs x.out: error: there is no block 'x'\n");
+    expect_result(run_with_basic({"run", "--record", "r", "--outputs", "sine.out,", "sine.toml"}),
+                  3, "", "--outputs : error: there is no block ''\n");
     EXPECT_FALSE(fs::exists(file("r")));
+}
+
+TEST_F(RecordingCommand, RefusesAMachineThatIsNotThere)
+{
+    run_with_basic({"run", "--record", "r", "sine.toml"});
+
+    expect_wrong_use(run_with_basic({"replay", "--machine", "hub", "r", "sine.toml"}),
+                     "there is no machine 'hub'");
 }
 
 TEST_F(RecordingCommand, RefusesWhatIsNoRecording)

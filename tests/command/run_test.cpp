@@ -575,6 +575,11 @@ TEST_F(Run, FailsWhenTheOutputOfBlocksCannotBeWritten)
 
     expect_result(run_process(options), 1, "",
                   "quorval: error: cannot write to standard output: No space left on device\n");
+    // What went wrong when it was written is known to nobody at the end.
+    options = command({"run", "--set", "print.flush=true", "numbers.toml"});
+    options.out_file = "/dev/full";
+    expect_result(run_process(options), 1, "",
+                  "quorval: error: cannot write to standard output: Input/output error\n");
 }
 
 TEST_F(Run, ShowsProgressOnATerminal)

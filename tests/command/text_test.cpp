@@ -23,6 +23,7 @@ TEST(EscapeControls, NamesControlCharactersByTheirNumber)
     EXPECT_EQ(escape_controls(std::string(1, '\0')), "\\x00");
     EXPECT_EQ(escape_controls("\xC2\x80\xC2\x9Fx"), "\\xC2\\x80\\xC2\\x9Fx");
     EXPECT_EQ(escape_controls("\xC2\x9F"), "\\xC2\\x9F");
+    EXPECT_EQ(escape_controls(std::string_view("\xC2\x85").substr(0, 1)), "\xC2");
     EXPECT_EQ(escape_controls("Größe 'x' \xC2\xA0 \xC2"), "Größe 'x' \xC2\xA0 \xC2");
 }
 
