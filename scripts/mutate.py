@@ -499,6 +499,19 @@ class Copy:
                     if is_reached:
                         self.reached.setdefault(mark, {}).setdefault(program, []).append(test)
 
+    def group(self, program, tests):
+        """The tests in groups with their limits, the quickest first: where one hangs, not all the
+        others' time is waited for as well."""
+        groups = []
+        for test in sorted(tests, key=lambda test: self.times[program, test]):
+            limit = TIMES * self.times[program, test]
+            if groups and groups[-1][0] + limit <= TIMES * QUICK:
+                groups[-1][0] += limit
+                groups[-1][1].append(test)
+            else:
+                groups.append([limit + 1, [test]])
+        return groups
+
     def check(self, mutant, programs):
         """What becomes of a mutant: "alone" when it is not among those that are built, "unreached",
         "survived", or the name of what caught it."""
@@ -509,11 +522,11 @@ class Copy:
         reached = self.reached.get(source.mark(body, mutant.line), {})
         programs = [program for program in programs if program in reached]
         for program in programs:
-            limit = TIMES * sum(self.times[program, test] for test in reached[program]) + 1
-            if not self.run_program(program, limit, "--gtest_fail_fast",
-                                    "--gtest_filter=" + ":".join(reached[program]),
-                                    QUORVAL_MUTANT=str(mutant.number)):
-                return program
+            for limit, tests in self.group(program, reached[program]):
+                if not self.run_program(program, limit, "--gtest_fail_fast",
+                                        "--gtest_filter=" + ":".join(tests),
+                                        QUORVAL_MUTANT=str(mutant.number)):
+                    return program
         return "survived" if programs else "unreached"
 
     def check_alone(self, mutant, programs):
