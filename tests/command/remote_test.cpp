@@ -290,10 +290,10 @@ protected:
     RemoteTop()
     {
         bus_.on("Get", [this](sd_bus_message* call) { return tell_waves(call); });
-        bus_.on("Statistics", [](sd_bus_message* call) {
+        bus_.on("Statistics", [this](sd_bus_message* call) {
             return sd_bus_message_get_interface(call) == std::string("org.quorval.Graph1")
                        ? sd_bus_reply_method_return(call, "a(sttttt)", 2, "a", 3ULL, 0ULL, 1000ULL,
-                                                    500ULL, 400ULL, "b", 4ULL, 1ULL, 2000ULL,
+                                                    500ULL, 400ULL, "b", 4ULL, 1ULL, total_.load(),
                                                     600ULL, 500ULL)
                        : sd_bus_reply_method_return(call, "a(sbtttttt)", 1, "b.out", 0, 5ULL, 6ULL,
                                                     0ULL, 0ULL, 0ULL, 1ULL);
@@ -332,6 +332,7 @@ protected:
 
     Terminal terminal_;
     std::atomic<std::uint64_t> waves_ = 7;
+    std::atomic<std::uint64_t> total_ = 2000;  // ns that "b" took
     std::atomic<int> losses_ = 0;  // so many questions are answered with the end of the connection
 
 private:
@@ -378,6 +379,19 @@ TEST_F(RemoteTop, ShowsTheBlocksUntilQIsTyped)
         "\033[Kb.out ->       5      6     0     0      1\n"
         "\033[J";
     EXPECT_NE(shown.find(frame), std::string::npos) << shown;
+}
+
+TEST_F(RemoteTop, ShowsTheLoadSinceTheAnswerBefore)
+{
+    Process process(top());
+    start(process);
+    EXPECT_EQ(terminal_.shown().find('#'), std::string::npos);
+
+    total_ = 2001;
+    EXPECT_TRUE(terminal_.wait_for("b      0.0 %  #####  "));
+
+    terminal_.type("q");
+    expect_end(process.wait(), "");
 }
 
 TEST_F(RemoteTop, TakesOtherKeysForNothing)

@@ -175,6 +175,13 @@ TEST(TopTable, LeavesLinksTheHalfOfItsLines)
     EXPECT_EQ(heights(90), std::pair(5L, 4L));
 }
 
+TEST(TopTable, LeavesLinksWhatFewBlocksDoNotNeed)
+{
+    const std::vector<Quorval::LinkStatistics> many(5, kLinks[0]);
+
+    EXPECT_EQ(draw_top("g", {kRows[0]}, many, 1s, {26, 10, false, false}).size(), 10U);
+}
+
 TEST(TopTable, ShowsNothingInRedWhereNothingIsLost)
 {
     for (const std::uint64_t count : {0, 1}) {
