@@ -35,6 +35,7 @@ struct GraphOptions {
     /// graph runs, SIGHUP makes it read its files again and apply changed and new values of
     /// `config`; any other difference is refused with a message. SIGPIPE is ignored. One graph of
     /// a process can do this at a time; the former actions come back with its end.
+    /// A link to a broker has SIGPIPE ignored too, also without this, and nothing brings that back.
     bool takes_signals = false;
     /// Blocks that do not depend on each other run side by side on up to so many threads, and no
     /// more than there are processors, where that is faster; at most 256. Where the system refuses
