@@ -30,6 +30,11 @@ TEST(LookAt, GivesUpWhenTheTimeIsUp)
     EXPECT_FALSE(look.plugin.contains("types"));
 }
 
+TEST(LookAt, TakesTenSecondsAtMost)
+{
+    EXPECT_EQ(LookOptions().limit, std::chrono::seconds(10));
+}
+
 /// The limit leaves time to load, and is the same for all types.
 TEST(LookAt, NamesTheTypesThatTheTimeDidNotReachTo)
 {
