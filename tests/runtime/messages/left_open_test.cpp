@@ -30,17 +30,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// Standard input is closed.
-class ClosedStandardInput {
-public:
-    ClosedStandardInput() { ::close(STDIN_FILENO); }
-    ClosedStandardInput(const ClosedStandardInput&) = delete;
-    ClosedStandardInput& operator=(const ClosedStandardInput&) = delete;
-    ~ClosedStandardInput() { ::dup2(kept_.get(), STDIN_FILENO); }
-
-private:
-    Descriptor kept_{::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO), "dup"};
-};
+;
 
 class LeftOpenTest : public testing::Test {
 protected:
@@ -303,12 +293,12 @@ TEST_F(LeftOpenTest, AreToldAmongTheFirst64NumbersWhereNoDescriptorWasToBeHadFor
 
 TEST_F(LeftOpenTest, LeaveStandardInputClosed)
 {
-    const ClosedStandardInput closed;
+    const quorval_test::NoStandardInput closed;
     watch_->guard(loop_.get());
 
     note_open_before_end();
 
-    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1);
+    EXPECT_FALSE(closed.is_taken());
 }
 
 TEST_F(LeftOpenTest, AreNotWhatMessagesAreSentThrough)
