@@ -2,6 +2,7 @@
 // manager of services.
 #include "command/faulty_command.h"
 #include "command/notify_socket.h"
+#include "command/terminal.h"
 #include "runtime/control/fake_bus.h"
 #include "runtime/link/broker.h"
 
@@ -16,6 +17,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -28,6 +30,7 @@ using quorval_test::NotifySocket;
 using quorval_test::Process;
 using quorval_test::ProcessOptions;
 using quorval_test::ProcessResult;
+using quorval_test::Terminal;
 
 constexpr const char* kPath = "/org/quorval/graph";
 constexpr const char* kInterface = "org.quorval.Graph1";
@@ -245,6 +248,9 @@ protected:
                                                     0ULL, 0ULL)
                        : sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_INTERFACE, "none");
         });
+        bus.on("Get", [](sd_bus_message* call) {
+            return sd_bus_reply_method_return(call, "v", "t", 7ULL);
+        });
         bus.on("Configure",
                [](sd_bus_message* call) { return sd_bus_reply_method_return(call, ""); });
         return run_process(options);
@@ -265,6 +271,49 @@ protected:
         });
     }
 };
+
+/// It is left with a key as soon as it is there.
+class FailingDisplay : public FailingCaller {
+protected:
+    ProcessResult run_faulty(const ProcessOptions& options) override
+    {
+        constexpr const char* kOver = "it is over";
+        Terminal terminal;
+        ProcessOptions on_terminal = options;
+        on_terminal.terminal = terminal.file();
+        std::thread user([&terminal, kOver] {
+            EXPECT_TRUE(terminal.wait_for("\033["));
+            terminal.type("q");
+            EXPECT_TRUE(terminal.wait_for(kOver));
+        });
+        const ProcessResult result = FailingCaller::run_faulty(on_terminal);
+        terminal.show("\033[" + std::string(kOver));
+        user.join();
+        shown_ = terminal.shown();
+        return result;
+    }
+
+    std::string shown_;
+};
+
+TEST_F(FailingDisplay, LeaveTheTerminalAsItWas)
+{
+    const Arguments top = {"top", "--bus", "user", "g"};
+    const std::string enter = "\033[?1049h";
+    const std::string leave = "\033[?25h\033[?1049l\033[it is over";
+    fail_each(top, calls_of(top), [&](const ProcessResult& result) {
+        const bool is_well = result.status == 0;
+        EXPECT_TRUE(is_well || result.status == 1) << result.status << " " << result.signal;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), is_well ? 0 : 1)
+            << result.err;
+        if (shown_.rfind(enter, 0) == 0) {
+            EXPECT_EQ(shown_.substr(shown_.size() - std::min(shown_.size(), leave.size())), leave);
+        } else {
+            EXPECT_FALSE(is_well);
+            EXPECT_EQ(shown_, "\033[it is over");
+        }
+    });
+}
 
 TEST_F(FailingCaller, AreToldByTop)
 {

@@ -110,9 +110,9 @@ TEST_F(Main, WantsTheValuesOfOptions)
     expect_wrong_use(run({"check", "--set=", "a.toml"}), "'--set=' has no value");
     expect_wrong_use(run({"check", "--set", "--strict=yes", "a.toml"}),
                      "'--strict=yes' is not of the form PATH.KEY=VALUE");
-    expect_wrong_use(run({"check", "--strict", "--set="}), "'--set=' has no value");
-    expect_wrong_use(run({"check", "--set", "a.b=1", "--set="}), "'--set=' has no value");
-    expect_wrong_use(run({"check", "--set=a.b=1", "--set="}), "'--set=' has no value");
+    expect_wrong_use(run({"check", "--strict", "--set=", "a.toml"}), "'--set=' has no value");
+    expect_wrong_use(run({"check", "--set", "a.b=1", "--set=", "a.toml"}), "'--set=' has no value");
+    expect_wrong_use(run({"check", "--set=a.b=1", "--set=", "a.toml"}), "'--set=' has no value");
 }
 
 TEST_F(Main, RefusesValuesOfFlags)

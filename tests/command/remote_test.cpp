@@ -1,5 +1,6 @@
 // The commands that ask a running graph, and what they ask it.
 #include "command/command_test.h"
+#include "command/terminal.h"
 #include "runtime/control/fake_bus.h"
 
 #include <gtest/gtest.h>
@@ -33,6 +34,7 @@ using quorval_test::ProcessResult;
 using quorval_test::refuse;
 using quorval_test::run_process;
 using quorval_test::ScopedEnvironment;
+using quorval_test::Terminal;
 using Texts = std::vector<std::string>;
 
 /// The arguments of a call that are texts, also those in a list of pairs.
@@ -228,62 +230,6 @@ TEST_F(Remote, CommandsRefuseWrongUse)
 constexpr const char* kEnter = "\033[?1049h\033[?25l";
 constexpr const char* kLeave = "\033[?25h\033[?1049l";
 
-/// A terminal that passes on what is written as it is.
-class Terminal {
-public:
-    Terminal() = default;
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
-    ~Terminal()
-    {
-        ::close(stream_.writer);
-        ::close(stream_.reader);
-    }
-
-    std::string file() const { return ::ptsname(stream_.reader); }
-
-    void type(const std::string& keys) const
-    {
-        EXPECT_EQ(::write(stream_.reader, keys.data(), keys.size()),
-                  static_cast<ssize_t>(keys.size()));
-    }
-
-    /// Whether the text is shown. Waits for it.
-    bool wait_for(const std::string& text)
-    {
-        constexpr int kPatience = 100000;
-        while (shown_.find(text) == std::string::npos) {
-            if (!read_some(kPatience)) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    /// All that was shown.
-    const std::string& shown()
-    {
-        while (read_some(0)) {}
-        return shown_;
-    }
-
-private:
-    bool read_some(int milliseconds)
-    {
-        pollfd waited{stream_.reader, POLLIN, 0};
-        std::array<char, 4096> buffer{};
-        if (::poll(&waited, 1, milliseconds) != 1) {
-            return false;
-        }
-        const ssize_t count = ::read(stream_.reader, buffer.data(), buffer.size());
-        shown_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(0, count)));
-        return count > 0;
-    }
-
-    quorval_test::Stream stream_ = quorval_test::open_terminal(60, 10);
-    std::string shown_;
-};
-
 /// A graph of two blocks with a link.
 class RemoteTop : public Remote {
 protected:
@@ -308,9 +254,7 @@ protected:
         ProcessOptions options = command(arguments);
         set_variable(options, "NO_COLOR", "1");
         set_variable(options, "LC_ALL", "C");
-        options.command.insert(
-            options.command.begin(),
-            {"sh", "-c", R"(tty=$1; shift; exec "$@" <"$tty" >"$tty")", "sh", terminal_.file()});
+        options.terminal = terminal_.file();
         return options;
     }
 

@@ -1,11 +1,17 @@
 #include "command/terminal.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
 
@@ -21,7 +27,62 @@ int check(int result, const char* what)
     return result;
 }
 
+void write_all(int fd, const std::string& text)
+{
+    EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
 }  // namespace
+
+Terminal::~Terminal()
+{
+    ::close(stream_.writer);
+    ::close(stream_.reader);
+}
+
+std::string Terminal::file() const
+{
+    return ::ptsname(stream_.reader);
+}
+
+void Terminal::type(const std::string& keys) const
+{
+    write_all(stream_.reader, keys);
+}
+
+void Terminal::show(const std::string& text) const
+{
+    write_all(stream_.writer, text);
+}
+
+bool Terminal::wait_for(const std::string& text)
+{
+    constexpr int kPatience = 100000;
+    while (shown_.find(text) == std::string::npos) {
+        if (!read_some(kPatience)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+const std::string& Terminal::shown()
+{
+    while (read_some(0)) {}
+    return shown_;
+}
+
+bool Terminal::read_some(int milliseconds)
+{
+    pollfd waited{stream_.reader, POLLIN, 0};
+    std::array<char, 4096> buffer{};
+    if (::poll(&waited, 1, milliseconds) != 1) {
+        return false;
+    }
+    const ssize_t count = ::read(stream_.reader, buffer.data(), buffer.size());
+    shown_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+    return count > 0;
+}
 
 OtherStreams::OtherStreams(std::vector<int> streams, int fd)
 {

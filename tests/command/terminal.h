@@ -1,4 +1,4 @@
-// A terminal in place of standard streams.
+// Terminals: one that a program has, and one in place of standard streams of the test itself.
 #pragma once
 
 #include "support/process.h"
@@ -8,6 +8,34 @@
 #include <vector>
 
 namespace quorval_test {
+
+/// A terminal of 60 columns and 10 rows for a program, see ProcessOptions::terminal.
+class Terminal {
+public:
+    Terminal() = default;
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+    ~Terminal();
+
+    std::string file() const;
+
+    void type(const std::string& keys) const;
+
+    /// Whether the text is shown. Waits for it.
+    bool wait_for(const std::string& text);
+
+    /// All that was shown.
+    const std::string& shown();
+
+    /// Shows a text of the test.
+    void show(const std::string& text) const;
+
+private:
+    bool read_some(int milliseconds);
+
+    Stream stream_ = open_terminal(60, 10);
+    std::string shown_;
+};
 
 /// Standard streams of this process are another file while it lives.
 class OtherStreams {

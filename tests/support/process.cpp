@@ -52,8 +52,13 @@ void end_with(pid_t test)
     for (const int fd : {out, err}) {
         ::close(fd);
     }
-    const int in = ::open("/dev/null", O_RDONLY);
+    const bool is_shown = !options.terminal.empty();
+    const int in = is_shown ? ::open(options.terminal.c_str(), O_RDWR | O_NOCTTY)
+                            : ::open("/dev/null", O_RDONLY);
     ::dup2(in, STDIN_FILENO);
+    if (is_shown) {
+        ::dup2(in, STDOUT_FILENO);
+    }
     ::close(in);
     for (const int fd : options.closed) {
         ::close(fd);

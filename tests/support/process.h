@@ -38,6 +38,7 @@ struct ProcessOptions {
     std::string directory;           ///< to work in; empty: that of the test
     std::string out_file;            ///< standard output goes there in place of `out`
     std::vector<int> closed;         ///< descriptors that are closed
+    std::string terminal;            ///< not empty: the file of standard input and output
     bool err_is_terminal = false;    ///< standard error is a terminal
     unsigned short out_columns = 0;  ///< not 0: standard output is a terminal of this width
 };
