@@ -215,9 +215,6 @@ public:
                 plugin["note"] = to_json(*note);
             }
         }
-        if (!file_.problem.empty()) {
-            give_up(file_.problem);
-        }
         while (!is_done_) {
             look_once();
         }
