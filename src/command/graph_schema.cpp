@@ -144,7 +144,7 @@ json make_setting(const json& setting)
 
 bool is_number(const std::string& text)
 {
-    return text.find_first_not_of("0123456789") == std::string::npos;
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 /// Declared settings, by what is left of their keys.

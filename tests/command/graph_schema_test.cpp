@@ -120,6 +120,7 @@ TEST(GraphSchema, KnowsTheSettingsOfTypes)
                 {"key": "pstore_path", "type": "string", "choices": ["/s/"]},
                 {"key": "x.yy.z", "type": "int"},
                 {"key": "x", "type": "bool"},
+                {"key": "e..k", "type": "bool"},
                 {"key": "in.10.k", "type": "bool"}]}]}])");
     const json schema = make_graph_schema(plugins);
 
@@ -158,7 +159,17 @@ TEST(GraphSchema, KnowsTheSettingsOfTypes)
       "type": "object"}}}},
   {"if": {"properties": {"type": {"const": "b:T"}}, "required": ["type"]},
    "then": {"properties": {"config": {"additionalProperties": false,
-      "properties": {"in": {"anyOf": [{"additionalProperties": false,
+      "properties": {"e": {"additionalProperties": false,
+        "properties": {"": {"additionalProperties": false,
+          "properties": {"k": {"type": "boolean"}},
+          "type": "object"},
+         ".k": {"type": "boolean"}},
+        "type": "object"},
+       "e.": {"additionalProperties": false,
+        "properties": {"k": {"type": "boolean"}},
+        "type": "object"},
+       "e..k": {"type": "boolean"},
+       "in": {"anyOf": [{"additionalProperties": false,
           "properties": {"10": {"additionalProperties": false,
             "properties": {"k": {"type": "boolean"}},
             "type": "object"},
