@@ -59,6 +59,7 @@ TEST(PageTest, KeepsAProblemReadableOnANarrowTerminal)
     Page page({1, false});
     page.add_problem(4, "words that are wrapped late");
     page.add_paragraph(4, "words that are wrapped late");
+    page.add_paragraph(4, "words that go so late");  // of 21 columns
     page.add_rows(4, {{"k", {"v"}}});
 
     EXPECT_EQ(page.text(),
@@ -66,6 +67,8 @@ TEST(PageTest, KeepsAProblemReadableOnANarrowTerminal)
               "    wrapped late\n"
               "    words that are\n"
               "    wrapped late\n"
+              "    words that go so\n"
+              "    late\n"
               "    k  v\n");
 }
 
