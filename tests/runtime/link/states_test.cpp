@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -81,6 +82,45 @@ protected:
         EXPECT_THAT(log_.texts(),
                     ElementsAre("the link over the broker " + description_.broker + " stands"));
         log_.clear();
+    }
+
+    /// Likewise, whatever it says before.
+    /// @param questions  that it asks the broker
+    void stand_again(int questions = 2)
+    {
+        work([=] { server_.serve(questions); },
+             [this] {
+                 return !log_.texts().empty() &&
+                        log_.texts().back() ==
+                            "the link over the broker " + description_.broker + " stands";
+             });
+    }
+
+    /// Whether it waits for its next attempt to connect, and not to look after a connection.
+    bool is_away() const
+    {
+        return link_->next_time() > present && link_->next_time() < present + 5s;
+    }
+
+    /// What it has published on the present connection, from where the server has read. Ends it.
+    std::vector<std::string> published()
+    {
+        link_.reset();
+        std::vector<std::string> packets;
+        try {
+            while (true) {
+                packets.push_back(server_.read(Server::kPublish));
+            }
+        } catch (const std::runtime_error&) {
+            return packets;
+        }
+    }
+
+    /// Of what the link has published.
+    static std::string receipt(const std::string& packet, char reason = 0)
+    {
+        const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
+        return Server::packet(0x40, packet.substr(topic, 2) + reason + '\0');
     }
 
     void give(const std::string& value)
@@ -277,9 +317,7 @@ TEST_F(LinkStatesTest, SaysOnceThatValuesGoNowhere)
         server_.read(Server::kPublish);  // that the machine is online
         std::string receipts;
         for (int count = 0; count < 2; ++count) {
-            const std::string packet = server_.read(Server::kPublish);
-            const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
-            receipts += Server::packet(0x40, packet.substr(topic, 2) + std::string("\x10\0", 2));
+            receipts += receipt(server_.read(Server::kPublish), '\x10');
         }
         server_.send(receipts);
     });
@@ -287,9 +325,8 @@ TEST_F(LinkStatesTest, SaysOnceThatValuesGoNowhere)
     work(
         [this] {
             const std::string packet = server_.read(Server::kPublish);
-            const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
             EXPECT_NE(packet.find("offline"), std::string::npos);
-            server_.send(Server::packet(0x40, packet.substr(topic, 2)));
+            server_.send(receipt(packet));
             server_.read(Server::kDisconnect);
             server_.drop();
         },
@@ -312,28 +349,18 @@ protected:
             {"far", "out", std::make_shared<RemoteOutput>("out", Datatype("string")), true});
         make();
     }
-
-    void stand_again()
-    {
-        work([this] { server_.serve(3); },
-             [this] {
-                 return !log_.texts().empty() &&
-                        log_.texts().back() ==
-                            "the link over the broker " + description_.broker + " stands";
-             });
-    }
 };
 
 TEST_F(LinkStatesWithEntryTest, SaysThatItsSessionIsGone)
 {
-    stand_again();
+    stand_again(3);
     work_until_said(2, [this] {
         server_.read(Server::kPublish);
         server_.drop();
     });
     log_.clear();
     present += 100ms;
-    stand_again();
+    stand_again(3);
 
     const std::string broker = "the broker " + description_.broker;
     EXPECT_THAT(log_.texts(), ElementsAre("the broker has begun a new session", broker + " is back",
@@ -342,7 +369,7 @@ TEST_F(LinkStatesWithEntryTest, SaysThatItsSessionIsGone)
 
 TEST_F(LinkStatesWithEntryTest, ReadsNoMoreThanAHundredValuesAhead)
 {
-    stand_again();
+    stand_again(3);
     log_.clear();
     work(
         [this] {
@@ -384,19 +411,43 @@ TEST_F(LinkStatesTest, LooksAfterAConnectionEveryTenSeconds)
 
 TEST_F(LinkStatesTest, CountsAValueThatTheBrokerRefusesAsLost)
 {
+    const std::vector<std::pair<char, std::string>> reasons = {{'\x80', "Unspecified error"},
+                                                               {'\x97', "Quota exceeded"}};
+    for (const auto& [reason, text] : reasons) {
+        make();
+        stand();
+        give("value");
+        work_until_said(1, [this, reason = reason] {
+            server_.read(Server::kPublish);  // that the machine is online
+            server_.send(receipt(server_.read(Server::kPublish), reason));
+        });
+
+        EXPECT_THAT(
+            log_.texts(),
+            ElementsAre("1 values of count.out are lost: the broker refuses them: " + text));
+        EXPECT_EQ(link_->statistics().at(0).values, 0U);
+        EXPECT_EQ(link_->statistics().at(0).lost, 1U);
+    }
+}
+
+TEST_F(LinkStatesTest, SendsSixtyFourMebibytesBeforeOneArrived)
+{
     stand();
-    give("value");
+    for (int count = 0; count < 5; ++count) {
+        give(std::string(description_.limit - 9, 'x'));  // with what stands around it
+    }
     work_until_said(1, [this] {
         server_.read(Server::kPublish);  // that the machine is online
-        const std::string packet = server_.read(Server::kPublish);
-        const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
-        server_.send(Server::packet(0x40, packet.substr(topic, 2) + std::string("\x97\0", 2)));
+        std::string first = server_.read(Server::kPublish);
+        for (int count = 1; count < 4; ++count) {
+            server_.read(Server::kPublish);
+        }
+        server_.send(receipt(first, '\x97'));
     });
+    EXPECT_EQ(link_->statistics().at(0).values, 3U);
 
-    EXPECT_THAT(log_.texts(), ElementsAre("1 values of count.out are lost: the broker refuses "
-                                          "them: Quota exceeded"));
-    EXPECT_EQ(link_->statistics().at(0).values, 0U);
-    EXPECT_EQ(link_->statistics().at(0).lost, 1U);
+    link_->prepare();
+    EXPECT_EQ(link_->statistics().at(0).values, 4U);
 }
 
 TEST_F(LinkStatesTest, SaysHowManyValuesMayNotHaveArrived)
@@ -436,6 +487,264 @@ TEST_F(LinkStatesTest, EndsAtOnceWhereNothingIsToBeSent)
     EXPECT_FALSE(link_->next_time().has_value());
     link_->end();
     EXPECT_THAT(log_.texts(), IsEmpty());
+}
+
+TEST_F(LinkStatesWithEntryTest, AsksForItsOwnTopicFirst)
+{
+    std::vector<std::string> questions;
+    work_until_said(1, [&] {
+        server_.welcome();
+        for (int count = 0; count < 3; ++count) {
+            const std::string packet = server_.read(Server::kSubscribe);
+            questions.push_back(packet.substr(3));
+            server_.send(Server::packet(0x90, packet.substr(0, 2) + std::string(2, '\0')));
+        }
+    });
+
+    // All values, and of machines what the broker keeps too.
+    EXPECT_THAT(questions, ElementsAre(Server::text("quorval/g/machine/edge") + '\0',
+                                       Server::text("quorval/g/machine/+") + '\0',
+                                       Server::text("quorval/g/value/far/out") + '\x21'));
+}
+
+TEST_F(LinkStatesTest, AsksAgainForWhatWasNotAnswered)
+{
+    work(
+        [this] {
+            server_.welcome();
+            server_.read(Server::kSubscribe);
+            server_.read(Server::kSubscribe);
+            server_.drop();
+        },
+        [this] { return is_away(); });
+    present += 100ms;
+    work(
+        [this] {
+            server_.serve(2);
+            server_.drop();
+        },
+        [this] { return is_away(); });
+
+    const std::string broker = "the broker " + description_.broker;
+    EXPECT_THAT(log_.texts(), ElementsAre(away("The connection was lost"), broker + " is back",
+                                          "the link over " + broker + " stands",
+                                          away("The connection was lost")));
+}
+
+TEST_F(LinkStatesTest, WaitsForABrokerThatTakesNoQuestion)
+{
+    const std::string takes_ten_bytes("\0\0\5\x27\0\0\0\12", 8);
+    work_until_said(1, [&] {
+        server_.accept();
+        server_.read(Server::kConnect);
+        server_.send(Server::packet(0x20, takes_ten_bytes) +
+                     Server::message("quorval/g/machine/hub", "x", 1, 1, "online"));
+    });
+
+    EXPECT_THAT(
+        log_.texts(),
+        ElementsAre(
+            "machine 'hub' is online",
+            away("it cannot be asked for machines: Packet larger than supported by the server")));
+    EXPECT_EQ(link_->next_time(), present + 100ms);
+}
+
+TEST_F(LinkStatesTest, WaitsLongerWhereItDoesNotStandAsLongAsItWaited)
+{
+    std::vector<Link::Time> pauses;
+    for (const Link::Time stood :
+         {Link::Time(0), Link::Time(200ms) - 1ns, Link::Time(400ms), Link::Time(0)}) {
+        stand_again();
+        present += stood;
+        work(
+            [this] {
+                server_.read(Server::kPublish);  // that the machine is online
+                server_.drop();
+            },
+            [this] { return is_away(); });
+        pauses.push_back(link_->next_time().value() - present);
+        present = link_->next_time().value();
+    }
+
+    EXPECT_THAT(pauses, ElementsAre(100ms, 200ms, 100ms, 200ms));
+}
+
+TEST_F(LinkStatesTest, ReadsNothingOfAConnectionThatItHasLeft)
+{
+    link_->prepare();
+    work(
+        [this] {
+            server_.welcome();
+            std::string answers;
+            for (int count = 0; count < 1000; ++count) {
+                answers += Server::packet(0xD0, "");
+            }
+            server_.send(answers);
+        },
+        [this] { return link_->next_time() == Link::Time(0); });
+
+    present += 30s;
+    link_->prepare();
+
+    EXPECT_THAT(log_.texts(), ElementsAre(away("it does not answer")));
+    EXPECT_EQ(link_->next_time(), present + 100ms);
+    EXPECT_THAT(poller_.wait(false), IsEmpty());
+}
+
+TEST_F(LinkStatesTest, SendsTheLatestValueAgain)
+{
+    network_.exits[0].keeps_all = false;
+    make();
+    stand();
+    give("value");
+    work(
+        [this] {
+            server_.read(Server::kPublish);  // that the machine is online
+            server_.read(Server::kPublish);
+            server_.drop();
+        },
+        [this] { return is_away(); });
+    present += 100ms;
+    stand_again();
+    link_->prepare();
+
+    const std::vector<std::string> packets = published();
+    ASSERT_FALSE(packets.empty());
+    EXPECT_NE(packets.back().find("quorval/g/value/count/out"), std::string::npos);
+    EXPECT_EQ(server_.first(), 0x31U);
+}
+
+TEST_F(LinkStatesTest, LeavesTheBrokerInOrderWhereALaterRunIsThere)
+{
+    stand();
+    work(
+        [this] {
+            server_.send(Server::message("quorval/g/machine/edge", "x", UINT64_MAX, 1, "online"));
+        },
+        [this] { return !link_->failure().empty(); });
+
+    EXPECT_EQ(link_->failure(), "another 'quorval-g-edge' has taken the place at the broker");
+    EXPECT_TRUE(link_->is_finished());
+    EXPECT_EQ(link_->next_time(), Link::Time(0));
+    link_.reset();
+    EXPECT_NO_THROW(server_.read(Server::kDisconnect));
+}
+
+TEST_F(LinkStatesTest, WaitsForABrokerThatRefusesItWhereItsPlaceIsTaken)
+{
+    stand();
+    work_until_said(1, [this] { server_.send(Server::packet(0xE0, std::string("\x8E\0", 2))); });
+    log_.clear();
+    present += 100ms;
+
+    work_until_said(1, [this] { server_.refuse(); });
+
+    EXPECT_THAT(log_.texts(), ElementsAre(away("Not authorized")));
+    EXPECT_EQ(link_->failure(), "");
+}
+
+/// The start in a packet.
+std::string start_in(const std::string& packet)
+{
+    const std::size_t at = packet.find(Server::text("start")) + Server::text("start").size();
+    return packet.substr(at + 2, static_cast<unsigned char>(packet[at + 1]));
+}
+
+TEST_F(LinkStatesTest, IsLaterThanAnyOtherRunThatCanBeFollowed)
+{
+    for (const std::uint64_t other : {UINT64_MAX - 1, UINT64_MAX}) {
+        make();
+        std::string before;
+        work_until_said(1, [&, other = other] {
+            server_.accept();
+            before = start_in(server_.read(Server::kConnect));
+            server_.send(Server::packet(0x20, std::string(3, '\0')) +
+                         Server::message("quorval/g/machine/edge", "x", other, 1, "online"));
+            for (int count = 0; count < 2; ++count) {
+                server_.send(Server::packet(
+                    0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0')));
+            }
+        });
+
+        const std::vector<std::string> packets = published();
+        ASSERT_FALSE(packets.empty()) << other;
+        EXPECT_EQ(start_in(packets[0]), other == UINT64_MAX ? before : "18446744073709551615");
+    }
+}
+
+TEST_F(LinkStatesTest, LeavesABrokerThatDoesNotTakeItsGoodbye)
+{
+    const std::string takes_forty_bytes("\0\0\5\x27\0\0\0\x28", 8);  // which questions have
+    work_until_said(1, [&] {
+        server_.accept();
+        server_.read(Server::kConnect);
+        server_.send(Server::packet(0x20, takes_forty_bytes));
+        for (int count = 0; count < 2; ++count) {
+            server_.send(Server::packet(
+                0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0')));
+        }
+    });
+
+    link_->begin_end();
+    link_->prepare();
+
+    EXPECT_TRUE(link_->is_finished());
+    link_.reset();
+    EXPECT_NO_THROW(server_.read(Server::kDisconnect));
+}
+
+TEST_F(LinkStatesWithEntryTest, CountsWhatItTookAndNobodyTookAtTheEnd)
+{
+    stand_again(3);
+    log_.clear();
+    work([this] { server_.send(Server::message("quorval/g/value/far/out", "string", 1, 1, "x")); },
+         [this] { return link_->statistics().at(1).longest_queue == 1; });
+
+    link_->begin_end();
+    link_->end();
+
+    EXPECT_THAT(log_.texts(), ElementsAre("1 values of far.out are lost: the graph stopped before "
+                                          "it took them"));
+}
+
+/// Values that wait count once, however many come behind them.
+TEST_F(LinkStatesWithEntryTest, ReadsValuesAheadAsFarAsTheirBytesGo)
+{
+    constexpr std::size_t kSize = std::size_t{16} * 1024;
+    stand_again(3);
+    work(
+        [this] {
+            std::string messages;
+            for (std::uint64_t number = 1; number <= 99; ++number) {
+                messages += Server::message("quorval/g/value/far/out", "string", 1, number,
+                                            std::string(kSize, 'x'));
+            }
+            server_.send(messages);
+        },
+        [this] { return link_->statistics().at(1).longest_queue == 99; });
+
+    EXPECT_EQ(link_->statistics().at(1).lost, 0U);
+}
+
+TEST_F(LinkStatesWithEntryTest, ReadsNoMoreThanSixtyFourMebibytesAhead)
+{
+    stand_again(3);
+    const std::string topic = "quorval/g/value/far/out";
+    work(
+        [&] {
+            const std::string value(description_.limit, 'x');
+            for (std::uint64_t number = 1; number <= 4; ++number) {
+                server_.send(Server::message(topic, "string", 1, number, value));
+            }
+            server_.send(Server::message(topic, "string", 1, 5, "x"));
+        },
+        [this] { return link_->statistics().at(1).longest_queue >= 4; });
+    for (int count = 0; count < 10; ++count) {
+        link_->prepare();
+        link_->take({});
+    }
+
+    EXPECT_EQ(link_->statistics().at(1).longest_queue, 4U);
 }
 
 }  // namespace
