@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -255,6 +256,15 @@ TEST(MqttClient, RefusesWhatNoBrokerCanBeTold)
         const MqttClient client(link, {"quorval-g-hub", "will", "offline", 1, false},
                                 [](const char*, const Stamp&, std::string_view) {});
     };
+    const auto make_named = [](const std::string& name, const std::string& will_topic) {
+        const MqttClient client({}, {name, will_topic, "offline", 1, false},
+                                [](const char*, const Stamp&, std::string_view) {});
+    };
+    expect_throw<std::runtime_error>([&] { make_named("\xFF", "will"); },
+                                     "there is no client for the broker");
+    expect_throw<std::runtime_error>([&] { make_named("quorval-g-hub", "#"); },
+                                     "there is no last will for the broker: Invalid function "
+                                     "arguments provided");
     LinkDescription user;
     user.user = "a\x01";
     expect_throw<std::runtime_error>([&] { make(user); },
@@ -271,11 +281,12 @@ TEST(MqttClient, RefusesWhatNoBrokerCanBeTold)
 }
 
 /// A message whose stamp is made of any texts.
-std::string message(const std::string& start, const std::string& number)
+std::string message(const std::vector<std::pair<std::string, std::string>>& stamp)
 {
-    const std::string properties = "\x26" + Server::text("type") + Server::text("int32") + "\x26" +
-                                   Server::text("start") + Server::text(start) + "\x26" +
-                                   Server::text("number") + Server::text(number);
+    std::string properties;
+    for (const auto& [name, value] : stamp) {
+        properties += "\x26" + Server::text(name) + Server::text(value);
+    }
     return Server::packet(0x30, Server::text("a") + Server::length(properties.size()) + properties);
 }
 
@@ -306,12 +317,20 @@ TEST(MqttClient, TakesStampsThatAreWhole)
 
     for (const Case& one : cases) {
         numbers.clear();
-        server.send(message(one.start, one.number));
+        server.send(message({{"type", "int32"}, {"start", one.start}, {"number", one.number}}));
         read_one(client);
 
         EXPECT_EQ(numbers, std::vector<std::uint64_t>{one.expected})
             << one.start << ", " << one.number;
     }
+    numbers.clear();
+    server.send(message({{"start", "1"}, {"number", "2"}}) +
+                message({{"type", "int32"}, {"number", "2"}}) +
+                message({{"type", "int32"}, {"start", "1"}}));
+    for (int count = 0; count < 3; ++count) {
+        read_one(client);
+    }
+    EXPECT_EQ(numbers, (std::vector<std::uint64_t>{0, 0, 0}));
 }
 
 TEST(MqttClient, RefusesWhatIsLargerThanTheBrokerTakes)
@@ -349,6 +368,65 @@ TEST(MqttClient, RefusesWhatIsLargerThanTheBrokerTakes)
             read_one(client);
         }
     }
+}
+
+/// Reading tells of the end. What has a receipt is sent again with the next connection.
+TEST(MqttClient, TakesWhatCannotBeWrittenBecauseTheConnectionHasEnded)
+{
+    // What the server has not read makes it reset the connection.
+    for (const bool is_reset : {false, true}) {
+        Server server;
+        MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+                          [](const char*, const Stamp&, std::string_view) {});
+        std::string why;
+        client.connect();
+        write_all(client);
+        server.welcome();
+        read_one(client);
+        if (is_reset) {
+            client.publish("t", "", {"", 1, 0}, false, false, why);
+        }
+        server.drop();
+
+        for (int count = 0; count < 3; ++count) {
+            EXPECT_TRUE(client.publish("t", "", {"", 1, 0}, false, false, why)) << count;
+        }
+
+        EXPECT_EQ(why, "");
+    }
+}
+
+/// Of messages that it does not answer it takes any number.
+TEST(MqttClient, ReadsNothingWhereTheBrokerDoesNotTakeAThousandAnswers)
+{
+    Server server;
+    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+                      [](const char*, const Stamp&, std::string_view) {});
+    client.connect();
+    write_all(client);
+    server.welcome();
+    read_one(client);
+    const std::string large(std::size_t{16} * 1024 * 1024, 'x');
+    std::string why;
+    client.publish("t", large, {"", 1, 0}, false, false, why);
+    ASSERT_TRUE(client.wants_write());
+
+    const auto receive = [&](int messages, int quality) {
+        for (int count = 0; count < messages; ++count) {
+            server.send(Server::message("a", "int32", 1, 1, "", quality));
+            read_one(client);
+        }
+    };
+    receive(1000, 0);
+    receive(999, 1);
+    EXPECT_TRUE(client.may_read());
+    receive(1, 1);
+    EXPECT_FALSE(client.may_read());
+
+    std::thread thread([&] { server.read(Server::kPublish); });
+    write_all(client);
+    thread.join();
+    EXPECT_TRUE(client.may_read());
 }
 
 }  // namespace

@@ -159,6 +159,19 @@ TEST_F(OutboxTest, SendsTheFirstAgainAndNothingElse)
     EXPECT_EQ(all.size(), 0U);
 }
 
+TEST_F(OutboxTest, DoesNotSendAValueAgainThatCouldNotBeSentAgain)
+{
+    Outbox outbox = make(false);
+    take(outbox, "a");
+    send_all(outbox);
+    outbox.repeat_latest();
+    outbox.lose_next("why", kNow);
+
+    outbox.repeat_latest();
+
+    EXPECT_EQ(outbox.size(), 0U);
+}
+
 TEST_F(OutboxTest, HasStatistics)
 {
     Outbox outbox = make(true);
