@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -788,6 +789,18 @@ protected:
                " refuses the connection: " + reason + "\n";
     }
 
+    /// Gives a key a password.
+    void lock(const std::string& name) const
+    {
+        ProcessOptions options;
+        options.command = {"/usr/bin/openssl",  "pkey",    "-in",
+                           file(name + ".key"), "-aes256", "-passout",
+                           "pass:secret",       "-out",    file("locked.key")};
+        const ProcessResult result = run_process(options);
+        EXPECT_EQ(result.status, 0) << result.err;
+        std::filesystem::rename(file("locked.key"), file(name + ".key"));
+    }
+
 private:
     std::string file(const std::string& name) const { return directory() + "/" + name; }
 
@@ -925,9 +938,13 @@ TEST_F(EncryptedLinkTest, EndsWhereTheBrokerDoesNotAcceptItsCertificate)
 
 TEST_F(EncryptedLinkTest, EndsWhereItsKeyCannotBeUsed)
 {
-    write("machine.key", "no key");
     write_waiting_graph(link("ca", "machine"));
 
+    // Nobody is asked for a password.
+    lock("machine");
+    expect_result(run_machine("hub"), 1, "", refusal(kTlsFailed));
+
+    write("machine.key", "no key");
     expect_result(run_machine("hub"), 1, "", refusal(kTlsFailed));
 }
 
