@@ -336,7 +336,6 @@ void Link::welcome(bool has_session)
     }
     state_ = State::Joining;
     was_online_ = true;
-    goodbye_.reset();
     subscriptions_.clear();
     // Its own topic first: what stands there has come when the others are acknowledged, for nothing
     // of quality 0 waits behind values.
