@@ -162,6 +162,7 @@ TEST(MqttClient, PublishesAndSubscribes)
     }
     EXPECT_EQ(client.subscribe("#t", false, false, why), std::nullopt);
     EXPECT_EQ(why, "Invalid function arguments provided");
+    why.clear();
     EXPECT_EQ(client.publish("+", "", {"", 5, 7}, false, false, why), std::nullopt);
     EXPECT_EQ(why, "Invalid function arguments provided");
 }
@@ -427,6 +428,27 @@ TEST(MqttClient, ReadsNothingWhereTheBrokerDoesNotTakeAThousandAnswers)
     write_all(client);
     thread.join();
     EXPECT_TRUE(client.may_read());
+    receive(1, 1);
+    client.publish("t", large, {"", 1, 0}, false, false, why);
+    ASSERT_TRUE(client.wants_write());
+    EXPECT_TRUE(client.may_read());
+}
+
+TEST(MqttClient, TakesNoErrorOfBeforeForOneOfItsConnection)
+{
+    const Server server;
+    LinkDescription link = link_to(server.url());
+    link.is_encrypted = true;
+    MqttClient client(link, {"quorval-g-hub", "will", "offline", 1, false},
+                      [](const char*, const Stamp&, std::string_view) {});
+    client.connect();
+
+    errno = EPIPE;
+    client.write();
+    EXPECT_FALSE(client.take_news().end);
+    errno = EPIPE;
+    client.work();
+    EXPECT_FALSE(client.take_news().end);
 }
 
 }  // namespace

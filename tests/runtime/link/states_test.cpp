@@ -627,7 +627,7 @@ TEST_F(LinkStatesTest, LeavesTheBrokerInOrderWhereALaterRunIsThere)
     EXPECT_TRUE(link_->is_finished());
     EXPECT_EQ(link_->next_time(), Link::Time(0));
     link_.reset();
-    EXPECT_NO_THROW(server_.read(Server::kDisconnect));
+    EXPECT_EQ(server_.read(Server::kDisconnect), "");  // without a reason
 }
 
 TEST_F(LinkStatesTest, WaitsForABrokerThatRefusesItWhereItsPlaceIsTaken)
@@ -690,7 +690,7 @@ TEST_F(LinkStatesTest, LeavesABrokerThatDoesNotTakeItsGoodbye)
 
     EXPECT_TRUE(link_->is_finished());
     link_.reset();
-    EXPECT_NO_THROW(server_.read(Server::kDisconnect));
+    EXPECT_EQ(server_.read(Server::kDisconnect), "");  // without a reason
 }
 
 TEST_F(LinkStatesWithEntryTest, CountsWhatItTookAndNobodyTookAtTheEnd)
