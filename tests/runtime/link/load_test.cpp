@@ -71,16 +71,12 @@ protected:
                                        network_, plugins_, poller_, now);
     }
 
-    void turn()
-    {
-        link_->prepare();
-        link_->take(poller_.wait(link_->next_time() > present));
-    }
+    void wait() { link_->take(poller_.wait(link_->next_time() > present)); }
 
     void turn_until(const std::function<bool()>& is_over)
     {
-        while (!is_over()) {
-            turn();
+        for (link_->prepare(); !is_over(); link_->prepare()) {
+            wait();
         }
     }
 
@@ -143,7 +139,6 @@ protected:
 TEST_F(LinkLoadTest, ReadsSixtyFourMessagesAtOnce)
 {
     stand();
-    link_->prepare();
     std::string messages;
     for (int count = 0; count < 150; ++count) {
         messages += value(1);
@@ -174,7 +169,8 @@ TEST_F(LinkLoadTest, ReadsAheadUntilTheBytesOfValuesAreTooMany)
     };
     const auto expect_no_room = [this](std::uint64_t read) {
         for (int count = 0; count < 10; ++count) {
-            turn();
+            wait();
+            link_->prepare();
         }
         EXPECT_EQ(duplicates(), read);
     };
@@ -203,7 +199,6 @@ TEST_F(LinkLoadTest, ReadsAheadUntilTheBytesOfValuesAreTooMany)
 TEST_F(LinkLoadTest, HasTheGraphTakeAValueAtOnce)
 {
     stand();
-    link_->prepare();
     EXPECT_EQ(link_->next_time(), 110s);
 
     server_.send(value(1));
@@ -289,6 +284,19 @@ TEST_F(LinkLoadTest, WaitsForNothingAtItsEnd)
 
     EXPECT_TRUE(link_->is_finished());
     EXPECT_EQ(poller_.wait(false).size(), 0U);
+}
+
+TEST_F(LinkLoadTest, SaysThatABrokerDoesNotSpeakTls)
+{
+    description_.is_encrypted = true;
+    make();
+
+    turn_until_said(1, [this] {
+        server_.accept();
+        server_.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+    });
+
+    EXPECT_THAT(log_.texts(), ElementsAre(away("TLS failed")));
 }
 
 }  // namespace
