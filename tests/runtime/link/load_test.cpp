@@ -2,6 +2,7 @@
 #include <quorval/runtime/tools.h>
 #include "link/link.h"
 #include "loop/descriptor_ports.h"
+#include "runtime/link/link_and_server.h"
 #include "runtime/link/server.h"
 #include "runtime/support/fakes.h"
 #include "schedule/wave.h"
@@ -34,50 +35,20 @@ namespace {
 
 constexpr std::size_t kMostBytes = std::size_t{64} * 1024 * 1024;  // of values, in a direction
 
-Link::Time present;
-
-Link::Time now()
-{
-    return present;
-}
-
 class Nobody final : public IWaveEvents {
 public:
     void block_failed(std::uint32_t /*block*/, const std::string& /*text*/) override {}
     void block_is_done(std::uint32_t /*block*/) override {}
 };
 
-/// The machine "edge" of the graph "g", with the output "count.out" that "hub" reads, and with
-/// values of "far.out" that come in. All of them have to arrive.
-class LinkLoadTest : public testing::Test {
+/// With values of "far.out" that come in. All of them have to arrive.
+class LinkLoadTest : public quorval_test::LinkAndServer {
 protected:
     LinkLoadTest()
     {
-        network_.nodes.push_back({"count", &block_});
-        network_.exits.push_back({0, "out", &output_, true});
         network_.entries.push_back(
             {"far", "out", std::make_shared<RemoteOutput>("out", Datatype("string")), true});
-        description_.host = "127.0.0.1";
-        description_.broker = server_.url();
-        description_.port =
-            std::stoi(description_.broker.substr(description_.broker.rfind(':') + 1));
         make();
-    }
-
-    void make()
-    {
-        present = 100s;
-        link_ = std::make_unique<Link>(Link::Setting{description_, "g", "edge", {"edge", "hub"}},
-                                       network_, plugins_, poller_, now);
-    }
-
-    void wait() { link_->take(poller_.wait(link_->next_time() > present)); }
-
-    void turn_until(const std::function<bool()>& is_over)
-    {
-        for (link_->prepare(); !is_over(); link_->prepare()) {
-            wait();
-        }
     }
 
     void turn_until_values_wait(std::uint64_t count)
@@ -85,20 +56,10 @@ protected:
         turn_until([&] { return link_->statistics().at(1).longest_queue >= count; });
     }
 
-    /// Has the link work while the broker does its part.
-    void turn_until_said(std::size_t messages, const std::function<void()>& broker)
-    {
-        std::thread thread(broker);
-        turn_until([&] { return log_.texts().size() >= messages; });
-        thread.join();
-    }
-
     void stand()
     {
-        turn_until_said(1, [this] { server_.serve(3); });
-        EXPECT_THAT(log_.texts(),
-                    ElementsAre("the link over the broker " + description_.broker + " stands"));
-        log_.clear();
+        LinkAndServer::stand(3);
+        link_->prepare();
     }
 
     /// A value that comes in.
@@ -108,30 +69,8 @@ protected:
                                std::string(bytes, 'x'));
     }
 
-    void give(const std::string& value)
-    {
-        output_.write(value);
-        static_cast<ITriggerWatcher&>(*link_).has_value(0);
-    }
-
     /// How many values came in that had come before.
     std::uint64_t duplicates() const { return link_->statistics().at(1).duplicates; }
-
-    std::string away(const std::string& why) const
-    {
-        return "the broker " + description_.broker + " is away: " + why + "; values wait for it";
-    }
-
-    LogRecorder log_{LOGLEVEL_INFO};
-    Server server_;
-    LinkDescription description_;
-    FakeBlock block_{"count"};
-    OutPort<std::string> output_{"out", Datatype("string")};
-    Network network_;
-    InitTools tools_;
-    PluginSet plugins_{{}, tools_};
-    Poller poller_;
-    std::unique_ptr<Link> link_;
 };
 
 // --- how much ---
@@ -252,7 +191,7 @@ TEST_F(LinkLoadTest, WorksWithoutAStandardInput)
 
     stand();
     give(std::string(kTooMuchToWriteAtOnce, 'x'));
-    turn_until_said(1, [&] {
+    work_until_said(1, [&] {
         server_.read(Server::kPublish);  // that the machine is online
         EXPECT_GT(server_.read(Server::kPublish).size(), kTooMuchToWriteAtOnce);
         server_.send(Server::message("quorval/g/machine/hub", "x", 1, 1, "online"));
@@ -291,7 +230,7 @@ TEST_F(LinkLoadTest, SaysThatABrokerDoesNotSpeakTls)
     description_.is_encrypted = true;
     make();
 
-    turn_until_said(1, [this] {
+    work_until_said(1, [this] {
         server_.accept();
         server_.send("HTTP/1.1 400 Bad Request\r\n\r\n");
     });

@@ -1,6 +1,7 @@
-// A link and a broker that does what the test wants, by a clock that the test moves.
+// What a link does from its first attempt to connect to its end.
 #include <quorval/runtime/tools.h>
 #include "link/link.h"
+#include "runtime/link/link_and_server.h"
 #include "runtime/link/server.h"
 #include "runtime/support/fakes.h"
 #include "support/support.h"
@@ -30,70 +31,16 @@ using ::testing::IsEmpty;
 
 namespace {
 
-Link::Time present;
-
-Link::Time now()
-{
-    return present;
-}
-
-/// The machine "edge" of the graph "g", with the output "count.out" that "hub" reads.
-class LinkStatesTest : public testing::Test {
+class LinkStatesTest : public quorval_test::LinkAndServer {
 protected:
-    LinkStatesTest()
-    {
-        network_.nodes.push_back({"count", &block_});
-        network_.exits.push_back({0, "out", &output_, true});
-        make();
-    }
+    LinkStatesTest() { make(); }
 
-    void make(const std::string& host = "127.0.0.1")
-    {
-        present = 100s;
-        description_.host = host;
-        description_.broker = server_.url();
-        description_.port =
-            std::stoi(description_.broker.substr(description_.broker.rfind(':') + 1));
-        link_ = std::make_unique<Link>(Link::Setting{description_, "g", "edge", {"edge", "hub"}},
-                                       network_, plugins_, poller_, now);
-        log_.clear();
-    }
-
-    /// Has the link work while the broker does its part, until something has come of it.
-    void work(const std::function<void()>& broker, const std::function<bool()>& is_over)
-    {
-        std::thread thread(broker);
-        while (!is_over()) {
-            link_->prepare();
-            link_->take(poller_.wait(link_->next_time() > present));
-        }
-        thread.join();
-    }
-
-    void work_until_said(std::size_t messages, const std::function<void()>& broker)
-    {
-        work(broker, [&] { return log_.texts().size() >= messages; });
-    }
-
-    /// Until the link stands.
-    void stand()
-    {
-        work_until_said(1, [this] { server_.serve(2); });
-        EXPECT_THAT(log_.texts(),
-                    ElementsAre("the link over the broker " + description_.broker + " stands"));
-        log_.clear();
-    }
-
-    /// Likewise, whatever it says before.
+    /// Until the link stands, whatever it says before.
     /// @param questions  that it asks the broker
     void stand_again(int questions = 2)
     {
         work([=] { server_.serve(questions); },
-             [this] {
-                 return !log_.texts().empty() &&
-                        log_.texts().back() ==
-                            "the link over the broker " + description_.broker + " stands";
-             });
+             [this] { return !log_.texts().empty() && log_.texts().back() == standing(); });
     }
 
     /// Whether it waits for its next attempt to connect, and not to look after a connection.
@@ -122,28 +69,6 @@ protected:
         const std::size_t topic = 2 + static_cast<unsigned char>(packet[1]);
         return Server::packet(0x40, packet.substr(topic, 2) + reason + '\0');
     }
-
-    void give(const std::string& value)
-    {
-        output_.write(value);
-        static_cast<ITriggerWatcher&>(*link_).has_value(0);
-    }
-
-    std::string away(const std::string& why) const
-    {
-        return "the broker " + description_.broker + " is away: " + why + "; values wait for it";
-    }
-
-    LogRecorder log_{LOGLEVEL_INFO};
-    Server server_;
-    LinkDescription description_;
-    FakeBlock block_{"count"};
-    OutPort<std::string> output_{"out", Datatype("string")};
-    Network network_;
-    InitTools tools_;
-    PluginSet plugins_{{}, tools_};
-    Poller poller_;
-    std::unique_ptr<Link> link_;
 };
 
 TEST_F(LinkStatesTest, GivesABrokerHalfAMinuteToAnswer)
