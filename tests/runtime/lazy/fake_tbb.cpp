@@ -24,9 +24,9 @@ void note(const char* name, const Arguments&... arguments)
 
 }  // namespace
 
-const std::vector<std::string>& quorval_test::tbb_calls()
+const std::vector<std::string>* quorval_test_tbb_calls()
 {
-    return calls();
+    return &calls();
 }
 
 // The headers have names of parameters of their own.

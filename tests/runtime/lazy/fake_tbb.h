@@ -17,7 +17,7 @@ std::string call_text(const char* name, const Arguments&... arguments)
     return text.str();
 }
 
-/// The calls so far.
-const std::vector<std::string>& tbb_calls();
-
 }  // namespace quorval_test
+
+/// In the library: the calls so far.
+extern "C" const std::vector<std::string>* quorval_test_tbb_calls();
