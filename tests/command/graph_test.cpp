@@ -36,6 +36,23 @@ blocks.first.type = "numbers:Double"
 blocks.second.type = "numbers:Double"
 )");
     }
+
+    /// A program in place of Graphviz.
+    void write_dot(const std::string& program)
+    {
+        write("dot", program);
+        std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
+    }
+
+    /// How it is drawn by that program.
+    ProcessOptions draw() { return draw(directory()); }
+    /// @param path  where it is sought
+    ProcessOptions draw(const std::string& path)
+    {
+        ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
+        set_variable(options, "PATH", path);
+        return options;
+    }
 };
 
 constexpr const char* kDot = R"(digraph "nested" {
@@ -256,17 +273,13 @@ TEST_F(Graph, IsDrawnByGraphviz)
 
 TEST_F(Graph, NeedsGraphvizForSvg)
 {
-    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
-    set_variable(options, "PATH", directory());
-
-    expect_result(run_process(options), 1, "",
+    expect_result(run_process(draw()), 1, "",
                   "quorval: error: svg needs the program 'dot' of Graphviz\n");
 }
 
 TEST_F(Graph, FailsWhenGraphvizFails)
 {
-    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
-    set_variable(options, "PATH", directory());
+    const ProcessOptions options = draw();
     const std::string missing = "svg needs the program 'dot' of Graphviz";
     for (const auto& [program, text] : std::vector<std::pair<std::string, std::string>>{
              {"#!/bin/sh\nexit 1\n", "'dot' failed with exit status 1"},
@@ -284,36 +297,28 @@ TEST_F(Graph, FailsWhenGraphvizFails)
              {"no program", "posix_spawnp: Exec format error"},
 #endif
              {"#!/no/such/shell\n", missing}}) {
-        write("dot", program);
-        std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
+        write_dot(program);
         SCOPED_TRACE(program);
         expect_result(run_process(options), 1, "", "quorval: error: " + text + "\n");
     }
     std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_read);
     expect_result(run_process(options), 1, "", "quorval: error: " + missing + "\n");
-    ProcessOptions no_directory = command({"graph", "--format", "svg", "nested.toml"});
-    set_variable(no_directory, "PATH", directory() + "/nested.toml");
-    expect_result(run_process(no_directory), 1, "", "quorval: error: " + missing + "\n");
+    expect_result(run_process(draw(directory() + "/nested.toml")), 1, "",
+                  "quorval: error: " + missing + "\n");
 }
 
 TEST_F(Graph, IsGivenToGraphvizAsItIs)
 {
-    write("dot", "#!/bin/sh\necho \"$*\"\n/bin/cat\n");
-    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
-    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
-    set_variable(options, "PATH", directory());
+    write_dot("#!/bin/sh\necho \"$*\"\n/bin/cat\n");
 
-    expect_result(run_process(options), 0, std::string("-Tsvg\n") + kDot, "");
+    expect_result(run_process(draw()), 0, std::string("-Tsvg\n") + kDot, "");
 }
 
 TEST_F(Graph, IsWrittenWholeAsGraphvizDrawsIt)
 {
-    write("dot", "#!/bin/sh\nprintf x\n");
-    std::filesystem::permissions(directory() + "/dot", std::filesystem::perms::owner_all);
-    ProcessOptions options = command({"graph", "--format", "svg", "nested.toml"});
-    set_variable(options, "PATH", directory());
+    write_dot("#!/bin/sh\nprintf x\n");
 
-    expect_result(run_process(options), 0, "x", "");
+    expect_result(run_process(draw()), 0, "x", "");
 }
 
 TEST_F(Graph, RefusesAnotherFormat)
