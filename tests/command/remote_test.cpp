@@ -6,16 +6,11 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
-#include <poll.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>

@@ -18,7 +18,6 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 

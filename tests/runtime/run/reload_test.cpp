@@ -12,7 +12,6 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;
