@@ -78,7 +78,7 @@ CONSTANT = re.compile(r"\bconstexpr [^;{}]+\{\Z")
 # What no statement starts with.
 NOT_FIRST = ("}", "//", "case ", "default:", "else", "public:", "private:", "protected:")
 ERROR = re.compile(r"^(\S+?):(\d+):\d+:(?:   required from| error:)", re.MULTILINE)
-# A program takes more seconds when its tests are told from each other.
+# How many seconds a program takes whose tests are not told from each other, and a group of tests.
 QUICK = 1
 MOST_MARKS = 1 << 17
 # In each file that is compiled: which mutant there is, and what is reached.
