@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,6 +27,22 @@ protected:
     {
         network_.nodes.push_back({"count", &block_});
         network_.exits.push_back({0, "out", &output_, true});
+    }
+
+    /// Has it read "far.out" too. All values have to arrive.
+    void add_entry()
+    {
+        network_.entries.push_back(
+            {"far", "out",
+             std::make_shared<Quorval::runtime::RemoteOutput>("out", Quorval::Datatype("string")),
+             true});
+    }
+
+    /// A value of "far.out".
+    static std::string value(std::uint64_t number, std::size_t bytes = 1, int quality = 0)
+    {
+        return Server::message("quorval/g/value/far/out", "string", 1, number,
+                               std::string(bytes, 'x'), quality);
     }
 
     void make(const std::string& host = "127.0.0.1")

@@ -459,11 +459,8 @@ TEST_F(LinkTest, IsTheLaterOneWhereTheClockWasSetBack)
     server.welcome();
     const std::string own = server.read(Server::kSubscribe);
     server.send(Server::message("quorval/g/machine/hub", "x", std::stoull(future), 1, "offline"));
-    server.send(Server::packet(0x90, own.substr(0, 2) + std::string(2, '\0')));
-    for (int count = 0; count < 2; ++count) {
-        server.send(Server::packet(
-            0x90, server.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0')));
-    }
+    server.send(Server::answer_to(own));
+    server.answer_subscriptions(2);
 
     EXPECT_NE(server.read(Server::kPublish).find("9000000000000000001"), std::string::npos);
     // Its last will says so too, from the next connection on.
@@ -744,8 +741,7 @@ TEST_F(LinkTest, SendsWhatWaitsWhereItStopsWhileTheBrokerAnswers)
         packets += Server::message("quorval/g/value/count/out", "int32", 1, number, int32(0), 1);
     }
     for (int count = 0; count < 3; ++count) {
-        packets += Server::packet(
-            0x90, server.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0'));
+        packets += Server::answer_to(server.read(Server::kSubscribe));
     }
     server.send(packets);
 

@@ -15,17 +15,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;
 using namespace std::chrono_literals;
-using quorval_test::FakeBlock;
-using quorval_test::LogRecorder;
 using quorval_test::NoStandardInput;
 using quorval_test::Server;
 using ::testing::ElementsAre;
@@ -41,13 +37,12 @@ public:
     void block_is_done(std::uint32_t /*block*/) override {}
 };
 
-/// With values of "far.out" that come in. All of them have to arrive.
+/// With values that come in.
 class LinkLoadTest : public quorval_test::LinkAndServer {
 protected:
     LinkLoadTest()
     {
-        network_.entries.push_back(
-            {"far", "out", std::make_shared<RemoteOutput>("out", Datatype("string")), true});
+        add_entry();
         make();
     }
 
@@ -60,13 +55,6 @@ protected:
     {
         LinkAndServer::stand(3);
         link_->prepare();
-    }
-
-    /// A value that comes in.
-    static std::string value(std::uint64_t number, std::size_t bytes = 1)
-    {
-        return Server::message("quorval/g/value/far/out", "string", 1, number,
-                               std::string(bytes, 'x'));
     }
 
     /// How many values came in that had come before.

@@ -55,21 +55,31 @@ void write_all(MqttClient& client)
     }
 }
 
+const MqttClient::Identity kHub = {"quorval-g-hub", "will", "offline", 1, false};
+
+void ignore(const char* /*topic*/, const Stamp& /*stamp*/, std::string_view /*bytes*/) {}
+
+/// Has the client connect to the server, which agrees unless something else is said.
+void join(MqttClient& client, Server& server, const std::string& answer = std::string(3, '\0'))
+{
+    client.connect();
+    write_all(client);
+    server.answer_connect(answer);
+    read_one(client);
+}
+
 TEST(MqttClient, ThrowsWhatItsReceiverThrewWhenTheLibraryHasReturned)
 {
     Server server;
     std::vector<std::string> topics;
-    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+    MqttClient client(link_to(server.url()), kHub,
                       [&](const char* topic, const Stamp& /*stamp*/, std::string_view /*bytes*/) {
                           topics.emplace_back(topic);
                           if (topics.size() == 1) {
                               throw std::bad_alloc();
                           }
                       });
-    client.connect();
-    write_all(client);
-    server.welcome();
-    read_one(client);
+    join(client, server);
     ASSERT_TRUE(client.take_news().answer);
 
     server.send(Server::message("a", "int32", 1, 1, "") + Server::message("b", "int32", 1, 2, ""));
@@ -83,7 +93,7 @@ TEST(MqttClient, ThrowsWhatItsReceiverThrewWhenTheLibraryHasReturned)
 std::string connect(const LinkDescription& link, const MqttClient::Identity& identity,
                     Server& server)
 {
-    MqttClient client(link, identity, [](const char*, const Stamp&, std::string_view) {});
+    MqttClient client(link, identity, ignore);
     client.connect();
     write_all(client);
     server.accept();
@@ -127,12 +137,8 @@ TEST(MqttClient, SaysToTheBrokerWhatItIs)
 TEST(MqttClient, PublishesAndSubscribes)
 {
     Server server;
-    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
-                      [](const char*, const Stamp&, std::string_view) {});
-    client.connect();
-    write_all(client);
-    server.welcome();
-    read_one(client);
+    MqttClient client(link_to(server.url()), kHub, ignore);
+    join(client, server);
     const std::string start = "\x26" + Server::text("start") + Server::text("5");
     const std::string whole = start + "\x26" + Server::text("type") + Server::text("int32") +
                               "\x26" + Server::text("number") + Server::text("7");
@@ -171,14 +177,8 @@ TEST(MqttClient, PublishesAndSubscribes)
 TEST(MqttClient, CountsTheBytesOfALength)
 {
     Server server;
-    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
-                      [](const char*, const Stamp&, std::string_view) {});
-    client.connect();
-    write_all(client);
-    server.accept();
-    server.read(Server::kConnect);
-    server.send(Server::packet(0x20, std::string("\0\0\5\x27\0\0\0\x82", 8)));
-    read_one(client);
+    MqttClient client(link_to(server.url()), kHub, ignore);
+    join(client, server, std::string("\0\0\5\x27\0\0\0\x82", 8));
 
     std::string why;
     EXPECT_TRUE(client.publish("t", std::string(112, 'x'), {"", 1, 0}, false, false, why));
@@ -191,13 +191,8 @@ TEST(MqttClient, KnowsWhetherTheBrokerHasKeptItsSession)
     for (const char flags : {'\0', '\1'}) {
         Server server;
         MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, true},
-                          [](const char*, const Stamp&, std::string_view) {});
-        client.connect();
-        write_all(client);
-        server.accept();
-        server.read(Server::kConnect);
-        server.send(Server::packet(0x20, {flags, '\0', '\0'}));
-        read_one(client);
+                          ignore);
+        join(client, server, {flags, '\0', '\0'});
 
         const MqttClient::News news = client.take_news();
         ASSERT_TRUE(news.answer);
@@ -222,14 +217,11 @@ TEST(MqttClient, LooksAtAPartOfAMessageThatIsLarge)
 {
     Server server;
     std::vector<Stamp> stamps;
-    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+    MqttClient client(link_to(server.url()), kHub,
                       [&](const char* /*topic*/, const Stamp& stamp, std::string_view /*bytes*/) {
                           stamps.push_back(stamp);
                       });
-    client.connect();
-    write_all(client);
-    server.welcome();
-    read_one(client);
+    join(client, server);
 
     for (const int others : {13, 14}) {
         std::string properties = "\x26" + Server::text("type") +
@@ -254,12 +246,10 @@ TEST(MqttClient, LooksAtAPartOfAMessageThatIsLarge)
 TEST(MqttClient, RefusesWhatNoBrokerCanBeTold)
 {
     const auto make = [](const LinkDescription& link) {
-        const MqttClient client(link, {"quorval-g-hub", "will", "offline", 1, false},
-                                [](const char*, const Stamp&, std::string_view) {});
+        const MqttClient client(link, kHub, ignore);
     };
     const auto make_named = [](const std::string& name, const std::string& will_topic) {
-        const MqttClient client({}, {name, will_topic, "offline", 1, false},
-                                [](const char*, const Stamp&, std::string_view) {});
+        const MqttClient client({}, {name, will_topic, "offline", 1, false}, ignore);
     };
     expect_throw<std::runtime_error>([&] { make_named("\xFF", "will"); },
                                      "there is no client for the broker");
@@ -307,14 +297,11 @@ TEST(MqttClient, TakesStampsThatAreWhole)
     };
     Server server;
     std::vector<std::uint64_t> numbers;
-    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
+    MqttClient client(link_to(server.url()), kHub,
                       [&](const char* /*topic*/, const Stamp& stamp, std::string_view /*bytes*/) {
                           numbers.push_back(stamp.number);
                       });
-    client.connect();
-    write_all(client);
-    server.welcome();
-    read_one(client);
+    join(client, server);
 
     for (const Case& one : cases) {
         numbers.clear();
@@ -339,7 +326,7 @@ TEST(MqttClient, RefusesWhatIsLargerThanTheBrokerTakes)
     const TemporaryDirectory directory;
     const Broker broker(directory.path(), "allow_anonymous true\nmax_packet_size 300\n");
     MqttClient client(link_to(broker.url()), {"quorval-g-edge", "will", "offline", 1, false},
-                      [](const char* /*topic*/, const Stamp& /*stamp*/, std::string_view) {});
+                      ignore);
     client.connect();
     while (!client.take_news().answer) {
         write_all(client);
@@ -377,13 +364,9 @@ TEST(MqttClient, TakesWhatCannotBeWrittenBecauseTheConnectionHasEnded)
     // What the server has not read makes it reset the connection.
     for (const bool is_reset : {false, true}) {
         Server server;
-        MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
-                          [](const char*, const Stamp&, std::string_view) {});
+        MqttClient client(link_to(server.url()), kHub, ignore);
         std::string why;
-        client.connect();
-        write_all(client);
-        server.welcome();
-        read_one(client);
+        join(client, server);
         if (is_reset) {
             client.publish("t", "", {"", 1, 0}, false, false, why);
         }
@@ -401,12 +384,8 @@ TEST(MqttClient, TakesWhatCannotBeWrittenBecauseTheConnectionHasEnded)
 TEST(MqttClient, ReadsNothingWhereTheBrokerDoesNotTakeAThousandAnswers)
 {
     Server server;
-    MqttClient client(link_to(server.url()), {"quorval-g-hub", "will", "offline", 1, false},
-                      [](const char*, const Stamp&, std::string_view) {});
-    client.connect();
-    write_all(client);
-    server.welcome();
-    read_one(client);
+    MqttClient client(link_to(server.url()), kHub, ignore);
+    join(client, server);
     const std::string large(std::size_t{16} * 1024 * 1024, 'x');
     std::string why;
     client.publish("t", large, {"", 1, 0}, false, false, why);
@@ -439,8 +418,7 @@ TEST(MqttClient, TakesNoErrorOfBeforeForOneOfItsConnection)
     const Server server;
     LinkDescription link = link_to(server.url());
     link.is_encrypted = true;
-    MqttClient client(link, {"quorval-g-hub", "will", "offline", 1, false},
-                      [](const char*, const Stamp&, std::string_view) {});
+    MqttClient client(link, kHub, ignore);
     client.connect();
 
     errno = EPIPE;

@@ -133,26 +133,39 @@ std::string Server::read(unsigned kind)
     }
 }
 
-void Server::refuse()
+void Server::answer_connect(const std::string& answer)
 {
     accept();
     read(kConnect);
-    send(packet(0x20, {'\0', '\x87', '\0'}));
+    send(packet(0x20, answer));
+}
+
+void Server::refuse()
+{
+    answer_connect({'\0', '\x87', '\0'});
 }
 
 void Server::welcome()
 {
-    accept();
-    read(kConnect);
-    send(packet(0x20, std::string(3, '\0')));
+    answer_connect(std::string(3, '\0'));
+}
+
+void Server::answer_subscriptions(int count, char reason)
+{
+    for (; count > 0; --count) {
+        send(answer_to(read(kSubscribe), reason));
+    }
 }
 
 void Server::serve(int count)
 {
     welcome();
-    for (; count > 0; --count) {
-        send(packet(0x90, read(kSubscribe).substr(0, 2) + std::string(2, '\0')));
-    }
+    answer_subscriptions(count);
+}
+
+std::string Server::answer_to(const std::string& subscription, char reason)
+{
+    return packet(0x90, subscription.substr(0, 2) + '\0' + reason);
 }
 
 std::string Server::length(std::size_t length)

@@ -33,11 +33,17 @@ public:
     /// @param kind  the first four bits
     std::string read(unsigned kind);
 
+    /// Takes the next client, and answers its wish to connect.
+    /// @param answer  what the packet holds
+    void answer_connect(const std::string& answer);
     /// Refuses the next client as one that is not allowed.
     void refuse();
     /// Agrees to the next client.
     void welcome();
-    /// Likewise, and answers its subscriptions.
+    /// Answers the client's next subscriptions.
+    /// @param reason  why they are refused; 0: they are not
+    void answer_subscriptions(int count, char reason = 0);
+    /// Agrees to the next client, and to its subscriptions.
     /// @param count  of them
     void serve(int count);
 
@@ -57,6 +63,8 @@ public:
     static std::string message(const std::string& topic, const std::string& type,
                                std::uint64_t start, std::uint64_t number, const std::string& value,
                                int quality = 0);
+    /// The answer to a subscription.
+    static std::string answer_to(const std::string& subscription, char reason = 0);
     /// The length of what follows.
     static std::string length(std::size_t length);
     /// A text with its length.

@@ -12,19 +12,15 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 using namespace Quorval;
 using namespace Quorval::runtime;
 using namespace std::chrono_literals;
-using quorval_test::FakeBlock;
-using quorval_test::LogRecorder;
 using quorval_test::Server;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -121,11 +117,7 @@ TEST_F(LinkStatesTest, WaitsForABrokerThatCannotServeItNow)
     };
     for (const auto& [reason, text] : reasons) {
         make();
-        work_until_said(1, [&, reason = reason] {
-            server_.accept();
-            server_.read(Server::kConnect);
-            server_.send(Server::packet(0x20, {'\0', reason, '\0'}));
-        });
+        work_until_said(1, [&, reason = reason] { server_.answer_connect({'\0', reason, '\0'}); });
 
         EXPECT_THAT(log_.texts(), ElementsAre(away(text)));
         EXPECT_EQ(link_->failure(), "");
@@ -165,8 +157,7 @@ TEST_F(LinkStatesTest, StandsWhereTheBrokerTellsOfNothing)
     work_until_said(3, [this] {
         server_.welcome();
         for (const char reason : {'\x80', '\x87'}) {
-            server_.send(Server::packet(
-                0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string{'\0', reason}));
+            server_.answer_subscriptions(1, reason);
         }
     });
 
@@ -270,8 +261,7 @@ class LinkStatesWithEntryTest : public LinkStatesTest {
 protected:
     LinkStatesWithEntryTest()
     {
-        network_.entries.push_back(
-            {"far", "out", std::make_shared<RemoteOutput>("out", Datatype("string")), true});
+        add_entry();
         make();
     }
 };
@@ -300,7 +290,7 @@ TEST_F(LinkStatesWithEntryTest, ReadsNoMoreThanAHundredValuesAhead)
         [this] {
             std::string messages;
             for (std::uint64_t number = 1; number <= 150; ++number) {
-                messages += Server::message("quorval/g/value/far/out", "string", 1, number, "x", 1);
+                messages += value(number, 1, 1);
             }
             server_.send(messages);
         },
@@ -422,7 +412,7 @@ TEST_F(LinkStatesWithEntryTest, AsksForItsOwnTopicFirst)
         for (int count = 0; count < 3; ++count) {
             const std::string packet = server_.read(Server::kSubscribe);
             questions.push_back(packet.substr(3));
-            server_.send(Server::packet(0x90, packet.substr(0, 2) + std::string(2, '\0')));
+            server_.send(Server::answer_to(packet));
         }
     });
 
@@ -585,10 +575,7 @@ TEST_F(LinkStatesTest, IsLaterThanAnyOtherRunThatCanBeFollowed)
             before = start_in(server_.read(Server::kConnect));
             server_.send(Server::packet(0x20, std::string(3, '\0')) +
                          Server::message("quorval/g/machine/edge", "x", other, 1, "online"));
-            for (int count = 0; count < 2; ++count) {
-                server_.send(Server::packet(
-                    0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0')));
-            }
+            server_.answer_subscriptions(2);
         });
 
         const std::vector<std::string> packets = published();
@@ -601,13 +588,8 @@ TEST_F(LinkStatesTest, LeavesABrokerThatDoesNotTakeItsGoodbye)
 {
     const std::string takes_forty_bytes("\0\0\5\x27\0\0\0\x28", 8);  // which questions have
     work_until_said(1, [&] {
-        server_.accept();
-        server_.read(Server::kConnect);
-        server_.send(Server::packet(0x20, takes_forty_bytes));
-        for (int count = 0; count < 2; ++count) {
-            server_.send(Server::packet(
-                0x90, server_.read(Server::kSubscribe).substr(0, 2) + std::string(2, '\0')));
-        }
+        server_.answer_connect(takes_forty_bytes);
+        server_.answer_subscriptions(2);
     });
 
     link_->begin_end();
@@ -622,7 +604,7 @@ TEST_F(LinkStatesWithEntryTest, CountsWhatItTookAndNobodyTookAtTheEnd)
 {
     stand_again(3);
     log_.clear();
-    work([this] { server_.send(Server::message("quorval/g/value/far/out", "string", 1, 1, "x")); },
+    work([this] { server_.send(value(1)); },
          [this] { return link_->statistics().at(1).longest_queue == 1; });
 
     link_->begin_end();
@@ -641,8 +623,7 @@ TEST_F(LinkStatesWithEntryTest, ReadsValuesAheadAsFarAsTheirBytesGo)
         [this] {
             std::string messages;
             for (std::uint64_t number = 1; number <= 99; ++number) {
-                messages += Server::message("quorval/g/value/far/out", "string", 1, number,
-                                            std::string(kSize, 'x'));
+                messages += value(number, kSize);
             }
             server_.send(messages);
         },
@@ -654,14 +635,12 @@ TEST_F(LinkStatesWithEntryTest, ReadsValuesAheadAsFarAsTheirBytesGo)
 TEST_F(LinkStatesWithEntryTest, ReadsNoMoreThanSixtyFourMebibytesAhead)
 {
     stand_again(3);
-    const std::string topic = "quorval/g/value/far/out";
     work(
-        [&] {
-            const std::string value(description_.limit, 'x');
+        [this] {
             for (std::uint64_t number = 1; number <= 4; ++number) {
-                server_.send(Server::message(topic, "string", 1, number, value));
+                server_.send(value(number, description_.limit));
             }
-            server_.send(Server::message(topic, "string", 1, 5, "x"));
+            server_.send(value(5));
         },
         [this] { return link_->statistics().at(1).longest_queue >= 4; });
     for (int count = 0; count < 10; ++count) {
