@@ -2,6 +2,7 @@
 
 #include "runtime/link/broker.h"
 #include "runtime/link/server.h"
+#include "support/scopes.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -26,6 +27,7 @@ using Quorval::runtime::MqttClient;
 using Quorval::runtime::Stamp;
 using quorval_test::Broker;
 using quorval_test::expect_throw;
+using quorval_test::NoStandardInput;
 using quorval_test::Server;
 using quorval_test::TemporaryDirectory;
 
@@ -245,6 +247,8 @@ TEST(MqttClient, LooksAtAPartOfAMessageThatIsLarge)
 
 TEST(MqttClient, RefusesWhatNoBrokerCanBeTold)
 {
+    // The library closes descriptor 0 where it refuses a name, which no graph has.
+    const NoStandardInput none;
     const auto make = [](const LinkDescription& link) {
         const MqttClient client(link, kHub, ignore);
     };
