@@ -86,7 +86,7 @@ TEST_F(FailingCalls, EndARunInOrder)
     ASSERT_GT(all_waves, 0);
 
     std::size_t failed = 0;
-    fail_each(kRun, calls_of(kRun), [&](const ProcessResult& result) {
+    const Check check = [&](const ProcessResult& result) {
         expect_orderly_end(result);
         expect_old_or_new(new_text);
         EXPECT_EQ(result.out, "");
@@ -95,8 +95,12 @@ TEST_F(FailingCalls, EndARunInOrder)
             EXPECT_EQ(read_file(file("out.csv")), new_text) << result.err;
             EXPECT_EQ(waves(), all_waves) << result.err;
         }
-    });
+    };
+    fail_each(kRun, calls_of(kRun), check);
     EXPECT_GT(failed, 50U / QUORVAL_FAULT_STEP);
+
+    constexpr std::size_t kPairs = 100;
+    fail_two(kRun, kPairs / QUORVAL_FAULT_STEP, check);
 }
 
 TEST_F(FailingCalls, LeaveItsSignalsToARunWhoseRecordingGetsNoThread)

@@ -47,17 +47,25 @@ protected:
 
     ProcessResult run_with(const Arguments& arguments, const Call& call, int what);
 
+    /// Has another call of a program fail, too.
+    static void fail_too(ProcessOptions& options, const Call& call, int what);
+
     /// Runs with each of these calls failing in each way.
     /// @param step  more than 1: only every so many of these runs, where one takes long
     void fail_each(const Arguments& arguments, const std::vector<Call>& calls, const Check& check,
                    std::size_t step = 1);
 
+    /// Runs with two calls failing: one by chance, and one of those that are made behind it then.
+    /// @param pairs  of calls
+    void fail_two(const Arguments& arguments, std::size_t pairs, const Check& check);
+
     /// An end in order, with a message unless nothing failed.
     static void expect_orderly_end(const ProcessResult& result);
 
 private:
-    ProcessOptions preloaded(const Arguments& arguments, const std::string& name,
-                             const std::string& value) const;
+    ProcessOptions preloaded(const Arguments& arguments) const;
+    /// @param calls  out: those of the run
+    ProcessResult run_noted(ProcessOptions options, std::vector<Call>& calls);
 };
 
 }  // namespace quorval_test

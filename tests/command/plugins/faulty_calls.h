@@ -3,8 +3,8 @@
 //
 // QUORVAL_TEST_CALL_LOG: a file to which the name of each call is appended, a line each.
 // QUORVAL_TEST_CALL: "NAME NUMBER WHAT COUNT", the first call that fails, by its name and number
-// from 0, the errno with which it fails, and how many of that name fail, one if nothing is said. In
-// place of an errno -1: the program dies before it, -2: behind it.
+// from 0, the errno with which it fails, and how many of that name fail. In place of an errno -1:
+// the program dies before it, -2: behind it. QUORVAL_TEST_OTHER_CALL: another one.
 #pragma once
 
 #include <fcntl.h>
@@ -30,19 +30,33 @@ struct Fault {
     int count = 1;
     std::atomic<int> seen{0};  // calls of that name
 
-    Fault()
+    explicit Fault(const char* variable)
     {
-        const char* text = std::getenv("QUORVAL_TEST_CALL");
+        const char* text = std::getenv(variable);
         if (text != nullptr) {
             std::sscanf(text, "%31s %d %d %d", name, &number, &what, &count);
         }
     }
+
+    /// Whether this call, which is counted, fails.
+    bool hits(const char* call)
+    {
+        if (std::strcmp(name, call) != 0) {
+            return false;
+        }
+        const int present = seen++;
+        return present >= number && present - number < count;
+    }
 };
 
-inline Fault& fault()
+/// What this call fails with; 0: it does not.
+inline int find_fault(const char* call)
 {
-    static Fault wanted;
-    return wanted;
+    static Fault first("QUORVAL_TEST_CALL");
+    static Fault second("QUORVAL_TEST_OTHER_CALL");
+    const bool is_first = first.hits(call);
+    const bool is_second = second.hits(call);
+    return is_first ? first.what : (is_second ? second.what : 0);
 }
 
 inline void note(const char* name)
@@ -65,19 +79,15 @@ template <class Work>
 long make(const char* name, Work work)
 {
     note(name);
-    Fault& wanted = fault();
-    if (std::strcmp(wanted.name, name) != 0) {
+    const int what = find_fault(name);
+    if (what == 0) {
         return work();
     }
-    const int number = wanted.seen++;
-    if (number < wanted.number || number - wanted.number >= wanted.count) {
-        return work();
-    }
-    if (wanted.what > 0) {
-        errno = wanted.what;
+    if (what > 0) {
+        errno = what;
         return -1;
     }
-    if (wanted.what == kDiesBehind) {
+    if (what == kDiesBehind) {
         work();
     }
     ::kill(::getpid(), SIGKILL);
