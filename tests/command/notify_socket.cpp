@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <system_error>
 
 namespace quorval_test {
@@ -38,7 +39,20 @@ std::string NotifySocket::take_present() const
 std::string NotifySocket::receive(int flags) const
 {
     std::array<char, 4096> text{};
-    const ssize_t size = ::recv(fd_, text.data(), text.size(), flags);
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    iovec part = {text.data(), text.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    ssize_t size = ::recvmsg(fd_, &message, flags | MSG_CMSG_CLOEXEC);
+    if (const cmsghdr* const rights = CMSG_FIRSTHDR(&message); size >= 0 && rights != nullptr) {
+        int file = -1;
+        std::memcpy(&file, CMSG_DATA(rights), sizeof file);
+        size = ::pread(file, text.data(), text.size(), 0);
+        ::close(file);
+    }
     return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
 }
 

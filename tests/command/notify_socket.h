@@ -1,4 +1,4 @@
-// The socket of a manager of services.
+// The socket of a manager of services, or of a journal.
 #pragma once
 
 #include <string>
@@ -17,7 +17,7 @@ public:
 
     /// The next message; waits for it.
     std::string take() const { return receive(0); }
-    /// The next message, or nothing where there is none.
+    /// The next message, or nothing where there is none. One that was sent as a file is its text.
     std::string take_present() const;
 
 private:

@@ -35,6 +35,16 @@ Stream open_pipe()
     return {ends[0], ends[1]};
 }
 
+/// Has a stream go to a file, if one is named.
+void lead_to(const std::string& file, Stream& stream)
+{
+    if (!file.empty()) {
+        ::close(stream.writer);
+        stream.writer = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        check(stream.writer, file.c_str());
+    }
+}
+
 /// Has this process end with the test that started it, however that ends.
 void end_with(pid_t test)
 {
@@ -124,22 +134,18 @@ Stream open_terminal(unsigned short columns, unsigned short rows)
 
 Process::Process(const ProcessOptions& options)
 {
-    const Stream out = options.out_columns > 0 ? open_terminal(options.out_columns) : open_pipe();
-    const Stream err = options.err_is_terminal ? open_terminal() : open_pipe();
-    int out_writer = out.writer;
-    if (!options.out_file.empty()) {
-        ::close(out.writer);
-        out_writer = ::open(options.out_file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        check(out_writer, options.out_file.c_str());
-    }
+    Stream out = options.out_columns > 0 ? open_terminal(options.out_columns) : open_pipe();
+    Stream err = options.err_is_terminal ? open_terminal() : open_pipe();
+    lead_to(options.out_file, out);
+    lead_to(options.err_file, err);
     const pid_t test = ::getpid();
     child_ = ::fork();
     check(child_, "fork");
     if (child_ == 0) {
         end_with(test);
-        become(options, out_writer, err.writer);
+        become(options, out.writer, err.writer);
     }
-    ::close(out_writer);
+    ::close(out.writer);
     ::close(err.writer);
     out_ = out.reader;
     err_ = err.reader;

@@ -37,6 +37,7 @@ struct ProcessOptions {
     std::vector<std::pair<std::string, std::optional<std::string>>> environment;
     std::string directory;           ///< to work in; empty: that of the test
     std::string out_file;            ///< standard output goes there in place of `out`
+    std::string err_file;            ///< likewise
     std::vector<int> closed;         ///< descriptors that are closed
     std::string terminal;            ///< not empty: the file of standard input and output
     bool err_is_terminal = false;    ///< standard error is a terminal

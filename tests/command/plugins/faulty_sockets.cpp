@@ -11,6 +11,7 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <sys/un.h>
 
 #include <cstdarg>
 #include <ctime>
@@ -66,9 +67,19 @@ ssize_t sendto(int fd, const void* data, size_t size, int flags, const struct so
     });
 }
 
+/// What goes to the journal goes to the socket that QUORVAL_TEST_JOURNAL names.
 ssize_t sendmsg(int fd, const struct msghdr* message, int flags)
 {
-    return make("send", [&] { return ::syscall(SYS_sendmsg, fd, message, flags); });
+    const char* const journal = std::getenv("QUORVAL_TEST_JOURNAL");
+    struct msghdr sent = *message;
+    struct sockaddr_un address = {};
+    if (journal != nullptr) {
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, journal, sizeof address.sun_path - 1);
+        sent.msg_name = &address;
+        sent.msg_namelen = sizeof address;
+    }
+    return make("send", [&] { return ::syscall(SYS_sendmsg, fd, &sent, flags); });
 }
 
 ssize_t recv(int fd, void* data, size_t size, int flags)
