@@ -512,6 +512,12 @@ class Copy:
                 groups.append([limit + 1, [test]])
         return groups
 
+    def is_caught(self, program, tests, **environment):
+        """Whether one of these tests does not pass."""
+        return any(not self.run_program(program, limit, "--gtest_fail_fast",
+                                        "--gtest_filter=" + ":".join(group), **environment)
+                   for limit, group in self.group(program, tests))
+
     def check(self, mutant, programs):
         """What becomes of a mutant: "alone" when it is not among those that are built, "unreached",
         "survived", or the name of what caught it."""
@@ -522,11 +528,8 @@ class Copy:
         reached = self.reached.get(source.mark(body, mutant.line), {})
         programs = [program for program in programs if program in reached]
         for program in programs:
-            for limit, tests in self.group(program, reached[program]):
-                if not self.run_program(program, limit, "--gtest_fail_fast",
-                                        "--gtest_filter=" + ":".join(tests),
-                                        QUORVAL_MUTANT=str(mutant.number)):
-                    return program
+            if self.is_caught(program, reached[program], QUORVAL_MUTANT=str(mutant.number)):
+                return program
         return "survived" if programs else "unreached"
 
     def check_alone(self, mutant, programs):
@@ -537,7 +540,7 @@ class Copy:
             for program in programs:
                 if self.make([Path(program).name]).returncode != 0:
                     return "invalid"
-                if not self.run_program(program, self.limits[program], "--gtest_fail_fast"):
+                if self.is_caught(program, [test for other, test in self.times if other == program]):
                     return program
             return "survived"
         finally:
