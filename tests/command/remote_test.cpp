@@ -153,6 +153,12 @@ TEST_F(Remote, SetSavesNothingThatIsRefused)
     EXPECT_EQ(calls(), Texts());
 }
 
+TEST_F(Remote, SetTellsOfAValueThatIsNotUtf8)
+{
+    expect_result(run({"set", "g", "b.x='\xFF'"}), 1, "",
+                  "quorval: error: ''\xEF\xBF\xBD'' is not UTF-8\n");
+}
+
 TEST_F(Remote, FindsTheGraphOnTheSystemsBusToo)
 {
     const ScopedEnvironment system("DBUS_SYSTEM_BUS_ADDRESS",

@@ -1,5 +1,6 @@
 #include <quorval/runtime/remote.h>
 #include "control/handles.h"
+#include "control/write.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -40,6 +41,15 @@ void check(int result)
 {
     if (result < 0) {
         throw RemoteError(text_of_errno(result));
+    }
+}
+
+/// A bus takes UTF-8 alone.
+void check_text(const std::string& text)
+{
+    const std::string valid = runtime::to_utf8(text);
+    if (valid != text) {
+        throw RemoteError("'" + valid + "' is not UTF-8");
     }
 }
 
@@ -243,6 +253,7 @@ std::string RemoteGraph::describe()
 
 std::string RemoteGraph::get(const std::string& path)
 {
+    check_text(path);
     const MessageHandle call = impl_->new_call("Get");
     check(sd_bus_message_append(call.get(), "s", path.c_str()));
     const MessageHandle reply = impl_->call(call);
@@ -256,6 +267,8 @@ void RemoteGraph::configure(const std::map<std::string, std::string>& values)
     const MessageHandle call = impl_->new_call("Configure");
     check(sd_bus_message_open_container(call.get(), 'a', "{ss}"));
     for (const auto& [target, value] : values) {
+        check_text(target);
+        check_text(value);
         check(sd_bus_message_append(call.get(), "{ss}", target.c_str(), value.c_str()));
     }
     check(sd_bus_message_close_container(call.get()));

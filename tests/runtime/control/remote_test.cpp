@@ -206,6 +206,33 @@ TEST_F(RemoteGraphTest, IsCalled)
                                    "Configure ()", "Save ", "Stop "));
 }
 
+TEST_F(RemoteGraphTest, IsToldNothingThatIsNotUtf8)
+{
+    int calls = 0;
+    for (const char* name : {"Configure", "Get"}) {
+        bus_.on(name, [&calls](auto* call) {
+            ++calls;
+            return sd_bus_reply_method_return(call, "");
+        });
+    }
+    RemoteGraph graph("the-graph", {Bus::User});
+
+    expect_throw<RemoteError>([&] { graph.get("a\xFF"); }, "'a\xEF\xBF\xBD' is not UTF-8");
+    expect_throw<RemoteError>(
+        [&] {
+            graph.configure({{"a.\xC3", "1"}});
+        },
+        "'a.\xEF\xBF\xBD' is not UTF-8");
+    expect_throw<RemoteError>(
+        [&] {
+            graph.configure({{"a.x", "'\xFF'"}});
+        },
+        "''\xEF\xBF\xBD'' is not UTF-8");
+
+    bus_.stop();
+    EXPECT_EQ(calls, 0);
+}
+
 TEST_F(RemoteGraphTest, HasItsWaves)
 {
     bus_.on("Get", [](auto* call) {
