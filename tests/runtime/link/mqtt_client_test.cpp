@@ -8,10 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -27,11 +30,39 @@ using Quorval::runtime::MqttClient;
 using Quorval::runtime::Stamp;
 using quorval_test::Broker;
 using quorval_test::expect_throw;
+using quorval_test::NoDescriptors;
 using quorval_test::NoStandardInput;
 using quorval_test::Server;
 using quorval_test::TemporaryDirectory;
 
 namespace {
+
+std::time_t standing = 0;  // seconds; the clock stands there
+
+}  // namespace
+
+// What the program defines goes before what the C library has under the same name.
+extern "C" int clock_gettime(clockid_t clock, struct timespec* time) noexcept
+{
+    if (standing != 0 && clock == CLOCK_MONOTONIC) {
+        *time = {standing, 0};
+        return 0;
+    }
+    return static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+}
+
+namespace {
+
+/// The clock of the library stands while this exists.
+class StandingClock {
+public:
+    StandingClock() { set(1000); }
+    StandingClock(const StandingClock&) = delete;
+    StandingClock& operator=(const StandingClock&) = delete;
+    ~StandingClock() { set(0); }
+
+    static void set(std::time_t seconds) { standing = seconds; }
+};
 
 LinkDescription link_to(const std::string& url)
 {
@@ -415,6 +446,41 @@ TEST(MqttClient, ReadsNothingWhereTheBrokerDoesNotTakeAThousandAnswers)
     client.publish("t", large, {"", 1, 0}, false, false, why);
     ASSERT_TRUE(client.wants_write());
     EXPECT_TRUE(client.may_read());
+}
+
+TEST(MqttClient, AsksABrokerThatIsSilentAndLeavesOneThatDoesNotAnswer)
+{
+    const StandingClock clock;
+    Server server;
+    MqttClient client(link_to(server.url()), kHub, ignore);
+    join(client, server);
+
+    clock.set(1029);
+    client.work();
+    clock.set(1030);
+    client.work();
+    server.read(Server::kPing);
+    clock.set(1059);
+    client.work();
+    EXPECT_FALSE(client.take_news().end);
+    clock.set(1060);
+    client.work();
+
+    EXPECT_EQ(client.take_news().end, MOSQ_ERR_KEEPALIVE);
+    EXPECT_EQ(client.fd(), -1);
+}
+
+TEST(MqttClient, TellsTheErrorThatEndedItsConnection)
+{
+    const Server server;
+    MqttClient client(link_to(server.url()), kHub, ignore);
+    {
+        const NoDescriptors none;
+        client.connect();
+    }
+    const MqttClient::News none_left = client.take_news();
+    EXPECT_EQ(none_left.end, MOSQ_ERR_ERRNO);
+    EXPECT_EQ(none_left.error, EMFILE);
 }
 
 TEST(MqttClient, TakesNoErrorOfBeforeForOneOfItsConnection)

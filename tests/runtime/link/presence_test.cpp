@@ -53,6 +53,7 @@ TEST(Presence, IsNotToldOfWithoutEnd)
     EXPECT_EQ(recorder.texts().size(), 12U);
     presence.take("edge", "online", kNow);
     presence.tell(kNow + seconds(1));
+    EXPECT_EQ(recorder.texts().size(), 13U);
     presence.tell(kNow + seconds(9));
 
     const Lines lines = recorder.texts();

@@ -53,6 +53,7 @@ public:
     static constexpr unsigned kConnect = 1;
     static constexpr unsigned kPublish = 3;
     static constexpr unsigned kSubscribe = 8;
+    static constexpr unsigned kPing = 12;
     static constexpr unsigned kDisconnect = 14;
 
     /// A packet.
