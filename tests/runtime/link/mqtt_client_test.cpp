@@ -73,12 +73,13 @@ LinkDescription link_to(const std::string& url)
 }
 
 /// Waits for the next packet and reads it.
-void read_one(MqttClient& client)
+/// @return whether there may be more
+bool read_one(MqttClient& client)
 {
     constexpr int kPatienceMilliseconds = 60'000;
     pollfd one = {client.fd(), POLLIN, 0};
-    ASSERT_EQ(::poll(&one, 1, kPatienceMilliseconds), 1);
-    client.read();
+    EXPECT_EQ(::poll(&one, 1, kPatienceMilliseconds), 1);
+    return client.read();
 }
 
 void write_all(MqttClient& client)
@@ -453,17 +454,24 @@ TEST(MqttClient, AsksABrokerThatIsSilentAndLeavesOneThatDoesNotAnswer)
     const StandingClock clock;
     Server server;
     MqttClient client(link_to(server.url()), kHub, ignore);
+    const NoStandardInput none;
     join(client, server);
+    EXPECT_EQ(client.fd(), 0);
 
     clock.set(1029);
     client.work();
     clock.set(1030);
     client.work();
     server.read(Server::kPing);
-    clock.set(1059);
+    server.send(Server::packet(0xD0, ""));
+    EXPECT_TRUE(read_one(client));
+    clock.set(1060);
+    client.work();
+    server.read(Server::kPing);
+    clock.set(1089);
     client.work();
     EXPECT_FALSE(client.take_news().end);
-    clock.set(1060);
+    clock.set(1090);
     client.work();
 
     EXPECT_EQ(client.take_news().end, MOSQ_ERR_KEEPALIVE);
