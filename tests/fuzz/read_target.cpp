@@ -179,10 +179,9 @@ private:
             return texts;
         }
         if (type == "BoolVector") {
-            const std::string block = read_text();
             std::vector<bool> bools;
-            for (const char byte : block) {
-                bools.push_back((byte & 1) != 0);
+            for (auto left = read_number<std::uint64_t>(); left > 0; --left) {
+                bools.push_back((take(1, 1)[0] & 1) != 0);
             }
             return bools;
         }

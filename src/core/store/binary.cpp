@@ -205,7 +205,7 @@ public:
             unpack_bools(bools, done, some, make_room(some));
             used_ += some;
             if (!gathers_) {
-                write_some(some, count, done);
+                write_bools(some);
             }
             done += some;
         }
@@ -247,15 +247,14 @@ private:
         return chunk_.data() + used_;
     }
 
-    /// Writes the chunk, which holds some of `count` bytes, after those that are `done`. A short
-    /// write is reported as that of the whole.
-    void write_some(std::size_t some, Count count, Count done)
+    /// Writes the chunk, which holds so many bools. Each is a field of its own, so that a short
+    /// write is one of a single byte.
+    void write_bools(std::size_t count)
     {
         used_ = 0;
-        const std::streamsize written =
-            out_.rdbuf()->sputn(chunk_.data(), static_cast<std::streamsize>(some));
-        if (static_cast<std::size_t>(written) != some) {
-            throw_short_write(count, done + static_cast<Count>(written));
+        const auto size = static_cast<std::streamsize>(count);
+        if (out_.rdbuf()->sputn(chunk_.data(), size) != size) {
+            throw_short_write(1, 0);
         }
     }
 
@@ -353,7 +352,7 @@ public:
             const Count some = std::min<Count>(count - done, kChunk);
             const char* bytes = take(some);
             if (bytes == nullptr) {
-                read_items(chunk.data(), some, count, done);
+                read_bools(chunk.data(), some);
                 bytes = chunk.data();
             }
             append_bools(bools, bytes, some);
@@ -418,6 +417,16 @@ private:
         if (read != asked) {
             throw_short_read(decimal_product(count, sizeof(Item)),
                              done * sizeof(Item) + static_cast<Count>(read));
+        }
+    }
+
+    /// Reads the bytes of so many bools, likewise. Each is a field of its own, so that a short read
+    /// is one of a single byte.
+    void read_bools(char* bytes, Count count)
+    {
+        const auto size = static_cast<std::streamsize>(count);
+        if (buffer_.sgetn(bytes, size) != size) {
+            throw_short_read("1", 0);
         }
     }
 
