@@ -25,6 +25,10 @@ class PStore;
 /// the library only passes it on.
 struct RuntimeTools;
 
+/// Services for the create functions of plug-ins, see pluginloader.h. The application defines it
+/// too.
+struct InitTools;
+
 /// A connection: source block, name of its output, destination block, name of its input. The
 /// blocks are plain ones, never superblocks.
 using Connection = std::tuple<Block const&, std::string, Block const&, std::string>;
