@@ -85,6 +85,8 @@ void end_with(pid_t test)
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }
     arguments.push_back(nullptr);
+    // A shell has what it runs in the background ignore this one.
+    ::signal(SIGINT, SIG_DFL);
     constexpr int kNotStarted = 127;
     if (options.directory.empty() || ::chdir(options.directory.c_str()) == 0) {
         ::execvp(arguments[0], arguments.data());
