@@ -239,7 +239,9 @@ void Reload::apply(ReadGraph now)
 {
     if (now.reading->problems.has_errors()) {
         for (const Diagnostic& one : to_diagnostics(now.reading->problems, now.reading->sources)) {
-            refuse(to_string(one));
+            if (one.is_error) {
+                refuse(to_string(one));
+            }
         }
         return;
     }

@@ -22,7 +22,8 @@ using ::testing::Contains;
 
 namespace {
 
-/// A loaded graph with a saved key, an assigned one and one of the file.
+/// A loaded graph with a saved key, an assigned one and one of the file. Another one was saved for
+/// a block that is gone.
 class ReloadOriginTest : public ::testing::Test {
 protected:
     ReloadOriginTest()
@@ -35,7 +36,9 @@ protected:
         saved.path = "b";
         saved.setting.key = "saved";
         saved.setting.value = 30;
-        write_saved(options.state_directory, {saved});
+        Assignment gone = saved;
+        gone.path = "gone";
+        write_saved(options.state_directory, {gone, saved});
         graph.emplace(load_graph(options));
         life.emplace(graph->network, world, nullptr, nullptr);
         overrides.emplace(*graph, *life);
@@ -89,6 +92,15 @@ TEST_F(ReloadOriginTest, IsThatOfTheFilesThatWereAppliedLast)
     EXPECT_EQ(origin_of("y"), "--set");
     EXPECT_EQ(origin_of("saved"), "saved");
     EXPECT_EQ(overrides->present(1).getInt("saved"), 30);
+}
+
+TEST_F(ReloadOriginTest, IsRefusedForErrorsAlone)
+{
+    write("wrong = 1");
+    reload->run();
+
+    EXPECT_THAT(recorder.texts(), Contains(testing::HasSubstr("unknown key 'wrong'")));
+    EXPECT_THAT(recorder.texts(), testing::Not(Contains(testing::HasSubstr("'gone'"))));
 }
 
 TEST_F(ReloadOriginTest, StaysWhereTheFilesAreRefused)
