@@ -191,6 +191,9 @@ bool Life::start()
     }
     watch_start();
     make_crew();
+    if (world_.must_stop()) {
+        request_stop();
+    }
     return is_stopping_ || has_sources_ || !wave_.is_idle();
 }
 

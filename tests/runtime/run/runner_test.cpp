@@ -195,6 +195,15 @@ TEST_F(RunnerTest, RunsTheWavesOfAPlaybackAtItsTimes)
     EXPECT_THAT(times, ElementsAre(5ns, 8ns, 8ns));
 }
 
+TEST_F(RunnerTest, NeedsNoSourceWhereItIsStoppedWhileItStarts)
+{
+    block.on_start = [this] { has_stop = true; };
+
+    EXPECT_EQ(run(), RunResult::Done);
+
+    EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
 TEST_F(RunnerTest, RunsNoWaveOfAPlaybackAfterAStop)
 {
     FakePlayback playback({5ns, 8ns});
