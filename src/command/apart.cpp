@@ -11,7 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -24,7 +23,7 @@ namespace {
 struct End {
     bool is_done;  // the work, with this status
     int status;
-    bool is_reported;  // exit() was called, and report_crashes() tells by whom
+    bool is_reported;  // exit() was called or it crashed, and report_crashes() tells by whom
 
     bool has_reason_for(int exit_status) const
     {
@@ -56,11 +55,34 @@ private:
 /// Of the present process, where it is a child.
 End* own_end = nullptr;
 
+constexpr std::array kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+
+void (*report_crash)(int) = nullptr;
+
+void note_and_report_crash(int signal)
+{
+    note_reported_end();
+    report_crash(signal);
+}
+
+/// Has a crash be noted before it is reported.
+void note_crashes()
+{
+    for (const int signal : kCrashes) {
+        struct sigaction action {};
+        ::sigaction(signal, nullptr, &action);
+        report_crash = action.sa_handler;
+        action.sa_handler = note_and_report_crash;
+        ::sigaction(signal, &action, nullptr);
+    }
+}
+
 /// Has an exit() be noted before it is reported: the last one that is registered comes first.
 void note_and_report_ends(End& end)
 {
     own_end = &end;
     Quorval::report_crashes();
+    note_crashes();
     static_cast<void>(std::atexit(note_reported_end));
     static_cast<void>(std::at_quick_exit(note_reported_end));
 }
@@ -88,13 +110,6 @@ int wait_for(pid_t child)
         }
     }
     return state;
-}
-
-/// The signals that the child itself reports.
-bool is_crash(int signal)
-{
-    constexpr std::array kCrashes = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
-    return std::find(kCrashes.begin(), kCrashes.end(), signal) != kCrashes.end();
 }
 
 }  // namespace
@@ -125,7 +140,8 @@ int run_apart(const std::function<int()>& work)
         }
         return WEXITSTATUS(state);
     }
-    if (!is_crash(WTERMSIG(state))) {
+    // A crash whose signal is blocked ends the process at once.
+    if (!end.get().is_reported) {
         say_error("ended by " + describe_signal(WTERMSIG(state)));
     }
     return kWrongGraph;

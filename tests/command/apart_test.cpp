@@ -52,6 +52,19 @@ TEST(RunApart, ReportsExceptions)
                    "quorval: error: no luck\n");
 }
 
+// An emulator tells of such a crash itself, too.
+#ifndef QUORVAL_IS_EMULATED
+TEST(RunApart, TellsOfACrashThatCouldNotBeReported)
+{
+    expect_outcome(
+        [] {
+            static_cast<void>(std::signal(SIGSEGV, SIG_DFL));
+            return std::raise(SIGSEGV);
+        },
+        kWrongGraph, "quorval: error: ended by signal 11 (SIGSEGV)\n");
+}
+#endif
+
 TEST(RunApart, TellsOfAnEndWithoutAReason)
 {
     const std::string text = "quorval: error: a plug-in ended the process without exit()\n";
