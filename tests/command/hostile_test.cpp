@@ -232,6 +232,11 @@ TEST_F(HostilePlugin, IsNamedWhereItEndsTheProcess)
     }
 }
 
+TEST_F(HostilePlugin, LetsAProcessOfItsOwnExit)
+{
+    expect_result(run_trouble("run", "exit in child"), 0, "b started\nchild 5\nb stopped\n", "");
+}
+
 TEST_F(HostilePlugin, IsNamedWhereItAborts)
 {
     std::vector<Operation> operations = kWhileLoaded;

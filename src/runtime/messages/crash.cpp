@@ -167,9 +167,12 @@ void say_what_waits()
 }
 
 /// Names who called exit(): a block in an operation, else a plug-in, in a thread of its own for
-/// example.
+/// example. A process that plug-in code has forked ends as it wants to.
 void report_exit()
 {
+    if (reporting_process != ::getpid()) {
+        return;
+    }
     const Context where = context();
     const std::string caller = is_in_plugin(where) ? std::string() : find_caller();
     if ((!is_in_plugin(where) && caller.empty()) || !is_first(naming_thread)) {

@@ -6,6 +6,7 @@
 
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -66,10 +67,10 @@ void log_at_the_end()
 }
 
 /// `where` names an operation, `what` the trouble: "throw", "crash", "exit", "hang", "wait",
-/// "say", "kill", "block", "exit in thread", "leave thread", "leave talk", "throw nothing",
-/// "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "system exit",
-/// "system exit 3", "log and exit", "leave open", "leave open and throw", "close all", "close
-/// error" or "spin".
+/// "say", "kill", "block", "exit in child", "exit in thread", "leave thread", "leave talk",
+/// "throw nothing", "throw number", "abort", "quick exit", "sudden exit", "sudden exit 3", "system
+/// exit", "system exit 3", "log and exit", "leave open", "leave open and throw", "close all",
+/// "close error" or "spin".
 class Trouble : public Block {
 public:
     Trouble(std::string name, const BlockConfiguration& config)
@@ -172,6 +173,15 @@ private:
             sigset_t all;
             ::sigfillset(&all);
             ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        }
+        if (what_ == "exit in child") {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                std::exit(5);
+            }
+            int state = 0;
+            ::waitpid(child, &state, 0);
+            std::cout << "child " << WEXITSTATUS(state) << std::endl;
         }
         if (what_ == "exit in thread") {
             std::thread([] { std::exit(0); }).join();
