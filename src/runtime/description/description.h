@@ -65,7 +65,8 @@ struct EndDescription {
 struct ConnectionDescription {
     EndDescription from;
     EndDescription to;
-    Place place;  ///< of the entry in the list
+    Place place;             ///< of the entry in the list
+    std::uint32_t rank = 0;  ///< of its file in the order of merging
     bool is_delayed = false;
     bool is_delay_wrong = false;  ///< which is reported: it may be meant as delayed
     Delivery delivery = Delivery::Latest;

@@ -411,6 +411,7 @@ private:
     {
         ConnectionDescription& connection = connections.emplace_back();
         connection.place = place_of(node);
+        connection.rank = ranks_[connection.place.source];
         bool is_right = false;
         if (const auto* text = node.as_string()) {
             is_right = read_arrow(**text, connection);

@@ -12,6 +12,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -317,7 +318,7 @@ private:
 
     // --- connections ---
 
-    /// All connections in the order in which they are written.
+    /// All connections in the order in which they are written, file by file as they are merged.
     std::vector<Written> connections_as_written() const
     {
         std::vector<Written> all;
@@ -328,7 +329,8 @@ private:
             }
         }
         const auto is_before = [](const Written& a, const Written& b) {
-            return a.connection->place < b.connection->place;
+            return std::tie(a.connection->rank, a.connection->place) <
+                   std::tie(b.connection->rank, b.connection->place);
         };
         // Those of a graph without superblocks, in one file, come sorted.
         if (!std::is_sorted(all.begin(), all.end(), is_before)) {

@@ -284,6 +284,19 @@ blocks.k.type = "kind"
                      "g.toml:3:33: error: the connections make a cycle: k/b -> k/a -> k/b"}));
 }
 
+TEST(Connections, OfIncludedFilesComeFirst)
+{
+    const std::string blocks = "blocks.a.type = \"parts:Gain\"\nblocks.b.type = \"parts:Gain\"\n";
+    GraphFiles files;
+    files.write("part.toml", "format = 1\nconnections = [\"a.out -> b.in\"]\n");
+
+    EXPECT_EQ(files.findings_for("connections = [\"b.out -> b.in\", \"b.out -> a.in\"]\n"
+                                 "include = [\"part.toml\"]\n" +
+                                 blocks),
+              (Lines{"g.toml:2:16: error: b.in is already fed by a.out",
+                     "g.toml:2:33: error: the connections make a cycle: b -> a -> b"}));
+}
+
 TEST(Connections, OfAnotherTypeLeaveTheirInputToOthers)
 {
     const std::string blocks = R"(
