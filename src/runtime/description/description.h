@@ -56,7 +56,7 @@ constexpr std::uint32_t kNoMember = 0xFFFFFFFF;
 
 /// One end of a connection, or the inner end of an exposed port.
 struct EndDescription {
-    std::string block;
+    std::string block;  ///< empty: the end is wrong, which is reported
     std::string port;
     Place place;
     std::uint32_t member = kNoMember;  ///< where the block stands in the list; see find_ends()

@@ -333,10 +333,10 @@ private:
     {
         inside.connections.reserve(list.size());
         for (const toml::node& node : list) {
-            read_connection(node, inside.connections);
+            if (!read_connection(node, inside.connections)) {
+                inside.misses_connections = true;
+            }
         }
-        inside.misses_connections =
-            inside.misses_connections || inside.connections.size() < list.size();
     }
 
     CompositeDescription read_kind(const toml::key& key, const toml::node& node)
@@ -407,7 +407,9 @@ private:
         }
     }
 
-    void read_connection(const toml::node& node, std::vector<ConnectionDescription>& connections)
+    /// One with a single end that is right is kept, for what may be wrong with that.
+    /// @return whether all of it is right
+    bool read_connection(const toml::node& node, std::vector<ConnectionDescription>& connections)
     {
         ConnectionDescription& connection = connections.emplace_back();
         connection.place = place_of(node);
@@ -420,9 +422,10 @@ private:
         } else {
             problems_.add_error(connection.place, "'connections' has to be a string or a table");
         }
-        if (!is_right) {
+        if (connection.from.block.empty() && connection.to.block.empty()) {
             connections.pop_back();
         }
+        return is_right;
     }
 
     bool read_arrow(std::string_view text, ConnectionDescription& connection)
@@ -433,6 +436,7 @@ private:
             to_end(text.substr(0, at), connection.place, connection.from) &&
             to_end(text.substr(at + kArrow.size()), connection.place, connection.to);
         if (!is_right) {
+            connection.from = {};
             problems_.add_error(
                 connection.place,
                 "'" + std::string(text) + "' is not of the form BLOCK.OUTPUT -> BLOCK.INPUT");

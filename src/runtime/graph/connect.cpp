@@ -137,7 +137,7 @@ private:
             return place.members[end.member];
         }
         is_all_excused_ = true;
-        if (!place.inside->is_broken) {
+        if (!place.inside->is_broken && !end.block.empty()) {
             problems_.add_error(end.place,
                                 "there is no block '" + end.block + "'" +
                                     suggester_.suggest(end.block, names_of_members(*place.inside)));

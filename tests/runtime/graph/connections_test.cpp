@@ -297,6 +297,35 @@ TEST(Connections, OfIncludedFilesComeFirst)
                      "g.toml:2:33: error: the connections make a cycle: b -> a -> b"}));
 }
 
+TEST(Connections, WithOneWrongEndAreCheckedAtTheOtherOne)
+{
+    const std::string blocks = "blocks.a.type = \"parts:Gain\"\n";
+    const auto findings = [&](const std::string& ends) {
+        GraphFiles files;
+        return files.findings_for("connections = [{ " + ends + " }]\n" + blocks);
+    };
+
+    EXPECT_EQ(findings("from = 'a.none', to = 'x'"),
+              (Lines{"g.toml:2:25: error: block 'a' has no output 'none'; it has out",
+                     "g.toml:2:40: error: 'x' is not of the form BLOCK.PORT"}));
+    EXPECT_EQ(findings("from = 3, to = 'a.none'"),
+              (Lines{"g.toml:2:25: error: 'from' has to be a string",
+                     "g.toml:2:33: error: block 'a' has no input 'none'; it has in"}));
+    EXPECT_EQ(findings("to = 'none.in'"), (Lines{"g.toml:2:16: error: missing key 'from'",
+                                                 "g.toml:2:23: error: there is no block 'none'"}));
+    EXPECT_EQ(findings("from = 'a.out', to = 'x'"),
+              (Lines{"g.toml:2:39: error: 'x' is not of the form BLOCK.PORT"}));
+    EXPECT_EQ(findings("from = 'x', to = 'a.in'"),
+              (Lines{"g.toml:2:25: error: 'x' is not of the form BLOCK.PORT"}));
+
+    GraphFiles files;
+    EXPECT_EQ(files.findings_for("connections = ['a.none -> x', 'y -> a.none']\n" + blocks),
+              (Lines{"g.toml:2:16: error: 'a.none -> x' is not of the form BLOCK.OUTPUT -> "
+                     "BLOCK.INPUT",
+                     "g.toml:2:31: error: 'y -> a.none' is not of the form BLOCK.OUTPUT -> "
+                     "BLOCK.INPUT"}));
+}
+
 TEST(Connections, OfAnotherTypeLeaveTheirInputToOthers)
 {
     const std::string blocks = R"(

@@ -317,7 +317,7 @@ TEST(FormatProblems, TellUnknownKeysAtTheirLastComponent)
         {"superblocks.s.on_error = \"skip\"", {"g.toml:2:15: error: unknown key 'on_error'"}},
         {"connections = [{ fro = \"a.b\", to = \"a.b\", x = 1 }]",
          {"g.toml:2:18: error: unknown key 'fro'; did you mean 'from'?",
-          "g.toml:2:43: error: unknown key 'x'"}},
+          "g.toml:2:36: error: there is no block 'a'", "g.toml:2:43: error: unknown key 'x'"}},
     });
 }
 
