@@ -3,6 +3,7 @@
 #include <quorval/config.h>
 #include "description/names.h"
 #include "description/toml.h"
+#include "messages/printable.h"
 
 #include <algorithm>
 #include <cmath>
@@ -35,7 +36,8 @@ std::string complaint_about(const std::string& key)
         return {};
     }
     try {
-        BlockConfiguration().set(key, 0);
+        // What it says ends at a byte of 0.
+        BlockConfiguration().set(printable(key), 0);
         return {};
     } catch (const std::runtime_error& error) {
         return error.what();
@@ -101,14 +103,15 @@ public:
 
     void add(std::string key, const Place& key_place, const toml::node& node)
     {
-        if (const toml::table* table = node.as_table()) {
+        const toml::table* table = node.as_table();
+        if (table != nullptr && !table->empty()) {
             add_table(key + ".", *table);
         } else if (is_list_of_tables(node)) {
-            add_list_of_tables(key, *node.as_array());
+            add_list_of_tables(key, key_place, *node.as_array());
         } else if (std::string complaint = complaint_about(key); !complaint.empty()) {
             problems_.add_error(key_place, std::move(complaint));
             settings_.push_back({std::move(key), Value(), true, key_place, place_of(node), {}});
-        } else {
+        } else if (table == nullptr) {
             std::optional<Value> value = to_value(key, node);
             const bool is_wrong = !value;
             settings_.push_back({std::move(key), std::move(value).value_or(Value()), is_wrong,
@@ -135,10 +138,10 @@ private:
         return places;
     }
 
-    void add_list_of_tables(const std::string& key, const toml::array& list)
+    void add_list_of_tables(const std::string& key, const Place& key_place, const toml::array& list)
     {
         for (std::size_t i = 0; i < list.size(); ++i) {
-            add_table(key + "." + std::to_string(i) + ".", *list.get_as<toml::table>(i));
+            add(key + "." + std::to_string(i), key_place, list[i]);
         }
     }
 
