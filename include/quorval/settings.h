@@ -67,7 +67,6 @@ inline bool has_value(const BlockConfiguration& config, const Setting& setting);
 
 /// Looks at the element of the setting, which has to be there, and consumes it. The text is that
 /// of Settings::read().
-/// @throws std::runtime_error  the element has another type, with the text of the getter
 inline SettingProblem find_problem(const BlockConfiguration& config, const Setting& setting);
 
 /// Takes the settings out of what Settings::describe() returned.
@@ -317,6 +316,23 @@ inline std::string to_text(const Setting& setting, double number)
         problem = look_at_text(setting, texts[i], get_item(setting, i));
     }
     return problem;
+}
+
+/// @throws std::runtime_error  the element has another type, with the text of the getter
+[[gnu::cold]] inline SettingProblem look_at_value(const BlockConfiguration& config,
+                                                  const Setting& setting)
+{
+    if (is_number(setting)) {
+        return look_at_numbers(config, setting);
+    }
+    if (is_string(setting)) {
+        return look_at_texts(config, setting);
+    }
+    if (is_list(setting)) {
+        return look_at_length(setting, config.getBoolVector(setting.key).size());
+    }
+    config.getBool(setting.key);
+    return {};
 }
 
 [[gnu::cold]] inline std::vector<double> widen_all(const std::vector<float>& numbers)
@@ -783,18 +799,13 @@ inline bool has_value(const BlockConfiguration& config, const Setting& setting)
 [[gnu::cold]] inline SettingProblem find_problem(const BlockConfiguration& config,
                                                  const Setting& setting)
 {
-    using namespace settings_detail;
-    if (is_number(setting)) {
-        return look_at_numbers(config, setting);
+    try {
+        return settings_detail::look_at_value(config, setting);
+    } catch (const std::runtime_error& error) {  // of the getter: it has another type
+        SettingProblem problem;
+        problem.text = error.what();
+        return problem;
     }
-    if (is_string(setting)) {
-        return look_at_texts(config, setting);
-    }
-    if (is_list(setting)) {
-        return look_at_length(setting, config.getBoolVector(setting.key).size());
-    }
-    config.getBool(setting.key);
-    return {};
 }
 
 inline std::vector<Setting> read_settings(const BlockConfiguration& description)
@@ -891,8 +902,8 @@ public:
     /// @throws std::invalid_argument  a value that is not allowed: "'<key>' has to be <what>, not
     ///     <value>", with " (item <n>)" behind it for an item of a list, counted from 0; <what> is
     ///     "from <minimum> to <maximum>", "one of <choice>, <choice>", "of <minimum> to <maximum>
-    ///     items" or "a finite number"; a required one that is not there: "'<key>' is missing"
-    /// @throws std::runtime_error  a value of another type, with the text of the getter
+    ///     items" or "a finite number"; a required one that is not there: "'<key>' is missing"; a
+    ///     value of another type, with the text of the getter
     T read(const BlockConfiguration& config) const
     {
         T values = defaults_;

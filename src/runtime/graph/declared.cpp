@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <stdexcept>
 #include <string>
 #include <unordered_set>
 
@@ -25,18 +24,6 @@ std::string text_of_unknown(const std::vector<Quorval::Setting>& declared, const
         known.push_back(setting.key);
     }
     return "block type '" + type + "' has no setting '" + key + "'" + suggestion(key, known);
-}
-
-/// What is wrong with the value of a setting, which is there.
-SettingProblem problem_of(const BlockConfiguration& config, const Quorval::Setting& setting)
-{
-    try {
-        return find_problem(config, setting);
-    } catch (const std::runtime_error& error) {
-        SettingProblem problem;
-        problem.text = error.what();
-        return problem;
-    }
 }
 
 class DeclaredCheck {
@@ -99,7 +86,7 @@ private:
 
     void check_value(const BlockConfiguration& config, const Quorval::Setting& setting)
     {
-        const SettingProblem problem = problem_of(config, setting);
+        const SettingProblem problem = find_problem(config, setting);
         if (!problem.text.empty()) {
             report(place_of(setting.key, problem.item), problem.text);
         }
@@ -162,7 +149,7 @@ std::string find_refusal(const std::vector<Quorval::Setting>& declared, const st
         if (!setting->is_live) {
             return text_of_fixed(key);
         }
-        const SettingProblem problem = problem_of(values, *setting);
+        const SettingProblem problem = find_problem(values, *setting);
         if (!problem.text.empty()) {
             return problem.text;
         }

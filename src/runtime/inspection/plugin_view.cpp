@@ -58,10 +58,7 @@ std::string problem_of(const Setting& setting, const BlockConfiguration& config)
     if (!has_value(config, setting)) {
         return setting.is_required ? "'" + setting.key + "' is missing" : "";
     }
-    SettingProblem problem;
-    const std::string failure =
-        runtime::text_of_failure([&] { problem = find_problem(config, setting); });
-    return failure.empty() ? problem.text : failure;
+    return find_problem(config, setting).text;
 }
 
 /// What is wrong with a configuration, parted by "; ".

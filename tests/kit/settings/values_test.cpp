@@ -290,9 +290,10 @@ TEST(SettingsRead, KeepsTheTextOfTheGetterForAnotherType)
     for (const Wrong& wrong : table) {
         SCOPED_TRACE(wrong.text);
         const BlockConfiguration config{wrong.value};
-        expect_throw<std::runtime_error>([&] { declare_all().read(config); }, getter + wrong.text);
-        expect_throw<std::runtime_error>([&] { declare_all().apply({}, config); },
-                                         getter + wrong.text);
+        expect_throw<std::invalid_argument>([&] { declare_all().read(config); },
+                                            getter + wrong.text);
+        expect_throw<std::invalid_argument>([&] { declare_all().apply({}, config); },
+                                            getter + wrong.text);
     }
 }
 
