@@ -23,7 +23,8 @@ namespace {
 struct End {
     bool is_done;  // the work, with this status
     int status;
-    bool is_reported;  // exit() was called or it crashed, and report_crashes() tells by whom
+    bool is_reported;  // exit() was called, and report_crashes() tells by whom
+    bool is_crash_reported;
 
     bool has_reason_for(int exit_status) const
     {
@@ -61,7 +62,7 @@ void (*report_crash)(int) = nullptr;
 
 void note_and_report_crash(int signal)
 {
-    note_reported_end();
+    own_end->is_crash_reported = true;
     report_crash(signal);
 }
 
@@ -141,7 +142,7 @@ int run_apart(const std::function<int()>& work)
         return WEXITSTATUS(state);
     }
     // A crash whose signal is blocked ends the process at once.
-    if (!end.get().is_reported) {
+    if (!end.get().is_crash_reported) {
         say_error("ended by " + describe_signal(WTERMSIG(state)));
     }
     return kWrongGraph;

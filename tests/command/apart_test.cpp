@@ -85,6 +85,25 @@ TEST(RunApart, TellsOfAnEndWithoutAReasonWhileTheProcessEnds)
         },
         kWrongGraph, "quorval: error: a plug-in ended the process without exit()\n");
 }
+
+/// Behind the end of the work, which is an exit().
+TEST(RunApart, NamesTheSignalThatEndedTheProcessAtItsExit)
+{
+    static bool dies = false;
+    ASSERT_EQ(std::atexit([] {
+                  if (dies) {
+                      ::raise(SIGKILL);
+                  }
+              }),
+              0);
+
+    expect_outcome(
+        [] {
+            dies = true;
+            return kDone;
+        },
+        kWrongGraph, "quorval: error: ended by signal 9 (SIGKILL)\n");
+}
 #endif
 
 TEST(RunApart, NamesTheSignalThatEndedTheWork)
