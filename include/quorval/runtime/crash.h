@@ -13,7 +13,8 @@ namespace Quorval {
 /// A plug-in that calls exit() or quick_exit() is named likewise, `block '<path>' called exit in
 /// <operation>` and `plug-in '<plugin>' called exit while it was loaded`, `plug-in '<plugin>'
 /// called exit` outside of both, in a thread of its own for example. The process then ends with the
-/// status 1 when the graph was started, 3 before.
+/// status 1 when the graph was started, 3 before. A process that is forked later ends as it wants
+/// to.
 ///
 /// For programs alone: takes over the signals of crashes, and the alternative signal stack of the
 /// calling thread.
