@@ -338,26 +338,13 @@ protected:
               "blocks.print.type = \"numbers:Print\"\n");
     }
 
-    void clean() override
-    {
-        while (!socket_.take_present().empty()) {}
-    }
+    void clean() override { socket_.take_all_present(); }
 
     ProcessResult run_faulty(const ProcessOptions& options) override
     {
         ProcessOptions told = options;
         set_variable(told, "NOTIFY_SOCKET", directory() + "/notify");
         return run_process(told);
-    }
-
-    std::vector<std::string> messages() const
-    {
-        std::vector<std::string> messages;
-        for (std::string text = socket_.take_present(); !text.empty();
-             text = socket_.take_present()) {
-            messages.push_back(text);
-        }
-        return messages;
     }
 
     NotifySocket socket_{directory() + "/notify"};
@@ -375,7 +362,7 @@ TEST_F(FailingNotice, DoNotHoldUpAGraph)
             expect_result(run_with(run, call, error), 0, "1\n2\n3\n", "");
 
             const bool is_told = call.name == "send" && error == EINTR;
-            EXPECT_EQ(messages().size(), is_told ? 2U : 1U);
+            EXPECT_EQ(socket_.take_all_present().size(), is_told ? 2U : 1U);
         }
     }
 }
@@ -397,7 +384,7 @@ protected:
     void clean() override
     {
         write("err", "");
-        while (!socket_.take_present().empty()) {}
+        socket_.take_all_present();
     }
 
     ProcessResult run_faulty(const ProcessOptions& options) override
@@ -416,8 +403,7 @@ protected:
     Lines messages() const
     {
         Lines messages;
-        for (std::string entry = socket_.take_present(); !entry.empty();
-             entry = socket_.take_present()) {
+        for (const std::string& entry : socket_.take_all_present()) {
             const std::string name = "MESSAGE=";
             const std::size_t begin = entry.find(name) + name.size();
             messages.push_back(entry.substr(begin, entry.find('\n', begin) - begin));

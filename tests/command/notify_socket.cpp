@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 namespace quorval_test {
 
@@ -34,6 +35,15 @@ NotifySocket::~NotifySocket()
 std::string NotifySocket::take_present() const
 {
     return receive(MSG_DONTWAIT);
+}
+
+std::vector<std::string> NotifySocket::take_all_present() const
+{
+    std::vector<std::string> texts;
+    for (std::string text = take_present(); !text.empty(); text = take_present()) {
+        texts.push_back(std::move(text));
+    }
+    return texts;
 }
 
 std::string NotifySocket::receive(int flags) const

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace quorval_test {
 
@@ -19,6 +20,8 @@ public:
     std::string take() const { return receive(0); }
     /// The next message, or nothing where there is none. One that was sent as a file is its text.
     std::string take_present() const;
+    /// All of those.
+    std::vector<std::string> take_all_present() const;
 
 private:
     std::string receive(int flags) const;
