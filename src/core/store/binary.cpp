@@ -420,8 +420,8 @@ private:
         }
     }
 
-    /// Reads the bytes of so many bools, likewise. Each is a field of its own, so that a short read
-    /// is one of a single byte.
+    /// Reads so many bools with one raw read. Each is a field of its own, so that a short read is
+    /// one of a single byte.
     void read_bools(char* bytes, Count count)
     {
         const auto size = static_cast<std::streamsize>(count);

@@ -36,7 +36,7 @@ std::string complaint_about(const std::string& key)
         return {};
     }
     try {
-        // What it says ends at a byte of 0.
+        // The text of an exception ends at a byte of 0.
         BlockConfiguration().set(printable(key), 0);
         return {};
     } catch (const std::runtime_error& error) {
