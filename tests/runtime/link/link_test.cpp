@@ -1,6 +1,7 @@
 // Graphs on two machines, each a process, with a broker between them.
 #include "command/command_test.h"
 #include "runtime/link/broker.h"
+#include "runtime/link/certificate.h"
 #include "runtime/link/server.h"
 #include "support/process.h"
 
@@ -759,11 +760,11 @@ class EncryptedLinkTest : public LinkTest {
 protected:
     EncryptedLinkTest()
     {
-        make_authority("ca");
-        make_authority("stranger");
-        make_certificate("broker", "ca");
-        make_certificate("machine", "ca");
-        make_certificate("thief", "stranger");
+        make_certificate(file("ca"));
+        make_certificate(file("stranger"));
+        make_signed("broker", "ca");
+        make_signed("machine", "ca");
+        make_signed("thief", "stranger");
         broker_ = std::make_unique<Broker>(
             directory(), "allow_anonymous true\nrequire_certificate true\ncafile " +
                              file("ca.pem") + "\ncertfile " + file("broker.pem") + "\nkeyfile " +
@@ -800,34 +801,12 @@ protected:
 private:
     std::string file(const std::string& name) const { return directory() + "/" + name; }
 
-    void make_authority(const std::string& name) const { make(name, {}); }
-
-    void make_certificate(const std::string& name, const std::string& authority) const
+    void make_signed(const std::string& name, const std::string& authority) const
     {
-        make(name, {"-CA", file(authority + ".pem"), "-CAkey", file(authority + ".key"), "-addext",
-                    "subjectAltName=IP:127.0.0.1", "-addext", "basicConstraints=CA:FALSE"});
-    }
-
-    void make(const std::string& name, const std::vector<std::string>& more) const
-    {
-        ProcessOptions options;
-        options.command = {"/usr/bin/openssl",
-                           "req",
-                           "-x509",
-                           "-newkey",
-                           "ec",
-                           "-pkeyopt",
-                           "ec_paramgen_curve:prime256v1",
-                           "-nodes",
-                           "-subj",
-                           "/CN=" + name,
-                           "-keyout",
-                           file(name + ".key"),
-                           "-out",
-                           file(name + ".pem")};
-        options.command.insert(options.command.end(), more.begin(), more.end());
-        const ProcessResult result = run_process(options);
-        EXPECT_EQ(result.status, 0) << result.err;
+        make_certificate(
+            file(name),
+            {"-CA", file(authority + ".pem"), "-CAkey", file(authority + ".key"), "-addext",
+             "subjectAltName=IP:127.0.0.1", "-addext", "basicConstraints=CA:FALSE"});
     }
 
 protected:
