@@ -38,8 +38,8 @@ is_one_of()
 # The Debian packages that a part of the work needs, by group.
 declare -A package_groups=(
     [build]="g++ cmake make ninja-build libcereal-dev"
-    [runtime]="libmosquitto-dev libsystemd-dev libsqlite3-dev libtbb-dev libtomlplusplus-dev libcli11-dev
-        nlohmann-json3-dev systemtap-sdt-dev"
+    [runtime]="libmosquitto-dev libssl-dev libsystemd-dev libsqlite3-dev libtbb-dev libtomlplusplus-dev
+        libcli11-dev nlohmann-json3-dev systemtap-sdt-dev"
     [examples]="libsndfile1-dev"
     [test]="libgtest-dev libgmock-dev libsystemd-dev clang libclang-rt-14-dev pkg-config python3
         python3-jsonschema bash-completion dbus fish graphviz mosquitto openssl python3-dbus systemd zsh"
@@ -61,8 +61,8 @@ declare -A package_groups=(
 )
 
 # Libraries of another architecture: see need_architecture.
-package_groups[runtime_arm64]="libmosquitto-dev:arm64 libsystemd-dev:arm64 libsqlite3-dev:arm64 libtbb-dev:arm64
-    libtomlplusplus-dev:arm64 systemtap-sdt-dev:arm64"
+package_groups[runtime_arm64]="libmosquitto-dev:arm64 libssl-dev:arm64 libsystemd-dev:arm64 libsqlite3-dev:arm64
+    libtbb-dev:arm64 libtomlplusplus-dev:arm64 systemtap-sdt-dev:arm64"
 
 # missing_packages GROUP...: the packages of the groups that are not installed.
 missing_packages()

@@ -14,7 +14,7 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*[<"]([^>"]+)[>"]', re.MULTILINE)
 
 RUNTIME = r"quorval/runtime/"
 KIT = r"quorval/(settings|codec|state)\.h"
-LIBRARIES_OF_RUNTIME = r"systemd/|toml\+\+/|sqlite3\.h|mosquitto\.h|mqtt_protocol\.h"
+LIBRARIES_OF_RUNTIME = r"systemd/|toml\+\+/|sqlite3\.h|mosquitto\.h|mqtt_protocol\.h|openssl/"
 LIBRARIES_OF_COMMAND = r"CLI/|nlohmann/"
 PLUGINS = r"(\.\./)*plugins/"
 

@@ -1,8 +1,11 @@
-// libmosquitto, loaded when the first of these functions is called. Each hands its call on.
+// libmosquitto, loaded when the first of these functions is called, with the library of TLS that it
+// uses. Each hands its call on.
 
 #include "lazy/library.h"
 
 #include <mosquitto.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
 
 #include <type_traits>
 
@@ -149,6 +152,11 @@ int mosquitto_loop_misc(mosquitto* mosq)
     return call<mosquitto_loop_misc>("mosquitto_loop_misc", mosq);
 }
 
+void* mosquitto_ssl_get(mosquitto* mosq)
+{
+    return call<mosquitto_ssl_get>("mosquitto_ssl_get", mosq);
+}
+
 int mosquitto_socket(mosquitto* mosq)
 {
     return call<mosquitto_socket>("mosquitto_socket", mosq);
@@ -216,6 +224,28 @@ const char* mosquitto_strerror(int mosq_errno)
 const char* mosquitto_reason_string(int reason_code)
 {
     return call<mosquitto_reason_string>("mosquitto_reason_string", reason_code);
+}
+
+// --- TLS ---
+
+BIO* SSL_get_wbio(const SSL* s)
+{
+    return call<SSL_get_wbio>("SSL_get_wbio", s);
+}
+
+void BIO_set_callback_ex(BIO* b, BIO_callback_fn_ex callback)
+{
+    return call<BIO_set_callback_ex>("BIO_set_callback_ex", b, callback);
+}
+
+long BIO_ctrl(BIO* bp, int cmd, long larg, void* parg)
+{
+    return call<BIO_ctrl>("BIO_ctrl", bp, cmd, larg, parg);
+}
+
+void BIO_set_flags(BIO* b, int flags)
+{
+    return call<BIO_set_flags>("BIO_set_flags", b, flags);
 }
 
 }  // extern "C"

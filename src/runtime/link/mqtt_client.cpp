@@ -1,6 +1,7 @@
 #include "link/mqtt_client.h"
 
 #include "link/files.h"
+#include "link/tls.h"
 
 #include <mqtt_protocol.h>
 
@@ -320,11 +321,15 @@ void MqttClient::look_at_log(std::string_view text)
     }
 }
 
-/// Messages of the library cost time, so they are wanted only until the broker answers.
+/// Messages of the library cost time, so they are wanted only until the broker answers. One comes
+/// before the first packet is written.
 void MqttClient::watch_log(bool wants)
 {
-    const auto look = [](mosquitto* /*client*/, void* self, int /*level*/, const char* text) {
-        contain(self, [text](MqttClient& client) { client.look_at_log(text); });
+    const auto look = [](mosquitto* library, void* self, int /*level*/, const char* text) {
+        contain(self, [library, text](MqttClient& client) {
+            read_last_words(library, true);
+            client.look_at_log(text);
+        });
     };
     ::mosquitto_log_callback_set(client_.get(), wants ? +look : nullptr);
 }
@@ -370,6 +375,7 @@ void MqttClient::note_end(int result)
     }
     if (news_.answer) {
         watch_log(false);
+        read_last_words(client_.get(), false);
     }
     if (failure_ != nullptr) {
         std::rethrow_exception(std::exchange(failure_, nullptr));

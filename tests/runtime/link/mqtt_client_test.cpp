@@ -1,6 +1,7 @@
 #include "link/mqtt_client.h"
 
 #include "runtime/link/broker.h"
+#include "runtime/link/certificate.h"
 #include "runtime/link/server.h"
 #include "support/scopes.h"
 #include "support/support.h"
@@ -15,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -30,6 +32,7 @@ using Quorval::runtime::MqttClient;
 using Quorval::runtime::Stamp;
 using quorval_test::Broker;
 using quorval_test::expect_throw;
+using quorval_test::make_certificate;
 using quorval_test::NoDescriptors;
 using quorval_test::NoStandardInput;
 using quorval_test::Server;
@@ -37,7 +40,11 @@ using quorval_test::TemporaryDirectory;
 
 namespace {
 
-std::time_t standing = 0;  // seconds; the clock stands there
+constexpr int kPatienceMilliseconds = 60'000;
+
+std::time_t standing = 0;      // seconds; the clock stands there
+bool waits_for_reset = false;  // a write of data over TLS, for the other end
+bool fails_writes = false;     // as where the other end has reset the connection
 
 }  // namespace
 
@@ -49,6 +56,20 @@ extern "C" int clock_gettime(clockid_t clock, struct timespec* time) noexcept
         return 0;
     }
     return static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+}
+
+extern "C" ssize_t write(int fd, const void* bytes, size_t size)
+{
+    constexpr unsigned char kData = 0x17;  // the kind of a record, behind the handshake
+    if (waits_for_reset && size > 1 && *static_cast<const unsigned char*>(bytes) == kData) {
+        pollfd one = {fd, 0, 0};
+        EXPECT_EQ(::poll(&one, 1, kPatienceMilliseconds), 1);
+    }
+    if (fails_writes && size > 1) {
+        errno = ECONNRESET;
+        return -1;
+    }
+    return ::syscall(SYS_write, fd, bytes, size);
 }
 
 namespace {
@@ -76,7 +97,6 @@ LinkDescription link_to(const std::string& url)
 /// @return whether there may be more
 bool read_one(MqttClient& client)
 {
-    constexpr int kPatienceMilliseconds = 60'000;
     pollfd one = {client.fd(), POLLIN, 0};
     EXPECT_EQ(::poll(&one, 1, kPatienceMilliseconds), 1);
     return client.read();
@@ -476,6 +496,81 @@ TEST(MqttClient, AsksABrokerThatIsSilentAndLeavesOneThatDoesNotAnswer)
 
     EXPECT_EQ(client.take_news().end, MOSQ_ERR_KEEPALIVE);
     EXPECT_EQ(client.fd(), -1);
+}
+
+/// With a broker that has a certificate.
+class EncryptedMqttClient : public testing::Test {
+protected:
+    explicit EncryptedMqttClient(const std::string& settings = "")
+        : broker_(directory_.store_path(), make_settings() + settings)
+    {
+        LinkDescription link = link_to(broker_.url());
+        link.is_encrypted = true;
+        link.ca = certificate() + ".pem";
+        client_.emplace(link, kHub, ignore);
+    }
+
+    /// Has it work until something has come of it.
+    void turn_until(const std::function<bool()>& is_over)
+    {
+        while (!is_over()) {
+            read_one(*client_);
+            if (client_->fd() >= 0 && client_->wants_write()) {
+                client_->write();
+            }
+        }
+    }
+
+    std::optional<MqttClient> client_;
+
+private:
+    std::string certificate() const { return directory_.store_path() + "broker"; }
+
+    std::string make_settings() const
+    {
+        make_certificate(certificate(), {"-addext", "subjectAltName=IP:127.0.0.1"});
+        return "allow_anonymous true\ncafile " + certificate() + ".pem\ncertfile " + certificate() +
+               ".pem\nkeyfile " + certificate() + ".key\n";
+    }
+
+    TemporaryDirectory directory_;
+    Broker broker_;
+};
+
+class RefusedMqttClient : public EncryptedMqttClient {
+protected:
+    RefusedMqttClient() : EncryptedMqttClient("require_certificate true\n") {}
+};
+
+/// The broker has said why, and has reset the connection, before the first packet is written.
+TEST_F(RefusedMqttClient, IsToldOfItWhereTheConnectionIsReset)
+{
+    waits_for_reset = true;
+    client_->connect();
+    turn_until([this] { return client_->fd() < 0; });
+    waits_for_reset = false;
+
+    const MqttClient::News news = client_->take_news();
+    EXPECT_TRUE(news.end);
+    EXPECT_TRUE(news.is_refused);
+}
+
+/// What it has not read by then does not hold it up.
+TEST_F(EncryptedMqttClient, LeavesAConnectionThatIsResetLater)
+{
+    std::string why;
+    client_->connect();
+    turn_until([this] { return client_->take_news().answer.has_value(); });
+    client_->subscribe("t", false, false, why);
+    pollfd answer = {client_->fd(), POLLIN, 0};
+    ASSERT_EQ(::poll(&answer, 1, kPatienceMilliseconds), 1);
+
+    fails_writes = true;
+    client_->publish("t", "", {"", 1, 0}, false, false, why);
+    client_->write();
+    fails_writes = false;
+
+    EXPECT_TRUE(client_->take_news().end);
 }
 
 TEST(MqttClient, TellsTheErrorThatEndedItsConnection)
