@@ -44,7 +44,7 @@ constexpr int kPatienceMilliseconds = 60'000;
 
 std::time_t standing = 0;      // seconds; the clock stands there
 bool waits_for_reset = false;  // a write of data over TLS, for the other end
-bool fails_writes = false;     // as where the other end has reset the connection
+int error_of_writes = 0;       // errno; 0: they succeed
 
 }  // namespace
 
@@ -65,8 +65,8 @@ extern "C" ssize_t write(int fd, const void* bytes, size_t size)
         pollfd one = {fd, 0, 0};
         EXPECT_EQ(::poll(&one, 1, kPatienceMilliseconds), 1);
     }
-    if (fails_writes && size > 1) {
-        errno = ECONNRESET;
+    if (error_of_writes != 0 && size > 1) {
+        errno = error_of_writes;
         return -1;
     }
     return ::syscall(SYS_write, fd, bytes, size);
@@ -565,10 +565,10 @@ TEST_F(EncryptedMqttClient, LeavesAConnectionThatIsResetLater)
     pollfd answer = {client_->fd(), POLLIN, 0};
     ASSERT_EQ(::poll(&answer, 1, kPatienceMilliseconds), 1);
 
-    fails_writes = true;
+    error_of_writes = ECONNRESET;
     client_->publish("t", "", {"", 1, 0}, false, false, why);
     client_->write();
-    fails_writes = false;
+    error_of_writes = 0;
 
     EXPECT_TRUE(client_->take_news().end);
 }
@@ -584,6 +584,25 @@ TEST(MqttClient, TellsTheErrorThatEndedItsConnection)
     const MqttClient::News none_left = client.take_news();
     EXPECT_EQ(none_left.end, MOSQ_ERR_ERRNO);
     EXPECT_EQ(none_left.error, EMFILE);
+}
+
+TEST(MqttClient, TellsWhyAConnectionOverTlsCouldNotBeMade)
+{
+    const Server server;
+    LinkDescription link = link_to(server.url());
+    link.is_encrypted = true;
+    MqttClient client(link, kHub, ignore);
+
+    error_of_writes = EAGAIN;  // not yet
+    client.connect();
+    EXPECT_FALSE(client.take_news().end);
+    error_of_writes = ECONNREFUSED;
+    client.read();
+    error_of_writes = 0;
+
+    const MqttClient::News news = client.take_news();
+    EXPECT_EQ(news.end, MOSQ_ERR_ERRNO);
+    EXPECT_EQ(news.error, ECONNREFUSED);
 }
 
 TEST(MqttClient, TakesNoErrorOfBeforeForOneOfItsConnection)
