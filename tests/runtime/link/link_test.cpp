@@ -901,6 +901,7 @@ TEST_F(EncryptedLinkTest, EndsWhereTheBrokerHasAnotherCertificate)
 TEST_F(EncryptedLinkTest, EndsWhereTheBrokerDoesNotAcceptItsCertificate)
 {
     for (const char* certificate : {"", "thief"}) {
+        SCOPED_TRACE(certificate);
         write_waiting_graph(link("ca", certificate));
 
         expect_result(run_machine("hub"), 1, "", refusal(kTlsFailed));

@@ -93,6 +93,13 @@ LinkDescription link_to(const std::string& url)
     return link;
 }
 
+LinkDescription encrypted_link_to(const std::string& url)
+{
+    LinkDescription link = link_to(url);
+    link.is_encrypted = true;
+    return link;
+}
+
 /// Waits for the next packet and reads it.
 /// @return whether there may be more
 bool read_one(MqttClient& client)
@@ -504,8 +511,7 @@ protected:
     explicit EncryptedMqttClient(const std::string& settings = "")
         : broker_(directory_.store_path(), make_settings() + settings)
     {
-        LinkDescription link = link_to(broker_.url());
-        link.is_encrypted = true;
+        LinkDescription link = encrypted_link_to(broker_.url());
         link.ca = certificate() + ".pem";
         client_.emplace(link, kHub, ignore);
     }
@@ -573,6 +579,13 @@ TEST_F(EncryptedMqttClient, LeavesAConnectionThatIsResetLater)
     EXPECT_TRUE(client_->take_news().end);
 }
 
+void expect_end_by(int error, MqttClient& client)
+{
+    const MqttClient::News news = client.take_news();
+    EXPECT_EQ(news.end, MOSQ_ERR_ERRNO);
+    EXPECT_EQ(news.error, error);
+}
+
 TEST(MqttClient, TellsTheErrorThatEndedItsConnection)
 {
     const Server server;
@@ -581,17 +594,13 @@ TEST(MqttClient, TellsTheErrorThatEndedItsConnection)
         const NoDescriptors none;
         client.connect();
     }
-    const MqttClient::News none_left = client.take_news();
-    EXPECT_EQ(none_left.end, MOSQ_ERR_ERRNO);
-    EXPECT_EQ(none_left.error, EMFILE);
+    expect_end_by(EMFILE, client);
 }
 
 TEST(MqttClient, TellsWhyAConnectionOverTlsCouldNotBeMade)
 {
     const Server server;
-    LinkDescription link = link_to(server.url());
-    link.is_encrypted = true;
-    MqttClient client(link, kHub, ignore);
+    MqttClient client(encrypted_link_to(server.url()), kHub, ignore);
 
     error_of_writes = EAGAIN;  // not yet
     client.connect();
@@ -600,17 +609,13 @@ TEST(MqttClient, TellsWhyAConnectionOverTlsCouldNotBeMade)
     client.read();
     error_of_writes = 0;
 
-    const MqttClient::News news = client.take_news();
-    EXPECT_EQ(news.end, MOSQ_ERR_ERRNO);
-    EXPECT_EQ(news.error, ECONNREFUSED);
+    expect_end_by(ECONNREFUSED, client);
 }
 
 TEST(MqttClient, TakesNoErrorOfBeforeForOneOfItsConnection)
 {
     const Server server;
-    LinkDescription link = link_to(server.url());
-    link.is_encrypted = true;
-    MqttClient client(link, kHub, ignore);
+    MqttClient client(encrypted_link_to(server.url()), kHub, ignore);
     client.connect();
 
     errno = EPIPE;
